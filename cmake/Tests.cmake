@@ -1,0 +1,16 @@
+# zelmedia_test(NAME SOURCE... [LIBS TARGET...]): a GoogleTest program of which every test case runs
+# in a process and a /tmp of its own.
+include(GoogleTest)
+
+function(zelmedia_test NAME)
+  cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
+  add_executable(${NAME} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${NAME} PRIVATE zelmedia_warnings ${ARG_LIBS} GTest::gmock_main)
+  # ctest and the test discovery both start programs through this property.
+  set_target_properties(${NAME} PROPERTIES
+    CROSSCOMPILING_EMULATOR ${CMAKE_SOURCE_DIR}/tests/support/private-tmp)
+  gtest_discover_tests(${NAME}
+    TEST_PREFIX "${NAME}."
+    PROPERTIES ENVIRONMENT "${ZELMEDIA_TEST_ENVIRONMENT}"
+    DISCOVERY_TIMEOUT 60)
+endfunction()

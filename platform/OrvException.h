@@ -1,0 +1,31 @@
+// OrvException: what the constructors of the library throw when a set-up step fails.
+#ifndef ORV_EXCEPTION_H
+#define ORV_EXCEPTION_H
+
+#include <cstdio>
+#include <exception>
+
+class __attribute__((visibility("default"))) OrvException : public std::exception
+{
+public:
+    enum : unsigned int
+    {
+        OUT_OF_MEMORY = 0x8007000E
+    };
+
+    // uCode says what failed; pszFile and nLine where, kept as "file.line", at most 270 characters.
+    OrvException(unsigned int uCode, const char* pszFile, int nLine) noexcept : m_uCode(uCode)
+    {
+        std::snprintf(m_szLocation, sizeof(m_szLocation), "%s.%d", pszFile, nLine);
+    }
+
+    unsigned int code() const noexcept { return m_uCode; }
+    const char* location() const noexcept { return m_szLocation; }
+    const char* what() const noexcept override { return m_szLocation; }
+
+private:
+    unsigned int m_uCode;
+    char m_szLocation[271];
+};
+
+#endif

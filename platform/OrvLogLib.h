@@ -1,0 +1,130 @@
+// OrvLogLib: the log file that the library writes and an application may replace or subclass.
+#ifndef ORV_LOG_LIB_H
+#define ORV_LOG_LIB_H
+
+#include <atomic>
+#include <cstdarg>
+#include <memory>
+
+#define ORVLOG_API __attribute__((visibility("default")))
+
+namespace OrvLogLib
+{
+
+enum LogLib_Priority : int
+{
+    LogLib_Normal = 2,
+    LogLib_Low = 4,
+    LogLib_High = 64
+};
+
+// What a CLogFileRegistry says of a log file. The values here hold for a log file without registry.
+struct CLogSettings
+{
+    const char* pszFolder = nullptr;     // null: /var/log/zelmedia where that is a writable folder, else /tmp
+    const char* pszExtension = nullptr;  // null: ".log"
+    const char* pszLinePrefix = nullptr; // put before the text of each line; null: nothing
+
+    unsigned int nStartFresh = 0;           // non-zero: an existing file is rotated before the first line
+    unsigned int nFileEnabled = 1;          // 0: nothing is written into the file
+    unsigned int nMaxFileMegabytes = 100;   // a file that would grow beyond is rotated, 0: never
+    unsigned int nRetryMilliseconds = 1000; // pause after a failed write (full disk) before the next try
+    unsigned int nRotatedFiles = 3;         // how many rotated files are kept: name.1 (newest) to name.N
+    unsigned int nTraceMask = 1023;         // trace classes that are formatted at all
+    unsigned int nSyslogMask = 0;           // priorities whose lines also go to syslog, as LOG_INFO
+    unsigned int nFileMask = 1023;          // priorities whose lines go into the file
+    unsigned int nStderrMask = 0;           // priorities whose lines also go to standard error
+    unsigned int nMaxLineLength = 10000;    // a longer text is cut, in bytes
+    unsigned int nSyncEachLine = 0;         // non-zero: fdatasync after each line
+    unsigned int nSyslogAlarms = 1;         // 0: alarms are written into the file only
+    unsigned int nReopenMilliseconds = 40000; // how often to look whether the file was moved away, 0: never
+    unsigned int nMicroseconds = 1;         // 0: times show milliseconds
+    unsigned int nUtc = 0;                  // 0: local time, else UTC
+};
+
+// A text file with one line per call:
+//
+//   2026-11-21 04:05:06.123456 p4711 t4715 2 CMIntf::initialize
+//
+// date and time, process id, thread id, priority, text. Every operation may be called from any
+// thread. A line is in the file when the call returns, so a killed process loses none. No
+// operation throws, blocks on anything but the disk, or fails because the disk is full: such lines
+// are lost, their number is told by a line of its own once writing works again.
+//
+// An application subclasses this to take lines and alarms into a log of its own.
+class ORVLOG_API CLogFile
+{
+public:
+    // pszName      name of the log, for messages; copied
+    // pszFileName  a plain name makes a file in the log folder, one with a '/' is a path as it
+    //              stands; copied. Null or empty: no file
+    // bTruncate    start with an empty file instead of appending
+    // bProcessID   put "-p<process id>" between file name and extension
+    // bSyslog      raise alarms in the syslog
+    //
+    // The file is opened by the first line: regular files of this user only, links are not
+    // followed, mode 0640. All trace classes are on (mask 1023).
+    CLogFile(const char* pszName, const char* pszFileName, bool bTruncate, bool bProcessID, bool bSyslog);
+    virtual ~CLogFile();
+    CLogFile(const CLogFile&) = delete;
+    CLogFile& operator=(const CLogFile&) = delete;
+
+    // Formats and writes one line if ulMask has a trace class that is on; otherwise returns 0 and
+    // formats nothing. Returns what LogStringArgListX returned.
+    int TraceString(unsigned long ulMask, LogLib_Priority priority, const char* pszFormat, ...)
+        __attribute__((format(printf, 4, 5)));
+    int TraceStringArgList(unsigned long ulMask, LogLib_Priority priority, const char* pszFormat, va_list arguments)
+        __attribute__((format(printf, 4, 0)));
+
+    // Writes one line. pszSource is put before the text, with ": " between, unless it is null.
+    // Blanks stand in for line ends inside the text. Returns the number of bytes written, or -1
+    // when the line could not be written. Override it to take the lines elsewhere.
+    virtual int LogStringArgListX(LogLib_Priority priority, const char* pszFormat, const char* pszSource,
+                                  va_list arguments);
+
+    // Raises an operator alarm: one syslog message of priority LOG_ALERT and one line in the file,
+    // each with the event id and the insertion strings. ulDataSize bytes of pData are not shown,
+    // only their number. Returns 1 when the alarm reached the syslog or the file, else 0. Override
+    // it to take alarms elsewhere.
+    virtual long ReportEventToWIN32Log(long nEventID, unsigned short nStrings, unsigned long ulDataSize,
+                                       const char** ppszStrings, void* pData);
+
+    // The trace classes that are on, one bit each.
+    unsigned long traceMask() const { return m_ulTraceMask.load(std::memory_order_relaxed); }
+    void setTraceMask(unsigned long ulMask) { m_ulTraceMask.store(ulMask, std::memory_order_relaxed); }
+
+    // Puts settings into force; the texts are copied. A file that is open stays open unless folder
+    // or extension changed.
+    void applySettings(const CLogSettings& settings);
+
+private:
+    class CWriter;
+
+    std::atomic<unsigned long> m_ulTraceMask;
+    std::unique_ptr<CWriter> m_pWriter;
+};
+
+// Gives a log file its settings, once, in the constructor. It never touches the log file again, so
+// the two may be deleted in any order.
+class ORVLOG_API CLogFileRegistry
+{
+public:
+    // pLogFile may be null. The texts and numbers are those of CLogSettings, in its order.
+    CLogFileRegistry(CLogFile* pLogFile, const char* pszName, const char* pszFolder, const char* pszExtension,
+                     const char* pszLinePrefix, int nStartFresh, int nFileEnabled, int nMaxFileMegabytes,
+                     int nRetryMilliseconds, int nRotatedFiles, int nTraceMask, int nSyslogMask, int nFileMask,
+                     int nStderrMask, int nMaxLineLength, int nSyncEachLine, int nSyslogAlarms,
+                     int nReopenMilliseconds, int nMicroseconds, int nUtc);
+    virtual ~CLogFileRegistry();
+    CLogFileRegistry(const CLogFileRegistry&) = delete;
+    CLogFileRegistry& operator=(const CLogFileRegistry&) = delete;
+
+    const char* name() const;
+
+private:
+    char m_szName[64];
+};
+
+} // namespace OrvLogLib
+
+#endif

@@ -1,0 +1,30 @@
+// CReadSection: lets many threads use an object through a shared pointer while one replaces it.
+//
+// A reader costs two plain stores; the thread that replaces the object pays for both sides.
+//
+//   reader:    CReadSection section;          replacer:  T* pOld = exchange(pointer, pNew);
+//              T* p = load(pointer);                     CReadSection::waitForReaders();
+//              if (p) p->use();                          delete pOld;
+#ifndef READ_SECTION_H
+#define READ_SECTION_H
+
+class CReadSection
+{
+public:
+    // Enters a section on the calling thread; sections nest.
+    CReadSection();
+    ~CReadSection();
+    CReadSection(const CReadSection&) = delete;
+    CReadSection& operator=(const CReadSection&) = delete;
+
+    // Returns when every section of other threads that was open at the call has been left. The
+    // calling thread's own sections are not waited for.
+    static void waitForReaders();
+
+private:
+    struct CThread;
+    friend struct CThreadSlot;
+    CThread* m_pThread;
+};
+
+#endif
