@@ -9,8 +9,5 @@ function(zelmedia_test NAME)
   # ctest and the test discovery both start programs through this property.
   set_target_properties(${NAME} PROPERTIES
     CROSSCOMPILING_EMULATOR ${CMAKE_SOURCE_DIR}/tests/support/private-tmp)
-  gtest_discover_tests(${NAME}
-    TEST_PREFIX "${NAME}."
-    PROPERTIES ENVIRONMENT "${ZELMEDIA_TEST_ENVIRONMENT}"
-    DISCOVERY_TIMEOUT 60)
+  gtest_discover_tests(${NAME} TEST_PREFIX "${NAME}." DISCOVERY_TIMEOUT 60)
 endfunction()

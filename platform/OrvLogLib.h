@@ -21,20 +21,20 @@ enum LogLib_Priority : int
 // What a CLogFileRegistry says of a log file. The values here hold for a log file without registry.
 struct CLogSettings
 {
-    const char* pszFolder = nullptr;     // null: /var/log/zelmedia where that is a writable folder, else /tmp
+    const char* pszFolder = nullptr;     // null, empty: /var/log/zelmedia where that is a writable folder, else /tmp
     const char* pszExtension = nullptr;  // null: ".log"
-    const char* pszLinePrefix = nullptr; // put before the text of each line; null: nothing
+    const char* pszLinePrefix = nullptr; // put before the text of each line, at most 200 bytes; null: nothing
 
     unsigned int nStartFresh = 0;           // non-zero: an existing file is rotated before the first line
     unsigned int nFileEnabled = 1;          // 0: nothing is written into the file
-    unsigned int nMaxFileMegabytes = 100;   // a file that would grow beyond is rotated, 0: never
-    unsigned int nRetryMilliseconds = 1000; // pause after a failed write (full disk) before the next try
-    unsigned int nRotatedFiles = 3;         // how many rotated files are kept: name.1 (newest) to name.N
+    unsigned int nMaxFileMegabytes = 100;   // a file that would grow beyond (times 1048576 bytes) is rotated, 0: never
+    unsigned int nRetryMilliseconds = 1000; // pause after a failed write, opening or rotation before the next try
+    unsigned int nRotatedFiles = 3;         // rotated files kept: name.1 (newest) to name.N, 0: the file is emptied
     unsigned int nTraceMask = 1023;         // trace classes that are formatted at all
     unsigned int nSyslogMask = 0;           // priorities whose lines also go to syslog, as LOG_INFO
     unsigned int nFileMask = 1023;          // priorities whose lines go into the file
     unsigned int nStderrMask = 0;           // priorities whose lines also go to standard error
-    unsigned int nMaxLineLength = 10000;    // a longer text is cut, in bytes
+    unsigned int nMaxLineLength = 10000;    // a longer text is cut, in bytes, 0: never
     unsigned int nSyncEachLine = 0;         // non-zero: fdatasync after each line
     unsigned int nSyslogAlarms = 1;         // 0: alarms are written into the file only
     unsigned int nReopenMilliseconds = 40000; // how often to look whether the file was moved away, 0: never
@@ -47,23 +47,26 @@ struct CLogSettings
 //   2026-11-21 04:05:06.123456 p4711 t4715 2 CMIntf::initialize
 //
 // date and time, process id, thread id, priority, text. Every operation may be called from any
-// thread. A line is in the file when the call returns, so a killed process loses none. No
-// operation throws, blocks on anything but the disk, or fails because the disk is full: such lines
-// are lost, their number is told by a line of its own once writing works again.
+// thread, not from a signal handler, and leaves errno as it was. A line is in the file when the
+// call returns, so a killed process loses none. No operation throws, fails because the disk is
+// full, or waits for anything but the disk (and standard error and syslog, where settings send
+// lines there). Lines that cannot be written are lost; how many is told by a line of its own,
+// "5 lines lost: No space left on device", once writing works again.
 //
 // An application subclasses this to take lines and alarms into a log of its own.
 class ORVLOG_API CLogFile
 {
 public:
-    // pszName      name of the log, for messages; copied
-    // pszFileName  a plain name makes a file in the log folder, one with a '/' is a path as it
-    //              stands; copied. Null or empty: no file
+    // pszName      name of the log, for syslog; copied
+    // pszFileName  a plain name makes a file in the log folder; one with a '/' is the whole path, to
+    //              which nothing is added; copied. Null or empty: no file
     // bTruncate    start with an empty file instead of appending
-    // bProcessID   put "-p<process id>" between file name and extension
+    // bProcessID   put "-p<process id>" between plain name and extension
     // bSyslog      raise alarms in the syslog
     //
-    // The file is opened by the first line: regular files of this user only, links are not
-    // followed, mode 0640. All trace classes are on (mask 1023).
+    // The file is opened by the first line: a regular file of this user or root without other links,
+    // symbolic links are not followed, mode 0640 less the umask. Anything else at its path is left
+    // alone, and lines are lost until it is gone. All trace classes are on (mask 1023).
     CLogFile(const char* pszName, const char* pszFileName, bool bTruncate, bool bProcessID, bool bSyslog);
     virtual ~CLogFile();
     CLogFile(const CLogFile&) = delete;
@@ -77,15 +80,16 @@ public:
         __attribute__((format(printf, 4, 0)));
 
     // Writes one line. pszSource is put before the text, with ": " between, unless it is null.
-    // Blanks stand in for line ends inside the text. Returns the number of bytes written, or -1
-    // when the line could not be written. Override it to take the lines elsewhere.
+    // Blanks stand in for line ends and other control characters of the text. Returns the number of
+    // bytes written into the file, 0 when the line is not meant for it, -1 when the line was lost.
+    // Override it to take the lines elsewhere.
     virtual int LogStringArgListX(LogLib_Priority priority, const char* pszFormat, const char* pszSource,
                                   va_list arguments);
 
-    // Raises an operator alarm: one syslog message of priority LOG_ALERT and one line in the file,
-    // each with the event id and the insertion strings. ulDataSize bytes of pData are not shown,
-    // only their number. Returns 1 when the alarm reached the syslog or the file, else 0. Override
-    // it to take alarms elsewhere.
+    // Raises an operator alarm, whatever the masks: one syslog message of priority LOG_ALERT and one
+    // line of priority 64 in the file, each "event 0xC1030190: " and the insertion strings. The
+    // ulDataSize bytes of pData are not shown, only their number. Returns 1 when the alarm was given
+    // to the syslog or is in the file, else 0. Override it to take alarms elsewhere.
     virtual long ReportEventToWIN32Log(long nEventID, unsigned short nStrings, unsigned long ulDataSize,
                                        const char** ppszStrings, void* pData);
 
@@ -101,7 +105,7 @@ private:
     class CWriter;
 
     std::atomic<unsigned long> m_ulTraceMask;
-    std::unique_ptr<CWriter> m_pWriter;
+    std::unique_ptr<CWriter> m_pWriter; // null when memory ran out: every line is lost
 };
 
 // Gives a log file its settings, once, in the constructor. It never touches the log file again, so
@@ -109,7 +113,9 @@ private:
 class ORVLOG_API CLogFileRegistry
 {
 public:
-    // pLogFile may be null. The texts and numbers are those of CLogSettings, in its order.
+    // pLogFile may be null. The texts and numbers are those of CLogSettings, in its order; a
+    // negative number counts as 0, but masks are taken bit by bit. pszName is copied, at most 63
+    // bytes.
     CLogFileRegistry(CLogFile* pLogFile, const char* pszName, const char* pszFolder, const char* pszExtension,
                      const char* pszLinePrefix, int nStartFresh, int nFileEnabled, int nMaxFileMegabytes,
                      int nRetryMilliseconds, int nRotatedFiles, int nTraceMask, int nSyslogMask, int nFileMask,

@@ -1,0 +1,324 @@
+// CMIntf's bookkeeping of play and record commands: active, queued, by deadline.
+#include "MIntf.h"
+#include "MIntfSide.h"
+
+#include <new>
+
+using namespace OrvLogLib;
+
+namespace
+{
+const uint64_t DEFAULT_TIMEOUT_MS = 300000;
+const uint32_t MS_PER_SECOND = 1000;
+
+unsigned long sequenceNo(const CMIntf::CCommand* pcommand)
+{
+    return pcommand->m_cmd.nSequenceNo;
+}
+
+const char* commandName(const CMIntf::CCommand* pcommand)
+{
+    return MICMDToString(pcommand->m_cmd.s_micmd);
+}
+} // namespace
+
+CMIntf::CCommand::CCommand()
+{
+    if (CMIntf* const pmintf = driverInterface())
+        pmintf->trace(TRACE_INFO, LogLib_Normal, "(Info) CCommand::CCommand this = 0x%x", addressForLog(this));
+}
+
+CMIntf::CCommand::~CCommand()
+{
+    if (CMIntf* const pmintf = driverInterface())
+        pmintf->trace(TRACE_INFO, LogLib_Normal, "(Info) CCommand::~CCommand this = 0x%x", addressForLog(this));
+}
+
+const CMIntf::CSide CMIntf::s_sidePlay = {
+    &CMIntf::m_mapActiveCommandByStreamIDPlay,
+    &CMIntf::m_mapCommandQueue,
+    true,
+    "CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = %d",
+    "CMIntf::processPlayActiveCommand - queueing",
+    "CMIntf::processPlayActiveCommand - Current active command",
+    " (Info) CMIntf::processPlayActiveCommand called, SequenceNo = %lu, sid = %d, cmd = %s",
+    "801(Info) CMIntf::remActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+    "(Info) CMIntf::remActiveCommand:calling m_mmapActiveCommandByTimeout.erase, SequenceNo = %lu, sid = %d, cmd = %s",
+    " (Info) CMIntf::CMIntf::remActiveCommand sid = %d, 1- deleting pcommand 0x%x",
+    " (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion-2 ,sid = %d, nSequenceID = %d"};
+
+const CMIntf::CSide CMIntf::s_sideRecord = {
+    &CMIntf::m_mapActiveCommandByStreamIDRecord,
+    &CMIntf::m_mapCommandQueueRecord,
+    false,
+    "CMIntf::processRecordActiveCommand - Entering",
+    "CMIntf::processRecordActiveCommand - queueing",
+    "CMIntf::processRecordActiveCommand - Current active command",
+    " (Info) CMIntf::processRecordActiveCommand called, SequenceNo = %lu, sid = %d, cmd = %s",
+    "(Info) CMIntf::remActiveCommand:=> going to erase CCommand ptr = 0x%x",
+    "(Info) CMIntf::remActiveCommand called for RECORD, SequenceNo = %lu, sid = %d, cmd = %s",
+    " (Info) CMIntf::CMIntf::remActiveCommand sid = %d, 2- deleting pcommand 0x%x",
+    " (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion-3 ,sid = %d, nSequenceID = %d"};
+
+int CMIntf::processPlayActiveCommand(CCommand* pcommand, int& bSend)
+{
+    return processActiveCommand(s_sidePlay, pcommand, bSend);
+}
+
+int CMIntf::processRecordActiveCommand(CCommand* pcommand, int& bSend)
+{
+    return processActiveCommand(s_sideRecord, pcommand, bSend);
+}
+
+int CMIntf::processActiveCommand(const CSide& side, CCommand* pcommand, int& bSend)
+{
+    trace(TRACE_OPERATION, LogLib_Normal, side.pszEntering, pcommand->m_nStreamID);
+    try
+    {
+        if (const CCommand* const pcommandActive = activeCommand(side, pcommand->m_nStreamID))
+        {
+            queueCommand(side, pcommand, pcommandActive);
+            return MCS_OK;
+        }
+        trace(TRACE_OPERATION, LogLib_Normal, side.pszCurrentActive, pcommand->m_nStreamID);
+        activateCommand(side, pcommand);
+        bSend = 1;
+        return MCS_OK;
+    }
+    catch (const std::bad_alloc&)
+    {
+        return MCS_OUTOFMEMORY;
+    }
+}
+
+void CMIntf::queueCommand(const CSide& side, CCommand* pcommand, const CCommand* pcommandActive)
+{
+    trace(TRACE_OPERATION, LogLib_Normal, side.pszQueueing, pcommand->m_nStreamID);
+    if (side.bPlay)
+    {
+        trace(TRACE_INFO, LogLib_Normal,
+              "Brudel (Info) CMIntf::processPlayActiveCommand, queueing because, SequenceNo = %lu, sid = %d, "
+              "cmd = %s, pcommand->m_nStreamID = %d",
+              sequenceNo(pcommandActive), pcommandActive->m_nStreamID, commandName(pcommandActive),
+              pcommand->m_nStreamID);
+    }
+
+    CQueueMap& mapQueue = this->*side.pmapQueue;
+    auto it = mapQueue.find(pcommand->m_nStreamID);
+    if (it == mapQueue.end())
+    {
+        auto plistNew = std::make_unique<CCommandList>();
+        it = mapQueue.emplace(pcommand->m_nStreamID, plistNew.get()).first;
+        plistNew.release();
+    }
+    it->second->push_back(pcommand);
+}
+
+// Throws std::bad_alloc with the command in no container and no number used up.
+void CMIntf::activateCommand(const CSide& side, CCommand* pcommand)
+{
+    pcommand->m_cmd.nSequenceNo = m_nNextSequenceNo++;
+    trace(TRACE_INFO, LogLib_Normal, side.pszCalled, sequenceNo(pcommand), pcommand->m_nStreamID,
+          commandName(pcommand));
+    auto& mapActive = this->*side.pmapActive;
+    try
+    {
+        mapActive[pcommand->m_nStreamID] = pcommand;
+        if (side.bPlay)
+        {
+            trace(TRACE_INFO, LogLib_Normal,
+                  "801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+                  addressForLog(pcommand));
+        }
+        enterDeadline(pcommand);
+    }
+    catch (const std::bad_alloc&)
+    {
+        mapActive.erase(pcommand->m_nStreamID);
+        --m_nNextSequenceNo;
+        throw;
+    }
+    if (side.bPlay)
+    {
+        trace(TRACE_INFO, LogLib_Normal, "CMIntf::processPlayActiveCommand TimeOut %d",
+              static_cast<int>(pcommand->m_ullTimeoutTick));
+    }
+}
+
+void CMIntf::addActiveCommand(CCommand* pcommand)
+{
+    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::addActiveCommand called, SequenceNo = %lu, sid = %d, cmd = %s",
+          sequenceNo(pcommand), pcommand->m_nStreamID, commandName(pcommand));
+    const MICMD micmd = pcommand->m_cmd.s_micmd;
+    if (micmd == MICMD_PLAYCLIP || micmd == MICMD_PLAYFILE)
+    {
+        m_mapActiveCommandByStreamIDPlay[pcommand->m_nStreamID] = pcommand;
+        trace(TRACE_INFO, LogLib_Normal,
+              "801(Info) CMIntf::addActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+              addressForLog(pcommand));
+    }
+    else
+    {
+        m_mapActiveCommandByStreamIDRecord[pcommand->m_nStreamID] = pcommand;
+    }
+    enterDeadline(pcommand);
+    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::addActiveCommand TimeOut %d",
+          static_cast<int>(pcommand->m_ullTimeoutTick));
+}
+
+void CMIntf::enterDeadline(CCommand* pcommand)
+{
+    // The product of a given time-out wraps in 32 bits before it is added to the 64-bit tick.
+    const uint64_t ullTimeoutMs = pcommand->m_nTimeout == DEFAULT_TIMEOUT
+                                      ? DEFAULT_TIMEOUT_MS
+                                      : static_cast<uint32_t>(pcommand->m_nTimeout * MS_PER_SECOND);
+    pcommand->m_ullTimeoutTick = CPortable::GetTickCountULL() + ullTimeoutMs;
+    m_mmapActiveCommandByTimeout.emplace(pcommand->m_ullTimeoutTick, pcommand);
+}
+
+// Removes the command's own entry from the deadline index, never another one of the same deadline.
+// pszFormatBefore, if any, is traced before the entry goes.
+bool CMIntf::eraseDeadline(const CCommand* pcommand, const char* pszFormatBefore)
+{
+    if (pcommand->m_ullTimeoutTick == 0)
+        return false;
+    const auto range = m_mmapActiveCommandByTimeout.equal_range(pcommand->m_ullTimeoutTick);
+    for (auto it = range.first; it != range.second; ++it)
+    {
+        if (it->second != pcommand)
+            continue;
+        if (pszFormatBefore)
+        {
+            trace(TRACE_INFO, LogLib_Normal, pszFormatBefore, sequenceNo(pcommand), pcommand->m_nStreamID,
+                  commandName(pcommand));
+        }
+        m_mmapActiveCommandByTimeout.erase(it);
+        return true;
+    }
+    return false;
+}
+
+void CMIntf::remActiveCommand(int nStreamID, int nSequenceIDParam, int bDelete)
+{
+    remActiveCommand(nStreamID, static_cast<uint32_t>(nSequenceIDParam), bDelete, nullptr);
+}
+
+// The number that means any can be a command's own, once in 2^32: pcommandOnly, unless null, keeps
+// other commands where they are.
+void CMIntf::remActiveCommand(int nStreamID, uint32_t nSequenceNo, int bDelete, const CCommand* pcommandOnly)
+{
+    const int nSequenceIDParam = static_cast<int>(nSequenceNo);
+    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::CMIntf::remActiveCommand called, sid = %d, nSequenceIDParam = %d",
+          nStreamID, nSequenceIDParam);
+    remActiveCommandOfSide(s_sidePlay, nStreamID, nSequenceNo, bDelete, pcommandOnly);
+    trace(TRACE_INFO, LogLib_Normal,
+          " (Info) CMIntf::CMIntf::remActiveCommand  before active record,sid = %d, nSequenceIDParam = %d", nStreamID,
+          nSequenceIDParam);
+    remActiveCommandOfSide(s_sideRecord, nStreamID, nSequenceNo, bDelete, pcommandOnly);
+    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = %d, nSequenceIDParam = %d",
+          nStreamID, nSequenceIDParam);
+}
+
+void CMIntf::remActiveCommandOfSide(const CSide& side, int nStreamID, uint32_t nSequenceNo, int bDelete,
+                                    const CCommand* pcommandOnly)
+{
+    auto& mapActive = this->*side.pmapActive;
+    const auto it = mapActive.find(nStreamID);
+    if (it == mapActive.end())
+        return;
+    CCommand* const pcommand = it->second;
+    if (nSequenceNo != ANY_SEQUENCE_NO && nSequenceNo != pcommand->m_cmd.nSequenceNo)
+        return;
+    if (pcommandOnly && pcommandOnly != pcommand)
+        return;
+
+    // The play side tells of the map entry after it is gone and of the deadline entry before, the
+    // record side the other way round.
+    if (!side.bPlay)
+        trace(TRACE_INFO, LogLib_Normal, side.pszEraseActive, addressForLog(pcommand));
+    mapActive.erase(it);
+    if (side.bPlay)
+        trace(TRACE_INFO, LogLib_Normal, side.pszEraseActive, addressForLog(pcommand));
+
+    const bool bErased = eraseDeadline(pcommand, side.bPlay ? side.pszEraseDeadline : nullptr);
+    if (bErased && !side.bPlay)
+    {
+        trace(TRACE_INFO, LogLib_Normal, side.pszEraseDeadline, sequenceNo(pcommand), pcommand->m_nStreamID,
+              commandName(pcommand));
+    }
+
+    if (bDelete)
+    {
+        trace(TRACE_INFO, LogLib_Normal, side.pszDeleting, nStreamID, addressForLog(pcommand));
+        delete pcommand;
+    }
+}
+
+void CMIntf::unlinkActiveCommand(CCommand* pcommand)
+{
+    remActiveCommand(pcommand->m_nStreamID, pcommand->m_cmd.nSequenceNo, 0, pcommand);
+    eraseDeadline(pcommand, nullptr);
+}
+
+CMIntf::CCommand* CMIntf::activeCommand(const CSide& side, int nStreamID)
+{
+    const auto& mapActive = this->*side.pmapActive;
+    const auto it = mapActive.find(nStreamID);
+    return it == mapActive.end() ? nullptr : it->second;
+}
+
+int CMIntf::setDone(int nStreamID, CMIntfCompletionHandler* pcomplHandler)
+{
+    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::setDone, id %d", nStreamID);
+    CCritSecHold hold(m_pCritSecCMIntf);
+
+    bool bCreate = true;
+    for (const CSide* const pside : {&s_sideRecord, &s_sidePlay})
+    {
+        const auto& mapQueue = this->*pside->pmapQueue;
+        const auto itQueue = mapQueue.find(nStreamID);
+        if (itQueue != mapQueue.end() && !itQueue->second->empty())
+        {
+            itQueue->second->back()->m_bDone = 1;
+            bCreate = false;
+        }
+        if (CCommand* const pcommandActive = activeCommand(*pside, nStreamID))
+        {
+            pcommandActive->m_bDone = 1;
+            bCreate = false;
+        }
+    }
+    return bCreate ? injectCompletion(nStreamID, pcomplHandler) : MCS_OK;
+}
+
+// Reports an operation of which nothing is left to wait for: a command that the driver never sees,
+// finished by an event from ourselves.
+int CMIntf::injectCompletion(int nStreamID, CMIntfCompletionHandler* pcomplHandler)
+{
+    CCommandOwner pcommand(new (std::nothrow) CCommand);
+    if (!pcommand)
+        return MCS_OUTOFMEMORY;
+    pcommand->m_nStreamID = nStreamID;
+    pcommand->m_bDone = 1;
+    pcommand->m_nTimeout = DEFAULT_TIMEOUT;
+    pcommand->m_ullTimeoutTick = 0;
+    pcommand->m_pcomplHandler = pcomplHandler;
+    pcommand->m_cmd = structMICMD();
+    trace(TRACE_INFO, LogLib_Normal,
+          "(Info) CMIntf::setDone calling addActiveCommand called RECORD, seqno = %d, sid = %d",
+          static_cast<int>(pcommand->m_cmd.nSequenceNo), nStreamID);
+
+    int bSend = 0;
+    const int nStatus = processPlayActiveCommand(pcommand.get(), bSend);
+    if (nStatus != MCS_OK)
+        return nStatus;
+    const CCommand* const pcommandActive = pcommand.release();
+
+    structMIEVT evt = {};
+    evt.s_mievt = MIEVT_DONE;
+    evt.nStreamID = nStreamID;
+    evt.nSequenceID = pcommandActive->m_cmd.nSequenceNo;
+    evt.s_mcstatus = MCS_OK;
+    sendEvent(&evt);
+    return MCS_OK;
+}

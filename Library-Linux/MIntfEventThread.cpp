@@ -1,0 +1,360 @@
+// CMIntf's event thread: connects, reads completions, starts what is queued, times out, pings.
+#include "MIntf.h"
+#include "MIntfSide.h"
+#include "PipeWait.h"
+#include "ZelMediaStreamImpl.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <new>
+#include <unistd.h>
+
+using namespace OrvLogLib;
+
+namespace
+{
+const unsigned int FIRST_WAIT_MS = 100;
+const unsigned int WAIT_MS = 1000;
+const uint64_t PING_AFTER_MS = 20000;
+const uint64_t ALARM_OVERDUE_MS = 300000;
+const int IDLE_LINE_PASSES = 60;
+
+CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON completionReason(MICMD micmd)
+{
+    switch (micmd)
+    {
+    case MICMD_PLAYCLIP:
+    case MICMD_PLAYFILE: return CZelMediaStreamCompletionHandler::MCCR_PLAY;
+    case MICMD_RECORDFILE: return CZelMediaStreamCompletionHandler::MCCR_RECORD;
+    default: return CZelMediaStreamCompletionHandler::MCCR_OTHER;
+    }
+}
+
+bool canTimeOut(MICMD micmd)
+{
+    return micmd > MICMD_NULL && micmd <= MICMD_RECORDGETSTATUS;
+}
+} // namespace
+
+void* CMIntf::eventThread(void* pCMIntf)
+{
+    const intptr_t nResult = static_cast<CMIntf*>(pCMIntf)->eventThreadFunc();
+    return reinterpret_cast<void*>(nResult);
+}
+
+int CMIntf::eventThreadFunc()
+{
+    storeUnlocked(m_bEventThreadRunning, 1);
+    trace(TRACE_INFO, LogLib_Normal, "CMIntf::eventThreadFunc - starting");
+    try
+    {
+        eventLoop();
+    }
+    catch (...)
+    {
+        trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc had an exception");
+    }
+    const int nResult = trace(TRACE_INFO, LogLib_Normal, "CMIntf::eventThreadFunc - stopping");
+    // From here on finalize may destroy everything.
+    storeUnlocked(m_bEventThreadRunning, 0);
+    return nResult;
+}
+
+void CMIntf::eventLoop()
+{
+    unsigned int nWaitMs = FIRST_WAIT_MS;
+    structMIEVT evt = {};
+    for (;; nWaitMs = WAIT_MS)
+    {
+        const int nReady = CPipeWait(m_npipeEvt, nWaitMs).waitReadable();
+        const int nError = errno;
+        if (loadUnlocked(m_bEventThreadStop))
+            return;
+        if (nReady < 0)
+        {
+            trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc - error %d", nError);
+        }
+        else if (nReady == 0)
+        {
+            idlePass();
+        }
+        else if (read(m_npipeEvt, &evt, sizeof(evt)) <= 0)
+        {
+            trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc, error reading event pipe %d", errno);
+        }
+        else if (evt.s_mievt == MIEVT_DONE)
+        {
+            doneEventPass(evt);
+        }
+    }
+}
+
+void CMIntf::idlePass()
+{
+    const bool bJustOpened = openRequestPipe();
+    if (pingDue(CPortable::GetTickCountULL()))
+        ping();
+
+    int nConnectID = -1;
+    const bool bConnected = bJustOpened && connectDriver(nConnectID);
+    countIdlePass(bConnected, nConnectID);
+    if (bConnected)
+        reopenClipFiles();
+
+    sweepOverdueCommands();
+    if (m_nIdleCount > IDLE_LINE_PASSES)
+    {
+        trace(TRACE_OPERATION, LogLib_Low,
+              "(Info) CMIntf::eventThreadFunc - select on m_npipeEvt timed out, no data to read ");
+    }
+}
+
+// Opens the request pipe if it is closed and a driver reads it. True when it was opened just now.
+bool CMIntf::openRequestPipe()
+{
+    {
+        CCritSecHold hold(m_pCritSecCMIntf);
+        if (m_npipeReq != -1)
+            return false;
+    }
+    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::eventThreadFunc, about to open request pipe \"%s\"\n",
+          MI_REQUEST_PIPE);
+    const int npipeReq = open(MI_REQUEST_PIPE, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (npipeReq == -1)
+    {
+        trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc, can't open request pipe \"%s\" (%d)",
+              MI_REQUEST_PIPE, errno);
+        return false;
+    }
+    CCritSecHold hold(m_pCritSecCMIntf);
+    m_npipeReq = npipeReq;
+    return true;
+}
+
+bool CMIntf::pingDue(uint64_t ullNow)
+{
+    CCritSecHold hold(m_pCritSecCMIntf);
+    return m_npipeReq != -1 && m_ullLastResponseTick != 0 && ullNow > m_ullLastResponseTick + PING_AFTER_MS;
+}
+
+bool CMIntf::connectDriver(int& nConnectID)
+{
+    structMICMD cmd = {};
+    structMIRSP rsp;
+    cmd.s_micmd = MICMD_CONNECT;
+    copyText(cmd.connect.szRspPipe, m_szRspPipe);
+    copyText(cmd.connect.szEvtPipe, m_szEvtPipe);
+    if (sendImmediate(&cmd, &rsp) != MCS_OK)
+        return false;
+    nConnectID = rsp.s_nConnectID;
+    trace(TRACE_INFO, LogLib_Normal,
+          "(Info) CMIntf::eventThreadFunc, MICMD_CONNECT returned s_nConnectID = \"%d\", : fileid = (%d)", nConnectID,
+          nConnectID);
+    return true;
+}
+
+// Stores only what this pass obtained: an id that another thread dropped meanwhile stays dropped.
+void CMIntf::countIdlePass(bool bConnected, int nConnectID)
+{
+    CCritSecHold hold(m_pCritSecCMIntf);
+    if (bConnected)
+        storeUnlocked(m_nConnectID, nConnectID);
+    if (m_nIdleCount++ > IDLE_LINE_PASSES)
+    {
+        trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc, m_nConnectID= \"%d\" ", m_nConnectID);
+        m_nIdleCount = 0;
+    }
+}
+
+void CMIntf::sweepOverdueCommands()
+{
+    std::vector<CCommandOwner> vOverdue;
+    try
+    {
+        CCritSecHold hold(m_pCritSecCMIntf);
+        vOverdue = takeOverdueCommands(CPortable::GetTickCountULL());
+    }
+    catch (const std::bad_alloc&)
+    {
+        return; // nothing was unlinked yet: the next pass finds them again
+    }
+    for (CCommandOwner& pcommand : vOverdue)
+    {
+        const MICMD micmd = pcommand->m_cmd.s_micmd;
+        sendCancel(pcommand->m_nStreamID, micmd == MICMD_RECORDFILE ? MICANCEL_RECORD : MICANCEL_PLAY);
+        trace(TRACE_OPERATION, LogLib_Normal,
+              "CMIntf::eventThreadFunc - Sending MICMD_CANCEL, m_nConnectID = %d, m_nStreamID = %d", connectID(),
+              pcommand->m_nStreamID);
+        reportCompletion(*pcommand, MCS_TIMEDOUT,
+                         " (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion-4 ,sid = %d, nSequenceID = %d");
+        pcommand.reset();
+    }
+}
+
+// Unlinks the active commands whose deadline has come, with what is queued on their streams.
+std::vector<CMIntf::CCommandOwner> CMIntf::takeOverdueCommands(uint64_t ullNow)
+{
+    std::vector<CCommand*> vOverdue;
+    bool bAlarmRaised = false;
+    for (const auto& entry : m_mmapActiveCommandByTimeout)
+    {
+        if (entry.first > ullNow)
+            break;
+        if (!canTimeOut(entry.second->m_cmd.s_micmd))
+            continue;
+        if (!bAlarmRaised && ullNow - entry.first >= ALARM_OVERDUE_MS)
+        {
+            raiseAlarm("CMIntf::eventThreadFunc: ActiveCommand command timed out");
+            bAlarmRaised = true;
+        }
+        vOverdue.push_back(entry.second);
+    }
+
+    std::vector<CCommandOwner> vTaken;
+    vTaken.reserve(vOverdue.size());
+    for (CCommand* const pcommand : vOverdue)
+    {
+        unlinkActiveCommand(pcommand);
+        vTaken.emplace_back(pcommand);
+        clearCommandQueuePlay(pcommand->m_nStreamID, 0);
+        clearCommandQueueRecord(pcommand->m_nStreamID);
+    }
+    return vTaken;
+}
+
+void CMIntf::doneEventPass(const structMIEVT& evt)
+{
+    const int nStreamID = evt.nStreamID;
+    trace(TRACE_INFO, LogLib_Normal,
+          "CMIntf::eventThreadFunc, read event, nSequenceID = (%d), nStreamID = (%d), evt %s, stat %d\n",
+          static_cast<int>(evt.nSequenceID), nStreamID, MIEVTToString(evt.s_mievt), evt.s_mcstatus);
+
+    structMIEVT evtDone = evt;
+    const MCSTATUS mcstatus = getEventMCCSTATUS(&evtDone);
+    bool bNotify = true;
+    CCommandOwner pcommandCompleted;
+    CCommandOwner pcommandNextPlay;
+    CCommandOwner pcommandNextRecord;
+    {
+        CCritSecHold hold(m_pCritSecCMIntf);
+        pcommandCompleted = retireCompleted(evt, mcstatus, bNotify);
+        if (mcstatus == MCS_OK)
+        {
+            pcommandNextPlay = takeNextCommand(s_sidePlay, nStreamID);
+            pcommandNextRecord = takeNextCommand(s_sideRecord, nStreamID);
+            if (!pcommandNextPlay && !pcommandNextRecord)
+                updateStreamTiming(nStreamID);
+        }
+        else
+        {
+            clearCommandQueuePlay(nStreamID, 0);
+            clearCommandQueueRecord(nStreamID);
+            if (driverFatalError(mcstatus))
+                dropAfterFatalStatus(nStreamID, pcommandCompleted);
+            else if (mcstatus == MCS_CANCELLED)
+                updateStreamTiming(nStreamID);
+        }
+    }
+
+    if (pcommandCompleted && bNotify)
+    {
+        const int nSequenceID = static_cast<int>(pcommandCompleted->m_cmd.nSequenceNo);
+        trace(TRACE_INFO, LogLib_Normal,
+              " (Info) CMIntf::eventThreadFunc before OnCMIntfCompletion,m_pcomplHandler ,sid = %d, nSequenceID = %d",
+              pcommandCompleted->m_nStreamID, nSequenceID);
+        if (!reportCompletion(*pcommandCompleted, mcstatus,
+                              " (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion ,sid = %d, nSequenceID = %d"))
+        {
+            trace(TRACE_INFO, LogLib_Normal,
+                  "Brudel502 (Info) CMIntf::eventThreadFunc OnCMIntfCompletion, pcommandCompleted->m_pcomplHandler is "
+                  "NULL ,sid = %d, nSequenceID = %d",
+                  pcommandCompleted->m_nStreamID, nSequenceID);
+        }
+    }
+    pcommandCompleted.reset();
+    startNextCommand(s_sidePlay, std::move(pcommandNextPlay));
+    startNextCommand(s_sideRecord, std::move(pcommandNextRecord));
+}
+
+// Unlinks the active play-side command that the event finishes; null for a late or stale event.
+// bNotify: whether its end is to be reported.
+CMIntf::CCommandOwner CMIntf::retireCompleted(const structMIEVT& evt, MCSTATUS mcstatus, bool& bNotify)
+{
+    CCommand* const pcommand = activeCommand(s_sidePlay, evt.nStreamID);
+    if (!pcommand || pcommand->m_cmd.nSequenceNo != evt.nSequenceID)
+        return nullptr;
+    const int nSequenceNo = static_cast<int>(pcommand->m_cmd.nSequenceNo);
+    trace(TRACE_INFO, LogLib_Normal,
+          "801(Info) CMIntf::eventThreadFunc:: pcommandCompleted is set for all active cmd, cmd seq %d, done seq %d : "
+          "pcommandCompleted=0x%x",
+          nSequenceNo, nSequenceNo, addressForLog(pcommand));
+    bNotify = pcommand->m_bDone != 0 || mcstatus != MCS_OK;
+    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc:: calling remActiveCommand");
+    unlinkActiveCommand(pcommand);
+    return CCommandOwner(pcommand);
+}
+
+// The pipes are lost: the stream becomes unusable, and no completion is delivered.
+void CMIntf::dropAfterFatalStatus(int nStreamID, CCommandOwner& pcommandCompleted)
+{
+    markStreamInvalid(nStreamID);
+    if (pcommandCompleted)
+    {
+        trace(TRACE_INFO, LogLib_Normal,
+              "(Info) CMIntf::eventThreadFunc:: pcommandCompleted->m_pcomplHandler is set to NULL");
+        pcommandCompleted->m_pcomplHandler = nullptr;
+        // The play side was retired before; a record still active is unlinked now and has no owner.
+        const CCommandOwner pcommandRecord(activeCommand(s_sideRecord, nStreamID));
+        remActiveCommand(nStreamID, static_cast<int>(ANY_SEQUENCE_NO), 0);
+        pcommandCompleted.reset();
+    }
+    trace(TRACE_INFO, LogLib_High,
+          "test124 (Error) CMIntf::eventThreadFunc, driverFatalError, setting mcstatus = MCS_INVALIDHANDLE");
+}
+
+void CMIntf::updateStreamTiming(int nStreamID)
+{
+    const auto it = m_mapStreamByStreamID.find(nStreamID);
+    if (it != m_mapStreamByStreamID.end())
+        it->second->freezePlayTime(CPortable::GetTickCountULL());
+}
+
+CMIntf::CCommandOwner CMIntf::takeNextCommand(const CSide& side, int nStreamID)
+{
+    const CQueueMap& mapQueue = this->*side.pmapQueue;
+    const auto it = mapQueue.find(nStreamID);
+    if (it == mapQueue.end() || it->second->empty())
+        return nullptr;
+    CCommandOwner pcommand(it->second->front());
+    it->second->pop_front();
+    return pcommand;
+}
+
+void CMIntf::startNextCommand(const CSide& side, CCommandOwner pcommand)
+{
+    if (!pcommand)
+        return;
+    const int nStreamID = pcommand->m_nStreamID;
+    structMIRSP rsp;
+    CCommand* const pcommandSent = pcommand.release();
+    const MCSTATUS mcstatus = sendCommand(pcommandSent, &rsp, side.bPlay ? 1 : 0);
+    if (mcstatus == MCS_OK)
+        return;
+
+    pcommand.reset(pcommandSent);
+    {
+        CCritSecHold hold(m_pCritSecCMIntf);
+        clearQueue(this->*side.pmapQueue, nStreamID, 0);
+    }
+    reportCompletion(*pcommand, mcstatus, side.pszNotSent);
+}
+
+// Tells the command's handler, if it has one. pszFormat is the line that precedes the call.
+bool CMIntf::reportCompletion(const CCommand& command, MCSTATUS mcstatus, const char* pszFormat)
+{
+    if (!command.m_pcomplHandler)
+        return false;
+    trace(TRACE_INFO, LogLib_Normal, pszFormat, command.m_nStreamID, static_cast<int>(command.m_cmd.nSequenceNo));
+    command.m_pcomplHandler->OnCMIntfCompletion(command.m_nStreamID, mcstatus, completionReason(command.m_cmd.s_micmd));
+    return true;
+}

@@ -1,0 +1,119 @@
+// Writing µ-law audio files: recordings, and what the caller heard.
+#include "AudioWriter.h"
+
+#include "AudioReader.h"
+#include "Text.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+namespace
+{
+int ContainerByEnding(const std::string& strPath)
+{
+    if (HasEnding(strPath, ".wav"))
+    {
+        return SF_FORMAT_WAV;
+    }
+    if (HasEnding(strPath, ".au") || HasEnding(strPath, ".snd"))
+    {
+        return SF_FORMAT_AU;
+    }
+    return IsRawULawPath(strPath) ? SF_FORMAT_RAW : 0;
+}
+
+bool OpenForWriting(const std::string& strPath, CFd& fd, std::string& strError)
+{
+    // It is emptied only after the checks: the path may name what must not be touched.
+    fd = CFd(::open(strPath.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    struct stat status = {};
+    if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0)
+    {
+        strError = ErrnoText(errno);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode))
+    {
+        strError = "it is not a regular file";
+        return false;
+    }
+    if (::flock(fd.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+    {
+        strError = "it is being written already";
+        return false;
+    }
+    if (::ftruncate(fd.Get(), 0) != 0)
+    {
+        strError = ErrnoText(errno);
+        return false;
+    }
+    return true;
+}
+} // namespace
+
+std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, std::string& strError)
+{
+    const int nContainer = ContainerByEnding(strPath);
+    if (nContainer == 0)
+    {
+        strError = "its ending is none of .wav .au .snd .ul .ulaw .raw";
+        return nullptr;
+    }
+    CFd fd;
+    if (!OpenForWriting(strPath, fd, strError))
+    {
+        return nullptr;
+    }
+    SF_INFO info = {};
+    info.format = nContainer | SF_FORMAT_ULAW;
+    info.samplerate = 8000;
+    info.channels = 1;
+    CSndFile pFile(sf_open_fd(fd.Get(), SFM_WRITE, &info, SF_FALSE));
+    if (!pFile)
+    {
+        strError = sf_strerror(nullptr);
+        return nullptr;
+    }
+    std::unique_ptr<CAudioWriter> pWriter(new CAudioWriter(std::move(fd), std::move(pFile)));
+    if (!pWriter->Update())
+    {
+        strError = "its header cannot be written";
+        return nullptr;
+    }
+    return pWriter;
+}
+
+CAudioWriter::CAudioWriter(CFd fd, CSndFile pFile) : m_fd(std::move(fd)), m_pFile(std::move(pFile))
+{
+}
+
+CAudioWriter::~CAudioWriter()
+{
+    Close();
+}
+
+bool CAudioWriter::Write(std::span<const std::uint8_t> samples)
+{
+    const sf_count_t nCount = static_cast<sf_count_t>(samples.size());
+    return m_pFile && sf_write_raw(m_pFile.get(), samples.data(), nCount) == nCount;
+}
+
+bool CAudioWriter::Update()
+{
+    if (!m_pFile)
+    {
+        return false;
+    }
+    sf_command(m_pFile.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    return sf_error(m_pFile.get()) == SF_ERR_NO_ERROR;
+}
+
+bool CAudioWriter::Close()
+{
+    const bool bOk = !m_pFile || sf_close(m_pFile.release()) == 0;
+    m_fd.Close();
+    return bOk;
+}

@@ -1,0 +1,37 @@
+// Writing µ-law audio files: recordings, and what the caller heard.
+#ifndef DRIVER_AUDIO_WRITER_H
+#define DRIVER_AUDIO_WRITER_H
+
+#include "Fd.h"
+#include "SndFile.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+// One open file of µ-law samples, 8000 per second, mono. Samples are stored byte for byte.
+// The file is complete, header included, after Close, after Update, and when the writer is destroyed.
+class CAudioWriter
+{
+public:
+    // Creates the file or empties an existing one. The format is by the ending of the path: .wav, .au
+    // or .snd, and .ul, .ulaw or .raw for headerless files. Anything else, a path that is not a regular
+    // file, and a file that another writer is writing give null; strError then says why, without the path.
+    static std::unique_ptr<CAudioWriter> Create(const std::string& strPath, std::string& strError);
+
+    ~CAudioWriter();
+
+    // All three return false when the disk or the file failed; the file then holds what got through.
+    bool Write(std::span<const std::uint8_t> samples);
+    bool Update();
+    bool Close();
+
+private:
+    CAudioWriter(CFd fd, CSndFile pFile);
+
+    CFd m_fd;
+    CSndFile m_pFile;
+};
+
+#endif
