@@ -82,12 +82,12 @@ CLogFile::CWriter::~CWriter()
 void CLogFile::CWriter::applySettings(const CLogSettings& settings)
 {
     const CLogHold hold(m_mutex);
-    const bool bMoves = !strchr(m_szFileName, '/') && (strcmp(m_szFolder, textOr(settings.pszFolder, "")) != 0 ||
-                                                       strcmp(m_szExtension, textOr(settings.pszExtension, ".log")) != 0);
+    const bool bSamePlace = strcmp(m_szFolder, textOr(settings.pszFolder, "")) == 0 &&
+                            strcmp(m_szExtension, textOr(settings.pszExtension, ".log")) == 0;
     copySettings(settings);
     m_ullTryAt = m_ullRotateAt = m_ullLookAt = 0;
     m_tSecond = -1;
-    if (bMoves)
+    if (!bSamePlace && !strchr(m_szFileName, '/'))
     {
         closeFile();
         m_bStarted = false;

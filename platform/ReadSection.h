@@ -11,20 +11,22 @@
 class CReadSection
 {
 public:
-    // Enters a section on the calling thread; sections nest.
+    // Enters a section on the calling thread; sections nest, and end on the thread that began them.
+    // Not for signal handlers. Leaves errno as it was.
     CReadSection();
     ~CReadSection();
     CReadSection(const CReadSection&) = delete;
     CReadSection& operator=(const CReadSection&) = delete;
 
     // Returns when every section of other threads that was open at the call has been left. The
-    // calling thread's own sections are not waited for.
+    // calling thread's own sections are not waited for. Two threads that both call this inside a
+    // section wait for each other for ever. Leaves errno as it was.
     static void waitForReaders();
 
-private:
     struct CThread;
-    friend struct CThreadSlot;
-    CThread* m_pThread;
+
+private:
+    CThread* const m_pThread;
 };
 
 #endif

@@ -1,0 +1,221 @@
+// The driver as a program, and a bare client on real FIFOs.
+#include "ProgramSupport.h"
+
+#include "DriverTestSupport.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
+namespace
+{
+constexpr int DEADLINE_MS = 20000;
+
+bool WaitReadable(int nFd)
+{
+    pollfd wait = {nFd, POLLIN, 0};
+    return ::poll(&wait, 1, DEADLINE_MS) == 1;
+}
+
+template <class TRecord> std::optional<TRecord> ReadRecord(int nFd)
+{
+    TRecord record;
+    if (WaitReadable(nFd) && ::read(nFd, &record, sizeof(record)) == static_cast<ssize_t>(sizeof(record)))
+    {
+        return record;
+    }
+    return std::nullopt;
+}
+} // namespace
+
+CDriverProgram::CDriverProgram(const std::vector<std::string>& vArguments)
+{
+    int anOut[2];
+    int anErr[2];
+    if (::pipe2(anOut, O_CLOEXEC) != 0 || ::pipe2(anErr, O_CLOEXEC) != 0)
+    {
+        return;
+    }
+    std::string strProgram = ZELMEDIA_DRIVER_PROGRAM;
+    std::vector<std::string> vCopies = vArguments;
+    std::vector<char*> vPointers = {strProgram.data()};
+    for (std::string& strArgument : vCopies)
+    {
+        vPointers.push_back(strArgument.data());
+    }
+    vPointers.push_back(nullptr);
+    m_nProcessID = ::fork();
+    if (m_nProcessID == 0)
+    {
+        ::dup2(anOut[1], STDOUT_FILENO);
+        ::dup2(anErr[1], STDERR_FILENO);
+        ::execv(strProgram.c_str(), vPointers.data());
+        ::_exit(127);
+    }
+    m_fdOut = CFd(anOut[0]);
+    m_fdErr = CFd(anErr[0]);
+    ::close(anOut[1]);
+    ::close(anErr[1]);
+}
+
+CDriverProgram::~CDriverProgram()
+{
+    if (m_nProcessID > 0)
+    {
+        ::kill(m_nProcessID, SIGKILL);
+        ::waitpid(m_nProcessID, nullptr, 0);
+    }
+}
+
+bool CDriverProgram::WaitReady()
+{
+    std::string strLine;
+    char c = 0;
+    while (WaitReadable(m_fdOut.Get()) && ::read(m_fdOut.Get(), &c, 1) == 1 && c != '\n')
+    {
+        strLine += c;
+    }
+    return strLine == "zelmedia-driver: ready";
+}
+
+void CDriverProgram::Signal(int nSignal)
+{
+    ::kill(m_nProcessID, nSignal);
+}
+
+std::optional<int> CDriverProgram::WaitExit()
+{
+    const CFd fdProcess(static_cast<int>(::syscall(SYS_pidfd_open, m_nProcessID, 0)));
+    int nStatus = 0;
+    if (!WaitReadable(fdProcess.Get()) || ::waitpid(m_nProcessID, &nStatus, 0) != m_nProcessID)
+    {
+        return std::nullopt;
+    }
+    m_nProcessID = -1;
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
+}
+
+std::string CDriverProgram::Errors()
+{
+    std::string strText;
+    char c = 0;
+    while (::read(m_fdErr.Get(), &c, 1) == 1)
+    {
+        strText += c;
+    }
+    return strText;
+}
+
+CRawClient::CRawClient()
+    : m_strRspPipe(MI_RESPONSE_PIPE_PREFIX + std::to_string(::getpid())),
+      m_strEvtPipe(MI_EVENT_PIPE_PREFIX + std::to_string(::getpid()))
+{
+    ::signal(SIGPIPE, SIG_IGN);
+    ::mkfifo(m_strRspPipe.c_str(), 0600);
+    ::mkfifo(m_strEvtPipe.c_str(), 0600);
+    m_fdRsp = CFd(::open(m_strRspPipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    m_fdEvt = CFd(::open(m_strEvtPipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+}
+
+CRawClient::~CRawClient()
+{
+    ::unlink(m_strRspPipe.c_str());
+    ::unlink(m_strEvtPipe.c_str());
+}
+
+bool CRawClient::Connect()
+{
+    m_fdReq = CFd(::open(MI_REQUEST_PIPE, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    structMICMD cmd = Command(MICMD_CONNECT, 0, 0);
+    SetText(cmd.connect.szRspPipe, m_strRspPipe);
+    SetText(cmd.connect.szEvtPipe, m_strEvtPipe);
+    const auto rsp = Request(cmd);
+    if (!rsp || rsp->s_mirsp != MIRSP_CONNECT)
+    {
+        return false;
+    }
+    m_nConnectID = rsp->s_nConnectID;
+    return true;
+}
+
+std::optional<structMIRSP> CRawClient::Request(structMICMD cmd)
+{
+    cmd.nConnectID = m_nConnectID;
+    cmd.nSequenceNo = ++m_nSequenceNo;
+    if (::write(m_fdReq.Get(), &cmd, sizeof(cmd)) != static_cast<ssize_t>(sizeof(cmd)))
+    {
+        return std::nullopt;
+    }
+    const auto rsp = ReadRecord<structMIRSP>(m_fdRsp.Get());
+    return rsp && rsp->nRespSequenceNo == m_nSequenceNo ? rsp : std::nullopt;
+}
+
+std::optional<structMIEVT> CRawClient::WaitEvent()
+{
+    return ReadRecord<structMIEVT>(m_fdEvt.Get());
+}
+
+int CRawClient::OpenStream(const std::string& strCallID, std::uint32_t nLegID)
+{
+    structMICMD cmd = Command(MICMD_OPENSTREAM, 0, 0);
+    SetText(cmd.openStream.szCallID, strCallID);
+    cmd.openStream.nLegID = nLegID;
+    const auto rsp = Request(cmd);
+    return rsp && rsp->s_mirsp == MIRSP_OPENSTREAM ? rsp->s_nStreamID : 0;
+}
+
+int CRawClient::OpenFile(const std::string& strPath)
+{
+    structMICMD cmd = Command(MICMD_OPENFILE, 0, 0);
+    SetText(cmd.openFile.szFileName, strPath);
+    const auto rsp = Request(cmd);
+    return rsp && rsp->s_mirsp == MIRSP_OPENFILE ? rsp->s_nFileID : 0;
+}
+
+bool CRawClient::IsDone(const structMICMD& cmd)
+{
+    const auto rsp = Request(cmd);
+    return rsp && rsp->s_mirsp == MIRSP_STATUS && rsp->s_nResult == MISTATUS_OK;
+}
+
+bool CRawClient::PlayClip(int nStreamID, int nFileID, std::uint32_t nOffset, std::uint32_t nLength)
+{
+    structMICMD cmd = Command(MICMD_PLAYCLIP, 0, 0);
+    cmd.playClip.nStreamID = nStreamID;
+    cmd.playClip.nFileID = nFileID;
+    cmd.playClip.nOffset = nOffset;
+    cmd.playClip.nLength = nLength;
+    return IsDone(cmd);
+}
+
+bool CRawClient::PlayFile(int nStreamID, const std::string& strPath)
+{
+    structMICMD cmd = Command(MICMD_PLAYFILE, 0, 0);
+    cmd.playFile.nStreamID = nStreamID;
+    SetText(cmd.playFile.szFileName, strPath);
+    cmd.playFile.nStartPos = 0;
+    return IsDone(cmd);
+}
+
+bool CRawClient::RecordFile(int nStreamID, const std::string& strPath, std::uint32_t nMaxSamples)
+{
+    structMICMD cmd = Command(MICMD_RECORDFILE, 0, 0);
+    cmd.recordFile.nStreamID = nStreamID;
+    SetText(cmd.recordFile.szFileName, strPath);
+    cmd.recordFile.nMaxSamples = nMaxSamples;
+    return IsDone(cmd);
+}
+
+std::uint32_t CRawClient::Sequence() const
+{
+    return m_nSequenceNo;
+}
+
+int CRawClient::RequestFd() const
+{
+    return m_fdReq.Get();
+}
