@@ -11,3 +11,12 @@ function(zelmedia_test NAME)
     CROSSCOMPILING_EMULATOR ${CMAKE_SOURCE_DIR}/tests/support/private-tmp)
   gtest_discover_tests(${NAME} TEST_PREFIX "${NAME}." DISCOVERY_TIMEOUT 60)
 endfunction()
+
+# zelmedia_wrap_platform(TARGET): puts tests/support/PlatformSeams.cpp between the library's objects
+# and the operations of CPortable, in TARGET and in what links it.
+function(zelmedia_wrap_platform TARGET)
+  target_link_options(${TARGET} PUBLIC
+    -Wl,--wrap=_ZN9CPortable15GetTickCountULLEv
+    -Wl,--wrap=_ZN9CPortable12CreateThreadEPFPvS0_ES0_PmPKc
+    -Wl,--wrap=_ZN9CPortable19GetCurrentProcessIdEv)
+endfunction()

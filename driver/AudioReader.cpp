@@ -22,10 +22,7 @@ const char* const TOO_LONG = "it is longer than two hours";
 
 struct CSrcDelete
 {
-    void operator()(SRC_STATE* pState) const
-    {
-        src_delete(pState);
-    }
+    void operator()(SRC_STATE* pState) const { src_delete(pState); }
 };
 
 std::uint8_t EncodeFloat(float f)
@@ -74,8 +71,7 @@ bool ReadULaw(SNDFILE* pFile, CSamples& samples, std::string& strError)
 // Reads the next frames and mixes them to mono, in place of the frames. Returns their number, 0 at the end.
 std::size_t ReadMono(SNDFILE* pFile, std::size_t nChannels, std::vector<float>& vFrames)
 {
-    const sf_count_t nRead =
-        sf_readf_float(pFile, vFrames.data(), static_cast<sf_count_t>(vFrames.size() / nChannels));
+    const sf_count_t nRead = sf_readf_float(pFile, vFrames.data(), static_cast<sf_count_t>(vFrames.size() / nChannels));
     const std::size_t nFrames = nRead > 0 ? static_cast<std::size_t>(nRead) : 0;
     for (std::size_t nFrame = 0; nFrame < nFrames && nChannels > 1; ++nFrame)
     {

@@ -86,9 +86,7 @@ std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, s
     return pWriter;
 }
 
-CAudioWriter::CAudioWriter(CFd fd, CSndFile pFile) : m_fd(std::move(fd)), m_pFile(std::move(pFile))
-{
-}
+CAudioWriter::CAudioWriter(CFd fd, CSndFile pFile) : m_fd(std::move(fd)), m_pFile(std::move(pFile)) {}
 
 CAudioWriter::~CAudioWriter()
 {

@@ -132,9 +132,7 @@ bool CClientPipes::IsProcessGone() const
     return m_bProcessVisible && ::kill(m_nProcessID, 0) != 0 && errno == ESRCH;
 }
 
-CClientPipesOpener::CClientPipesOpener(int nEpollFd) : m_nEpollFd(nEpollFd)
-{
-}
+CClientPipesOpener::CClientPipesOpener(int nEpollFd) : m_nEpollFd(nEpollFd) {}
 
 std::unique_ptr<CClientPort> CClientPipesOpener::Open(const structMICMD::ConnectBody& connect, std::string& strError)
 {

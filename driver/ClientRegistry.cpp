@@ -10,8 +10,9 @@
 CClient* CClientRegistry::Add(std::unique_ptr<CClientPort> pPort)
 {
     const pid_t nProcessID = pPort->ProcessID();
-    const auto itFormer = std::find_if(m_mapClientByID.begin(), m_mapClientByID.end(), [nProcessID](const auto& item)
-                                       { return item.second->Port().ProcessID() == nProcessID; });
+    const auto itFormer = std::find_if(m_mapClientByID.begin(), m_mapClientByID.end(), [nProcessID](const auto& item) {
+        return item.second->Port().ProcessID() == nProcessID;
+    });
     if (itFormer != m_mapClientByID.end())
     {
         Drop(itFormer->first, "its process connects anew");

@@ -113,22 +113,14 @@ bool CEventLoop::Run(CRequestPipe& requestPipe, CRequestHandler& handler, CClien
             const epoll_event& event = events[static_cast<std::size_t>(nEvent)];
             switch (event.data.u64)
             {
-            case DATA_REQUESTS:
-                TakeRequests(requestPipe, handler);
-                break;
-            case DATA_SIGNAL:
-                m_bStop = true;
-                break;
-            case DATA_TICK:
-                m_ullTicksDue += TakeExpirations(m_fdTick.Get());
-                break;
+            case DATA_REQUESTS: TakeRequests(requestPipe, handler); break;
+            case DATA_SIGNAL: m_bStop = true; break;
+            case DATA_TICK: m_ullTicksDue += TakeExpirations(m_fdTick.Get()); break;
             case DATA_CHECK:
                 TakeExpirations(m_fdCheck.Get());
                 registry.DropDead();
                 break;
-            default:
-                OnClient(event, registry);
-                break;
+            default: OnClient(event, registry); break;
             }
         }
         if (bRace)

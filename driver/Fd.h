@@ -8,14 +8,10 @@
 
 class CFd
 {
-public:
+  public:
     CFd() = default;
-    explicit CFd(int nFd) : m_nFd(nFd)
-    {
-    }
-    CFd(CFd&& other) noexcept : m_nFd(std::exchange(other.m_nFd, -1))
-    {
-    }
+    explicit CFd(int nFd) : m_nFd(nFd) {}
+    CFd(CFd&& other) noexcept : m_nFd(std::exchange(other.m_nFd, -1)) {}
     CFd& operator=(CFd&& other) noexcept
     {
         if (this != &other)
@@ -27,19 +23,10 @@ public:
     }
     CFd(const CFd&) = delete;
     CFd& operator=(const CFd&) = delete;
-    ~CFd()
-    {
-        Close();
-    }
+    ~CFd() { Close(); }
 
-    int Get() const
-    {
-        return m_nFd;
-    }
-    bool IsOpen() const
-    {
-        return m_nFd >= 0;
-    }
+    int Get() const { return m_nFd; }
+    bool IsOpen() const { return m_nFd >= 0; }
     void Close()
     {
         if (m_nFd >= 0)
@@ -48,7 +35,7 @@ public:
         }
     }
 
-private:
+  private:
     int m_nFd = -1;
 };
 

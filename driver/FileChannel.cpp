@@ -14,8 +14,7 @@ bool IsFileNamePart(const std::string& strCallID)
 {
     return !strCallID.empty() && strCallID.find('/') == std::string::npos &&
            strCallID.find("..") == std::string::npos &&
-           std::none_of(strCallID.begin(), strCallID.end(),
-                        [](char c) { return (c >= 0 && c < 0x20) || c == 0x7F; });
+           std::none_of(strCallID.begin(), strCallID.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7F; });
 }
 } // namespace
 

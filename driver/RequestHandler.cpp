@@ -63,8 +63,8 @@ bool StartPlay(CClient& client, int nStreamID, const CClipPtr& pClip, std::size_
     const std::size_t nSize = pClip->m_samples.size();
     if (nOffset > nSize)
     {
-        strError = fmt::format("position {} is past the end of \"{}\" at {}", nOffset, Printable(pClip->m_strPath),
-                               nSize);
+        strError =
+            fmt::format("position {} is past the end of \"{}\" at {}", nOffset, Printable(pClip->m_strPath), nSize);
         return false;
     }
     pStream->StartPlay(pClip, nOffset, std::min(nLength, nSize - nOffset), nSequenceNo);
@@ -182,15 +182,12 @@ void CRequestHandler::Answer(CClient& client, const structMIRSP& rsp)
     const int nConnectID = client.ConnectID();
     switch (client.Port().SendResponse(rsp))
     {
-    case ESend::Gone:
-        m_registry.Drop(nConnectID, "its response pipe is broken");
-        return;
+    case ESend::Gone: m_registry.Drop(nConnectID, "its response pipe is broken"); return;
     case ESend::Full:
         spdlog::error("client {} does not take its responses; the one to sequence {} is lost", nConnectID,
                       rsp.nRespSequenceNo);
         break;
-    case ESend::Sent:
-        break;
+    case ESend::Sent: break;
     }
     // Events wait until here, so that none overtakes the response to its own command.
     m_registry.Flush(nConnectID);
@@ -257,8 +254,8 @@ bool CRequestHandler::OpenStream(CClient& client, const structMICMD& cmd, struct
     rsp.s_nStreamID = m_nNextStreamID++;
     spdlog::info("client {} opens stream {} on call id \"{}\", leg {}", client.ConnectID(), rsp.s_nStreamID,
                  Printable(strCallID), nLegID);
-    client.m_mapStreamByID.emplace(
-        rsp.s_nStreamID, std::make_unique<CStream>(rsp.s_nStreamID, strCallID, nLegID, std::move(pChannel)));
+    client.m_mapStreamByID.emplace(rsp.s_nStreamID,
+                                   std::make_unique<CStream>(rsp.s_nStreamID, strCallID, nLegID, std::move(pChannel)));
     return true;
 }
 

@@ -8,10 +8,7 @@
 
 struct CSndFileClose
 {
-    void operator()(SNDFILE* pFile) const
-    {
-        sf_close(pFile);
-    }
+    void operator()(SNDFILE* pFile) const { sf_close(pFile); }
 };
 
 using CSndFile = std::unique_ptr<SNDFILE, CSndFileClose>;

@@ -17,12 +17,9 @@ const char* DoneText(int32_t nStatus)
 {
     switch (nStatus)
     {
-    case DONE_FINISHED:
-        return "finished";
-    case DONE_CANCELLED:
-        return "was cancelled";
-    default:
-        return "failed";
+    case DONE_FINISHED: return "finished";
+    case DONE_CANCELLED: return "was cancelled";
+    default: return "failed";
     }
 }
 } // namespace
@@ -78,8 +75,8 @@ bool CStream::StartRecord(const std::string& strPath, std::uint32_t nMaxSamples,
     }
     spdlog::info("stream {} records to \"{}\", at most {} samples, sequence {}", m_nID, Printable(strPath), nMaxSamples,
                  nSequenceNo);
-    m_record = CRecord{std::move(pFile), strPath, std::min<std::uint64_t>(nMaxSamples, MAX_RECORD_SAMPLES),
-                       nSequenceNo};
+    m_record =
+        CRecord{std::move(pFile), strPath, std::min<std::uint64_t>(nMaxSamples, MAX_RECORD_SAMPLES), nSequenceNo};
     m_ullRecorded = 0;
     m_eRecordStatus = ERecordStatus::Recording;
     return true;

@@ -1,10 +1,13 @@
 #include "ReadSection.h"
+
 #include "Portable.h"
 
 #include <atomic>
 #include <cerrno>
 #include <linux/membarrier.h>
 #include <new>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -23,33 +26,80 @@ struct CReadSection::CThread
 
 namespace
 {
-std::atomic<CReadSection::CThread*> s_pFirst{nullptr};
+using CThread = CReadSection::CThread;
+
+std::atomic<CThread*> s_pFirst{nullptr};
 
 // Sections of threads without a record: memory ran out, or the thread is past its end.
 std::atomic<unsigned int> s_uUnrecorded{0};
+thread_local unsigned int t_uUnrecorded = 0; // of this thread
+
+// Trivially destructible, so that sections of later destructors of the thread still find them.
+thread_local CThread* t_pThread = nullptr;
+thread_local bool t_bEnded = false;
+
+struct CThreadEnd
+{
+    ~CThreadEnd()
+    {
+        t_bEnded = true;
+        if (t_pThread)
+            t_pThread->m_bOwned.store(false, std::memory_order_release);
+        t_pThread = nullptr;
+    }
+};
 
 int membarrier(int nCommand)
 {
     return static_cast<int>(syscall(SYS_membarrier, nCommand, 0, 0));
 }
 
+// A child process has only the thread that called fork; the sections of the others never end there.
+void forgetOtherThreads()
+{
+    for (CThread* pThread = s_pFirst.load(); pThread; pThread = pThread->m_pNext)
+    {
+        if (pThread == t_pThread)
+            continue;
+        pThread->m_uDepth = 0;
+        pThread->m_uCounter = (pThread->m_uCounter + 1) & ~1U;
+        pThread->m_bOwned = false;
+    }
+    s_uUnrecorded = t_uUnrecorded;
+}
+
 // With expedited barriers the thread that waits makes every running thread pass a full barrier, so
 // that readers need none of their own.
 bool barrierWorks()
 {
-    static const bool s_bWorks = membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
+    static const bool s_bWorks = []
+    {
+        pthread_atfork(nullptr, nullptr, forgetOtherThreads);
+        return membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
+    }();
     return s_bWorks;
 }
 
-CReadSection::CThread* claimRecord()
+void passBarriers()
 {
-    for (auto* pThread = s_pFirst.load(); pThread; pThread = pThread->m_pNext)
+    if (!barrierWorks() || membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0)
+        return;
+    // Someone took the call away since (a sandbox): the slow one, or time enough for every processor
+    // to write back what it holds.
+    if (membarrier(MEMBARRIER_CMD_GLOBAL) != 0)
+        CPortable::Sleep(50);
+}
+
+CThread* claimRecord()
+{
+    const bool bBarrier = barrierWorks();
+    for (CThread* pThread = s_pFirst.load(); pThread; pThread = pThread->m_pNext)
     {
         bool bOwned = false;
         if (pThread->m_bOwned.compare_exchange_strong(bOwned, true))
             return pThread;
     }
-    auto* const pThread = new (std::nothrow) CReadSection::CThread;
+    auto* const pThread = new (std::nothrow) CThread(bBarrier);
     if (!pThread)
         return nullptr;
     pThread->m_pNext = s_pFirst.load();
@@ -59,47 +109,42 @@ CReadSection::CThread* claimRecord()
     return pThread;
 }
 
-// Trivially destructible, so that sections of later destructors of the thread still find them.
-thread_local CReadSection::CThread* t_pThread = nullptr;
-thread_local bool t_bEnded = false;
-
-struct CThreadEnd
-{
-    ~CThreadEnd()
-    {
-        t_bEnded = true;
-        if (t_pThread)
-            t_pThread->m_bOwned = false;
-        t_pThread = nullptr;
-    }
-};
-
-CReadSection::CThread* threadRecord()
+CThread* threadRecord()
 {
     if (t_pThread || t_bEnded)
         return t_pThread;
-    static thread_local CThreadEnd t_end;
-    const int nError = errno;
-    const bool bBarrier = barrierWorks();
+    static thread_local CThreadEnd t_end; // for its destructor, which runs when the thread ends
+    const int nErrno = errno;
     t_pThread = claimRecord();
-    errno = nError;
+    errno = nErrno;
     return t_pThread;
+}
+
+void pauseBeforeTry(unsigned int uTry)
+{
+    if (uTry < 100)
+        sched_yield();
+    else
+        CPortable::Sleep(1);
 }
 } // namespace
 
-CReadSection::CReadSection() : m_pThread(threadRecord())
+CReadSection::CReadSection() noexcept : m_pThread(threadRecord())
 {
     if (!m_pThread)
     {
+        ++t_uUnrecorded;
         s_uUnrecorded.fetch_add(1);
         return;
     }
     if (m_pThread->m_uDepth++ != 0)
         return;
     const unsigned int uInside = m_pThread->m_uCounter.load(std::memory_order_relaxed) + 1;
-    if (barrierWorks())
+    if (m_pThread->m_bBarrier)
     {
-        m_pThread->m_uCounter.store(uInside, std::memory_order_relaxed);
+        // Releases what the previous section did, for a thread that waits for that one and finds
+        // this one.
+        m_pThread->m_uCounter.store(uInside, std::memory_order_release);
         std::atomic_signal_fence(std::memory_order_seq_cst);
     }
     else
@@ -111,88 +156,35 @@ CReadSection::CReadSection() : m_pThread(threadRecord())
 CReadSection::~CReadSection()
 {
     if (!m_pThread)
+    {
         s_uUnrecorded.fetch_sub(1);
-    else if (--m_pThread->m_uDepth == 0)
-        m_pThread->m_uCounter.store(m_pThread->m_uCounter.load(std::memory_order_relaxed) + 1,
-                                    std::memory_order_release);
-}
-
-void CReadSection::waitForReaders()
-{
-    if (barrierWorks())
-        membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
-    const CThread* const pOwn = threadRecord();
-    for (const CThread* pThread = s_pFirst.load(); pThread; pThread = pThread->m_pNext)
-    {
-        const unsigned int uCounter = pThread->m_uCounter.load();
-        while (pThread != pOwn && (uCounter & 1) && pThread->m_uCounter.load() == uCounter)
-            CPortable::Sleep(1);
-    }
-    while (s_uUnrecorded.load() != 0)
-        CPortable::Sleep(1);
-}
-
-CReadSection::CReadSection() : m_pThread(CThreadSlot::find())
-{
-    if (!m_pThread)
-    {
-        ++CThreadSlot::t_uUnrecorded;
-        CThreadSlot::s_uUnrecorded.fetch_add(1);
-        return;
-    }
-    if (m_pThread->m_uDepth++ != 0)
-        return;
-    const unsigned int uCounter = m_pThread->m_uCounter.load(std::memory_order_relaxed) + 1;
-    if (m_pThread->m_bBarrier)
-    {
-        m_pThread->m_uCounter.store(uCounter, std::memory_order_release);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-    }
-    else
-    {
-        m_pThread->m_uCounter.exchange(uCounter);
-    }
-}
-
-CReadSection::~CReadSection()
-{
-    if (!m_pThread)
-    {
-        CThreadSlot::s_uUnrecorded.fetch_sub(1);
-        --CThreadSlot::t_uUnrecorded;
+        --t_uUnrecorded;
         return;
     }
     if (--m_pThread->m_uDepth != 0)
         return;
-    const unsigned int uCounter = m_pThread->m_uCounter.load(std::memory_order_relaxed) + 1;
-    m_pThread->m_uCounter.store(uCounter, std::memory_order_release);
+    const unsigned int uOutside = m_pThread->m_uCounter.load(std::memory_order_relaxed) + 1;
+    m_pThread->m_uCounter.store(uOutside, std::memory_order_release);
 }
 
-void CReadSection::waitForReaders()
+void CReadSection::waitForReaders() noexcept
 {
     const int nErrno = errno;
-    int nTries = 0;
-    const auto pause = [&nTries]
-    {
-        if (++nTries < 100)
-            sched_yield();
-        else
-            CPortable::Sleep(1);
-    };
-
+    passBarriers();
     // Reading by adding 0 orders this thread and a reader that enters now: either its counter is
     // seen to be odd, or it sees what was stored before this call.
-    CThreadSlot::barrier();
-    CThread* pThread = CThreadSlot::s_pFirst.fetch_add(0);
+    CThread* pThread = s_pFirst.fetch_add(0);
     for (; pThread; pThread = pThread->m_pNext)
     {
-        if (pThread == CThreadSlot::t_pThread)
+        if (pThread == t_pThread)
             continue;
         const unsigned int uCounter = pThread->m_uCounter.fetch_add(0);
-        while ((uCounter & 1U) != 0 && pThread->m_uCounter.load(std::memory_order_acquire) == uCounter)
-            pause();
+        if ((uCounter & 1U) == 0)
+            continue;
+        for (unsigned int uTry = 0; pThread->m_uCounter.load(std::memory_order_acquire) == uCounter; ++uTry)
+            pauseBeforeTry(uTry);
     }
-    while (CThreadSlot::s_uUnrecorded.fetch_add(0) > CThreadSlot::t_uUnrecorded)
-        pause();
+    for (unsigned int uTry = 0; s_uUnrecorded.fetch_add(0) > t_uUnrecorded; ++uTry)
+        pauseBeforeTry(uTry);
     errno = nErrno;
 }

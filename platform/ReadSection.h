@@ -13,7 +13,7 @@ class CReadSection
 public:
     // Enters a section on the calling thread; sections nest, and end on the thread that began them.
     // Not for signal handlers. Leaves errno as it was.
-    CReadSection();
+    CReadSection() noexcept;
     ~CReadSection();
     CReadSection(const CReadSection&) = delete;
     CReadSection& operator=(const CReadSection&) = delete;
@@ -21,7 +21,7 @@ public:
     // Returns when every section of other threads that was open at the call has been left. The
     // calling thread's own sections are not waited for. Two threads that both call this inside a
     // section wait for each other for ever. Leaves errno as it was.
-    static void waitForReaders();
+    static void waitForReaders() noexcept;
 
     struct CThread;
 

@@ -26,7 +26,7 @@ structMICMD::ConnectBody Body(const std::string& strRspPipe, const std::string& 
 // FIFOs under the names of this process, and an epoll to watch them.
 class ClientPipes : public testing::Test
 {
-protected:
+  protected:
     ClientPipes()
     {
         ::unlink(m_strRsp.c_str());
@@ -49,10 +49,7 @@ protected:
         m_fdEvt = CFd(::open(m_strEvt.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
         ASSERT_TRUE(m_fdRsp.IsOpen() && m_fdEvt.IsOpen());
     }
-    std::unique_ptr<CClientPort> Open()
-    {
-        return m_opener.Open(Body(m_strRsp, m_strEvt), m_strError);
-    }
+    std::unique_ptr<CClientPort> Open() { return m_opener.Open(Body(m_strRsp, m_strEvt), m_strError); }
     epoll_event WaitEvent(int nTimeoutMs)
     {
         epoll_event event = {};

@@ -17,7 +17,7 @@ namespace
 {
 class DriverProgram : public testing::Test
 {
-protected:
+  protected:
     DriverProgram()
     {
         ::unlink(MI_REQUEST_PIPE);
@@ -38,10 +38,7 @@ protected:
         EXPECT_EQ(*evt, (structMIEVT{MIEVT_DONE, nStreamID, nSequenceNo, nStatus}));
     }
 
-    static bool Exists(const char* pPath)
-    {
-        return ::access(pPath, F_OK) == 0;
-    }
+    static bool Exists(const char* pPath) { return ::access(pPath, F_OK) == 0; }
 
     const CSamples m_clip = Noise(3200, 1);
     const CSamples m_said = Noise(30000, 2);
@@ -229,6 +226,30 @@ TEST_F(DriverProgram, SurvivesRubbishInItsPipe)
         }
         EXPECT_TRUE(client.Request(Command(MICMD_PING, 0, 0))) << "after " << nSize << " bytes of rubbish";
     }
+}
+
+TEST_F(DriverProgram, KeepsNoDescriptorOfClientsThatComeAndGo)
+{
+    CDriverProgram driver(Arguments());
+    ASSERT_TRUE(driver.WaitReady());
+    CRawClient client;
+    std::size_t nBefore = 0;
+    for (int nRound = 0; nRound < 200; ++nRound)
+    {
+        // Every other time it comes back without having left.
+        ASSERT_TRUE(client.Connect());
+        nBefore = nRound == 0 ? driver.OpenDescriptors() : nBefore;
+        const int nStreamID = client.OpenStream("call", 1);
+        ASSERT_GT(nStreamID, 0);
+        ASSERT_GT(client.OpenFile(m_folder.Path("clip.wav")), 0);
+        ASSERT_TRUE(client.RecordFile(nStreamID, m_folder.Path("msg.wav"), 4000000000U));
+        if (nRound % 2 != 0)
+        {
+            ASSERT_TRUE(client.Request(Command(MICMD_DISCONNECT, 0, 0)));
+        }
+    }
+    ASSERT_TRUE(client.Connect());
+    EXPECT_EQ(driver.OpenDescriptors(), nBefore);
 }
 
 TEST_F(DriverProgram, ServesManyClientsAtOnce)

@@ -166,15 +166,12 @@ namespace
 {
 class CMemoryPort : public CClientPort
 {
-public:
+  public:
     CMemoryPort(pid_t nProcessID, CMemoryClient& client) : m_nProcessID(nProcessID), m_client(client)
     {
         m_client.m_bPortOpen = true;
     }
-    ~CMemoryPort() override
-    {
-        m_client.m_bPortOpen = false;
-    }
+    ~CMemoryPort() override { m_client.m_bPortOpen = false; }
     ESend SendResponse(const structMIRSP& rsp) override
     {
         if (m_client.m_bGone || m_client.m_bResponsesFull)
@@ -196,24 +193,12 @@ public:
         m_client.m_vOrder.push_back("event " + std::to_string(evt.nSequenceID));
         return ESend::Sent;
     }
-    bool Watch(int) override
-    {
-        return true;
-    }
-    void WatchForRoom(bool bOn) override
-    {
-        m_client.m_bWatchesRoom = bOn;
-    }
-    pid_t ProcessID() const override
-    {
-        return m_nProcessID;
-    }
-    bool IsProcessGone() const override
-    {
-        return m_client.m_bProcessGone;
-    }
+    bool Watch(int) override { return true; }
+    void WatchForRoom(bool bOn) override { m_client.m_bWatchesRoom = bOn; }
+    pid_t ProcessID() const override { return m_nProcessID; }
+    bool IsProcessGone() const override { return m_client.m_bProcessGone; }
 
-private:
+  private:
     const pid_t m_nProcessID;
     CMemoryClient& m_client;
 };

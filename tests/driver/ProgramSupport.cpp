@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <filesystem>
+#include <iterator>
 
 namespace
 {
@@ -97,6 +99,12 @@ std::optional<int> CDriverProgram::WaitExit()
     }
     m_nProcessID = -1;
     return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
+}
+
+std::size_t CDriverProgram::OpenDescriptors() const
+{
+    const std::filesystem::directory_iterator it("/proc/" + std::to_string(m_nProcessID) + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(it), end(it)));
 }
 
 std::string CDriverProgram::Errors()

@@ -11,7 +11,7 @@ namespace
 {
 class RequestHandlerTest : public testing::Test
 {
-protected:
+  protected:
     RequestHandlerTest()
     {
         WriteULaw(m_driver.Path("clip.wav"), SF_FORMAT_WAV, m_clip);
@@ -19,20 +19,14 @@ protected:
         m_nStreamID = m_driver.OpenStream("call");
     }
 
-    CSamples Heard()
-    {
-        return ReadULawWav(m_driver.Path("call-1.heard.wav"));
-    }
+    CSamples Heard() { return ReadULawWav(m_driver.Path("call-1.heard.wav")); }
 
     structMIEVT Done(std::uint32_t nSequenceNo, int32_t nStatus) const
     {
         return {MIEVT_DONE, m_nStreamID, nSequenceNo, nStatus};
     }
 
-    std::vector<structMIEVT>& Events()
-    {
-        return m_driver.Client().m_vEvents;
-    }
+    std::vector<structMIEVT>& Events() { return m_driver.Client().m_vEvents; }
 
     const CSamples m_clip = Noise(1000);
     CDriverInMemory m_driver;

@@ -1,6 +1,6 @@
 // The request pipe: fresh, for everybody, one driver at a time, and whole records only.
-#include "DriverTestSupport.h"
 #include "RequestPipe.h"
+#include "DriverTestSupport.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -15,7 +15,7 @@ const char* const LOCK = MI_REQUEST_PIPE ".lock";
 
 class RequestPipe : public testing::Test
 {
-protected:
+  protected:
     RequestPipe()
     {
         ::unlink(PATH);
@@ -39,10 +39,7 @@ protected:
         EXPECT_FALSE(pipe.Open(strError));
         return strError;
     }
-    static bool Exists(const char* pPath)
-    {
-        return ::access(pPath, F_OK) == 0;
-    }
+    static bool Exists(const char* pPath) { return ::access(pPath, F_OK) == 0; }
 
     CLogCapture m_log;
 };

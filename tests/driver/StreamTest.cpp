@@ -1,7 +1,7 @@
 // Streams and file channels under a clock of the test's own: plays, recordings, cancels, failures.
+#include "Stream.h"
 #include "DriverTestSupport.h"
 #include "G711.h"
-#include "Stream.h"
 
 #include <gmock/gmock.h>
 
@@ -13,7 +13,7 @@ namespace
 {
 class StreamTest : public testing::Test
 {
-protected:
+  protected:
     std::unique_ptr<CStream> Open(const std::string& strCallID = "call", std::uint32_t nLegID = 1)
     {
         std::string strError;
@@ -22,10 +22,7 @@ protected:
         return std::make_unique<CStream>(5, strCallID, nLegID, std::move(pChannel));
     }
 
-    static CClipPtr Clip(const CSamples& samples)
-    {
-        return std::make_shared<CClip>(CClip{"clip", samples});
-    }
+    static CClipPtr Clip(const CSamples& samples) { return std::make_shared<CClip>(CClip{"clip", samples}); }
 
     void Record(CStream& stream, const std::string& strName, std::uint32_t nMaxSamples, std::uint32_t nSequenceNo = 9)
     {
@@ -33,10 +30,7 @@ protected:
         EXPECT_TRUE(stream.StartRecord(m_folder.Path(strName), nMaxSamples, nSequenceNo, strError)) << strError;
     }
 
-    void CallerSays(const CSamples& samples)
-    {
-        WriteULaw(m_folder.Path("call.in.wav"), SF_FORMAT_WAV, samples);
-    }
+    void CallerSays(const CSamples& samples) { WriteULaw(m_folder.Path("call.in.wav"), SF_FORMAT_WAV, samples); }
 
     // Ticks until the stream is idle.
     void Run(CStream& stream)

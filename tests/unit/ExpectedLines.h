@@ -1,0 +1,223 @@
+// What the tests of CMIntf expect in the captured log, and a log that lets a test act on a line.
+#ifndef EXPECTED_LINES_H
+#define EXPECTED_LINES_H
+
+#include "LogCapture.h"
+#include "MIntf.h"
+
+#include <cstdarg>
+#include <functional>
+#include <string>
+#include <vector>
+
+typedef std::vector<CLogLine> CLogLines;
+
+inline std::string text(const char* pszFormat, ...) __attribute__((format(printf, 1, 2)));
+inline std::string text(const char* pszFormat, ...)
+{
+    char szText[2048];
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    vsnprintf(szText, sizeof(szText), pszFormat, arguments);
+    va_end(arguments);
+    return szText;
+}
+
+inline CLogLine infoLine(const std::string& strText)
+{
+    return {1, 2, strText};
+}
+
+inline CLogLine errorLine(const std::string& strText)
+{
+    return {1, 64, strText};
+}
+
+inline CLogLine operationLine(const std::string& strText)
+{
+    return {8, 2, strText};
+}
+
+inline CLogLines operator+(CLogLines vLeft, const CLogLines& vRight)
+{
+    vLeft.insert(vLeft.end(), vRight.begin(), vRight.end());
+    return vLeft;
+}
+
+// The lines about commands must be made before the call that may destroy these.
+
+inline CLogLine createdLine(const CMIntf::CCommand* pcommand)
+{
+    return infoLine(text("(Info) CCommand::CCommand this = 0x%x", addressForLog(pcommand)));
+}
+
+inline CLogLine destroyedLine(const CMIntf::CCommand* pcommand)
+{
+    return infoLine(text("(Info) CCommand::~CCommand this = 0x%x", addressForLog(pcommand)));
+}
+
+// A command with its number and code, as most lines show it.
+inline std::string commandText(const CMIntf::CCommand* pcommand)
+{
+    return text("SequenceNo = %lu, sid = %d, cmd = %s", static_cast<unsigned long>(pcommand->m_cmd.nSequenceNo),
+                pcommand->m_nStreamID, MICMDToString(pcommand->m_cmd.s_micmd));
+}
+
+// remActiveCommand: pPlay and pRecord are the commands that match, null for none.
+inline CLogLines removalLines(int nStreamID, uint32_t nSequenceNo, const CMIntf::CCommand* pPlay,
+                              const CMIntf::CCommand* pRecord, bool bDelete = false)
+{
+    const int nParam = static_cast<int>(nSequenceNo);
+    CLogLines v = {infoLine(text(" (Info) CMIntf::CMIntf::remActiveCommand called, sid = %d, nSequenceIDParam = %d",
+                                 nStreamID, nParam))};
+    if (pPlay)
+    {
+        v.push_back(infoLine(text("801(Info) CMIntf::remActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+                                  addressForLog(pPlay))));
+        v.push_back(infoLine("(Info) CMIntf::remActiveCommand:calling m_mmapActiveCommandByTimeout.erase, " +
+                             commandText(pPlay)));
+    }
+    if (pPlay && bDelete)
+    {
+        v.push_back(infoLine(text(" (Info) CMIntf::CMIntf::remActiveCommand sid = %d, 1- deleting pcommand 0x%x",
+                                  nStreamID, addressForLog(pPlay))));
+        v.push_back(destroyedLine(pPlay));
+    }
+    v.push_back(infoLine(text(" (Info) CMIntf::CMIntf::remActiveCommand  before active record,sid = %d, "
+                              "nSequenceIDParam = %d",
+                              nStreamID, nParam)));
+    if (pRecord)
+    {
+        v.push_back(infoLine(text("(Info) CMIntf::remActiveCommand:=> going to erase CCommand ptr = 0x%x",
+                                  addressForLog(pRecord))));
+        v.push_back(infoLine("(Info) CMIntf::remActiveCommand called for RECORD, " + commandText(pRecord)));
+    }
+    if (pRecord && bDelete)
+    {
+        v.push_back(infoLine(text(" (Info) CMIntf::CMIntf::remActiveCommand sid = %d, 2- deleting pcommand 0x%x",
+                                  nStreamID, addressForLog(pRecord))));
+        v.push_back(destroyedLine(pRecord));
+    }
+    v.push_back(infoLine(text(" (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = %d, nSequenceIDParam = %d",
+                              nStreamID, nParam)));
+    return v;
+}
+
+// A request on its way and its one answer, up to the result.
+inline CLogLines exchangeLines(int nStreamID, const char* pszCommand, uint32_t nSequenceNo,
+                               const char* pszResponse = "MIRSP_STATUS", MCSTATUS mcstatus = MCS_OK)
+{
+    const unsigned long ulSequenceNo = nSequenceNo;
+    return {operationLine("CMIntf::sendCommand - sending"),
+            infoLine(text("(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d", pszCommand,
+                          ulSequenceNo, nStreamID)),
+            {8, 64,
+             text("(Info) CMIntf::sendCommand, tried to get correct response, trycount = 1, psrsp->nRespSequenceNo = "
+                  "%lu, psrsp->s_mirsp = %s",
+                  ulSequenceNo, pszResponse)},
+            operationLine(text("<<<CMIntf::sendCommand (%d), rsp %s, mcstatus 0x%08X", nStreamID, pszResponse,
+                               static_cast<unsigned int>(mcstatus)))};
+}
+
+// What is around the lines of a command that ends with its response. strAddress: see createdAddresses.
+inline CLogLines immediateBeginLines(const std::string& strAddress, const char* pszCommand)
+{
+    return {infoLine("(Info) CCommand::CCommand this = 0x" + strAddress),
+            infoLine("(Info) CMIntf::sendCommand nStreamID = 0, pcommand = 0x" + strAddress),
+            operationLine(text("CMIntf::sendCommand (0), cmd %s", pszCommand))};
+}
+
+inline CLogLines immediateFailedLines(const std::string& strAddress, MCSTATUS mcstatus)
+{
+    return {infoLine(text("(Info) CMIntf::sendCommand nStreamID = 0, mcstatus=%d : DELETING pcommand = 0x%s", mcstatus,
+                          strAddress.c_str())),
+            infoLine("(Info) CCommand::~CCommand this = 0x" + strAddress)};
+}
+
+// A command that ends with its response, accepted.
+inline CLogLines immediateLines(const std::string& strAddress, const char* pszCommand, uint32_t nSequenceNo,
+                                const char* pszResponse = "MIRSP_STATUS")
+{
+    return immediateBeginLines(strAddress, pszCommand) + exchangeLines(0, pszCommand, nSequenceNo, pszResponse) +
+           CLogLines{operationLine(text("CMIntf::sendCommand deleting pcommand  pcommand=0X%s : cmd %s",
+                                        strAddress.c_str(), pszCommand)),
+                     infoLine("(Info) CCommand::~CCommand this = 0x" + strAddress)};
+}
+
+// The same, refused by the driver.
+inline CLogLines immediateRefusedLines(const std::string& strAddress, const char* pszCommand, uint32_t nSequenceNo)
+{
+    return immediateBeginLines(strAddress, pszCommand) +
+           exchangeLines(0, pszCommand, nSequenceNo, "MIRSP_STATUS", MCS_REFUSED) +
+           CLogLines{operationLine("CMIntf::sendCommand - removing from active command, calling remActiveCommand")} +
+           removalLines(0, nSequenceNo, nullptr, nullptr) + immediateFailedLines(strAddress, MCS_REFUSED);
+}
+
+// The same without a connection.
+inline CLogLines immediateNotConnectedLines(const std::string& strAddress, const char* pszCommand)
+{
+    return immediateBeginLines(strAddress, pszCommand) +
+           CLogLines{infoLine(" (Error) CMIntf::sendCommand - media driver not running or not connected"),
+                     operationLine("<<<CMIntf::sendCommand (0), rsp MIRSP_NULL, mcstatus 0x0000002F")} +
+           immediateFailedLines(strAddress, MCS_NOTCONNECTED);
+}
+
+// The addresses of the commands created since the log was cleared, in order: those of commands that
+// a call creates and destroys are known from here only.
+inline std::vector<std::string> createdAddresses(const CLogRecord& log)
+{
+    const std::string strBegin = "(Info) CCommand::CCommand this = 0x";
+    std::vector<std::string> vAddresses;
+    for (const std::string& strLine : log.linesWith(strBegin))
+        vAddresses.push_back(strLine.substr(strBegin.size()));
+    return vAddresses;
+}
+
+// A capture that hands each text on at once, on the thread that writes it: see CLineHook.
+class CHookedCapture : public CLogCapture
+{
+  public:
+    CHookedCapture(std::shared_ptr<CLogRecord> pRecord, std::function<void(const std::string&)> onLine)
+        : CLogCapture(std::move(pRecord)), m_onLine(std::move(onLine))
+    {
+    }
+
+    int LogStringArgListX(OrvLogLib::LogLib_Priority priority, const char* pszFormat, const char* pszSource,
+                          va_list arguments) override
+    {
+        char szText[2048];
+        va_list copy;
+        va_copy(copy, arguments);
+        vsnprintf(szText, sizeof(szText), pszFormat, copy);
+        va_end(copy);
+        const int nLength = CLogCapture::LogStringArgListX(priority, pszFormat, pszSource, arguments);
+        m_onLine(szText);
+        return nLength;
+    }
+
+  private:
+    const std::function<void(const std::string&)> m_onLine;
+};
+
+// Calls onLine for each line while it lives. onLine may not log.
+class CLineHook
+{
+  public:
+    CLineHook(std::shared_ptr<CLogRecord> pRecord, std::function<void(const std::string&)> onLine) : m_pRecord(pRecord)
+    {
+        g_pmintf->replaceLogFile(new CHookedCapture(pRecord, std::move(onLine)));
+    }
+    ~CLineHook() { g_pmintf->replaceLogFile(new CLogCapture(m_pRecord)); }
+    CLineHook(const CLineHook&) = delete;
+    CLineHook& operator=(const CLineHook&) = delete;
+
+  private:
+    const std::shared_ptr<CLogRecord> m_pRecord;
+};
+
+inline bool contains(const std::string& strText, const char* pszPart)
+{
+    return strText.find(pszPart) != std::string::npos;
+}
+
+#endif

@@ -1,0 +1,54 @@
+// What the tests of the log file share: a folder of their own, registries made from settings, and
+// stand-ins for the system calls that a test cannot see otherwise.
+#ifndef LOG_FILE_SUPPORT_H
+#define LOG_FILE_SUPPORT_H
+
+#include "OrvLogLib.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace logtest
+{
+constexpr unsigned long TRACE = 1;
+
+struct CSyslogCall
+{
+    int nPriority;
+    std::string strText;
+};
+
+// The log library's calls of these go to stand-ins in this program.
+std::vector<CSyslogCall> syslogCalls();
+int syncCalls();
+void failTruncation(bool bFail); // ftruncate fails with EPERM
+
+// Registers the settings through the constructor that an application calls.
+OrvLogLib::CLogFileRegistry registryOf(OrvLogLib::CLogFile* pLogFile, const OrvLogLib::CLogSettings& settings);
+
+std::string contentOf(const std::string& strPath);
+std::vector<std::string> linesOf(const std::string& strPath); // fails the test when the last line has no end
+std::string textOf(const std::string& strLine);               // without date, ids and priority
+bool exists(const std::string& strPath);
+int descriptorOf(const std::string& strPath); // of this process, -1: none has the file open
+
+// Gives this process mounts of its own. False where that is forbidden.
+bool ownMounts();
+} // namespace logtest
+
+class LogFileTest : public testing::Test
+{
+protected:
+    LogFileTest();
+    ~LogFileTest() override;
+
+    std::string path(const char* pszName) const { return m_strFolder + "/" + pszName; }
+
+    // Settings that put files into the folder of this test and never wait before another try.
+    OrvLogLib::CLogSettings m_settings;
+    std::string m_strFolder;
+};
+
+#endif
