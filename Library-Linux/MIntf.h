@@ -173,7 +173,8 @@ class CMIntf
     void replaceLogFile(OrvLogLib::CLogFile* pLogFile);
     void replaceLogFileRegistry(OrvLogLib::CLogFileRegistry* pLogFileRegistry);
 
-    // The connection id for a request that is about to be composed.
+    // The connection id for a request that is about to be composed. The transport puts the then
+    // current one in its place when it writes the record.
     int connectID() const { return loadUnlocked(m_nConnectID); }
 
     // ACQUIRED_AFTER: the clip-file lock is always taken first.

@@ -295,9 +295,14 @@ bool CLogFile::CWriter::makeRoom(size_t nBytes, uint64_t ullNow)
 int CLogFile::CWriter::writeToFile(LogLib_Priority priority, CLogText& text)
 {
     const uint64_t ullNow = milliseconds();
-    if (ullNow >= m_ullTryAt && tellLost(ullNow))
+    const int nTold = ullNow < m_ullTryAt ? -1 : tellLost(ullNow);
+    if (nTold >= 0)
     {
         const int nWritten = append(priority, text, ullNow);
+        // Else the last bytes of a disk would fill up with lines that tell of one lost line each.
+        const bool bTakenBack = nWritten < 0 && nTold > 0 && takeBack(static_cast<size_t>(nTold));
+        if (!bTakenBack)
+            m_ullLost = 0;
         if (nWritten > 0)
             return nWritten;
     }
@@ -305,18 +310,17 @@ int CLogFile::CWriter::writeToFile(LogLib_Priority priority, CLogText& text)
     return -1;
 }
 
-bool CLogFile::CWriter::tellLost(uint64_t ullNow)
+// Returns the length of the line that tells of lost lines, 0 when none were, -1 when it could not be
+// written.
+int CLogFile::CWriter::tellLost(uint64_t ullNow)
 {
     if (m_ullLost == 0)
-        return true;
+        return 0;
     char szBuffer[128];
     CLogText text;
     text.append(0, "%llu line%s lost: %s", static_cast<unsigned long long>(m_ullLost), m_ullLost == 1 ? "" : "s",
                 strerror_r(m_nLostReason, szBuffer, sizeof(szBuffer)));
-    if (append(LogLib_High, text, ullNow) <= 0)
-        return false;
-    m_ullLost = 0;
-    return true;
+    return append(LogLib_High, text, ullNow);
 }
 
 int CLogFile::CWriter::append(LogLib_Priority priority, CLogText& text, uint64_t ullNow)
@@ -357,8 +361,11 @@ bool CLogFile::CWriter::writeBytes(const char* pBytes, size_t nBytes)
         else if (nWritten == 0 || errno != EINTR)
         {
             const int nError = nWritten == 0 ? ENOSPC : errno;
-            if (nDone > 0)
-                takeBack(nDone);
+            if (nDone > 0 && !takeBack(nDone))
+            {
+                m_bBrokenLine = true;
+                m_ullSize += nDone;
+            }
             errno = nError;
             return false;
         }
@@ -367,16 +374,18 @@ bool CLogFile::CWriter::writeBytes(const char* pBytes, size_t nBytes)
     return true;
 }
 
-// Cuts off the last nBytes that were written, unless another process has appended since.
-void CLogFile::CWriter::takeBack(size_t nBytes)
+// Cuts off the last nBytes that were written; false, with the file as it was, when that is refused or
+// another process has appended since.
+bool CLogFile::CWriter::takeBack(size_t nBytes)
 {
     const off_t nEnd = lseek(m_nFile, 0, SEEK_CUR);
+    const off_t nNewEnd = nEnd - static_cast<off_t>(nBytes);
     struct stat status;
-    if (nEnd >= static_cast<off_t>(nBytes) && fstat(m_nFile, &status) == 0 && status.st_size == nEnd &&
-        ftruncate(m_nFile, nEnd - static_cast<off_t>(nBytes)) == 0)
-        return;
-    m_bBrokenLine = true;
-    m_ullSize += nBytes;
+    if (nNewEnd < 0 || fstat(m_nFile, &status) != 0 || status.st_size != nEnd || ftruncate(m_nFile, nNewEnd) != 0)
+        return false;
+    lseek(m_nFile, nNewEnd, SEEK_SET); // appending does not need it, the next call of this does
+    m_ullSize = static_cast<uint64_t>(nNewEnd);
+    return true;
 }
 
 size_t CLogFile::CWriter::formatHead(char (&szHead)[CLogText::HEAD_ROOM], LogLib_Priority priority)

@@ -123,11 +123,11 @@ private:
     bool makeRoom(size_t nBytes, uint64_t ullNow) REQUIRES(m_mutex);
 
     int writeToFile(LogLib_Priority priority, CLogText& text) REQUIRES(m_mutex);
-    bool tellLost(uint64_t ullNow) REQUIRES(m_mutex);
+    int tellLost(uint64_t ullNow) REQUIRES(m_mutex);
     int append(LogLib_Priority priority, CLogText& text, uint64_t ullNow) REQUIRES(m_mutex);
     bool endBrokenLine() REQUIRES(m_mutex);
     bool writeBytes(const char* pBytes, size_t nBytes) REQUIRES(m_mutex);
-    void takeBack(size_t nBytes) REQUIRES(m_mutex);
+    bool takeBack(size_t nBytes) REQUIRES(m_mutex);
     size_t formatHead(char (&szHead)[CLogText::HEAD_ROOM], LogLib_Priority priority) REQUIRES(m_mutex);
 
     // Constant after construction.

@@ -68,8 +68,8 @@ inline CLogLines removalLines(int nStreamID, uint32_t nSequenceNo, const CMIntf:
                               const CMIntf::CCommand* pRecord, bool bDelete = false)
 {
     const int nParam = static_cast<int>(nSequenceNo);
-    CLogLines v = {infoLine(text(" (Info) CMIntf::CMIntf::remActiveCommand called, sid = %d, nSequenceIDParam = %d",
-                                 nStreamID, nParam))};
+    CLogLines v = {infoLine(
+        text(" (Info) CMIntf::CMIntf::remActiveCommand called, sid = %d, nSequenceIDParam = %d", nStreamID, nParam))};
     if (pPlay)
     {
         v.push_back(infoLine(text("801(Info) CMIntf::remActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
@@ -88,8 +88,8 @@ inline CLogLines removalLines(int nStreamID, uint32_t nSequenceNo, const CMIntf:
                               nStreamID, nParam)));
     if (pRecord)
     {
-        v.push_back(infoLine(text("(Info) CMIntf::remActiveCommand:=> going to erase CCommand ptr = 0x%x",
-                                  addressForLog(pRecord))));
+        v.push_back(infoLine(
+            text("(Info) CMIntf::remActiveCommand:=> going to erase CCommand ptr = 0x%x", addressForLog(pRecord))));
         v.push_back(infoLine("(Info) CMIntf::remActiveCommand called for RECORD, " + commandText(pRecord)));
     }
     if (pRecord && bDelete)
@@ -98,8 +98,8 @@ inline CLogLines removalLines(int nStreamID, uint32_t nSequenceNo, const CMIntf:
                                   nStreamID, addressForLog(pRecord))));
         v.push_back(destroyedLine(pRecord));
     }
-    v.push_back(infoLine(text(" (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = %d, nSequenceIDParam = %d",
-                              nStreamID, nParam)));
+    v.push_back(infoLine(
+        text(" (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = %d, nSequenceIDParam = %d", nStreamID, nParam)));
     return v;
 }
 
@@ -162,16 +162,36 @@ inline CLogLines immediateNotConnectedLines(const std::string& strAddress, const
            immediateFailedLines(strAddress, MCS_NOTCONNECTED);
 }
 
-// The addresses of the commands created since the log was cleared, in order: those of commands that
-// a call creates and destroys are known from here only.
-inline std::vector<std::string> createdAddresses(const CLogRecord& log)
+// The addresses of the commands created, in order: those of commands that a call both creates and
+// destroys are known from its lines only.
+inline std::vector<std::string> createdAddresses(const CLogLines& vLines)
 {
     const std::string strBegin = "(Info) CCommand::CCommand this = 0x";
     std::vector<std::string> vAddresses;
-    for (const std::string& strLine : log.linesWith(strBegin))
-        vAddresses.push_back(strLine.substr(strBegin.size()));
+    for (const CLogLine& line : vLines)
+    {
+        if (line.strText.rfind(strBegin, 0) == 0)
+            vAddresses.push_back(line.strText.substr(strBegin.size()));
+    }
     return vAddresses;
 }
+
+// The lines of a log from a point on.
+class CNewLines
+{
+  public:
+    explicit CNewLines(std::shared_ptr<CLogRecord> pRecord) : m_pRecord(std::move(pRecord)) {}
+    void beginHere() { m_nBegin = m_pRecord->lines().size(); }
+    CLogLines get() const
+    {
+        const CLogLines vLines = m_pRecord->lines();
+        return CLogLines(vLines.begin() + static_cast<std::ptrdiff_t>(m_nBegin), vLines.end());
+    }
+
+  private:
+    const std::shared_ptr<CLogRecord> m_pRecord;
+    size_t m_nBegin = 0;
+};
 
 // A capture that hands each text on at once, on the thread that writes it: see CLineHook.
 class CHookedCapture : public CLogCapture

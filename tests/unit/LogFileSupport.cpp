@@ -149,6 +149,11 @@ bool ownMounts()
 
 LogFileTest::LogFileTest()
 {
+    {
+        const std::lock_guard<std::mutex> hold(s_mutex);
+        s_vSyslogCalls.clear();
+    }
+    s_nSyncCalls = 0;
     char szFolder[] = "/tmp/log-test-XXXXXX";
     m_strFolder = mkdtemp(szFolder) ? szFolder : "";
     m_settings.pszFolder = m_strFolder.c_str();

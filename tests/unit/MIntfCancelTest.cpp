@@ -22,7 +22,7 @@ TEST_F(MIntfCancel, DropsQueuedPlaysAndAsksTheDriverToEndTheActiveOne)
     const CLogLines vDropped = {destroyedLine(pcommandQueued1), destroyedLine(pcommandQueued2)};
     EXPECT_EQ(MCS_OK, m_pmintf->cancel(5, 1));
 
-    const std::string strAddress = createdAddresses(*m_pLog).at(0);
+    const std::string strAddress = createdAddresses(m_pLog->lines()).at(0);
     EXPECT_EQ(CLogLines{operationLine("CMIntf::cancel, id 5")} + vDropped +
                   immediateLines(strAddress, "MICMD_CANCEL", 41),
               m_pLog->lines());
@@ -132,8 +132,7 @@ TEST_F(MIntfCancel, HoldsTheLockAcrossTheExchange)
     m_pLog->clear();
     std::vector<int> vDepths;
     {
-        CLineHook hook(m_pLog,
-                       [&](const std::string&) { vDepths.push_back(m_pmintf->m_pCritSecCMIntf->depth()); });
+        CLineHook hook(m_pLog, [&](const std::string&) { vDepths.push_back(m_pmintf->m_pCritSecCMIntf->depth()); });
         m_pmintf->cancel(5, 1);
     }
     // Entry; the queued command's end; the command, its two lines; then the transport has it as well.

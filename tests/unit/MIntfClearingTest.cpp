@@ -56,13 +56,13 @@ class MIntfClearing : public CMIntfTest
         return {infoLine("test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands"),
                 infoLine(text("801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
                               addressForLog(pcommand))),
-                infoLine("(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand"),
-                destroyedLine(pcommand)};
+                infoLine("(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand"), destroyedLine(pcommand)};
     }
 
     const CLogLine m_lineEntry = infoLine("(Info) CMIntf::CMIntf::clearActiveCommand ENTRY");
     const CLogLine m_lineEvent = infoLine("CMIntf::sendEvent, evt 1");
-    const CLogLine m_lineEventFailed = errorLine(text("(Error) CMIntf::sendEvent, error writing event pipe %d", EAGAIN));
+    const CLogLine m_lineEventFailed =
+        errorLine(text("(Error) CMIntf::sendEvent, error writing event pipe %d", EAGAIN));
 };
 
 TEST_F(MIntfClearing, OpenEventPipeTakesOneEventPerActiveCommandPlaysFirst)
@@ -105,11 +105,11 @@ TEST_F(MIntfClearing, ClosedEventPipeDestroysEveryActiveCommandPlaysFirst)
                                 removalLines(3, 2, pcommandPlay3, nullptr) + directRemovalLines(pcommandPlay3) +
                                 removalLines(1, 1, nullptr, pcommandRecord) + directRemovalLines(pcommandRecord);
     EXPECT_EQ(3, commandsAlive());
-    const size_t nBefore = m_pLog->lines().size();
+    CNewLines newLines(m_pLog);
+    newLines.beginHere();
     m_pmintf->clearActiveCommands(45);
 
-    const CLogLines vLines = m_pLog->lines();
-    EXPECT_EQ(vExpected, CLogLines(vLines.begin() + static_cast<std::ptrdiff_t>(nBefore), vLines.end()));
+    EXPECT_EQ(vExpected, newLines.get());
     expectNothingActive();
     EXPECT_TRUE(handler.m_vReports.empty());
 }
@@ -123,11 +123,11 @@ TEST_F(MIntfClearing, ClosedEventPipeClearsBothSidesOfOneStream)
     const CLogLines vExpected = CLogLines{m_lineEntry, m_lineEvent, m_lineEvent} +
                                 removalLines(5, 1, pcommandPlay, nullptr) + directRemovalLines(pcommandPlay) +
                                 removalLines(5, 2, nullptr, nullptr) + directRemovalLines(pcommandRecord);
-    const size_t nBefore = m_pLog->lines().size();
+    CNewLines newLines(m_pLog);
+    newLines.beginHere();
     m_pmintf->clearActiveCommands(45);
 
-    const CLogLines vLines = m_pLog->lines();
-    EXPECT_EQ(vExpected, CLogLines(vLines.begin() + static_cast<std::ptrdiff_t>(nBefore), vLines.end()));
+    EXPECT_EQ(vExpected, newLines.get());
     expectNothingActive();
 }
 
@@ -160,6 +160,19 @@ TEST_F(MIntfClearing, RecordWhoseEventDoesNotFitTakesTheToldPlayWithIt)
     expectNothingActive();
 }
 
+TEST_F(MIntfClearing, ManyRecordsWhoseEventsDoNotFitTakeTheToldPlaysWithThem)
+{
+    for (const int nStreamID : {5, 6, 7})
+    {
+        sendCommand(nStreamID, MICMD_PLAYFILE);
+        sendCommand(nStreamID, MICMD_RECORDFILE);
+    }
+    fillEventPipe(3);
+    m_pmintf->clearActiveCommands(45);
+    EXPECT_EQ(3u, takeDoneEvents().size());
+    expectNothingActive();
+}
+
 TEST_F(MIntfClearing, PlayWhoseEventDoesNotFitTakesTheToldRecordWithIt)
 {
     sendCommand(5, MICMD_PLAYFILE);
@@ -167,12 +180,10 @@ TEST_F(MIntfClearing, PlayWhoseEventDoesNotFitTakesTheToldRecordWithIt)
     fillEventPipe(0);
     {
         // The reader comes between the two.
-        CLineHook hook(m_pLog,
-                       [this](const std::string& strLine)
-                       {
-                           if (contains(strLine, "error writing event pipe"))
-                               takeEvents();
-                       });
+        CLineHook hook(m_pLog, [this](const std::string& strLine) {
+            if (contains(strLine, "error writing event pipe"))
+                takeEvents();
+        });
         m_pmintf->clearActiveCommands(45);
     }
 

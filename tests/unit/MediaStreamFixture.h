@@ -15,8 +15,9 @@
 class CMediaStreamTest : public CMIntfTest
 {
   protected:
-    static const int STREAM_ID = 5;
-    static const unsigned long UNTOUCHED = ~0UL;
+    static constexpr int STREAM_ID = 5;
+    static constexpr int CONNECTION = CONNECT_ID;
+    static constexpr unsigned long UNTOUCHED = ~0UL;
 
     CMediaStreamTest() : m_services(&m_completions), m_pStream(std::make_unique<CZelMediaStreamImpl>()) {}
 

@@ -185,9 +185,9 @@ TEST_F(OrvLogLibTest, ErrnoIsPrintedAndKept)
     CLogFile log("Media", "Media", false, false, true);
     const CLogFileRegistry registry = registryOf(&log, m_settings);
     errno = ENOENT;
-    log.TraceString(TRACE, LogLib_Normal, "%m");
+    logFrom(log, nullptr, "%m");
     EXPECT_EQ(errno, ENOENT);
-    log.TraceString(TRACE, LogLib_Normal, "%2000s %m", "");
+    logFrom(log, nullptr, "%2000s %m", "");
     EXPECT_EQ(errno, ENOENT);
     log.ReportEventToWIN32Log(1, 0, 0, nullptr, nullptr);
     EXPECT_EQ(errno, ENOENT);

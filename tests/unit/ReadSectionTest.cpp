@@ -66,7 +66,11 @@ private:
 struct CObject
 {
     explicit CObject(int nNumber) : m_nNumber(nNumber), m_nTwice(2 * nNumber) {}
-    ~CObject() { m_nNumber = m_nTwice = -1; }
+    ~CObject()
+    {
+        m_nNumber = -1;
+        m_nTwice = -1;
+    }
     volatile int m_nNumber;
     volatile int m_nTwice;
 };
@@ -130,11 +134,15 @@ TEST(ReadSectionTest, LeavingANestedSectionLeavesNothing)
 
 TEST(ReadSectionTest, OwnSectionsAreNotWaitedFor)
 {
-    const CReadSection section;
-    const CReadSection nested;
-    CReadSection::waitForReaders();
-    CWaiter waiter;
-    EXPECT_TRUE(waiter.waits()) << "another thread does wait for them";
+    std::unique_ptr<CWaiter> pWaiter;
+    {
+        const CReadSection section;
+        const CReadSection nested;
+        CReadSection::waitForReaders();
+        pWaiter = std::make_unique<CWaiter>();
+        EXPECT_TRUE(pWaiter->waits()) << "another thread does wait for them";
+    }
+    EXPECT_TRUE(pWaiter->returns());
 }
 
 TEST(ReadSectionTest, ReadersThatComeAgainAndAgainHoldNobodyUp)
@@ -146,7 +154,7 @@ TEST(ReadSectionTest, ReadersThatComeAgainAndAgainHoldNobodyUp)
             while (!bStop)
                 const CReadSection section;
         });
-    for (int n = 0; n < 1000; ++n)
+    for (int n = 0; n < 100; ++n)
         CReadSection::waitForReaders();
     bStop = true;
     reader.join();
@@ -232,13 +240,16 @@ TEST(ReadSectionTest, ReplacedObjectIsNeverDeletedUnderAReader)
             {
                 while (!bStop)
                 {
-                    const CReadSection section;
-                    const CObject* const pObject = pShared.load(std::memory_order_acquire);
-                    const int nNumber = pObject->m_nNumber;
-                    const CReadSection nested;
-                    if (nNumber < 0 || pObject->m_nTwice != 2 * nNumber)
-                        ++nTorn;
-                    ++nReads;
+                    {
+                        const CReadSection section;
+                        const CObject* const pObject = pShared.load(std::memory_order_acquire);
+                        const int nNumber = pObject->m_nNumber;
+                        const CReadSection nested;
+                        if (nNumber < 0 || pObject->m_nTwice != 2 * nNumber)
+                            ++nTorn;
+                        ++nReads;
+                    }
+                    std::this_thread::yield(); // else every wait lasts a time slice of a busy machine
                 }
             });
     // Half of the replacing is done by threads that come and go.
@@ -252,8 +263,8 @@ TEST(ReadSectionTest, ReplacedObjectIsNeverDeletedUnderAReader)
     };
     for (int n = 0; n < 20; ++n)
     {
-        std::thread other([&replace, n] { replace(100 * n, 50); });
-        replace(100 * n + 50, 50);
+        std::thread other([&replace, n] { replace(20 * n, 10); });
+        replace(20 * n + 10, 10);
         other.join();
     }
     bStop = true;

@@ -68,8 +68,8 @@ class CLogRegistryPlain : public OrvLogLib::CLogFileRegistry
 {
   public:
     CLogRegistryPlain()
-        : CLogFileRegistry(nullptr, "Test", nullptr, nullptr, nullptr, 0, 1, 100, 1000, 3, 1023, 0, 1023, 0, 10000, 0, 1,
-                           40000, 1, 0)
+        : CLogFileRegistry(nullptr, "Test", nullptr, nullptr, nullptr, 0, 1, 100, 1000, 3, 1023, 0, 1023, 0, 10000, 0,
+                           1, 40000, 1, 0)
     {
     }
 };
@@ -178,9 +178,10 @@ TEST_F(ServicesImpl, CompletionReachesTheStreamOfItsId)
     m_pLog->clear();
     m_services.OnCMIntfCompletion(5, 46, CHandler::MCCR_RECORD);
     EXPECT_EQ((std::vector<CCompletion>{{handle(0x10), 46, CHandler::MCCR_RECORD}}), m_completions.all());
-    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
-                                               "0x0000002E, reason 0x00000002")}),
-              lines());
+    EXPECT_EQ(
+        (std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
+                                             "0x0000002E, reason 0x00000002")}),
+        lines());
 }
 
 TEST_F(ServicesImpl, StatusAndReasonOfACompletionPassUnchanged)
@@ -192,19 +193,21 @@ TEST_F(ServicesImpl, StatusAndReasonOfACompletionPassUnchanged)
     EXPECT_EQ((std::vector<CCompletion>{{handle(0x10), -2, CHandler::MCCR_OTHER},
                                         {handle(0x10), 12345, static_cast<CHandler::MCCOMPLETION_REASON>(3)}}),
               m_completions.all());
-    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
-                                               "0xFFFFFFFE, reason 0x00000000"),
-                                     operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
-                                               "0x00003039, reason 0x00000003")}),
-              lines());
+    EXPECT_EQ(
+        (std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
+                                             "0xFFFFFFFE, reason 0x00000000"),
+                               operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
+                                             "0x00003039, reason 0x00000003")}),
+        lines());
 }
 
 TEST_F(ServicesImpl, CompletionOfAnUnknownStreamIsOneLineAndDropped)
 {
     m_services.OnCMIntfCompletion(9, 3, CHandler::MCCR_PLAY);
-    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000000), sid 9, status "
-                                               "0x00000003, reason 0x00000001")}),
-              lines());
+    EXPECT_EQ(
+        (std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000000), sid 9, status "
+                                             "0x00000003, reason 0x00000001")}),
+        lines());
     EXPECT_EQ(0u, m_completions.count());
 }
 
@@ -214,9 +217,10 @@ TEST_F(ServicesImpl, CompletionWithoutAHandlerIsALine)
     services.addStream(handle(0x10), 5);
     m_pLog->clear();
     services.OnCMIntfCompletion(5, 0, CHandler::MCCR_PLAY);
-    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
-                                               "0x00000000, reason 0x00000001")}),
-              lines());
+    EXPECT_EQ(
+        (std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::OnCMIntfCompletion (0x00000010), sid 5, status "
+                                             "0x00000000, reason 0x00000001")}),
+        lines());
 }
 
 TEST_F(ServicesImpl, LineOfACompletionPrecedesTheHandler)
@@ -231,8 +235,7 @@ TEST_F(ServicesImpl, LineOfACompletionPrecedesTheHandler)
 TEST_F(ServicesImpl, HandlerRunsOutsideTheLockAndMayChangeTheRegistry)
 {
     int nDepth = -1;
-    m_completions.m_onCompletion = [&](const CCompletion&)
-    {
+    m_completions.m_onCompletion = [&](const CCompletion&) {
         nDepth = lockOf(m_services).depth();
         disconnect();
         EXPECT_EQ(MCS_NOTCONNECTED, m_services.remStream(5));

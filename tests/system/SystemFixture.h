@@ -1,0 +1,168 @@
+// What the tests of the built library on real pipes have in common, on top of ServicesFixture.h.
+#ifndef SYSTEM_FIXTURE_H
+#define SYSTEM_FIXTURE_H
+
+#include "ServicesFixture.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <functional>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using CHandler = CZelMediaStreamCompletionHandler;
+
+// Looks again and again until the condition holds; false when that takes too long.
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds limit = std::chrono::seconds(60))
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+inline std::string responsePipe()
+{
+    return MI_RESPONSE_PIPE_PREFIX + std::to_string(getpid());
+}
+
+inline std::string eventPipe()
+{
+    return MI_EVENT_PIPE_PREFIX + std::to_string(getpid());
+}
+
+// The names in a folder, without "." and "..".
+inline std::vector<std::string> namesIn(const std::string& strFolder)
+{
+    std::vector<std::string> vNames;
+    DIR* const pFolder = opendir(strFolder.c_str());
+    if (!pFolder)
+        return vNames;
+    while (const dirent* const pEntry = readdir(pFolder))
+    {
+        if (pEntry->d_name[0] != '.')
+            vNames.push_back(pEntry->d_name);
+    }
+    closedir(pFolder);
+    return vNames;
+}
+
+// Keeps the streams it opens and closes them at the end of the test: no command may outlive the
+// services object that it reports to.
+class CSystemTest : public CServicesTest
+{
+  protected:
+    ~CSystemTest() override
+    {
+        for (CZelMediaStream* const pStream : m_vStreams)
+            m_pServices->closeMediaStream(pStream);
+    }
+
+    CZelMediaStream* open(const std::string& strCallID = "call-1")
+    {
+        CZelMediaStream* const pStream = openStream(strCallID);
+        if (pStream)
+            m_vStreams.push_back(pStream);
+        return pStream;
+    }
+
+    int tryOpen()
+    {
+        CZelMediaStream* pStream = nullptr;
+        const int nStatus = m_pServices->openMediaStream(&pStream, "call-try", 1);
+        if (pStream)
+            m_vStreams.push_back(pStream);
+        return nStatus;
+    }
+
+    static int play(CZelMediaStream* pStream, const std::string& strFile, unsigned long ulTimeout = 60, int nFlag = 0)
+    {
+        return pStream->playAddFile(text(strFile.c_str()), 0, ulTimeout, nFlag, 0, 0);
+    }
+
+    int record(CZelMediaStream* pStream, const std::string& strFile, unsigned long ulTimeout = 60, int nFlag = 0)
+    {
+        return pStream->recordToFile(text(strFile.c_str()), 0, 5, ulTimeout, nFlag);
+    }
+
+    int recordWithPrompt(CZelMediaStream* pStream, unsigned long ulFileID, const std::string& strFile,
+                         unsigned long ulTimeout = 60, int nFlag = 0)
+    {
+        return pStream->recordToFileWithPromptPhrase(ulFileID, 0, 800, text(strFile.c_str()), 0, 5, ulTimeout, nFlag);
+    }
+
+    unsigned long openPhraseFile(const std::string& strFile)
+    {
+        unsigned long ulFileID = 0;
+        EXPECT_EQ(MCS_OK, m_pServices->openPhraseFile(text(strFile.c_str()), &ulFileID));
+        return ulFileID;
+    }
+
+    // The files of all plays and recordings that the driver was asked for, in order.
+    std::vector<std::string> filesAtDriver() const
+    {
+        std::vector<std::string> vFiles;
+        for (const structMICMD& request : m_driver.requests())
+        {
+            if (request.s_micmd == MICMD_PLAYFILE || request.s_micmd == MICMD_RECORDFILE)
+                vFiles.push_back(request.playFile.szFileName);
+        }
+        return vFiles;
+    }
+
+    // Returns once the event thread has dealt with every event that is in its pipe now.
+    void drainEvents()
+    {
+        const int nMark = ++m_nMark;
+        structMIEVT evt = {};
+        evt.s_mievt = MIEVT_DONE;
+        evt.nStreamID = MARK_STREAM;
+        evt.nSequenceID = static_cast<uint32_t>(nMark);
+        const int nPipe = ::open(eventPipe().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_EQ(static_cast<ssize_t>(sizeof(evt)), write(nPipe, &evt, sizeof(evt))) << strerror(errno);
+        close(nPipe);
+        const std::string strLine = "read event, nSequenceID = (" + std::to_string(nMark) + "), nStreamID = (" +
+                                    std::to_string(MARK_STREAM) + ")";
+        ASSERT_TRUE(waitUntil([&] { return m_pLog->count(strLine) == 1; }));
+    }
+
+    // Command records made and not destroyed since the log was taken over or cleared.
+    long commandsAlive() const
+    {
+        long nAlive = 0;
+        for (const CLogLine& line : m_pLog->lines())
+        {
+            nAlive += line.strText.rfind("(Info) CCommand::CCommand", 0) == 0;
+            nAlive -= line.strText.rfind("(Info) CCommand::~CCommand", 0) == 0;
+        }
+        return nAlive;
+    }
+    bool waitCommandsAlive(long nExpected)
+    {
+        return waitUntil([&] { return commandsAlive() == nExpected; }, std::chrono::seconds(20));
+    }
+
+    // A driver that was there and is gone, noticed by a request that could not be written.
+    void loseDriver()
+    {
+        m_driver.die();
+        EXPECT_EQ(MCS_PIPEWRITE, tryOpen());
+    }
+
+  private:
+    static const int MARK_STREAM = -4711;
+    int m_nMark = 0;
+    std::vector<CZelMediaStream*> m_vStreams;
+};
+
+#endif
