@@ -173,8 +173,8 @@ class CMIntf
     void replaceLogFile(OrvLogLib::CLogFile* pLogFile);
     void replaceLogFileRegistry(OrvLogLib::CLogFileRegistry* pLogFileRegistry);
 
-    // The connection id for a request that is about to be composed. The transport puts the then
-    // current one in its place when it writes the record.
+    // The connection id for a request that is about to be composed; -1 while not connected, which
+    // the transport replaces if the connection is there when it writes the record.
     int connectID() const { return loadUnlocked(m_nConnectID); }
 
     // ACQUIRED_AFTER: the clip-file lock is always taken first.
@@ -247,8 +247,8 @@ class CMIntf
     int injectCompletion(int nStreamID, CMIntfCompletionHandler* pcomplHandler) REQUIRES(m_pCritSecCMIntf);
 
     // Clearing
-    void injectCompletions(const CSide& side, MIRESULT result, std::vector<CCommand*>& vUntold)
-        REQUIRES(m_pCritSecCMIntf);
+    std::vector<CCommand*> injectCompletions(const CSide& side, MIRESULT result) REQUIRES(m_pCritSecCMIntf);
+    void destroyUntold(CCommand* pcommand, const std::vector<CCommand*>& vRecordsToCome) REQUIRES(m_pCritSecCMIntf);
     CCommand* eraseActive(const CSide& side, int nStreamID) REQUIRES(m_pCritSecCMIntf);
     MCSTATUS sendCancel(int nStreamID, uint32_t nCancelType);
     static void destroyList(CCommandList* plist, int bRecordOnly);
@@ -267,7 +267,7 @@ class CMIntf
     void dropAfterFatalStatus(int nStreamID, CCommandOwner& pcommandCompleted) REQUIRES(m_pCritSecCMIntf);
     void updateStreamTiming(int nStreamID) REQUIRES(m_pCritSecCMIntf);
     CCommandOwner takeNextCommand(const CSide& side, int nStreamID) REQUIRES(m_pCritSecCMIntf);
-    void startNextCommand(const CSide& side, CCommandOwner pcommand);
+    void startNextCommand(const CSide& side, CCommandOwner pcommand, bool bStreamWasOpen);
     bool reportCompletion(const CCommand& command, MCSTATUS mcstatus, const char* pszFormat);
 
     // Clip files

@@ -18,40 +18,20 @@ bool byStreamID(const CMIntf::CCommand* pleft, const CMIntf::CCommand* pright)
 void CMIntf::clearActiveCommands(MIRESULT result)
 {
     trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY");
-    std::vector<CCommand*> vUntold;
-    injectCompletions(s_sidePlay, result, vUntold);
-    const auto nPlays = static_cast<std::ptrdiff_t>(vUntold.size());
-    injectCompletions(s_sideRecord, result, vUntold);
-
-    for (CCommand* const pcommand : vUntold)
-    {
-        unlinkActiveCommand(pcommand);
-        trace(TRACE_INFO, LogLib_Normal,
-              "test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands");
-        trace(TRACE_INFO, LogLib_Normal,
-              "801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
-              addressForLog(pcommand));
-        for (const CSide* const pside : {&s_sidePlay, &s_sideRecord})
-        {
-            // The stream's other command goes too. Unless its own turn comes, nobody else will
-            // destroy it. Plays are before records in the list, each ascending by stream.
-            CCommand* const pcommandOther = eraseActive(*pside, pcommand->m_nStreamID);
-            if (pcommandOther &&
-                !std::binary_search(vUntold.begin() + nPlays, vUntold.end(), pcommandOther, byStreamID))
-            {
-                eraseDeadline(pcommandOther, nullptr);
-                delete pcommandOther;
-            }
-        }
-        trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand");
-        delete pcommand;
-    }
+    const std::vector<CCommand*> vPlays = injectCompletions(s_sidePlay, result);
+    const std::vector<CCommand*> vRecords = injectCompletions(s_sideRecord, result);
+    for (CCommand* const pcommand : vPlays)
+        destroyUntold(pcommand, vRecords);
+    for (CCommand* const pcommand : vRecords)
+        destroyUntold(pcommand, {});
 }
 
-// Writes a completion event for each active command of a side. Those it could not write are added
-// to vUntold; a command that finds no memory there stays active until its deadline.
-void CMIntf::injectCompletions(const CSide& side, MIRESULT result, std::vector<CCommand*>& vUntold)
+// Writes a completion event for each active command of a side. Returns those that it could not
+// write, in ascending order of streams; a command that finds no memory there stays active until its
+// deadline.
+std::vector<CMIntf::CCommand*> CMIntf::injectCompletions(const CSide& side, MIRESULT result)
 {
+    std::vector<CCommand*> vUntold;
     for (const auto& entry : this->*side.pmapActive)
     {
         CCommand* const pcommand = entry.second;
@@ -71,6 +51,31 @@ void CMIntf::injectCompletions(const CSide& side, MIRESULT result, std::vector<C
             continue;
         }
     }
+    return vUntold;
+}
+
+// Destroys a command that nobody could be told of. The other command of its stream is unlinked
+// with it: it has no owner either then, unless it is a record whose own turn is to come.
+void CMIntf::destroyUntold(CCommand* pcommand, const std::vector<CCommand*>& vRecordsToCome)
+{
+    unlinkActiveCommand(pcommand);
+    trace(TRACE_INFO, LogLib_Normal,
+          "test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands");
+    trace(TRACE_INFO, LogLib_Normal,
+          "801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+          addressForLog(pcommand));
+    for (const CSide* const pside : {&s_sidePlay, &s_sideRecord})
+    {
+        CCommand* const pcommandOther = eraseActive(*pside, pcommand->m_nStreamID);
+        if (pcommandOther &&
+            !std::binary_search(vRecordsToCome.begin(), vRecordsToCome.end(), pcommandOther, byStreamID))
+        {
+            eraseDeadline(pcommandOther, nullptr);
+            delete pcommandOther;
+        }
+    }
+    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand");
+    delete pcommand;
 }
 
 CMIntf::CCommand* CMIntf::eraseActive(const CSide& side, int nStreamID)

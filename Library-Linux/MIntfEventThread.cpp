@@ -235,8 +235,10 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
     CCommandOwner pcommandCompleted;
     CCommandOwner pcommandNextPlay;
     CCommandOwner pcommandNextRecord;
+    bool bStreamOpen;
     {
         CCritSecHold hold(m_pCritSecCMIntf);
+        bStreamOpen = m_mapStreamByStreamID.count(nStreamID) != 0;
         pcommandCompleted = retireCompleted(evt, mcstatus, bNotify);
         if (mcstatus == MCS_OK)
         {
@@ -272,8 +274,8 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
         }
     }
     pcommandCompleted.reset();
-    startNextCommand(s_sidePlay, std::move(pcommandNextPlay));
-    startNextCommand(s_sideRecord, std::move(pcommandNextRecord));
+    startNextCommand(s_sidePlay, std::move(pcommandNextPlay), bStreamOpen);
+    startNextCommand(s_sideRecord, std::move(pcommandNextRecord), bStreamOpen);
 }
 
 // Unlinks the active play-side command that the event finishes; null for a late or stale event.
@@ -330,20 +332,24 @@ CMIntf::CCommandOwner CMIntf::takeNextCommand(const CSide& side, int nStreamID)
     return pcommand;
 }
 
-void CMIntf::startNextCommand(const CSide& side, CCommandOwner pcommand)
+// bStreamWasOpen: whether the stream was registered when the command was taken from its queue. One
+// that has been closed since gets no command any more; the lock keeps a close out until it is sent.
+void CMIntf::startNextCommand(const CSide& side, CCommandOwner pcommand, bool bStreamWasOpen)
 {
     if (!pcommand)
         return;
-    const int nStreamID = pcommand->m_nStreamID;
-    structMIRSP rsp;
-    CCommand* const pcommandSent = pcommand.release();
-    const MCSTATUS mcstatus = sendCommand(pcommandSent, &rsp, side.bPlay ? 1 : 0);
-    if (mcstatus == MCS_OK)
-        return;
-
-    pcommand.reset(pcommandSent);
+    MCSTATUS mcstatus;
     {
         CCritSecHold hold(m_pCritSecCMIntf);
+        const int nStreamID = pcommand->m_nStreamID;
+        if (bStreamWasOpen && m_mapStreamByStreamID.count(nStreamID) == 0)
+            return;
+        structMIRSP rsp;
+        CCommand* const pcommandSent = pcommand.release();
+        mcstatus = sendCommand(pcommandSent, &rsp, side.bPlay ? 1 : 0);
+        if (mcstatus == MCS_OK)
+            return;
+        pcommand.reset(pcommandSent);
         clearQueue(this->*side.pmapQueue, nStreamID, 0);
     }
     reportCompletion(*pcommand, mcstatus, side.pszNotSent);

@@ -104,8 +104,8 @@ MCSTATUS CMIntf::sendCommand(CCommand* pcommand, structMIRSP* psrsp, int bUsePla
 
     if (bSend)
     {
-        // What the composer read may be an older connection's by now, or none's.
-        if (micmd != MICMD_CONNECT)
+        // Composed while the event thread was connecting: no driver could answer the id -1.
+        if (micmd != MICMD_CONNECT && pcommand->m_cmd.nConnectID == -1)
             pcommand->m_cmd.nConnectID = m_nConnectID;
         const CExchangeResult result = exchange(pcommand->m_cmd, psrsp, nStreamID);
         traceResult(nStreamID, psrsp, result.mcstatus);

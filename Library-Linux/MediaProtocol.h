@@ -16,9 +16,9 @@
 
 enum
 {
-    MI_PIPE_NAME_SIZE = 32,   // bytes, terminating NUL included
-    MI_CALL_ID_SIZE = 32,     // bytes, terminating NUL included
-    MI_FILE_NAME_SIZE = 256,  // bytes, terminating NUL included
+    MI_PIPE_NAME_SIZE = 32,  // bytes, terminating NUL included
+    MI_CALL_ID_SIZE = 32,    // bytes, terminating NUL included
+    MI_FILE_NAME_SIZE = 256, // bytes, terminating NUL included
     MI_SAMPLES_PER_SECOND = 8000,
     MI_SAMPLES_PER_MILLISECOND = MI_SAMPLES_PER_SECOND / 1000
 };

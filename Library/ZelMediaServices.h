@@ -187,7 +187,8 @@ public:
     // Tells only whether the stream is usable; *pInfo is neither read nor written.
     int playGetInfo(_CHANNEL_PLAY_DATA* pInfo);
 
-    // Records the channel into a file, or queues the recording behind the running one.
+    // Records the channel into a file. A second recording waits behind the running one; it is dropped
+    // without a completion when that one ends with a status other than 0.
     //
     // pszFileName   path as the driver sees it; only its first 255 characters travel
     // nRlen         appears in the log and has no other effect

@@ -13,7 +13,7 @@ function(zelmedia_exports TARGET NAME)
   if(NOT ZELMEDIA_SANITIZE AND NOT ZELMEDIA_COVERAGE)
     target_link_options(${TARGET} PRIVATE -Wl,--no-undefined)
     add_custom_command(TARGET ${TARGET} POST_BUILD
-      COMMAND ${CMAKE_SOURCE_DIR}/cmake/check-exports $<TARGET_FILE:${TARGET}> ${SYMBOLS}
+      COMMAND ${PROJECT_SOURCE_DIR}/cmake/check-exports $<TARGET_FILE:${TARGET}> ${SYMBOLS}
       VERBATIM)
   endif()
 endfunction()

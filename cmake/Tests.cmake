@@ -8,7 +8,7 @@ function(zelmedia_test NAME)
   target_link_libraries(${NAME} PRIVATE zelmedia_warnings ${ARG_LIBS} GTest::gmock_main)
   # ctest and the test discovery both start programs through this property.
   set_target_properties(${NAME} PROPERTIES
-    CROSSCOMPILING_EMULATOR ${CMAKE_SOURCE_DIR}/tests/support/private-tmp)
+    CROSSCOMPILING_EMULATOR ${PROJECT_SOURCE_DIR}/tests/support/private-tmp)
   gtest_discover_tests(${NAME} TEST_PREFIX "${NAME}." DISCOVERY_TIMEOUT 60)
 endfunction()
 

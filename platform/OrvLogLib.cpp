@@ -31,7 +31,6 @@ void CLogText::appendArgList(size_t nMaxLength, const char* pszFormat, va_list a
 {
     if (!pszFormat)
         return;
-    const int nErrno = errno; // both passes must print the same for %m
     va_list again;
     va_copy(again, arguments);
     const int nAll = vsnprintf(m_pBuffer + HEAD_ROOM + m_nLength, m_nRoom - m_nLength, pszFormat, arguments);
@@ -40,9 +39,7 @@ void CLogText::appendArgList(size_t nMaxLength, const char* pszFormat, va_list a
         nLength = nMaxLength;
     if (nLength >= m_nRoom)
     {
-        const bool bReserved = reserve(nLength);
-        errno = nErrno;
-        if (bReserved)
+        if (reserve(nLength))
             vsnprintf(m_pBuffer + HEAD_ROOM + m_nLength, m_nRoom - m_nLength, pszFormat, again);
         else
             nLength = m_nRoom - 1;

@@ -17,7 +17,7 @@
 class CMIntfTest : public testing::Test
 {
 protected:
-    static const int CONNECT_ID = 77;
+    static constexpr int CONNECT_ID = 77;
 
     CMIntfTest();
     ~CMIntfTest() override;

@@ -148,7 +148,12 @@ TEST_F(Exchange, LateAnswerOfThePreviousRequestIsSkipped)
 TEST_F(Exchange, FrozenDriverThatThawsAnswersTooLateAndItsEventIsStale)
 {
     CZelMediaStream* const pStream = open();
-    m_driver.freeze();
+    // Frozen on its own thread, so that no request slips through any more.
+    m_driver.onCommand(MICMD_RECORDGETSTATUS, [this](const structMICMD& request) {
+        m_driver.freeze();
+        m_driver.accept(request);
+    });
+    EXPECT_EQ(1, pStream->recordGetStatus());
     EXPECT_EQ(MCS_NORESPONSE, play(pStream, "/p/frozen.wav"));
     m_driver.thaw();
     const structMICMD late = m_driver.waitRequest(MICMD_PLAYFILE);

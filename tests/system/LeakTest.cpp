@@ -1,58 +1,8 @@
 // A long life leaves nothing behind: descriptors, threads and memory are the same after it.
+#include "BlockCount.h"
 #include "SystemFixture.h"
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define COUNT_BLOCKS 0
-#else
-#define COUNT_BLOCKS 1
-#endif
-
-namespace
-{
-std::atomic<long> s_nBlocks{0};
-} // namespace
-
-#if COUNT_BLOCKS
-// The whole process allocates here, the library included. Blocks are counted, not bytes: what only
-// grows, as the scripted driver's memory of its requests does, stays one block.
-void* operator new(size_t nBytes)
-{
-    void* const p = malloc(nBytes ? nBytes : 1);
-    if (!p)
-        throw std::bad_alloc();
-    ++s_nBlocks;
-    return p;
-}
-
-void* operator new(size_t nBytes, const std::nothrow_t&) noexcept
-{
-    void* const p = malloc(nBytes ? nBytes : 1);
-    if (p)
-        ++s_nBlocks;
-    return p;
-}
-
-void operator delete(void* p) noexcept
-{
-    if (p)
-        --s_nBlocks;
-    free(p);
-}
-
-void operator delete(void* p, size_t) noexcept
-{
-    operator delete(p);
-}
-
-void operator delete(void* p, const std::nothrow_t&) noexcept
-{
-    operator delete(p);
-}
-#endif
 
 class Leak : public CSystemTest
 {
@@ -84,13 +34,13 @@ class Leak : public CSystemTest
     {
         run();
         const CUsage usage;
-        const long nBlocks = s_nBlocks;
+        const long nBlocks = blockCount();
         for (int n = 0; n < nTimes && !HasFatalFailure(); ++n)
             run();
         // The last blocks may still be in the hands of the event thread or the driver's.
-        waitUntil([&] { return s_nBlocks <= nBlocks && CUsage() == usage; }, std::chrono::seconds(5));
+        waitUntil([&] { return blockCount() <= nBlocks && CUsage() == usage; }, std::chrono::seconds(5));
         EXPECT_EQ(usage, CUsage());
-        EXPECT_GE(nBlocks, s_nBlocks);
+        EXPECT_GE(nBlocks, blockCount());
     }
 
     size_t count(MICMD micmd) const { return m_driver.count(micmd); }
@@ -157,4 +107,4 @@ TEST_P(LeakOfRestarts, TenRestartsOfTheDriverLeaveNothingBehind)
 }
 
 INSTANTIATE_TEST_SUITE_P(With, LeakOfRestarts, testing::Bool(),
-                         [](const auto& info) { return info.param ? "CommandsInFlight" : "IdleStreams"; });
+                         [](const auto& with) { return with.param ? "CommandsInFlight" : "IdleStreams"; });

@@ -1,4 +1,4 @@
-// The connection id of a request: always that of the connection on which it is written.
+// The connection id of a request that was composed while the library was connecting.
 #include "MIntfFixture.h"
 
 class MIntfConnectID : public CMIntfTest
@@ -20,30 +20,15 @@ TEST_F(MIntfConnectID, RequestComposedBeforeTheConnectCarriesTheNewId)
     EXPECT_EQ(CONNECT_ID, vRequests[0].nConnectID);
 }
 
-TEST_F(MIntfConnectID, QueuedCommandCarriesTheIdOfTheConnectionThatItIsSentOn)
-{
-    sendCommand(5);
-    CMIntf::CCommand* const pcommandQueued = sendCommand(5);
-    pcommandQueued->m_cmd.nConnectID = CONNECT_ID - 1;
-    takeRequests();
-
-    respondNext();
-    structMIEVT evt = {MIEVT_DONE, 5, m_pmintf->m_nNextSequenceNo - 1, 0};
-    m_pmintf->doneEventPass(evt);
-    const std::vector<structMICMD> vRequests = takeRequests();
-    ASSERT_EQ(1u, vRequests.size());
-    EXPECT_EQ(CONNECT_ID, vRequests[0].nConnectID);
-}
-
 TEST_F(MIntfConnectID, ConnectIsSentAsComposed)
 {
     structMICMD cmd = {};
     structMIRSP rsp;
     cmd.s_micmd = MICMD_CONNECT;
-    cmd.nConnectID = 0;
+    cmd.nConnectID = -1;
     respondNext(MIRSP_CONNECT, 78);
     EXPECT_EQ(MCS_OK, m_pmintf->sendImmediate(&cmd, &rsp));
     const std::vector<structMICMD> vRequests = takeRequests();
     ASSERT_EQ(1u, vRequests.size());
-    EXPECT_EQ(0, vRequests[0].nConnectID);
+    EXPECT_EQ(-1, vRequests[0].nConnectID);
 }

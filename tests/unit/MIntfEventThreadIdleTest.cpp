@@ -137,6 +137,9 @@ TEST_F(MIntfEventThreadIdle, DriverThatAppearsIsConnectedAndGetsTheClipFiles)
     EXPECT_EQ(1234, vRequests[1].nConnectID);
 
     EXPECT_EQ(CLogLines(), idlePassLines()); // and no second connect
+
+    respondNext();
+    EXPECT_EQ(MCS_OK, m_pmintf->closeFile(nFileID));
 }
 
 TEST_F(MIntfEventThreadIdle, RequestPipeIsOpenedForNonBlockingWrites)

@@ -2,13 +2,11 @@
 #include "LogFileSupport.h"
 
 #include <cerrno>
-#include <cstring>
+#include <csignal>
 #include <ctime>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <memory>
-#include <regex>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -88,9 +86,9 @@ TEST_F(OrvLogLibTest, LineHasDateTimeProcessThreadPriorityAndText)
     const std::vector<std::string> vLines = linesOf(path("Media.log"));
     ASSERT_THAT(vLines, SizeIs(1));
     EXPECT_EQ(nWritten, static_cast<int>(vLines[0].size() + 1));
-    const std::regex shape("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} p" + std::to_string(getpid()) + " t" +
-                           std::to_string(gettid()) + " 64 id 7, name");
-    EXPECT_TRUE(std::regex_match(vLines[0], shape)) << vLines[0];
+    const std::string strShape = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6} p" +
+                                 std::to_string(getpid()) + " t" + std::to_string(gettid()) + " 64 id 7, name";
+    EXPECT_THAT(vLines[0], testing::MatchesRegex(strShape));
 }
 
 TEST_F(OrvLogLibTest, TraceClassThatIsOffIsNotFormatted)
@@ -207,8 +205,8 @@ TEST_F(OrvLogLibTest, ErrnoIsPrintedAndKept)
 TEST_F(OrvLogLibTest, NullTextsAreEmptyTexts)
 {
     CLogFile log(nullptr, nullptr, false, true, true);
-    const CLogFileRegistry registry(&log, nullptr, nullptr, nullptr, nullptr, 0, 1, 100, 0, 3, 1023, 2, 1023, 0, 0, 0, 1,
-                                    0, 1, 0);
+    const CLogFileRegistry registry(&log, nullptr, nullptr, nullptr, nullptr, 0, 1, 100, 0, 3, 1023, 2, 1023, 0, 0, 0,
+                                    1, 0, 1, 0);
     EXPECT_STREQ(registry.name(), "");
     EXPECT_EQ(log.TraceString(TRACE, LogLib_Normal, "text"), 0) << "no file name: no file, no loss";
     EXPECT_EQ(logFrom(log, nullptr, nullptr), 0);
@@ -288,15 +286,17 @@ TEST_F(OrvLogLibTest, BrokenStandardErrorRaisesNoSignal)
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     close(ends[0]);
+    const auto before = signal(SIGPIPE, SIG_DFL); // whoever started this program may have it ignored
     {
         const CStderrInto redirected(ends[1]);
         close(ends[1]);
         EXPECT_GT(log.TraceString(TRACE, LogLib_Normal, "line"), 0);
     }
-    EXPECT_THAT(linesOf(path("Media.log")), SizeIs(1));
     sigset_t pending;
     sigpending(&pending);
+    signal(SIGPIPE, before);
     EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    EXPECT_THAT(linesOf(path("Media.log")), SizeIs(1));
 }
 
 TEST_F(OrvLogLibTest, DisabledFileIsNeverMade)
@@ -330,8 +330,8 @@ TEST_F(OrvLogLibTest, TimesShowMillisecondsWhenMicrosecondsAreOff)
     m_settings.nMicroseconds = 0;
     const CLogFileRegistry registry = registryOf(&log, m_settings);
     log.TraceString(TRACE, LogLib_Normal, "line");
-    const std::string strContent = contentOf(path("Media.log"));
-    EXPECT_TRUE(std::regex_search(strContent, std::regex("^.{10} \\d\\d:\\d\\d:\\d\\d\\.\\d{3} p"))) << strContent;
+    EXPECT_THAT(linesOf(path("Media.log")),
+                ElementsAre(testing::MatchesRegex(".{10} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} p.*")));
 }
 
 TEST_F(OrvLogLibTest, TimesAreLocalOrUtc)
@@ -375,8 +375,8 @@ TEST_F(OrvLogLibTest, DefaultsAreTheNumbersThatTheLibraryRegisters)
 TEST_F(OrvLogLibTest, NegativeNumbersCountAsZeroAndMasksBitByBit)
 {
     CLogFile log("Media", "Media", false, false, false);
-    const CLogFileRegistry registry(&log, "Media", m_settings.pszFolder, nullptr, nullptr, -1, 1, -1, -1, -1, -1, 0, -1, 0,
-                                    -1, -1, -1, -1, -1, -1);
+    const CLogFileRegistry registry(&log, "Media", m_settings.pszFolder, nullptr, nullptr, -1, 1, -1, -1, -1, -1, 0, -1,
+                                    0, -1, -1, -1, -1, -1, -1);
     EXPECT_EQ(log.traceMask(), 0xFFFFFFFFul);
     EXPECT_GT(log.TraceString(1024, LogLib_Normal, "%s", std::string(20000, 'x').c_str()), 20000);
     EXPECT_EQ(syncCalls(), 0);
