@@ -6,6 +6,10 @@ function(zelmedia_test NAME)
   cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
   add_executable(${NAME} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${NAME} PRIVATE zelmedia_warnings ${ARG_LIBS} GTest::gmock_main)
+  list(LENGTH ARG_UNPARSED_ARGUMENTS count)
+  if(count GREATER 4) # the headers of GoogleTest take longer than most test files
+    target_precompile_headers(${NAME} PRIVATE <gmock/gmock.h>)
+  endif()
   # ctest and the test discovery both start programs through this property.
   set_target_properties(${NAME} PROPERTIES
     CROSSCOMPILING_EMULATOR ${PROJECT_SOURCE_DIR}/tests/support/private-tmp)

@@ -34,11 +34,30 @@ struct CRegistryArguments
     bool bTextsNull = false;
     std::vector<int> vNumbers;
 };
+const int ALL = -1;
 CLogFileArguments s_logFile;
 CRegistryArguments s_registry;
 int s_nRegistries = 0;
 bool s_bNoLogFile = false;
-unsigned long s_ulTraceMask = 0; // 0: as the library sets it
+unsigned long s_ulTraceMask = 0;   // 0: as the library sets it
+int s_nDescriptorsLeft = ALL;      // once the log file is open
+
+// The lowest descriptor that is free.
+int freeDescriptor()
+{
+    const int nDescriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(nDescriptor);
+    return nDescriptor;
+}
+
+void limitDescriptors(int nLeft)
+{
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(freeDescriptor() + nLeft);
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+        ADD_FAILURE() << "no limit: " << strerror(errno);
+}
 
 typedef void (*LogFileConstructor)(void*, const char*, const char*, bool, bool, bool);
 typedef void (*RegistryConstructor)(void*, CLogFile*, const char*, const char*, const char*, const char*, int, int,
@@ -76,12 +95,12 @@ extern "C"
                       {n1, n2, n3, n4, n5, n6, n7, n8, n9, n10, n11, n12, n13, n14, n15}};
         constructor(pThis, pLogFile, pszName, psz1, psz2, psz3, n1, n2, n3, n4, n5, n6, n7, n8, n9, n10, n11, n12, n13,
                     n14, n15);
-        if (s_ulTraceMask)
-        {
-            // Opens the file while there is a descriptor for it.
+        if (s_ulTraceMask || s_nDescriptorsLeft != ALL)
             pLogFile->TraceString(1023, OrvLogLib::LogLib_Normal, "opened");
+        if (s_ulTraceMask)
             pLogFile->setTraceMask(s_ulTraceMask);
-        }
+        if (s_nDescriptorsLeft != ALL)
+            limitDescriptors(s_nDescriptorsLeft);
     }
 }
 
@@ -92,6 +111,7 @@ class MIntfStart : public testing::Test
     MIntfStart()
     {
         seams::setThreads(seams::Threads::Pretend);
+        getrlimit(RLIMIT_NOFILE, &m_limit);
         const std::string strProcessID = std::to_string(getpid());
         m_strRspPipe = "/tmp/OrvMediaIntf-Rsp-p" + strProcessID;
         m_strEvtPipe = "/tmp/OrvMediaIntf-Evt-p" + strProcessID;
@@ -156,23 +176,18 @@ class MIntfStart : public testing::Test
         return lstat(strPath.c_str(), &status) == 0;
     }
 
-    // The lowest descriptor that is free.
-    static int freeDescriptor()
+    // Starts with that many descriptors left for the pipes: with 1 the event pipe has none.
+    void startWithDescriptors(int nLeft)
     {
-        const int nDescriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        close(nDescriptor);
-        return nDescriptor;
+        s_nDescriptorsLeft = nLeft;
+        start();
+        unlimitDescriptors();
     }
 
-    // Starts with room for that many descriptors: 1 is for the log file, 2 for the response pipe too.
-    void startWithDescriptors(int nCount)
+    void unlimitDescriptors()
     {
-        rlimit limit;
-        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-        const rlimit limitSmall = {static_cast<rlim_t>(freeDescriptor() + nCount), limit.rlim_max};
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limitSmall));
-        start();
-        setrlimit(RLIMIT_NOFILE, &limit);
+        s_nDescriptorsLeft = ALL;
+        setrlimit(RLIMIT_NOFILE, &m_limit);
     }
 
     // Every command of an interface that never connects fails alike.
@@ -198,6 +213,8 @@ class MIntfStart : public testing::Test
     std::unique_ptr<CMIntf> m_pmintf;
 
   private:
+    rlimit m_limit;
+
     CLogLines linesOfStart(const std::function<void()>& begin, unsigned long ulMask)
     {
         unlink(m_strLog.c_str());
@@ -285,9 +302,7 @@ TEST_F(MIntfStart, BrokenPipesDoNotKillTheProcess)
 {
     signal(SIGPIPE, SIG_DFL);
     start();
-    struct sigaction action;
-    ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &action));
-    EXPECT_EQ(SIG_IGN, action.sa_handler);
+    EXPECT_EQ(SIG_IGN, signal(SIGPIPE, SIG_IGN));
 }
 
 TEST_F(MIntfStart, PipesAreNamedByTheProcess)
@@ -427,8 +442,8 @@ TEST_F(MIntfStartFailures, ResponsePipeThatCannotBeOpenedIsRemoved)
     EXPECT_EQ((CLogLines{{8, 2, "CMIntf::initialize"},
                          {1, 64, text("(Error) CMIntf::initialize, can't open response pipe \"%s\" (%d)",
                                       m_strRspPipe.c_str(), EMFILE)}}),
-              linesOfStart([this] { startWithDescriptors(1); }));
-    startWithDescriptors(1);
+              linesOfStart([this] { startWithDescriptors(0); }));
+    startWithDescriptors(0);
     EXPECT_FALSE(exists(m_strRspPipe));
     EXPECT_FALSE(exists(m_strEvtPipe));
     EXPECT_STREQ("", m_pmintf->m_szRspPipe);
@@ -442,8 +457,8 @@ TEST_F(MIntfStartFailures, EventPipeThatCannotBeOpenedTakesBothPipesAwayAndIsRep
     EXPECT_EQ((CLogLines{{8, 2, "CMIntf::initialize"},
                          {1, 64, text("(Error) CMIntf::initialize, can't open event pipe \"%s\" (%d)",
                                       m_strRspPipe.c_str(), EMFILE)}}),
-              linesOfStart([this] { startWithDescriptors(2); }));
-    startWithDescriptors(2);
+              linesOfStart([this] { startWithDescriptors(1); }));
+    startWithDescriptors(1);
     EXPECT_FALSE(exists(m_strRspPipe));
     EXPECT_FALSE(exists(m_strEvtPipe));
     EXPECT_STREQ("", m_pmintf->m_szRspPipe);
@@ -456,18 +471,10 @@ TEST_F(MIntfStartFailures, EventPipeThatCannotBeOpenedTakesBothPipesAwayAndIsRep
 
 TEST_F(MIntfStartFailures, PipesThatCannotBeOpenedHaveAStatusOfTheirOwn)
 {
-    rlimit limit;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-    for (const int nCount : {1, 2})
+    for (const int nLeft : {0, 1})
     {
-        EXPECT_EQ(MCS_PIPEOPEN, statusOfInitialize(
-                                    [&]
-                                    {
-                                        const rlimit limitSmall = {static_cast<rlim_t>(freeDescriptor() + nCount),
-                                                                   limit.rlim_max};
-                                        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &limitSmall));
-                                    }));
-        setrlimit(RLIMIT_NOFILE, &limit);
+        EXPECT_EQ(MCS_PIPEOPEN, statusOfInitialize([nLeft] { s_nDescriptorsLeft = nLeft; }));
+        unlimitDescriptors();
         stop();
     }
 }

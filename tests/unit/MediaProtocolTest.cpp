@@ -69,6 +69,8 @@ class MediaProtocol : public CMIntfTest
         disconnect(); // so that closing the stream waits for no response
         m_pStream.reset();
         m_pServices.reset();
+        for (const auto& entry : m_pmintf->m_mapClipFileByID)
+            delete entry.second;
     }
 
     // A stream that the driver calls 31, through the response that opens it; uses up number 1.

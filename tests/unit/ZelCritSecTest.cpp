@@ -31,6 +31,31 @@ void enterTwiceAndLeave(ZelCritSec& lock) UNCHECKED
     EXPECT_EQ(lock.leaveTag(), 11);
     EXPECT_EQ(lock.owner(), 0);
 }
+
+void holdTwiceWithoutOwner(ZelCritSec& lock) UNCHECKED
+{
+    const CCritSecHold hold(&lock, 5, 6);
+    const CCritSecHold again(&lock, 7, 8);
+    EXPECT_EQ(lock.owner(), 0);
+    EXPECT_EQ(lock.depth(), 0);
+    EXPECT_EQ(lock.enterTag(), 0);
+}
+
+void addOne(ZelCritSec& lock, int& nCount, bool bGiveWay) UNCHECKED
+{
+    const CCritSecHold hold(&lock);
+    const CCritSecHold again(&lock);
+    const int nBefore = nCount;
+    if (bGiveWay)
+        std::this_thread::yield(); // a chance for the others to break in
+    nCount = nBefore + 1;
+}
+
+void holdNothingTwice(ZelCritSec* pNone) UNCHECKED
+{
+    const CCritSecHold hold(pNone);
+    const CCritSecHold again(pNone, 1, 2);
+}
 } // namespace
 
 TEST(ZelCritSecTest, OwnerEntersAgainAndOwnerDepthAndTagsAreKept)
@@ -43,11 +68,7 @@ TEST(ZelCritSecTest, OwnerEntersAgainAndOwnerDepthAndTagsAreKept)
 TEST(ZelCritSecTest, KeepsNoOwnerUnlessAsked)
 {
     ZelCritSec lock("quiet", 0);
-    const CCritSecHold hold(&lock, 5, 6);
-    const CCritSecHold again(&lock, 7, 8);
-    EXPECT_EQ(lock.owner(), 0);
-    EXPECT_EQ(lock.depth(), 0);
-    EXPECT_EQ(lock.enterTag(), 0);
+    holdTwiceWithoutOwner(lock);
 }
 
 TEST(ZelCritSecTest, ExcludesOtherThreads)
@@ -60,14 +81,7 @@ TEST(ZelCritSecTest, ExcludesOtherThreads)
             [&]
             {
                 for (int nTurn = 0; nTurn < 5000; ++nTurn)
-                {
-                    const CCritSecHold hold(&lock);
-                    const CCritSecHold again(&lock);
-                    const int nBefore = nCount;
-                    if (nTurn % 1000 == 0)
-                        std::this_thread::yield(); // gives the others a chance to break in
-                    nCount = nBefore + 1;
-                }
+                    addOne(lock, nCount, nTurn % 1000 == 0);
             });
     for (std::thread& thread : vThreads)
         thread.join();
@@ -94,10 +108,6 @@ TEST(ZelCritSecTest, HoldTagsItsSourceLineAndLeavesAtTheEnd)
 
 TEST(ZelCritSecTest, HoldOfNoLockDoesNothing)
 {
-    ZelCritSec* const pNone = nullptr;
-    {
-        const CCritSecHold hold(pNone);
-        const CCritSecHold again(pNone, 1, 2);
-    }
+    holdNothingTwice(nullptr);
     SUCCEED() << "no crash is what is asked";
 }
