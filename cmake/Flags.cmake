@@ -3,7 +3,7 @@
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 
 if(ZELMEDIA_SANITIZE)
-  add_compile_options(-fsanitize=${ZELMEDIA_SANITIZE} -fno-omit-frame-pointer -g)
+  add_compile_options(-fsanitize=${ZELMEDIA_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ZELMEDIA_SANITIZE})
   if(ZELMEDIA_SANITIZE MATCHES undefined)
     add_compile_options(-fno-sanitize-recover=undefined)

@@ -21,11 +21,13 @@ class CMediaStreamTest : public CMIntfTest
 
     CMediaStreamTest() : m_services(&m_completions), m_pStream(std::make_unique<CZelMediaStreamImpl>()) {}
 
-    // Nobody answers the closing of the stream.
+    // Nobody answers the closing of the stream or of a phrase file that is still open.
     ~CMediaStreamTest() override
     {
         if (m_pmintf->m_npipeReq != -1)
             disconnect();
+        while (!m_pmintf->m_mapClipFileByID.empty())
+            m_services.closePhraseFile(static_cast<unsigned long>(m_pmintf->m_mapClipFileByID.begin()->first));
     }
 
     // The public stream that owns the implementation: only told from others, never followed.

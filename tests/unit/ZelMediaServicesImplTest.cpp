@@ -89,7 +89,12 @@ class ServicesImpl : public CMIntfTest
 {
   protected:
     ServicesImpl() : m_services(&m_completions) { takeRequests(); }
-    ~ServicesImpl() override { disconnect(); }
+    ~ServicesImpl() override
+    {
+        disconnect();
+        while (!m_pmintf->m_mapClipFileByID.empty())
+            m_services.closePhraseFile(static_cast<unsigned long>(m_pmintf->m_mapClipFileByID.begin()->first));
+    }
 
     std::vector<CLogLine> lines() const { return m_pLog->lines(); }
 
