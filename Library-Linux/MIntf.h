@@ -46,7 +46,7 @@ template <size_t SIZE> void copyText(char (&szField)[SIZE], const char* pszText)
 // library lock held.
 class CMIntfCompletionHandler
 {
-  public:
+public:
     virtual ~CMIntfCompletionHandler() = default;
     virtual void OnCMIntfCompletion(int nStreamID, MCSTATUS mcstatus,
                                     CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON reason) = 0;
@@ -54,12 +54,12 @@ class CMIntfCompletionHandler
 
 class CMIntf
 {
-  public:
+public:
     // One command: in the hands of the transport, queued, or active. Whoever creates it fills
     // every field. From sendCommand on CMIntf owns it; the completion handler is never owned.
     class CCommand
     {
-      public:
+    public:
         CCommand();
         ~CCommand();
         CCommand(const CCommand&) = delete;
@@ -208,7 +208,7 @@ class CMIntf
     uint32_t m_nNextSequenceNo GUARDED_BY(m_pCritSecCMIntf); // wraps at 2^32
     int m_nIdleCount;                                        // event thread only
 
-  private:
+private:
     struct CSide;
     struct CExchangeResult;
     typedef std::map<int, CCommandList*> CQueueMap;

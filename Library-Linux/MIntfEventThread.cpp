@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <new>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace OrvLogLib;
@@ -28,6 +29,19 @@ CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON completionReason(MICMD mic
     case MICMD_RECORDFILE: return CZelMediaStreamCompletionHandler::MCCR_RECORD;
     default: return CZelMediaStreamCompletionHandler::MCCR_OTHER;
     }
+}
+
+// Fails while nobody reads the pipe, and, as if nobody did, for anything else under its name: whoever
+// may write into /tmp could have us write into another file.
+int openPipeForWriting(const char* pszPath)
+{
+    const int nDescriptor = open(pszPath, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat status;
+    if (nDescriptor == -1 || (fstat(nDescriptor, &status) == 0 && S_ISFIFO(status.st_mode)))
+        return nDescriptor;
+    close(nDescriptor);
+    errno = ENXIO;
+    return -1;
 }
 
 bool canTimeOut(MICMD micmd)
@@ -119,7 +133,7 @@ bool CMIntf::openRequestPipe()
     }
     trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::eventThreadFunc, about to open request pipe \"%s\"\n",
           MI_REQUEST_PIPE);
-    const int npipeReq = open(MI_REQUEST_PIPE, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    const int npipeReq = openPipeForWriting(MI_REQUEST_PIPE);
     if (npipeReq == -1)
     {
         trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc, can't open request pipe \"%s\" (%d)",

@@ -13,7 +13,7 @@
 // the streams that it opened.
 class CZelMediaServicesImpl : public CMIntfCompletionHandler
 {
-  public:
+public:
     // Creates the process's driver interface if there is none. Throws OrvException (out of memory).
     explicit CZelMediaServicesImpl(CZelMediaStreamCompletionHandler* pHandler);
     ~CZelMediaServicesImpl() override;
@@ -36,7 +36,7 @@ class CZelMediaServicesImpl : public CMIntfCompletionHandler
     // Unregisters a stream and closes it at the driver, registered or not. The driver's status.
     int remStream(int nStreamID);
 
-  private:
+private:
     ZelCritSec* m_pCritSec; // never held while calling out
     CZelMediaStreamCompletionHandler* m_pStreamHandler;
     std::map<int, CZelMediaStream*> m_mapStreamByID GUARDED_BY(m_pCritSec);

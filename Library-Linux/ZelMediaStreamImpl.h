@@ -14,7 +14,7 @@ class CZelMediaServicesImpl;
 // thread at a time, and what the event thread writes here is advisory for the others.
 class CZelMediaStreamImpl
 {
-  public:
+public:
     CZelMediaStreamImpl();
     // Unregisters the stream and closes it at the driver, if it has a driver stream.
     virtual ~CZelMediaStreamImpl();
@@ -66,7 +66,7 @@ class CZelMediaStreamImpl
     uint64_t m_ullPlayStartTick; // 0 while no play is timed
     uint64_t m_ullPlayElapsed;   // ms, 0 until a first play has completed
 
-  private:
+private:
     int openAndRegister(std::string& strCallID, unsigned long ulLegID);
     structMICMD request(MICMD micmd) const;
     int sendPlay(structMICMD& cmd, unsigned long ulTimeout, int nFlag);

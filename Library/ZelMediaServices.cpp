@@ -31,11 +31,11 @@ char* textOrEmpty(char* pszText)
 // The implementation writes its answer here when the application gave no place for it.
 template <class T> class CAnswer
 {
-  public:
+public:
     explicit CAnswer(T* p) : m_p(p ? p : &m_unwanted) {}
     operator T*() { return m_p; }
 
-  private:
+private:
     T m_unwanted = T();
     T* m_p;
 };

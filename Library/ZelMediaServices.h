@@ -45,22 +45,22 @@ typedef int MCSTATUS;
 enum : MCSTATUS
 {
     MCS_OK = 0,
-    MCS_INVALIDHANDLE = 2,     // the stream was lost with the pipes; a null out-pointer was given
-    MCS_CANCELLED = 3,         // a play ended early; its elapsed time counts all the same
-    MCS_OUTOFMEMORY = 4,       // no memory for a command or a stream
-    MCS_THREADFAILED = 6,      // the event thread could not be started
-    MCS_LOCKFAILED = 8,        // the locks could not be created
-    MCS_NORESPONSE = 16,       // the driver did not answer this request in time
-    MCS_REFUSED = 34,          // the driver refused the command
-    MCS_UNKNOWNPHRASEFILE = 41,// no such phrase file id, or the driver has not got the file open
-    MCS_PIPECREATE = 42,       // the response or event pipe could not be created
-    MCS_PIPEOPEN = 43,         // the response or event pipe could not be opened
-    MCS_PIPEREAD = 44,         // reading the response pipe failed: the driver is gone
-    MCS_PIPEWRITE = 45,        // writing a pipe failed: the driver is gone
-    MCS_TIMEDOUT = 46,         // a play or record passed its time-out and was cancelled
-    MCS_NOTCONNECTED = 47,     // the media driver is not running or not connected
-    MCS_NOTINITIALIZED = 48,   // the stream has no driver stream
-    MCS_NOTSUPPORTED = 49      // buffer play and buffer record
+    MCS_INVALIDHANDLE = 2,      // the stream was lost with the pipes; a null out-pointer was given
+    MCS_CANCELLED = 3,          // a play ended early; its elapsed time counts all the same
+    MCS_OUTOFMEMORY = 4,        // no memory for a command or a stream
+    MCS_THREADFAILED = 6,       // the event thread could not be started
+    MCS_LOCKFAILED = 8,         // the locks could not be created
+    MCS_NORESPONSE = 16,        // the driver did not answer this request in time
+    MCS_REFUSED = 34,           // the driver refused the command
+    MCS_UNKNOWNPHRASEFILE = 41, // no such phrase file id, or the driver has not got the file open
+    MCS_PIPECREATE = 42,        // the response or event pipe could not be created
+    MCS_PIPEOPEN = 43,          // the response or event pipe could not be opened
+    MCS_PIPEREAD = 44,          // reading the response pipe failed: the driver is gone
+    MCS_PIPEWRITE = 45,         // writing a pipe failed: the driver is gone
+    MCS_TIMEDOUT = 46,          // a play or record passed its time-out and was cancelled
+    MCS_NOTCONNECTED = 47,      // the media driver is not running or not connected
+    MCS_NOTINITIALIZED = 48,    // the stream has no driver stream
+    MCS_NOTSUPPORTED = 49       // buffer play and buffer record
 };
 
 // The time-out argument that stands for the default of 300 seconds.

@@ -14,7 +14,7 @@
 // The file is complete, header included, after Close, after Update, and when the writer is destroyed.
 class CAudioWriter
 {
-  public:
+public:
     // Creates the file or empties an existing one. The format is by the ending of the path: .wav, .au
     // or .snd, and .ul, .ulaw or .raw for headerless files. Anything else, a path that is not a regular
     // file, and a file that another writer is writing give null; strError then says why, without the path.
@@ -27,7 +27,7 @@ class CAudioWriter
     bool Update();
     bool Close();
 
-  private:
+private:
     CAudioWriter(CFd fd, CSndFile pFile);
 
     CFd m_fd;

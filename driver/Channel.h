@@ -11,7 +11,7 @@
 // All samples are µ-law, 8000 per second. A channel belongs to one stream.
 class CChannel
 {
-  public:
+public:
     virtual ~CChannel() = default;
 
     // Lets the caller hear samples. False when they could not be delivered.
@@ -31,7 +31,7 @@ class CChannel
 // Makes the channels of call ids and legs.
 class CChannelFactory
 {
-  public:
+public:
     virtual ~CChannelFactory() = default;
 
     // Null, with the reason in strError, when there can be no such channel.

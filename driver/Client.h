@@ -12,7 +12,7 @@
 
 class CClient
 {
-  public:
+public:
     // While this many events wait for the client it can start no further play or recording. That
     // bounds the queue without ever losing an event.
     static constexpr std::size_t MAX_WAITING_EVENTS = 1000000;
@@ -40,7 +40,7 @@ class CClient
     std::map<int, std::unique_ptr<CStream>> m_mapStreamByID;
     std::map<int, CClipPtr> m_mapFileByID;
 
-  private:
+private:
     const int m_nConnectID;
     std::unique_ptr<CClientPort> m_pPort;
     std::deque<structMIEVT> m_events;

@@ -18,7 +18,7 @@ bool ParseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNa
 
 class CClientPipes : public CClientPort
 {
-  public:
+public:
     CClientPipes(pid_t nProcessID, CFd fdRsp, CFd fdEvt, int nEpollFd);
 
     ESend SendResponse(const structMIRSP& rsp) override;
@@ -28,7 +28,7 @@ class CClientPipes : public CClientPort
     pid_t ProcessID() const override;
     bool IsProcessGone() const override;
 
-  private:
+private:
     const pid_t m_nProcessID;
     const bool m_bProcessVisible; // false for a client in another process id namespace
     CFd m_fdRsp;
@@ -40,13 +40,13 @@ class CClientPipes : public CClientPort
 // Writes only into existing FIFOs of the expected names, never through a link, and creates nothing.
 class CClientPipesOpener : public CClientPortOpener
 {
-  public:
+public:
     // nEpollFd reports on the pipes, with the connect id as its data.
     explicit CClientPipesOpener(int nEpollFd);
 
     std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) override;
 
-  private:
+private:
     const int m_nEpollFd;
 };
 

@@ -19,7 +19,7 @@ enum class ESend
 // Sends never block and send a record whole or not at all.
 class CClientPort
 {
-  public:
+public:
     virtual ~CClientPort() = default;
 
     virtual ESend SendResponse(const structMIRSP& rsp) = 0;
@@ -39,7 +39,7 @@ class CClientPort
 // Opens what MICMD_CONNECT names. Null, with the reason in strError, when that is not acceptable.
 class CClientPortOpener
 {
-  public:
+public:
     virtual ~CClientPortOpener() = default;
 
     virtual std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) = 0;

@@ -9,7 +9,7 @@
 
 class CClientRegistry
 {
-  public:
+public:
     // Takes a new client in, under a connect id that was never used before. A client of the same
     // process is dropped: it has lost its connection and comes back. Null when it cannot be watched.
     CClient* Add(std::unique_ptr<CClientPort> pPort);
@@ -35,7 +35,7 @@ class CClientRegistry
 
     const std::map<int, std::unique_ptr<CClient>>& Clients() const;
 
-  private:
+private:
     std::map<int, std::unique_ptr<CClient>> m_mapClientByID;
     int m_nNextConnectID = 1;
 };

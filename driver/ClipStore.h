@@ -23,14 +23,14 @@ using CClipPtr = std::shared_ptr<const CClip>;
 // since is decoded anew; holders of the former contents keep those.
 class CClipStore
 {
-  public:
+public:
     // The clip of a file, or null: strError then says why, with the path.
     CClipPtr Load(const std::string& strPath, std::string& strError);
 
     // Number of clips that are in memory.
     std::size_t Size() const;
 
-  private:
+private:
     struct CEntry
     {
         std::weak_ptr<const CClip> m_pClip;

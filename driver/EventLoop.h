@@ -15,7 +15,7 @@
 
 class CEventLoop
 {
-  public:
+public:
     // Blocks the signals that end the driver, for the whole process. Call it before anything that
     // they must not interrupt.
     static void BlockSignals();
@@ -31,7 +31,7 @@ class CEventLoop
     bool Run(CRequestPipe& requestPipe, CRequestHandler& handler, CClientRegistry& registry, ESpeed eSpeed,
              std::string& strError);
 
-  private:
+private:
     bool Watch(int nFd, std::uint64_t ullData);
     void ArmTick(bool bOn);
     void TakeRequests(CRequestPipe& requestPipe, CRequestHandler& handler);

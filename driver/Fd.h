@@ -8,7 +8,7 @@
 
 class CFd
 {
-  public:
+public:
     CFd() = default;
     explicit CFd(int nFd) : m_nFd(nFd) {}
     CFd(CFd&& other) noexcept : m_nFd(std::exchange(other.m_nFd, -1)) {}
@@ -35,7 +35,7 @@ class CFd
         }
     }
 
-  private:
+private:
     int m_nFd = -1;
 };
 

@@ -16,7 +16,7 @@
 // Where there is no file, or where it had ended before, the caller is silent without end.
 class CFileChannel : public CChannel
 {
-  public:
+public:
     CFileChannel(CClipStore& clipStore, std::string strInPath, std::unique_ptr<CAudioWriter> pHeard);
 
     bool Hear(std::span<const std::uint8_t> samples) override;
@@ -24,7 +24,7 @@ class CFileChannel : public CChannel
     bool BeginListening(std::string& strError) override;
     std::size_t Listen(std::span<std::uint8_t> samples) override;
 
-  private:
+private:
     CClipStore& m_clipStore;
     const std::string m_strInPath;
     std::unique_ptr<CAudioWriter> m_pHeard;
@@ -36,14 +36,14 @@ class CFileChannel : public CChannel
 
 class CFileChannelFactory : public CChannelFactory
 {
-  public:
+public:
     CFileChannelFactory(CClipStore& clipStore, std::string strFolder);
 
     // Call ids become parts of file names: those that are empty, hold a slash, ".." or a control
     // character are refused. So is a call id and leg that has an open channel.
     std::unique_ptr<CChannel> Open(const std::string& strCallID, std::uint32_t nLegID, std::string& strError) override;
 
-  private:
+private:
     CClipStore& m_clipStore;
     const std::string m_strFolder;
 };

@@ -11,7 +11,7 @@
 
 class CRequestHandler
 {
-  public:
+public:
     CRequestHandler(CClientRegistry& registry, CClipStore& clipStore, CChannelFactory& channels,
                     CClientPortOpener& opener);
 
@@ -19,7 +19,7 @@ class CRequestHandler
     // client, is logged and dropped. Any content is acceptable; nothing is thrown for it.
     void Handle(const structMICMD& cmd);
 
-  private:
+private:
     // Fills the response, which is an empty MIRSP_STATUS of success. False refuses the command; the
     // reason is then in strError.
     using CommandFunction = bool (CRequestHandler::*)(CClient& client, const structMICMD& cmd, structMIRSP& rsp,

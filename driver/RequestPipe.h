@@ -11,7 +11,7 @@
 
 class CRequestPipe
 {
-  public:
+public:
     CRequestPipe() = default;
     CRequestPipe(const CRequestPipe&) = delete;
     CRequestPipe& operator=(const CRequestPipe&) = delete;
@@ -31,7 +31,7 @@ class CRequestPipe
     // logged and dropped.
     bool Read(structMICMD& cmd);
 
-  private:
+private:
     bool Lock(std::string& strError);
     bool MakeFifo(std::string& strError);
 

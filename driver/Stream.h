@@ -30,7 +30,7 @@ enum : int32_t
 // Destroying a stream ends what is active on it without an event; the files are complete then, too.
 class CStream
 {
-  public:
+public:
     CStream(int nID, std::string strCallID, std::uint32_t nLegID, std::unique_ptr<CChannel> pChannel);
     ~CStream();
 
@@ -61,7 +61,7 @@ class CStream
     // The state in one line, for the log.
     std::string Describe() const;
 
-  private:
+private:
     struct CPlay
     {
         CClipPtr m_pClip;

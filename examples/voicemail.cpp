@@ -51,7 +51,10 @@ class CCompletions : public CZelMediaStreamCompletionHandler
 public:
     void OnMediaStreamCompletion(CZelMediaStream*, MCSTATUS mcstatus, MCCOMPLETION_REASON reason) override
     {
-        say(std::string("completed: ") + (reason == MCCR_PLAY ? "play" : reason == MCCR_RECORD ? "record" : "other") +
+        say(std::string("completed: ") +
+            (reason == MCCR_PLAY     ? "play"
+             : reason == MCCR_RECORD ? "record"
+                                     : "other") +
             ", " + MCSTATUSToString(mcstatus));
         std::lock_guard<std::mutex> hold(m_mutex);
         m_statuses.push_back(mcstatus);
@@ -128,8 +131,7 @@ struct CStreamCloser
 void takeCall(CZelMediaStream& stream, CCompletions& completions, unsigned long ulPhrases,
               const std::map<std::string, CPhrase>& phrases, const std::string& strPrompts, std::string strRecording)
 {
-    const auto play = [&](const char* pszName)
-    {
+    const auto play = [&](const char* pszName) {
         say(std::string("play phrase ") + pszName);
         const CPhrase& phrase = phrases.at(pszName);
         check("playAddPhrase", stream.playAddPhrase(ulPhrases, phrase.m_ulOffset, phrase.m_ulLength, TIMEOUT_S, 0, 0));

@@ -154,14 +154,14 @@ private:
     dev_t m_device GUARDED_BY(m_mutex) = 0;
     ino_t m_inode GUARDED_BY(m_mutex) = 0;
     uint64_t m_ullSize GUARDED_BY(m_mutex) = 0;
-    bool m_bStarted GUARDED_BY(m_mutex) = false;      // the file was once opened and emptied or rotated as asked
-    bool m_bBrokenLine GUARDED_BY(m_mutex) = false;   // the file ends within a line
-    uint64_t m_ullLookAt GUARDED_BY(m_mutex) = 0;     // when to look whether the file was moved away
-    uint64_t m_ullRotateAt GUARDED_BY(m_mutex) = 0;   // when a refused rotation may be tried again
-    uint64_t m_ullTryAt GUARDED_BY(m_mutex) = 0;      // when a failed write may be tried again
-    uint64_t m_ullLost GUARDED_BY(m_mutex) = 0;       // lines lost since the last that was written
-    int m_nLostReason GUARDED_BY(m_mutex) = 0;        // errno of the last failure
-    time_t m_tSecond GUARDED_BY(m_mutex) = -1;        // second that m_szSecond shows
+    bool m_bStarted GUARDED_BY(m_mutex) = false;    // the file was once opened and emptied or rotated as asked
+    bool m_bBrokenLine GUARDED_BY(m_mutex) = false; // the file ends within a line
+    uint64_t m_ullLookAt GUARDED_BY(m_mutex) = 0;   // when to look whether the file was moved away
+    uint64_t m_ullRotateAt GUARDED_BY(m_mutex) = 0; // when a refused rotation may be tried again
+    uint64_t m_ullTryAt GUARDED_BY(m_mutex) = 0;    // when a failed write may be tried again
+    uint64_t m_ullLost GUARDED_BY(m_mutex) = 0;     // lines lost since the last that was written
+    int m_nLostReason GUARDED_BY(m_mutex) = 0;      // errno of the last failure
+    time_t m_tSecond GUARDED_BY(m_mutex) = -1;      // second that m_szSecond shows
     char m_szSecond[32] GUARDED_BY(m_mutex);
 };
 

@@ -38,8 +38,8 @@ struct CLogSettings
     unsigned int nSyncEachLine = 0;         // non-zero: fdatasync after each line
     unsigned int nSyslogAlarms = 1;         // 0: alarms are written into the file only
     unsigned int nReopenMilliseconds = 40000; // how often to look whether the file was moved away, 0: never
-    unsigned int nMicroseconds = 1;         // 0: times show milliseconds
-    unsigned int nUtc = 0;                  // 0: local time, else UTC
+    unsigned int nMicroseconds = 1;           // 0: times show milliseconds
+    unsigned int nUtc = 0;                    // 0: local time, else UTC
 };
 
 // A text file with one line per call:
@@ -119,8 +119,8 @@ public:
     CLogFileRegistry(CLogFile* pLogFile, const char* pszName, const char* pszFolder, const char* pszExtension,
                      const char* pszLinePrefix, int nStartFresh, int nFileEnabled, int nMaxFileMegabytes,
                      int nRetryMilliseconds, int nRotatedFiles, int nTraceMask, int nSyslogMask, int nFileMask,
-                     int nStderrMask, int nMaxLineLength, int nSyncEachLine, int nSyslogAlarms,
-                     int nReopenMilliseconds, int nMicroseconds, int nUtc);
+                     int nStderrMask, int nMaxLineLength, int nSyncEachLine, int nSyslogAlarms, int nReopenMilliseconds,
+                     int nMicroseconds, int nUtc);
     virtual ~CLogFileRegistry();
     CLogFileRegistry(const CLogFileRegistry&) = delete;
     CLogFileRegistry& operator=(const CLogFileRegistry&) = delete;

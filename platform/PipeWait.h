@@ -8,14 +8,14 @@
 // runs on the monotonic clock from construction on.
 class CPipeWait
 {
-  public:
+public:
     CPipeWait(int nDescriptor, unsigned int nBudgetMilliseconds);
 
     // Returns 1 when a read would not block, 0 when the budget is used up first, -1 with errno set
     // when waiting failed.
     int waitReadable();
 
-  private:
+private:
     const int m_nDescriptor;
     const int64_t m_llDeadline; // nanoseconds of the monotonic clock
 };

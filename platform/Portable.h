@@ -8,7 +8,7 @@
 
 class CPortable
 {
-  public:
+public:
     typedef void* (*ThreadEntry)(void* pArgument);
 
     // Starts a detached thread that runs entry(pArgument). The thread starts with every signal

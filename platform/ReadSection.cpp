@@ -72,8 +72,7 @@ void forgetOtherThreads()
 // that readers need none of their own.
 bool barrierWorks()
 {
-    static const bool s_bWorks = []
-    {
+    static const bool s_bWorks = [] {
         pthread_atfork(nullptr, nullptr, forgetOtherThreads);
         return membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
     }();

@@ -9,7 +9,7 @@
 
 class CAPABILITY("lock") ZelCritSec
 {
-  public:
+public:
     // pszName is not copied: give a literal. nKeepOwner non-zero keeps owner, depth and tags.
     ZelCritSec(const char* pszName, int nKeepOwner);
     ~ZelCritSec();
@@ -30,7 +30,7 @@ class CAPABILITY("lock") ZelCritSec
     long enterTag() const { return m_nEnterTag; } // of the last enter
     long leaveTag() const { return m_nLeaveTag; } // of the last leave
 
-  private:
+private:
     const char* const m_pszName;
     const bool m_bKeepOwner;
     pthread_mutex_t m_mutex;
@@ -46,7 +46,7 @@ class CAPABILITY("lock") ZelCritSec
 // memory has no lock, and no second thread either.
 class SCOPED_CAPABILITY CCritSecHold
 {
-  public:
+public:
     explicit CCritSecHold(ZelCritSec* pCritSec, long nTag = __builtin_LINE()) ACQUIRE(pCritSec)
         : CCritSecHold(pCritSec, nTag, nTag)
     {
@@ -65,7 +65,7 @@ class SCOPED_CAPABILITY CCritSecHold
     CCritSecHold(const CCritSecHold&) = delete;
     CCritSecHold& operator=(const CCritSecHold&) = delete;
 
-  private:
+private:
     ZelCritSec* const m_pCritSec;
     const long m_nLeaveTag;
 };

@@ -26,7 +26,7 @@ structMICMD::ConnectBody Body(const std::string& strRspPipe, const std::string& 
 // FIFOs under the names of this process, and an epoll to watch them.
 class ClientPipes : public testing::Test
 {
-  protected:
+protected:
     ClientPipes()
     {
         ::unlink(m_strRsp.c_str());

@@ -17,7 +17,7 @@ namespace
 {
 class DriverProgram : public testing::Test
 {
-  protected:
+protected:
     DriverProgram()
     {
         ::unlink(MI_REQUEST_PIPE);

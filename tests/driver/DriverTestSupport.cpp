@@ -166,7 +166,7 @@ namespace
 {
 class CMemoryPort : public CClientPort
 {
-  public:
+public:
     CMemoryPort(pid_t nProcessID, CMemoryClient& client) : m_nProcessID(nProcessID), m_client(client)
     {
         m_client.m_bPortOpen = true;
@@ -198,7 +198,7 @@ class CMemoryPort : public CClientPort
     pid_t ProcessID() const override { return m_nProcessID; }
     bool IsProcessGone() const override { return m_client.m_bProcessGone; }
 
-  private:
+private:
     const pid_t m_nProcessID;
     CMemoryClient& m_client;
 };

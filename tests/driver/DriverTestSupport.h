@@ -20,7 +20,7 @@
 // A folder that is gone, with its contents, after the test.
 class CTempFolder
 {
-  public:
+public:
     CTempFolder();
     ~CTempFolder();
     CTempFolder(const CTempFolder&) = delete;
@@ -29,14 +29,14 @@ class CTempFolder
     std::string Path(const std::string& strName) const;
     const std::string& Folder() const;
 
-  private:
+private:
     std::string m_strFolder;
 };
 
 // Takes the driver's log while it lives.
 class CLogCapture
 {
-  public:
+public:
     CLogCapture();
     ~CLogCapture();
     CLogCapture(const CLogCapture&) = delete;
@@ -44,20 +44,20 @@ class CLogCapture
 
     std::string Text() const;
 
-  private:
+private:
     std::ostringstream m_stream;
 };
 
 // Keeps files from growing past a size while it lives, which is how a full disk looks to a writer.
 class CFileSizeLimit
 {
-  public:
+public:
     explicit CFileSizeLimit(rlim_t nBytes);
     ~CFileSizeLimit();
     CFileSizeLimit(const CFileSizeLimit&) = delete;
     CFileSizeLimit& operator=(const CFileSizeLimit&) = delete;
 
-  private:
+private:
     rlimit m_former = {};
 };
 
@@ -101,7 +101,7 @@ struct CMemoryClient
 
 class CMemoryOpener : public CClientPortOpener
 {
-  public:
+public:
     std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) override;
 
     std::map<pid_t, CMemoryClient> m_mapClientByProcess;
@@ -110,7 +110,7 @@ class CMemoryOpener : public CClientPortOpener
 // The whole driver but for pipes and clock: requests go in as calls, time passes as calls.
 class CDriverInMemory
 {
-  public:
+public:
     CDriverInMemory();
 
     // Connects the process and returns its connect id, 0 when it got none.
@@ -144,7 +144,7 @@ class CDriverInMemory
     CRequestHandler m_handler;
     int m_nConnectID = 0; // of process 100
 
-  private:
+private:
     structMICMD Next(MICMD micmd);
 
     std::uint32_t m_nSequenceNo = 0;

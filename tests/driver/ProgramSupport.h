@@ -14,7 +14,7 @@
 // A child process that runs the driver program. It is killed if the test leaves it running.
 class CDriverProgram
 {
-  public:
+public:
     explicit CDriverProgram(const std::vector<std::string>& vArguments);
     ~CDriverProgram();
     CDriverProgram(const CDriverProgram&) = delete;
@@ -33,7 +33,7 @@ class CDriverProgram
     // All of its standard error, after its end.
     std::string Errors();
 
-  private:
+private:
     pid_t m_nProcessID = -1;
     CFd m_fdOut;
     CFd m_fdErr;
@@ -42,7 +42,7 @@ class CDriverProgram
 // What the library does on the wire, and no more. One per process, under its own process id.
 class CRawClient
 {
-  public:
+public:
     CRawClient();
     ~CRawClient();
     CRawClient(const CRawClient&) = delete;
@@ -66,7 +66,7 @@ class CRawClient
     std::uint32_t Sequence() const;
     int RequestFd() const;
 
-  private:
+private:
     bool IsDone(const structMICMD& cmd);
 
     std::string m_strRspPipe;

@@ -14,7 +14,7 @@ namespace
 // A driver with a clip, and client 1 playing it on a stream.
 class Clients : public testing::Test
 {
-  protected:
+protected:
     Clients()
     {
         WriteULaw(m_driver.Path("clip.wav"), SF_FORMAT_WAV, Noise(1000));

@@ -11,7 +11,7 @@ namespace
 {
 class RequestHandlerTest : public testing::Test
 {
-  protected:
+protected:
     RequestHandlerTest()
     {
         WriteULaw(m_driver.Path("clip.wav"), SF_FORMAT_WAV, m_clip);

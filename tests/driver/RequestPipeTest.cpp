@@ -15,7 +15,7 @@ const char* const LOCK = MI_REQUEST_PIPE ".lock";
 
 class RequestPipe : public testing::Test
 {
-  protected:
+protected:
     RequestPipe()
     {
         ::unlink(PATH);

@@ -13,7 +13,7 @@ namespace
 {
 class StreamTest : public testing::Test
 {
-  protected:
+protected:
     std::unique_ptr<CStream> Open(const std::string& strCallID = "call", std::uint32_t nLegID = 1)
     {
         std::string strError;

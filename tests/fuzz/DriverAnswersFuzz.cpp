@@ -68,9 +68,15 @@ public:
             answers(input);
             return m_pmintf->doneEventPass(evt);
         }
-        case 3: answers(input); m_pmintf->cancel(nStreamID, input.ConsumeIntegral<uint32_t>()); return;
+        case 3:
+            answers(input);
+            m_pmintf->cancel(nStreamID, input.ConsumeIntegral<uint32_t>());
+            return;
         case 4: m_pmintf->setDone(nStreamID, &m_handler); return;
-        case 5: answers(input); m_pmintf->closeStream(nStreamID); return;
+        case 5:
+            answers(input);
+            m_pmintf->closeStream(nStreamID);
+            return;
         case 6:
         {
             // Overdue commands are cancelled at the driver one by one: answer each at once.
@@ -162,8 +168,8 @@ private:
         structMIRSP rsp;
         cmd.s_micmd = static_cast<MICMD>(input.ConsumeIntegralInRange<int>(MICMD_CONNECT, MICMD_RECORDGETSTATUS));
         const bool bActive = cmd.s_micmd >= MICMD_PLAYCLIP && cmd.s_micmd <= MICMD_RECORDFILE;
-        m_pmintf->sendCommand(nStreamID, &cmd, &rsp, input.ConsumeIntegral<uint32_t>(), &m_handler,
-                              input.ConsumeBool(), bActive && input.ConsumeBool());
+        m_pmintf->sendCommand(nStreamID, &cmd, &rsp, input.ConsumeIntegral<uint32_t>(), &m_handler, input.ConsumeBool(),
+                              bActive && input.ConsumeBool());
     }
 
     CIgnore m_handler;

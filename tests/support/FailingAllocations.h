@@ -20,7 +20,7 @@ inline std::ostream& operator<<(std::ostream& os, Failing failing)
 // While this lives the calling thread's nth allocation (from 1) fails. Other threads are spared.
 class CAllocationFailure
 {
-  public:
+public:
     CAllocationFailure(int nth, Failing failing);
     ~CAllocationFailure();
     CAllocationFailure(const CAllocationFailure&) = delete;
@@ -31,7 +31,7 @@ class CAllocationFailure
 // Spares what the calling thread allocates meanwhile: work of the test inside the library.
 class CAllocationsSpared
 {
-  public:
+public:
     CAllocationsSpared();
     ~CAllocationsSpared();
     CAllocationsSpared(const CAllocationsSpared&) = delete;
@@ -48,7 +48,7 @@ class CAllocationsSpared
 //   }
 class CAttempts
 {
-  public:
+public:
     explicit CAttempts(Failing failing) : m_failing(failing) {}
 
     bool next()
@@ -84,7 +84,7 @@ class CAttempts
     bool failed() const { return m_bFailed; }
     int nth() const { return m_nth; }
 
-  private:
+private:
     const Failing m_failing;
     int m_nth = 0;
     bool m_bFailed = false;

@@ -54,13 +54,11 @@ bool CLogRecord::has(const CLogLine& line) const
 bool CLogRecord::waitFor(const std::string& strPart, size_t nCount, std::chrono::milliseconds limit) const
 {
     std::unique_lock hold(m_mutex);
-    return m_changed.wait_for(hold, limit,
-                              [&]
-                              {
-                                  return static_cast<size_t>(std::count_if(
-                                             m_vLines.begin(), m_vLines.end(), [&](const CLogLine& line)
-                                             { return line.strText.find(strPart) != std::string::npos; })) >= nCount;
-                              });
+    return m_changed.wait_for(hold, limit, [&] {
+        return static_cast<size_t>(std::count_if(m_vLines.begin(), m_vLines.end(), [&](const CLogLine& line) {
+                   return line.strText.find(strPart) != std::string::npos;
+               })) >= nCount;
+    });
 }
 
 std::vector<CAlarm> CLogRecord::alarms() const

@@ -40,11 +40,11 @@ struct CAlarm
 class CLogRecord
 {
 public:
-    std::vector<CLogLine> lines() const;                 // in the order of the calls
-    std::vector<std::string> texts() const;              // the same, texts alone
+    std::vector<CLogLine> lines() const;    // in the order of the calls
+    std::vector<std::string> texts() const; // the same, texts alone
     std::vector<std::string> linesWith(const std::string& strPart) const;
     size_t count(const std::string& strPart) const { return linesWith(strPart).size(); }
-    bool has(const CLogLine& line) const;                // exactly this line
+    bool has(const CLogLine& line) const; // exactly this line
     // True once nCount lines contain strPart; false when that takes too long.
     bool waitFor(const std::string& strPart, size_t nCount = 1,
                  std::chrono::milliseconds limit = std::chrono::seconds(30)) const;

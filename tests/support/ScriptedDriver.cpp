@@ -227,12 +227,10 @@ structMICMD CScriptedDriver::waitRequest(MICMD micmd, size_t nIndex)
 bool CScriptedDriver::waitCount(MICMD micmd, size_t nCount, std::chrono::milliseconds limit) const
 {
     std::unique_lock hold(m_mutex);
-    return m_changed.wait_for(hold, limit,
-                              [&]
-                              {
-                                  size_t nFound = 0;
-                                  for (const structMICMD& request : m_vRequests)
-                                      nFound += request.s_micmd == micmd;
-                                  return nFound >= nCount;
-                              });
+    return m_changed.wait_for(hold, limit, [&] {
+        size_t nFound = 0;
+        for (const structMICMD& request : m_vRequests)
+            nFound += request.s_micmd == micmd;
+        return nFound >= nCount;
+    });
 }

@@ -38,8 +38,8 @@ public:
     // Replaces the answer to a command; acceptAgain undoes it.
     void onCommand(MICMD micmd, Rule rule);
     void acceptAgain(MICMD micmd);
-    void refuse(MICMD micmd);     // MIRSP_STATUS with 1
-    void ignore(MICMD micmd);     // no answer
+    void refuse(MICMD micmd); // MIRSP_STATUS with 1
+    void ignore(MICMD micmd); // no answer
 
     // For rules, and for answers out of turn.
     void accept(const structMICMD& request);

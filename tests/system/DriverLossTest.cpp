@@ -252,7 +252,7 @@ TEST_F(DriverLoss, RestartedDriverIsNotNoticedUntilAWriteFails)
 // Without a driver at first.
 class DriverMissing : public testing::Test
 {
-  protected:
+protected:
     DriverMissing()
         : m_driver(false), m_pLog(std::make_shared<CLogRecord>()), m_pServices(new CZelMediaServices(&m_completions))
     {

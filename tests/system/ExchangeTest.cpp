@@ -22,7 +22,7 @@ std::string triedLine(int nTries, uint32_t nSequenceNo, const char* pszResponse)
 
 class Exchange : public CSystemTest
 {
-  protected:
+protected:
     // Answers a command after nLate answers to a request of long ago.
     void answerAfterLateOnes(MICMD micmd, int nLate, bool bAnswer = true)
     {

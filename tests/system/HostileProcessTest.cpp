@@ -143,7 +143,7 @@ void countSignal(int)
 // Interrupts this process a thousand times a second.
 class CSignalStorm
 {
-  public:
+public:
     explicit CSignalStorm(bool bRestart)
     {
         struct sigaction action = {};
@@ -161,7 +161,7 @@ class CSignalStorm
         sigaction(SIGALRM, &ignore, nullptr);
     }
 
-  private:
+private:
     static void set(int nMicroseconds)
     {
         const itimerval timer = {{0, nMicroseconds}, {0, nMicroseconds}};
@@ -186,7 +186,7 @@ pid_t eventThread()
 
 class SignalStorm : public CSystemTest, public testing::WithParamInterface<bool>
 {
-  protected:
+protected:
     SignalStorm() { s_nEventThread = eventThread(); }
 };
 
@@ -401,7 +401,7 @@ ino_t inodeOf(const std::string& strPath)
 
 class OccupiedName : public testing::TestWithParam<Obstacle>
 {
-  protected:
+protected:
     // The library works on as one that is never connected.
     void expectNeverConnected(CZelMediaServices& services)
     {
@@ -469,7 +469,8 @@ TEST_P(OccupiedRequestPipe, IsTriedUntilADriverTakesItsPlace)
 }
 
 INSTANTIATE_TEST_SUITE_P(By, OccupiedRequestPipe,
-                         testing::Values(Obstacle::Fifo, Obstacle::Folder, Obstacle::DanglingLink, Obstacle::Socket),
+                         testing::Values(Obstacle::Fifo, Obstacle::File, Obstacle::Folder, Obstacle::Link,
+                                         Obstacle::DanglingLink, Obstacle::Socket),
                          [](const auto& by) { return OBSTACLE_NAMES[static_cast<int>(by.param)]; });
 
 INSTANTIATE_TEST_SUITE_P(By, OccupiedName,

@@ -6,7 +6,7 @@
 
 class Leak : public CSystemTest
 {
-  protected:
+protected:
     struct CUsage
     {
         size_t nDescriptors = namesIn("/proc/self/fd").size();

@@ -31,7 +31,7 @@ struct CHistory
         return m_vDeaths;
     }
 
-  private:
+private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_vDeaths;
 };
@@ -39,7 +39,7 @@ struct CHistory
 // Tells when it is deleted while a thread is inside, or entered after that.
 class CWatchedLog : public CLogFile
 {
-  public:
+public:
     explicit CWatchedLog(CHistory& history)
         : CLogFile("Watched", nullptr, false, false, false), m_history(history), m_pState(std::make_shared<CState>())
     {
@@ -68,7 +68,7 @@ class CWatchedLog : public CLogFile
         return 1;
     }
 
-  private:
+private:
     struct CState
     {
         std::atomic<bool> bDead{false};
@@ -80,7 +80,7 @@ class CWatchedLog : public CLogFile
 
 class CWatchedRegistry : public CLogFileRegistry
 {
-  public:
+public:
     CWatchedRegistry(CHistory& history, CLogFile* pLogFile)
         : CLogFileRegistry(pLogFile, "Watched", nullptr, nullptr, nullptr, 0, 1, 100, 1000, 3, 1023, 0, 1023, 0, 10000,
                            0, 1, 40000, 1, 0),
@@ -94,14 +94,14 @@ class CWatchedRegistry : public CLogFileRegistry
         m_history.died("registry");
     }
 
-  private:
+private:
     CHistory& m_history;
 };
 
 // Threads that write lines without a pause, until the end of the scope.
 class CWriters
 {
-  public:
+public:
     CWriters(CZelMediaServices& services, int nThreads) : m_vLines(static_cast<size_t>(nThreads))
     {
         for (std::atomic<long>& nLines : m_vLines)
@@ -133,7 +133,7 @@ class CWriters
         });
     }
 
-  private:
+private:
     std::vector<std::atomic<long>> m_vLines;
     std::vector<std::thread> m_vThreads;
     std::atomic<bool> m_bStop{false};
@@ -141,7 +141,7 @@ class CWriters
 
 class CThrowingLog : public CLogFile
 {
-  public:
+public:
     explicit CThrowingLog(std::atomic<long>& nLines)
         : CLogFile("Throwing", nullptr, false, false, false), m_nLines(nLines)
     {
@@ -157,14 +157,14 @@ class CThrowingLog : public CLogFile
         throw std::runtime_error("alarm");
     }
 
-  private:
+private:
     std::atomic<long>& m_nLines;
 };
 } // namespace
 
 class Logger : public CSystemTest
 {
-  protected:
+protected:
     void expectNoThreadMetADeletedLog() const
     {
         EXPECT_EQ(0, m_history.nDeathsWithinALine);

@@ -12,7 +12,7 @@ const unsigned long NO_FILE = 0xFFFFFFFFUL;
 // What the capture allocates is no allocation of the library.
 class CSparedCapture : public CLogCapture
 {
-  public:
+public:
     using CLogCapture::CLogCapture;
     int LogStringArgListX(OrvLogLib::LogLib_Priority priority, const char* pszFormat, const char* pszSource,
                           va_list arguments) override
@@ -24,7 +24,7 @@ class CSparedCapture : public CLogCapture
 
 class CThrowingLog : public OrvLogLib::CLogFile
 {
-  public:
+public:
     CThrowingLog() : CLogFile("Throwing", nullptr, false, false, false) {}
     int LogStringArgListX(OrvLogLib::LogLib_Priority, const char*, const char*, va_list) override
     {
@@ -39,7 +39,7 @@ class CThrowingLog : public OrvLogLib::CLogFile
 
 class OutOfMemory : public CServicesTest, public testing::WithParamInterface<Failing>
 {
-  protected:
+protected:
     OutOfMemory()
     {
         m_pServices->setLogger(new CSparedCapture(m_pLog), nullptr);

@@ -43,7 +43,7 @@ size_t threadsNamed(const std::string& strWanted)
 // Lives on as a count of how often a line reached it after its death.
 class CMortalLog : public OrvLogLib::CLogFile
 {
-  public:
+public:
     explicit CMortalLog(std::atomic<int>& nLate) : CLogFile("Mortal", nullptr, false, false, false), m_nLate(nLate) {}
     ~CMortalLog() override { m_bAlive = false; }
     int LogStringArgListX(OrvLogLib::LogLib_Priority, const char*, const char*, va_list) override
@@ -53,7 +53,7 @@ class CMortalLog : public OrvLogLib::CLogFile
         return 0;
     }
 
-  private:
+private:
     std::atomic<int>& m_nLate;
     std::atomic<bool> m_bAlive{true};
 };
@@ -61,7 +61,7 @@ class CMortalLog : public OrvLogLib::CLogFile
 
 class PublicCompletions : public CServicesTest
 {
-  protected:
+protected:
     PublicCompletions() { m_pLog->clear(); }
 
     static int play(CZelMediaStream* pStream, const char* pszFile = "/p/a.wav")

@@ -9,7 +9,7 @@
 // An application's handler, and every operation with exactly the types that it has.
 class CHandler : public CZelMediaStreamCompletionHandler
 {
-  public:
+public:
     void OnMediaStreamCompletion(CZelMediaStream*, MCSTATUS, MCCOMPLETION_REASON) override {}
 };
 
@@ -65,7 +65,7 @@ const char* use(CHandler& handler)
 
 class CAppLog : public OrvLogLib::CLogFile
 {
-  public:
+public:
     CAppLog() : CLogFile("app", nullptr, false, false, false) {}
     int LogStringArgListX(OrvLogLib::LogLib_Priority, const char*, const char*, va_list) override { return 0; }
     long ReportEventToWIN32Log(long, unsigned short, unsigned long, const char**, void*) override { return 0; }

@@ -36,7 +36,7 @@ CLogLine operation(const char* pszFormat, const CZelMediaStream* pStream)
 
 class PublicInterface : public CServicesTest
 {
-  protected:
+protected:
     // Runs an operation of an open stream and takes its own lines, those of deeper layers left out.
     std::vector<CLogLine> linesOf(const std::function<void()>& run)
     {

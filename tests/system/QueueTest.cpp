@@ -5,7 +5,7 @@
 
 class Queue : public CSystemTest
 {
-  protected:
+protected:
     typedef std::vector<CCompletion> Completions;
     typedef std::vector<std::string> Files;
 
@@ -21,7 +21,7 @@ class Queue : public CSystemTest
         return waitUntil([&] { return find(strFile) != nullptr; }, std::chrono::seconds(20));
     }
 
-  private:
+private:
     std::unique_ptr<structMICMD> find(const std::string& strFile) const
     {
         for (const structMICMD& request : m_driver.requests())

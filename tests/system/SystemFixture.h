@@ -61,7 +61,7 @@ inline std::vector<std::string> namesIn(const std::string& strFolder)
 // services object that it reports to.
 class CSystemTest : public CServicesTest
 {
-  protected:
+protected:
     ~CSystemTest() override
     {
         for (CZelMediaStream* const pStream : m_vStreams)
@@ -159,7 +159,7 @@ class CSystemTest : public CServicesTest
         EXPECT_EQ(MCS_PIPEWRITE, tryOpen());
     }
 
-  private:
+private:
     static const int MARK_STREAM = -4711;
     int m_nMark = 0;
     std::vector<CZelMediaStream*> m_vStreams;

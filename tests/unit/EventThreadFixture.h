@@ -12,7 +12,7 @@
 
 class CEventThreadTest : public CMIntfTest
 {
-  protected:
+protected:
     typedef CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON Reason;
     typedef std::vector<CHandlerRecorder::CReport> CReports;
     static constexpr Reason PLAY = CZelMediaStreamCompletionHandler::MCCR_PLAY;
@@ -83,14 +83,14 @@ class CEventThreadTest : public CMIntfTest
     CHandlerRecorder m_handler;
     CNewLines m_newLines{m_pLog};
 
-  private:
+private:
     std::vector<std::unique_ptr<CZelMediaStreamImpl>> m_vStreams;
 };
 
 // Does something at each completion, and keeps it.
 class CCallingHandler : public CHandlerRecorder
 {
-  public:
+public:
     explicit CCallingHandler(std::function<void()> onCompletion) : m_onCompletion(std::move(onCompletion)) {}
 
     void OnCMIntfCompletion(int nStreamID, MCSTATUS mcstatus,
@@ -100,7 +100,7 @@ class CCallingHandler : public CHandlerRecorder
         m_onCompletion();
     }
 
-  private:
+private:
     const std::function<void()> m_onCompletion;
 };
 

@@ -179,7 +179,7 @@ inline std::vector<std::string> createdAddresses(const CLogLines& vLines)
 // The lines of a log from a point on.
 class CNewLines
 {
-  public:
+public:
     explicit CNewLines(std::shared_ptr<CLogRecord> pRecord) : m_pRecord(std::move(pRecord)) {}
     void beginHere() { m_nBegin = m_pRecord->lines().size(); }
     CLogLines get() const
@@ -188,7 +188,7 @@ class CNewLines
         return CLogLines(vLines.begin() + static_cast<std::ptrdiff_t>(m_nBegin), vLines.end());
     }
 
-  private:
+private:
     const std::shared_ptr<CLogRecord> m_pRecord;
     size_t m_nBegin = 0;
 };
@@ -196,7 +196,7 @@ class CNewLines
 // A capture that hands each text on at once, on the thread that writes it: see CLineHook.
 class CHookedCapture : public CLogCapture
 {
-  public:
+public:
     CHookedCapture(std::shared_ptr<CLogRecord> pRecord, std::function<void(const std::string&)> onLine)
         : CLogCapture(std::move(pRecord)), m_onLine(std::move(onLine))
     {
@@ -215,14 +215,14 @@ class CHookedCapture : public CLogCapture
         return nLength;
     }
 
-  private:
+private:
     const std::function<void(const std::string&)> m_onLine;
 };
 
 // Calls onLine for each line while it lives. onLine may not log.
 class CLineHook
 {
-  public:
+public:
     CLineHook(std::shared_ptr<CLogRecord> pRecord, std::function<void(const std::string&)> onLine) : m_pRecord(pRecord)
     {
         g_pmintf->replaceLogFile(new CHookedCapture(pRecord, std::move(onLine)));
@@ -231,7 +231,7 @@ class CLineHook
     CLineHook(const CLineHook&) = delete;
     CLineHook& operator=(const CLineHook&) = delete;
 
-  private:
+private:
     const std::shared_ptr<CLogRecord> m_pRecord;
 };
 

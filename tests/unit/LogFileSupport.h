@@ -40,7 +40,7 @@ bool ownMounts();
 
 class LogFileTest : public testing::Test
 {
-  protected:
+protected:
     LogFileTest();
     ~LogFileTest() override;
 

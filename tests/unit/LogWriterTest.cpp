@@ -324,15 +324,13 @@ TEST_F(LogWriter, LinesOfManyThreadsNeverMixAlsoAcrossRotations)
     const CLogFileRegistry registry = registryOf(&log, m_settings);
     std::vector<std::thread> vThreads;
     for (int nThread = 0; nThread < THREADS; ++nThread)
-        vThreads.emplace_back(
-            [&log, nThread]
+        vThreads.emplace_back([&log, nThread] {
+            for (int n = 0; n < LINES; ++n)
             {
-                for (int n = 0; n < LINES; ++n)
-                {
-                    const std::string strPad(static_cast<size_t>(n * 7 % 1500), static_cast<char>('a' + nThread));
-                    log.TraceString(TRACE, LogLib_Normal, "%d %d %s.", nThread, n, strPad.c_str());
-                }
-            });
+                const std::string strPad(static_cast<size_t>(n * 7 % 1500), static_cast<char>('a' + nThread));
+                log.TraceString(TRACE, LogLib_Normal, "%d %d %s.", nThread, n, strPad.c_str());
+            }
+        });
     for (std::thread& thread : vThreads)
         thread.join();
 

@@ -8,7 +8,7 @@
 
 class MIntfClearing : public CMIntfTest
 {
-  protected:
+protected:
     static constexpr size_t EVENTS_OF_A_PAGE = 4096 / sizeof(structMIEVT);
 
     void closeEventPipe()
@@ -225,7 +225,7 @@ TEST_F(MIntfClearing, EventPipeIsLargerThanPipesAre)
 
 class MIntfMassClearing : public MIntfClearing
 {
-  protected:
+protected:
     static constexpr int COUNT = 100000;
 
     // Active plays of that many streams. Without a log: their lines would be the most of the work.

@@ -6,7 +6,7 @@
 
 class MIntfClipFiles : public CMIntfTest
 {
-  protected:
+protected:
     // Opens a file; the driver, if asked, accepts it under this id.
     int openAs(const char* pszName, int nCMIntfFileID)
     {

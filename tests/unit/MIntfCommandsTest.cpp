@@ -5,7 +5,7 @@
 
 class MIntfCommands : public CMIntfTest
 {
-  protected:
+protected:
     MIntfCommands() { seams::freezeTick(NOW); }
 
     // Both expect bSend 1, or 0 for a command that has to wait.

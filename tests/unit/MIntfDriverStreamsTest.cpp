@@ -5,7 +5,7 @@
 
 class MIntfDriverStreams : public CEventThreadTest
 {
-  protected:
+protected:
     int openStream(CZelMediaStreamImpl* pstream, const char* pszCallID, unsigned long ulLegID, int& nStreamID)
     {
         std::string strCallID = pszCallID;

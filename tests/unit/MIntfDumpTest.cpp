@@ -10,7 +10,7 @@
 
 class MIntfDump : public CMIntfTest
 {
-  protected:
+protected:
     void TearDown() override
     {
         m_pmintf->m_mapStreamByStreamID.clear();
@@ -35,8 +35,8 @@ class MIntfDump : public CMIntfTest
         respondNext();
         EXPECT_EQ(MCS_OK, m_pmintf->dump());
         CLogLines vLines = m_pLog->lines();
-        const CLogLines vRequest = immediateLines(createdAddresses(vLines).at(0), "MICMD_DUMP",
-                                                  m_pmintf->m_nNextSequenceNo - 1);
+        const CLogLines vRequest =
+            immediateLines(createdAddresses(vLines).at(0), "MICMD_DUMP", m_pmintf->m_nNextSequenceNo - 1);
         EXPECT_LE(vRequest.size(), vLines.size());
         if (vRequest.size() > vLines.size())
             return vLines;
@@ -93,17 +93,16 @@ TEST_F(MIntfDump, StreamsAscendByDriverIDAndShowTheirState)
     streamHigh.m_pStream = reinterpret_cast<CZelMediaStream*>(0x89ABCDE0);
     m_pmintf->m_mapStreamByStreamID[30] = &streamHigh;
     m_pmintf->m_mapStreamByStreamID[4] = &streamLow;
-    EXPECT_EQ((CLogLines{m_clipFiles,
-                         m_streams,
-                         {1, 64,
-                          text("   sid 4, impl 0x%08X, stream 0x00000000, valid 1, canflag 0", addressForLog(&streamLow))},
-                         {1, 64,
-                          text("   sid 30, impl 0x%08X, stream 0x89ABCDE0, valid 0, canflag 7",
-                               addressForLog(&streamHigh))},
-                         m_plays,
-                         m_deadlines,
-                         m_queues}),
-              listing());
+    EXPECT_EQ(
+        (CLogLines{
+            m_clipFiles,
+            m_streams,
+            {1, 64, text("   sid 4, impl 0x%08X, stream 0x00000000, valid 1, canflag 0", addressForLog(&streamLow))},
+            {1, 64, text("   sid 30, impl 0x%08X, stream 0x89ABCDE0, valid 0, canflag 7", addressForLog(&streamHigh))},
+            m_plays,
+            m_deadlines,
+            m_queues}),
+        listing());
 }
 
 TEST_F(MIntfDump, ActivePlaysAscendByStreamAndAllActiveCommandsByDeadline)
@@ -113,16 +112,11 @@ TEST_F(MIntfDump, ActivePlaysAscendByStreamAndAllActiveCommandsByDeadline)
     const CMIntf::CCommand* const pplayLow = sendCommand(4, MICMD_PLAYFILE, 20);
     const CMIntf::CCommand* const precord = sendCommand(4, MICMD_RECORDFILE, 10);
     takeRequests();
-    EXPECT_EQ((CLogLines{m_clipFiles,
-                         m_streams,
-                         m_plays,
-                         commandLine(4, pplayLow, "MICMD_PLAYFILE", 1, "20"),
-                         commandLine(30, pplayHigh, "MICMD_PLAYCLIP", 0, "-1"),
-                         m_deadlines,
+    EXPECT_EQ((CLogLines{m_clipFiles, m_streams, m_plays, commandLine(4, pplayLow, "MICMD_PLAYFILE", 1, "20"),
+                         commandLine(30, pplayHigh, "MICMD_PLAYCLIP", 0, "-1"), m_deadlines,
                          commandLine(4, precord, "MICMD_RECORDFILE", 1, "18446744073709010000"),
                          commandLine(4, pplayLow, "MICMD_PLAYFILE", 1, "18446744073709020000"),
-                         commandLine(30, pplayHigh, "MICMD_PLAYCLIP", 0, "18446744073709300000"),
-                         m_queues}),
+                         commandLine(30, pplayHigh, "MICMD_PLAYCLIP", 0, "18446744073709300000"), m_queues}),
               listing());
 }
 
@@ -141,18 +135,13 @@ TEST_F(MIntfDump, QueuedRecordsFollowThePlaysUnderTheNumberOfPlayQueues)
     const CMIntf::CCommand* const precordFirst = sendCommand(50, MICMD_RECORDFILE, 3);
     const CMIntf::CCommand* const precordSecond = sendCommand(50, MICMD_RECORDFILE, 0xFFFFFFFF, nullptr, 0);
     takeRequests();
-    EXPECT_EQ((CLogLines{m_clipFiles,
-                         m_streams,
-                         m_plays,
-                         commandLine(10, apActive[0], "MICMD_PLAYFILE", 1, "1"),
+    EXPECT_EQ((CLogLines{m_clipFiles, m_streams, m_plays, commandLine(10, apActive[0], "MICMD_PLAYFILE", 1, "1"),
                          commandLine(11, apActive[1], "MICMD_PLAYFILE", 1, "1"),
-                         commandLine(12, apActive[2], "MICMD_PLAYFILE", 1, "1"),
-                         m_deadlines,
+                         commandLine(12, apActive[2], "MICMD_PLAYFILE", 1, "1"), m_deadlines,
                          commandLine(12, apActive[2], "MICMD_PLAYFILE", 1, "2000"),
                          commandLine(11, apActive[1], "MICMD_PLAYFILE", 1, "2000"),
                          commandLine(10, apActive[0], "MICMD_PLAYFILE", 1, "2000"),
-                         commandLine(50, apActive[3], "MICMD_RECORDFILE", 1, "2000"),
-                         m_queues,
+                         commandLine(50, apActive[3], "MICMD_RECORDFILE", 1, "2000"), m_queues,
                          commandLine(10, apQueued[0], "MICMD_PLAYCLIP", 0, "2"),
                          commandLine(11, apQueued[1], "MICMD_PLAYCLIP", 0, "2"),
                          commandLine(11, pqueuedSecond, "MICMD_RECORDFILE", 1, "-2147483648"),
@@ -214,12 +203,9 @@ TEST_F(MIntfDump, LocksAreHeldOneAfterTheOtherAndNeitherAcrossTheStartOfTheReque
     typedef std::vector<std::pair<int, int>> CDepths; // clip-file lock, main lock
     CDepths vDepths;
     {
-        const CLineHook hook(m_pLog,
-                             [&](const std::string&)
-                             {
-                                 vDepths.emplace_back(m_pmintf->m_pCritSecClipFiles->depth(),
-                                                      m_pmintf->m_pCritSecCMIntf->depth());
-                             });
+        const CLineHook hook(m_pLog, [&](const std::string&) {
+            vDepths.emplace_back(m_pmintf->m_pCritSecClipFiles->depth(), m_pmintf->m_pCritSecCMIntf->depth());
+        });
         EXPECT_EQ(MCS_OK, m_pmintf->dump());
     }
     // Two lines of clip files; six of the rest; the request's three before it takes the lock itself.

@@ -9,7 +9,7 @@
 
 class MIntfEventThreadIdle : public CEventThreadTest
 {
-  protected:
+protected:
     MIntfEventThreadIdle()
     {
         seams::freezeTick(NOW);

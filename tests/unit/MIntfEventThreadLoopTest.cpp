@@ -13,7 +13,7 @@
 
 class MIntfEventThreadLoop : public CEventThreadTest
 {
-  protected:
+protected:
     typedef std::chrono::steady_clock Clock;
 
     void writeEvent(const structMIEVT& evt) const
@@ -54,7 +54,7 @@ class MIntfEventThreadLoop : public CEventThreadTest
     // Puts another descriptor in the place of the event pipe while it lives.
     class CEventDescriptor
     {
-      public:
+    public:
         CEventDescriptor(CMIntf* pmintf, int nDescriptor) : m_pmintf(pmintf), m_nKept(pmintf->m_npipeEvt)
         {
             pmintf->m_npipeEvt = nDescriptor;
@@ -68,7 +68,7 @@ class MIntfEventThreadLoop : public CEventThreadTest
         CEventDescriptor(const CEventDescriptor&) = delete;
         CEventDescriptor& operator=(const CEventDescriptor&) = delete;
 
-      private:
+    private:
         CMIntf* const m_pmintf;
         const int m_nKept;
     };
@@ -212,7 +212,7 @@ TEST_F(MIntfEventThreadLoop, ExceptionThatIsNoClassEndsItToo)
 // Waits are never shorter than said; how much longer they are is the machine's affair.
 class MIntfEventThreadWaits : public MIntfEventThreadLoop
 {
-  protected:
+protected:
     // The times at which the idle passes of a run begin, and before them its start.
     std::vector<Clock::time_point> run(size_t nPasses)
     {

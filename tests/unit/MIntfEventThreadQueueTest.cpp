@@ -6,7 +6,7 @@
 
 class MIntfEventThreadQueue : public CEventThreadTest
 {
-  protected:
+protected:
     // The play with number 1, a record, and behind each of them a queued one.
     void fillBothSides()
     {

@@ -7,7 +7,7 @@
 
 class MIntfEventThreadSweep : public CEventThreadTest
 {
-  protected:
+protected:
     MIntfEventThreadSweep()
     {
         seams::freezeTick(NOW);

@@ -286,7 +286,7 @@ TEST_F(MIntfEventThread, HandlerRunsWithoutTheLockAndAfterTheUnlinking)
 // What an end does to the time played.
 class MIntfPlayTiming : public MIntfEventThread
 {
-  protected:
+protected:
     MIntfPlayTiming()
     {
         seams::freezeTick(7500);

@@ -28,20 +28,20 @@ bool isOpen(int nDescriptor)
 // Tells when it is destroyed, and what is left of its owner then.
 class CDyingLog : public CLogCapture
 {
-  public:
+public:
     CDyingLog(std::shared_ptr<CLogRecord> pRecord, std::function<void()> onEnd)
         : CLogCapture(std::move(pRecord)), m_onEnd(std::move(onEnd))
     {
     }
     ~CDyingLog() override { m_onEnd(); }
 
-  private:
+private:
     const std::function<void()> m_onEnd;
 };
 
 class CDyingRegistry : public CLogFileRegistry
 {
-  public:
+public:
     explicit CDyingRegistry(std::function<void()> onEnd)
         : CLogFileRegistry(nullptr, "Dying", nullptr, nullptr, nullptr, 0, 1, 100, 1000, 3, 1023, 0, 1023, 0, 10000, 0,
                            1, 40000, 1, 0),
@@ -50,13 +50,13 @@ class CDyingRegistry : public CLogFileRegistry
     }
     ~CDyingRegistry() override { m_onEnd(); }
 
-  private:
+private:
     const std::function<void()> m_onEnd;
 };
 
 class CThrowingLog : public CLogCapture
 {
-  public:
+public:
     using CLogCapture::CLogCapture;
     int LogStringArgListX(LogLib_Priority, const char*, const char*, va_list) override
     {
@@ -67,7 +67,7 @@ class CThrowingLog : public CLogCapture
 
 class CAlarmLog : public CLogCapture
 {
-  public:
+public:
     using CLogCapture::CLogCapture;
     long ReportEventToWIN32Log(long, unsigned short, unsigned long, const char**, void*) override { return 4711; }
 };
@@ -75,7 +75,7 @@ class CAlarmLog : public CLogCapture
 
 class MIntfLifecycle : public CMIntfTest
 {
-  protected:
+protected:
     void fillEventPipe()
     {
         ASSERT_NE(0, fcntl(m_pmintf->m_npipeEvt, F_GETFL) & O_NONBLOCK);
@@ -95,14 +95,12 @@ class MIntfLifecycle : public CMIntfTest
     std::thread threadUntilStop(const std::function<void()>& beforeEnd)
     {
         m_pmintf->m_bEventThreadRunning = 1;
-        return std::thread(
-            [this, beforeEnd]
-            {
-                while (!loadUnlocked(m_pmintf->m_bEventThreadStop))
-                    std::this_thread::yield();
-                beforeEnd();
-                storeUnlocked(m_pmintf->m_bEventThreadRunning, 0);
-            });
+        return std::thread([this, beforeEnd] {
+            while (!loadUnlocked(m_pmintf->m_bEventThreadStop))
+                std::this_thread::yield();
+            beforeEnd();
+            storeUnlocked(m_pmintf->m_bEventThreadRunning, 0);
+        });
     }
 };
 
@@ -129,14 +127,12 @@ TEST_F(MIntfLifecycle, FinalizeWakesTheEventThreadAndWaitsUntilItHasEnded)
     structMIEVT evt = {};
     evt.s_mievt = MIEVT_DONE;
     size_t nCleared = 1;
-    std::thread thread = threadUntilStop(
-        [&]
-        {
-            pollfd entry = {npipeEvt, POLLIN, 0};
-            if (poll(&entry, 1, 30000) != 1 || read(npipeEvt, &evt, sizeof(evt)) != 16)
-                ADD_FAILURE() << "no event came";
-            nCleared = m_pLog->count("clearActiveCommand ENTRY");
-        });
+    std::thread thread = threadUntilStop([&] {
+        pollfd entry = {npipeEvt, POLLIN, 0};
+        if (poll(&entry, 1, 30000) != 1 || read(npipeEvt, &evt, sizeof(evt)) != 16)
+            ADD_FAILURE() << "no event came";
+        nCleared = m_pLog->count("clearActiveCommand ENTRY");
+    });
     m_pmintf->m_nConnectID = -1;
     EXPECT_EQ(MCS_OK, m_pmintf->finalize());
     thread.join();
@@ -161,8 +157,7 @@ TEST_F(MIntfLifecycle, FinalizeStopsARealEventThread)
     const std::vector<std::string> vTexts = m_pLog->texts();
     const auto stopping = std::find(vTexts.begin(), vTexts.end(), "CMIntf::eventThreadFunc - stopping");
     ASSERT_NE(vTexts.end(), stopping);
-    EXPECT_NE(vTexts.end(),
-              std::find(stopping, vTexts.end(), "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"));
+    EXPECT_NE(vTexts.end(), std::find(stopping, vTexts.end(), "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"));
 }
 
 TEST_F(MIntfLifecycle, FinalizeDoesNotWaitWhenTheEventPipeIsClosed)
@@ -171,8 +166,7 @@ TEST_F(MIntfLifecycle, FinalizeDoesNotWaitWhenTheEventPipeIsClosed)
     m_pmintf->m_bEventThreadRunning = 1; // for ever
     m_pmintf->m_nConnectID = -1;
     EXPECT_EQ(MCS_OK, m_pmintf->finalize());
-    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"},
-                         {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"}}),
+    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"}, {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"}}),
               m_pLog->lines());
 }
 
@@ -195,13 +189,11 @@ TEST_F(MIntfLifecycle, FullEventPipeNeitherBlocksFinalizeNorLetsItOvertakeTheThr
 {
     fillEventPipe();
     size_t nCleared = 1;
-    std::thread thread = threadUntilStop(
-        [&]
-        {
-            if (!m_pLog->waitFor("error writing event pipe"))
-                ADD_FAILURE() << "nothing was written";
-            nCleared = m_pLog->count("clearActiveCommand ENTRY");
-        });
+    std::thread thread = threadUntilStop([&] {
+        if (!m_pLog->waitFor("error writing event pipe"))
+            ADD_FAILURE() << "nothing was written";
+        nCleared = m_pLog->count("clearActiveCommand ENTRY");
+    });
     m_pmintf->m_nConnectID = -1;
     EXPECT_EQ(MCS_OK, m_pmintf->finalize());
     thread.join();
@@ -224,21 +216,20 @@ TEST_F(MIntfLifecycle, FinalizeClearsCommandsThenDisconnectsThenClosesAndRemoves
     EXPECT_EQ(MCS_OK, m_pmintf->finalize());
 
     const std::string strDisconnect = createdAddresses(m_pLog->lines()).at(0);
-    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"},
-                         {1, 2, "CMIntf::sendEvent, evt 0"},
-                         {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"},
-                         {1, 2, "CMIntf::sendEvent, evt 1"}}) +
-                  vRemoval +
-                  (CLogLines{{1, 2,
-                              "test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands"},
-                             {1, 2,
-                              "801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =" +
-                                  strPlay},
-                             {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand"},
-                             playLine,
-                             queuedLine}) +
-                  immediateRefusedLines(strDisconnect, "MICMD_DISCONNECT", 2),
-              m_pLog->lines());
+    EXPECT_EQ(
+        (CLogLines{{8, 2, "CMIntf::finalize"},
+                   {1, 2, "CMIntf::sendEvent, evt 0"},
+                   {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"},
+                   {1, 2, "CMIntf::sendEvent, evt 1"}}) +
+            vRemoval +
+            (CLogLines{
+                {1, 2, "test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands"},
+                {1, 2, "801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =" + strPlay},
+                {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand"},
+                playLine,
+                queuedLine}) +
+            immediateRefusedLines(strDisconnect, "MICMD_DISCONNECT", 2),
+        m_pLog->lines());
     const std::vector<structMICMD> vRequests = takeRequests();
     ASSERT_EQ(1u, vRequests.size());
     EXPECT_EQ(MICMD_DISCONNECT, vRequests[0].s_micmd);
@@ -281,13 +272,10 @@ TEST_F(MIntfLifecycle, LogIsDeletedAfterTheLocksAndBeforeItsRegistry)
 {
     std::vector<std::string> vDeleted;
     bool bLocksGone = false;
-    m_pmintf->replaceLogFile(new CDyingLog(m_pLog,
-                                           [&]
-                                           {
-                                               vDeleted.push_back("log");
-                                               bLocksGone =
-                                                   !m_pmintf->m_pCritSecCMIntf && !m_pmintf->m_pCritSecClipFiles;
-                                           }));
+    m_pmintf->replaceLogFile(new CDyingLog(m_pLog, [&] {
+        vDeleted.push_back("log");
+        bLocksGone = !m_pmintf->m_pCritSecCMIntf && !m_pmintf->m_pCritSecClipFiles;
+    }));
     m_pmintf->replaceLogFileRegistry(new CDyingRegistry([&] { vDeleted.push_back("registry"); }));
     m_pmintf->m_nConnectID = -1;
     EXPECT_TRUE(vDeleted.empty());
@@ -402,16 +390,16 @@ TEST_F(MIntfLifecycle, InvalidStreamIsUnusableTracedAndAnAlarm)
         errno = EPIPE;
         EXPECT_EQ(1, m_pmintf->markStreamInvalid(3));
     }
-    EXPECT_EQ((CLogLines{{1, 64,
-                          text("(Error) CMIntf::markStreamInvalid, cannot open/create/read/write pipe, errrno= %d",
-                               EPIPE)}}),
-              m_pLog->lines());
+    EXPECT_EQ(
+        (CLogLines{
+            {1, 64, text("(Error) CMIntf::markStreamInvalid, cannot open/create/read/write pipe, errrno= %d", EPIPE)}}),
+        m_pLog->lines());
     const std::vector<CAlarm> vAlarms = m_pLog->alarms();
     ASSERT_EQ(1u, vAlarms.size());
     EXPECT_EQ(0xC1030190u, vAlarms[0].nEventID);
-    EXPECT_EQ((std::vector<std::string>{
-                  "ZelMediaServices CMIntf::markStreamInvalid, cannot open/create/read/write pipe"}),
-              vAlarms[0].vStrings);
+    EXPECT_EQ(
+        (std::vector<std::string>{"ZelMediaServices CMIntf::markStreamInvalid, cannot open/create/read/write pipe"}),
+        vAlarms[0].vStrings);
     EXPECT_EQ(0u, vAlarms[0].ulDataSize);
     EXPECT_TRUE(vAlarms[0].bDataNull);
 

@@ -12,7 +12,7 @@ namespace
 // A capture whose own allocations do not fail.
 class CSparedCapture : public CLogCapture
 {
-  public:
+public:
     using CLogCapture::CLogCapture;
     int LogStringArgListX(OrvLogLib::LogLib_Priority priority, const char* pszFormat, const char* pszSource,
                           va_list arguments) override
@@ -32,7 +32,7 @@ structMICMD playRequest()
 
 class MIntfMemory : public CMIntfTest
 {
-  protected:
+protected:
     MIntfMemory() { m_pmintf->replaceLogFile(new CSparedCapture(m_pLog)); }
 
     // A play on that stream, with the nth allocation of the library failing.
@@ -65,11 +65,12 @@ TEST_F(MIntfMemory, PlayThatCannotBecomeActiveIsRefusedWithTheResultLineAndFreed
         CLogLines vLines = m_pLog->lines();
         const std::string strAddress = createdAddresses(vLines).at(0);
         ASSERT_LE(3u, vLines.size());
-        EXPECT_EQ((CLogLines{{8, 2, "<<<CMIntf::sendCommand (5), rsp MIRSP_NULL, mcstatus 0x00000004"},
-                             {1, 2, "(Info) CMIntf::sendCommand nStreamID = 5, mcstatus=4 : DELETING pcommand = 0x" +
-                                        strAddress},
-                             {1, 2, "(Info) CCommand::~CCommand this = 0x" + strAddress}}),
-                  CLogLines(vLines.end() - 3, vLines.end()));
+        EXPECT_EQ(
+            (CLogLines{
+                {8, 2, "<<<CMIntf::sendCommand (5), rsp MIRSP_NULL, mcstatus 0x00000004"},
+                {1, 2, "(Info) CMIntf::sendCommand nStreamID = 5, mcstatus=4 : DELETING pcommand = 0x" + strAddress},
+                {1, 2, "(Info) CCommand::~CCommand this = 0x" + strAddress}}),
+            CLogLines(vLines.end() - 3, vLines.end()));
         EXPECT_EQ(0u, m_pLog->count("remActiveCommand"));
         EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDPlay.empty());
         EXPECT_TRUE(m_pmintf->m_mmapActiveCommandByTimeout.empty());
@@ -104,8 +105,9 @@ TEST(MIntfMemoryStart, LocksThatCannotBeHadLeaveNoPipesAndNoThread)
     auto pmintf = std::make_unique<CMIntf>();
     const std::string strRspPipe = pmintf->m_szRspPipe;
     const std::string strEvtPipe = pmintf->m_szEvtPipe;
-    const std::string strLog = std::string(access("/var/log/zelmedia", W_OK | X_OK) == 0 ? "/var/log/zelmedia" : "/tmp") +
-                               "/Media-p" + std::to_string(getpid()) + ".log";
+    const std::string strLog =
+        std::string(access("/var/log/zelmedia", W_OK | X_OK) == 0 ? "/var/log/zelmedia" : "/tmp") + "/Media-p" +
+        std::to_string(getpid()) + ".log";
     int nLockFailures = 0;
     for (CAttempts attempts(Failing::Once); attempts.next();)
     {

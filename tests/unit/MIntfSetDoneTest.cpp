@@ -5,7 +5,7 @@
 
 class MIntfSetDone : public CMIntfTest
 {
-  protected:
+protected:
     // A command that is an ordinary step so far.
     CMIntf::CCommand* step(MICMD micmd) { return sendCommand(5, micmd, 300, nullptr, 0); }
 

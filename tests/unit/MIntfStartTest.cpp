@@ -39,8 +39,8 @@ CLogFileArguments s_logFile;
 CRegistryArguments s_registry;
 int s_nRegistries = 0;
 bool s_bNoLogFile = false;
-unsigned long s_ulTraceMask = 0;   // 0: as the library sets it
-int s_nDescriptorsLeft = ALL;      // once the log file is open
+unsigned long s_ulTraceMask = 0; // 0: as the library sets it
+int s_nDescriptorsLeft = ALL;    // once the log file is open
 
 // The lowest descriptor that is free.
 int freeDescriptor()
@@ -60,8 +60,8 @@ void limitDescriptors(int nLeft)
 }
 
 typedef void (*LogFileConstructor)(void*, const char*, const char*, bool, bool, bool);
-typedef void (*RegistryConstructor)(void*, CLogFile*, const char*, const char*, const char*, const char*, int, int,
-                                    int, int, int, int, int, int, int, int, int, int, int, int, int);
+typedef void (*RegistryConstructor)(void*, CLogFile*, const char*, const char*, const char*, const char*, int, int, int,
+                                    int, int, int, int, int, int, int, int, int, int, int, int);
 } // namespace
 
 // These stand in front of the log library's constructors, like the functions of LogCapture.cpp. The
@@ -107,7 +107,7 @@ extern "C"
 // Each test starts an interface of its own, without its event thread.
 class MIntfStart : public testing::Test
 {
-  protected:
+protected:
     MIntfStart()
     {
         seams::setThreads(seams::Threads::Pretend);
@@ -212,7 +212,7 @@ class MIntfStart : public testing::Test
     std::string m_strLog;
     std::unique_ptr<CMIntf> m_pmintf;
 
-  private:
+private:
     rlimit m_limit;
 
     CLogLines linesOfStart(const std::function<void()>& begin, unsigned long ulMask)
@@ -404,14 +404,14 @@ TEST_F(MIntfStartFailures, AnythingUnderTheResponsePipesNameIsLeftAlone)
 
 TEST_F(MIntfStartFailures, StaleResponsePipeLeavesAnObjectWhoseCommandsAreNotConnected)
 {
-    const auto startStale = [this]
-    {
+    const auto startStale = [this] {
         mkfifo(m_strRspPipe.c_str(), 0600);
         start();
     };
     EXPECT_EQ((CLogLines{{8, 2, "CMIntf::initialize"},
-                         {1, 64, text("(Error) CMIntf::initialize, can't create response pipe \"%s\" (%d)",
-                                      m_strRspPipe.c_str(), EEXIST)}}),
+                         {1, 64,
+                          text("(Error) CMIntf::initialize, can't create response pipe \"%s\" (%d)",
+                               m_strRspPipe.c_str(), EEXIST)}}),
               linesOfStart(startStale));
     startStale();
     expectEveryCommandNotConnected();
@@ -419,14 +419,14 @@ TEST_F(MIntfStartFailures, StaleResponsePipeLeavesAnObjectWhoseCommandsAreNotCon
 
 TEST_F(MIntfStartFailures, StaleEventPipeLeavesTheResponsePipeAndIsReportedUnderItsName)
 {
-    const auto startStale = [this]
-    {
+    const auto startStale = [this] {
         mkfifo(m_strEvtPipe.c_str(), 0600);
         start();
     };
     EXPECT_EQ((CLogLines{{8, 2, "CMIntf::initialize"},
-                         {1, 64, text("(Error) CMIntf::initialize, can't create event pipe \"%s\" (%d)",
-                                      m_strRspPipe.c_str(), EEXIST)}}),
+                         {1, 64,
+                          text("(Error) CMIntf::initialize, can't create event pipe \"%s\" (%d)", m_strRspPipe.c_str(),
+                               EEXIST)}}),
               linesOfStart(startStale));
     EXPECT_EQ(MCS_PIPECREATE, statusOfInitialize([this] { mkfifo(m_strEvtPipe.c_str(), 0600); }));
     EXPECT_TRUE(exists(m_strRspPipe));
@@ -440,8 +440,9 @@ TEST_F(MIntfStartFailures, StaleEventPipeLeavesTheResponsePipeAndIsReportedUnder
 TEST_F(MIntfStartFailures, ResponsePipeThatCannotBeOpenedIsRemoved)
 {
     EXPECT_EQ((CLogLines{{8, 2, "CMIntf::initialize"},
-                         {1, 64, text("(Error) CMIntf::initialize, can't open response pipe \"%s\" (%d)",
-                                      m_strRspPipe.c_str(), EMFILE)}}),
+                         {1, 64,
+                          text("(Error) CMIntf::initialize, can't open response pipe \"%s\" (%d)", m_strRspPipe.c_str(),
+                               EMFILE)}}),
               linesOfStart([this] { startWithDescriptors(0); }));
     startWithDescriptors(0);
     EXPECT_FALSE(exists(m_strRspPipe));
@@ -455,8 +456,9 @@ TEST_F(MIntfStartFailures, ResponsePipeThatCannotBeOpenedIsRemoved)
 TEST_F(MIntfStartFailures, EventPipeThatCannotBeOpenedTakesBothPipesAwayAndIsReportedUnderTheResponsePipesName)
 {
     EXPECT_EQ((CLogLines{{8, 2, "CMIntf::initialize"},
-                         {1, 64, text("(Error) CMIntf::initialize, can't open event pipe \"%s\" (%d)",
-                                      m_strRspPipe.c_str(), EMFILE)}}),
+                         {1, 64,
+                          text("(Error) CMIntf::initialize, can't open event pipe \"%s\" (%d)", m_strRspPipe.c_str(),
+                               EMFILE)}}),
               linesOfStart([this] { startWithDescriptors(1); }));
     startWithDescriptors(1);
     EXPECT_FALSE(exists(m_strRspPipe));
@@ -481,8 +483,7 @@ TEST_F(MIntfStartFailures, PipesThatCannotBeOpenedHaveAStatusOfTheirOwn)
 
 TEST_F(MIntfStartFailures, ThreadThatCannotBeStartedLeavesOpenPipes)
 {
-    const auto startThreadless = [this]
-    {
+    const auto startThreadless = [this] {
         seams::setThreads(seams::Threads::Fail);
         start();
     };

@@ -36,7 +36,7 @@ CLogLine withoutNumber(CLogLine line)
 // queued, stream 6 an active play; the handler stands in all of them.
 class MIntfTransportFailures : public CMIntfTest
 {
-  protected:
+protected:
     MIntfTransportFailures()
     {
         sendCommand(5, MICMD_PLAYFILE, 300, &m_handler);

@@ -8,7 +8,7 @@
 
 class MIntfTransportNumbers : public CMIntfTest
 {
-  protected:
+protected:
     MCSTATUS send(MICMD micmd, int nStreamID = 0)
     {
         structMICMD cmd = structMICMD();

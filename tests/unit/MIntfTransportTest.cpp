@@ -41,7 +41,7 @@ CLogLine lateLine(int nTryCount)
 
 class MIntfTransport : public CMIntfTest
 {
-  protected:
+protected:
     // The record-level entry as most callers use it.
     MCSTATUS send(MICMD micmd, structMIRSP& rsp, int nStreamID = 0)
     {

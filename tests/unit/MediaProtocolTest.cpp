@@ -15,7 +15,7 @@ typedef std::vector<unsigned char> CBytes;
 // A record written down by hand: little-endian words and texts at their offsets, 0 elsewhere.
 class CGolden
 {
-  public:
+public:
     explicit CGolden(size_t nSize) : m_vBytes(nSize) {}
 
     CGolden& word(size_t nOffset, uint32_t nValue)
@@ -34,7 +34,7 @@ class CGolden
 
     operator CBytes() const { return m_vBytes; }
 
-  private:
+private:
     CBytes m_vBytes;
 };
 
@@ -63,7 +63,7 @@ std::string longName(size_t nLength)
 
 class MediaProtocol : public CMIntfTest
 {
-  protected:
+protected:
     void TearDown() override
     {
         disconnect(); // so that closing the stream waits for no response
@@ -199,13 +199,9 @@ TEST_F(MediaProtocol, PlayClipCarriesTheMappedFileAndTheCallersNumbers)
     CZelMediaStreamImpl& stream = openStream();
     respondNext();
     EXPECT_EQ(MCS_OK, stream.playAddPhrase(1, 0x01020304, 0xF1F2F3F4, 60, 0, 0xA1A2A3A4));
-    EXPECT_EQ(CBytes(request(7, 3)
-                         .word(12, 31)
-                         .word(16, 501)
-                         .word(20, 0x01020304)
-                         .word(24, 0xF1F2F3F4)
-                         .word(28, 0xA1A2A3A4)),
-              takeRequestBytes());
+    EXPECT_EQ(
+        CBytes(request(7, 3).word(12, 31).word(16, 501).word(20, 0x01020304).word(24, 0xF1F2F3F4).word(28, 0xA1A2A3A4)),
+        takeRequestBytes());
 }
 
 TEST_F(MediaProtocol, PlayFileStartsInSamplesOfMilliseconds)

@@ -14,7 +14,7 @@
 
 class CMediaStreamTest : public CMIntfTest
 {
-  protected:
+protected:
     static constexpr int STREAM_ID = 5;
     static constexpr int CONNECTION = CONNECT_ID;
     static constexpr unsigned long UNTOUCHED = ~0UL;

@@ -364,11 +364,11 @@ TEST_F(OrvLogLibTest, TimesAreLocalOrUtc)
 TEST_F(OrvLogLibTest, DefaultsAreTheNumbersThatTheLibraryRegisters)
 {
     const CLogSettings settings;
-    const unsigned int numbers[] = {settings.nStartFresh,    settings.nFileEnabled,        settings.nMaxFileMegabytes,
-                                    settings.nRetryMilliseconds, settings.nRotatedFiles,   settings.nTraceMask,
-                                    settings.nSyslogMask,    settings.nFileMask,           settings.nStderrMask,
-                                    settings.nMaxLineLength, settings.nSyncEachLine,       settings.nSyslogAlarms,
-                                    settings.nReopenMilliseconds, settings.nMicroseconds,  settings.nUtc};
+    const unsigned int numbers[] = {settings.nStartFresh,         settings.nFileEnabled,  settings.nMaxFileMegabytes,
+                                    settings.nRetryMilliseconds,  settings.nRotatedFiles, settings.nTraceMask,
+                                    settings.nSyslogMask,         settings.nFileMask,     settings.nStderrMask,
+                                    settings.nMaxLineLength,      settings.nSyncEachLine, settings.nSyslogAlarms,
+                                    settings.nReopenMilliseconds, settings.nMicroseconds, settings.nUtc};
     EXPECT_THAT(numbers, ElementsAre(0, 1, 100, 1000, 3, 1023, 0, 1023, 0, 10000, 0, 1, 40000, 1, 0));
 }
 

@@ -120,8 +120,7 @@ TEST(PortableTest, ThreadThatCannotStartGivesZero)
 
 TEST(PortableTest, TickIsTheMonotonicClockInMilliseconds)
 {
-    const auto clock = []
-    {
+    const auto clock = [] {
         return static_cast<uint64_t>(
             std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
                 .count());

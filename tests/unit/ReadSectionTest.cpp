@@ -35,14 +35,12 @@ class CReader
 {
 public:
     explicit CReader(std::function<void()> inside = [] {})
-        : m_thread(
-              [this, inside]
-              {
-                  const CReadSection section;
-                  inside();
-                  m_entered.set_value();
-                  m_leave.get_future().wait();
-              })
+        : m_thread([this, inside] {
+              const CReadSection section;
+              inside();
+              m_entered.set_value();
+              m_leave.get_future().wait();
+          })
     {
         m_entered.get_future().wait();
     }
@@ -148,12 +146,10 @@ TEST(ReadSectionTest, OwnSectionsAreNotWaitedFor)
 TEST(ReadSectionTest, ReadersThatComeAgainAndAgainHoldNobodyUp)
 {
     std::atomic<bool> bStop{false};
-    std::thread reader(
-        [&bStop]
-        {
-            while (!bStop)
-                const CReadSection section;
-        });
+    std::thread reader([&bStop] {
+        while (!bStop)
+            const CReadSection section;
+    });
     for (int n = 0; n < 100; ++n)
         CReadSection::waitForReaders();
     bStop = true;
@@ -177,13 +173,11 @@ TEST(ReadSectionTest, SectionsOfAnEndingThreadAreWaitedFor)
 {
     std::promise<void> entered;
     std::promise<void> leave;
-    std::thread ending(
-        [&]
-        {
-            t_lateReader.m_pEntered = &entered;
-            t_lateReader.m_pLeave = &leave;
-            const CReadSection section;
-        });
+    std::thread ending([&] {
+        t_lateReader.m_pEntered = &entered;
+        t_lateReader.m_pLeave = &leave;
+        const CReadSection section;
+    });
     entered.get_future().wait();
     CWaiter waiter;
     EXPECT_TRUE(waiter.waits());
@@ -194,18 +188,15 @@ TEST(ReadSectionTest, SectionsOfAnEndingThreadAreWaitedFor)
 
 TEST(ReadSectionTest, ErrnoIsKept)
 {
-    std::thread(
-        []
+    std::thread([] {
+        errno = ENOENT;
         {
-            errno = ENOENT;
-            {
-                const CReadSection section; // the first of its thread
-                EXPECT_EQ(errno, ENOENT);
-            }
-            CReadSection::waitForReaders();
+            const CReadSection section; // the first of its thread
             EXPECT_EQ(errno, ENOENT);
-        })
-        .join();
+        }
+        CReadSection::waitForReaders();
+        EXPECT_EQ(errno, ENOENT);
+    }).join();
 }
 
 TEST(ReadSectionTest, ChildProcessDoesNotWaitForThreadsOfItsParent)
@@ -235,26 +226,23 @@ TEST(ReadSectionTest, ReplacedObjectIsNeverDeletedUnderAReader)
     std::atomic<long> nReads{0};
     std::vector<std::thread> vReaders;
     for (int n = 0; n < 4; ++n)
-        vReaders.emplace_back(
-            [&]
+        vReaders.emplace_back([&] {
+            while (!bStop)
             {
-                while (!bStop)
                 {
-                    {
-                        const CReadSection section;
-                        const CObject* const pObject = pShared.load(std::memory_order_acquire);
-                        const int nNumber = pObject->m_nNumber;
-                        const CReadSection nested;
-                        if (nNumber < 0 || pObject->m_nTwice != 2 * nNumber)
-                            ++nTorn;
-                        ++nReads;
-                    }
-                    std::this_thread::yield(); // else every wait lasts a time slice of a busy machine
+                    const CReadSection section;
+                    const CObject* const pObject = pShared.load(std::memory_order_acquire);
+                    const int nNumber = pObject->m_nNumber;
+                    const CReadSection nested;
+                    if (nNumber < 0 || pObject->m_nTwice != 2 * nNumber)
+                        ++nTorn;
+                    ++nReads;
                 }
-            });
+                std::this_thread::yield(); // else every wait lasts a time slice of a busy machine
+            }
+        });
     // Half of the replacing is done by threads that come and go.
-    const auto replace = [&pShared](int nFirst, int nCount)
-    {
+    const auto replace = [&pShared](int nFirst, int nCount) {
         for (int n = nFirst; n < nFirst + nCount; ++n)
         {
             const std::unique_ptr<CObject> pOld(pShared.exchange(new CObject(n)));

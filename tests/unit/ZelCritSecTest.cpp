@@ -77,12 +77,10 @@ TEST(ZelCritSecTest, ExcludesOtherThreads)
     int nCount = 0;
     std::vector<std::thread> vThreads;
     for (int n = 0; n < 8; ++n)
-        vThreads.emplace_back(
-            [&]
-            {
-                for (int nTurn = 0; nTurn < 5000; ++nTurn)
-                    addOne(lock, nCount, nTurn % 1000 == 0);
-            });
+        vThreads.emplace_back([&] {
+            for (int nTurn = 0; nTurn < 5000; ++nTurn)
+                addOne(lock, nCount, nTurn % 1000 == 0);
+        });
     for (std::thread& thread : vThreads)
         thread.join();
     EXPECT_EQ(nCount, 40000);
@@ -94,7 +92,8 @@ TEST(ZelCritSecTest, HoldTagsItsSourceLineAndLeavesAtTheEnd)
 {
     ZelCritSec lock("hold", 1);
     {
-        const CCritSecHold hold(&lock); const long nLine = __LINE__;
+        const CCritSecHold hold(&lock);
+        const long nLine = __LINE__;
         EXPECT_EQ(lock.enterTag(), nLine);
         EXPECT_EQ(lock.depth(), 1);
     }

@@ -38,7 +38,7 @@ const ZelCritSec& lockOf(CZelMediaServicesImpl& services)
 // Tells how deep the lock of the services object was held whenever a line was written.
 class CLockWatch : public OrvLogLib::CLogFile
 {
-  public:
+public:
     CLockWatch(CZelMediaServicesImpl& services, std::vector<int>& vDepths)
         : CLogFile("Watch", nullptr, false, false, false), m_services(services), m_vDepths(vDepths)
     {
@@ -49,24 +49,24 @@ class CLockWatch : public OrvLogLib::CLogFile
         return 0;
     }
 
-  private:
+private:
     CZelMediaServicesImpl& m_services;
     std::vector<int>& m_vDepths;
 };
 
 class CMortalLog : public OrvLogLib::CLogFile
 {
-  public:
+public:
     explicit CMortalLog(int& nDeaths) : CLogFile("Mortal", nullptr, false, false, false), m_nDeaths(nDeaths) {}
     ~CMortalLog() override { ++m_nDeaths; }
 
-  private:
+private:
     int& m_nDeaths;
 };
 
 class CLogRegistryPlain : public OrvLogLib::CLogFileRegistry
 {
-  public:
+public:
     CLogRegistryPlain()
         : CLogFileRegistry(nullptr, "Test", nullptr, nullptr, nullptr, 0, 1, 100, 1000, 3, 1023, 0, 1023, 0, 10000, 0,
                            1, 40000, 1, 0)
@@ -76,18 +76,18 @@ class CLogRegistryPlain : public OrvLogLib::CLogFileRegistry
 
 class CMortalRegistry : public CLogRegistryPlain
 {
-  public:
+public:
     explicit CMortalRegistry(int& nDeaths) : m_nDeaths(nDeaths) {}
     ~CMortalRegistry() override { ++m_nDeaths; }
 
-  private:
+private:
     int& m_nDeaths;
 };
 } // namespace
 
 class ServicesImpl : public CMIntfTest
 {
-  protected:
+protected:
     ServicesImpl() : m_services(&m_completions) { takeRequests(); }
     ~ServicesImpl() override
     {

@@ -5,7 +5,7 @@
 
 class MediaStreamPlay : public CMediaStreamTest
 {
-  protected:
+protected:
     MediaStreamPlay()
     {
         seams::freezeTick(1000000);
@@ -15,7 +15,7 @@ class MediaStreamPlay : public CMediaStreamTest
 
 class MediaStreamPlayTime : public MediaStreamPlay
 {
-  protected:
+protected:
     unsigned long milliSeconds()
     {
         unsigned long ulMs = UNTOUCHED;

@@ -5,7 +5,7 @@
 
 class MediaStreamRecord : public CMediaStreamTest
 {
-  protected:
+protected:
     MediaStreamRecord()
     {
         seams::freezeTick(1000000);
