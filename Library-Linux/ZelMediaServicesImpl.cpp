@@ -64,6 +64,7 @@ void CZelMediaServicesImpl::OnCMIntfCompletion(int nStreamID, MCSTATUS mcstatus,
                                                CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON reason)
 {
     CZelMediaStream* pStream = nullptr;
+    CZelMediaStreamCompletionHandler* const pHandler = m_pStreamHandler;
     {
         CCritSecHold hold(m_pCritSec, 2625, 2633);
         const auto it = m_mapStreamByID.find(nStreamID);
@@ -73,9 +74,10 @@ void CZelMediaServicesImpl::OnCMIntfCompletion(int nStreamID, MCSTATUS mcstatus,
     traceOperation("CZelMediaServicesImpl::OnCMIntfCompletion (0x%08X), sid %d, status 0x%08X, reason 0x%08X",
                    addressForLog(pStream), nStreamID, static_cast<unsigned int>(mcstatus),
                    static_cast<unsigned int>(reason));
-    // The handler may close the stream and delete this object: nothing is touched after the call.
-    if (pStream && m_pStreamHandler)
-        m_pStreamHandler->OnMediaStreamCompletion(pStream, mcstatus, reason);
+    // Nothing of this object is touched any more: the application may delete it as soon as it knows of
+    // the completion.
+    if (pStream && pHandler)
+        pHandler->OnMediaStreamCompletion(pStream, mcstatus, reason);
 }
 
 int CZelMediaServicesImpl::setMinimumSilenceDuration(unsigned short)

@@ -447,8 +447,7 @@ TEST_P(OccupiedName, EventPipesNameTakenIs47ForeverAndTheResponsePipeStays)
     EXPECT_EQ(nInode, inodeOf(eventPipe()));
 }
 
-// What cannot be opened for writing is tried again until a driver takes its place. A file can be opened:
-// see FileUnderThePipesNameTakesOneConnectAndIsNotTriedAgain.
+// What is not a pipe with a reader is tried again until a driver takes its place.
 class OccupiedRequestPipe : public OccupiedName
 {
 };

@@ -3,7 +3,7 @@
 
 #include <atomic>
 #include <fstream>
-#include <regex>
+#include <regex.h>
 #include <stdexcept>
 #include <sys/syscall.h>
 
@@ -318,16 +318,19 @@ TEST(DefaultLog, HasALineOfTheRightShapeForEachCall)
     }));
     const std::vector<std::string> vLines = defaultLog();
     const std::string strMe = " p" + std::to_string(getpid()) + " t" + std::to_string(syscall(SYS_gettid)) + " ";
-    const std::regex shape("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6} p" +
-                           std::to_string(getpid()) + " t[0-9]+ [0-9]+ .*");
+    const std::string strShape = "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6} p" +
+                                 std::to_string(getpid()) + " t[0-9]+ [0-9]+ .*$";
+    regex_t shape;
+    ASSERT_EQ(0, regcomp(&shape, strShape.c_str(), REG_EXTENDED | REG_NOSUB));
     std::vector<std::string> vMine;
     for (const std::string& strLine : vLines)
     {
-        EXPECT_TRUE(std::regex_match(strLine, shape)) << strLine;
+        EXPECT_EQ(0, regexec(&shape, strLine.c_str(), 0, nullptr, 0)) << strLine;
         const size_t nText = strLine.find(strMe);
         if (nText != std::string::npos)
             vMine.push_back(strLine.substr(nText + strMe.size()));
     }
+    regfree(&shape);
     EXPECT_EQ(
         (std::vector<std::string>{"2 CMIntf::initialize", "2 CZelMediaServicesImpl::setMinimumSilenceDuration d"}),
         vMine);

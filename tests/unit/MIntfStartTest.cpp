@@ -126,7 +126,6 @@ protected:
         seams::setProcessID(0);
         seams::realTick();
         s_bNoLogFile = false;
-        s_ulTraceMask = 0;
         unlink(m_strRspPipe.c_str());
         unlink(m_strEvtPipe.c_str());
     }
