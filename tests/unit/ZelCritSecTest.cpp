@@ -93,8 +93,7 @@ TEST(ZelCritSecTest, HoldTagsItsSourceLineAndLeavesAtTheEnd)
     ZelCritSec lock("hold", 1);
     {
         const CCritSecHold hold(&lock);
-        const long nLine = __LINE__;
-        EXPECT_EQ(lock.enterTag(), nLine);
+        EXPECT_EQ(lock.enterTag(), __LINE__ - 1);
         EXPECT_EQ(lock.depth(), 1);
     }
     EXPECT_EQ(lock.depth(), 0);
