@@ -226,7 +226,7 @@ long CMIntf::markStreamInvalid(int nStreamID)
     const auto it = m_mapStreamByStreamID.find(nStreamID);
     if (it != m_mapStreamByStreamID.end())
     {
-        it->second->m_bInitialized = 0;
+        it->second->invalidate();
         trace(TRACE_INFO, LogLib_High,
               "(Error) CMIntf::markStreamInvalid, cannot open/create/read/write pipe, errrno= %d", nError);
     }

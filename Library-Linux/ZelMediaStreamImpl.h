@@ -55,13 +55,14 @@ public:
     int recordGetInfo(_CHANNEL_RECORD_DATA* pInfo);
     int recordSetSilenceParameters(unsigned short usLimitMs, unsigned char ucUlawLimit, unsigned long ulLimitMs);
 
-    // Event thread: the play that was timed has ended.
+    // Event thread: the play that was timed has ended; the stream was lost with the pipes.
     void freezePlayTime(uint64_t ullNow);
+    void invalidate();
 
     CZelMediaServicesImpl* m_pServices;
     CZelMediaStream* m_pStream;  // owns this object
     int m_nStreamID;             // the driver's id, -1 for none
-    int m_bInitialized;          // cleared by CMIntf::markStreamInvalid
+    int m_bInitialized;          // cleared by invalidate()
     int m_bPlayCancelled;        // the application's
     uint64_t m_ullPlayStartTick; // 0 while no play is timed
     uint64_t m_ullPlayElapsed;   // ms, 0 until a first play has completed

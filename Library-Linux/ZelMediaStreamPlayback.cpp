@@ -151,6 +151,11 @@ void CZelMediaStreamImpl::freezePlayTime(uint64_t ullNow)
     m_ullPlayStartTick = 0;
 }
 
+void CZelMediaStreamImpl::invalidate()
+{
+    m_bInitialized = 0;
+}
+
 int CZelMediaStreamImpl::playGetInfo(_CHANNEL_PLAY_DATA*)
 {
     traceOperation("CZelMediaStreamImpl::playGetInfo (0x%08X)", addressForLog(m_pStream));

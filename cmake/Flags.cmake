@@ -15,7 +15,7 @@ elseif(NOT ZELMEDIA_COVERAGE)
 endif()
 
 if(ZELMEDIA_COVERAGE)
-  add_compile_options(--coverage -O0 -g)
+  add_compile_options(--coverage -fprofile-update=atomic -O0 -g)
   add_link_options(--coverage)
 endif()
 

@@ -72,7 +72,7 @@ void CScriptedDriver::run()
     while (!m_bStop)
     {
         pollfd entry = {m_nRequestPipe, POLLIN, 0};
-        if (m_bFrozen || poll(&entry, 1, 5) <= 0)
+        if (m_bFrozen || poll(&entry, 1, 5) <= 0 || m_bFrozen)
         {
             if (m_bFrozen)
                 usleep(1000);

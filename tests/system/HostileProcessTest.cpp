@@ -318,7 +318,6 @@ TEST_F(HostileProcess, ParentGoesOnWhileItsChildrenStartPrograms)
 
 TEST_F(HostileProcess, BrokenPipeDoesNotKillTheProcess)
 {
-    signal(SIGPIPE, SIG_IGN);
     loseDriver();
     struct sigaction action = {};
     sigaction(SIGPIPE, nullptr, &action);
