@@ -35,6 +35,9 @@ public:
     // Called on the event thread for each completion before it is counted; set it before the first.
     std::function<void(const CCompletion&)> m_onCompletion;
 
+    // A completion may just be leaving on the event thread.
+    ~CCompletions() override { std::lock_guard hold(m_mutex); }
+
     void OnMediaStreamCompletion(CZelMediaStream* pStream, MCSTATUS mcstatus, MCCOMPLETION_REASON reason) override
     {
         const CCompletion completion = {pStream, mcstatus, reason};
