@@ -68,7 +68,8 @@ public:
     uint64_t m_ullPlayElapsed;   // ms, 0 until a first play has completed
 
 private:
-    int openAndRegister(std::string& strCallID, unsigned long ulLegID);
+    int openAndRegister(CZelMediaServicesImpl* pServices, CZelMediaStream* pStream, std::string& strCallID,
+                        unsigned long ulLegID);
     structMICMD request(MICMD micmd) const;
     int sendPlay(structMICMD& cmd, unsigned long ulTimeout, int nFlag);
     int sendRecord(structMICMD& cmd, const char* pszFileName, unsigned long ulMaxSeconds, unsigned long ulTimeout,

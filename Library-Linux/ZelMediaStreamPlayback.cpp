@@ -21,10 +21,7 @@ int CZelMediaStreamImpl::initialize(CZelMediaServicesImpl* pServices, CZelMediaS
 {
     traceOperation("CZelMediaStreamImpl::initialize (0x%08X), indev %s, outdev %s", addressForLog(pStream),
                    strInDev.c_str(), strOutDev.c_str());
-    m_bPlayCancelled = 0;
-    m_pStream = pStream;
-    m_pServices = pServices;
-    return openAndRegister(strInDev, 0);
+    return openAndRegister(pServices, pStream, strInDev, 0);
 }
 
 int CZelMediaStreamImpl::initialize(CZelMediaServicesImpl* pServices, CZelMediaStream* pStream, std::string strCallID,
@@ -32,14 +29,15 @@ int CZelMediaStreamImpl::initialize(CZelMediaServicesImpl* pServices, CZelMediaS
 {
     traceOperation("CZelMediaStreamImpl::initialize (0x%08X), callid %s, legid %u", addressForLog(pStream),
                    strCallID.c_str(), static_cast<unsigned int>(ulLegID));
+    return openAndRegister(pServices, pStream, strCallID, ulLegID);
+}
+
+int CZelMediaStreamImpl::openAndRegister(CZelMediaServicesImpl* pServices, CZelMediaStream* pStream,
+                                         std::string& strCallID, unsigned long ulLegID)
+{
     m_bPlayCancelled = 0;
     m_pStream = pStream;
     m_pServices = pServices;
-    return openAndRegister(strCallID, ulLegID);
-}
-
-int CZelMediaStreamImpl::openAndRegister(std::string& strCallID, unsigned long ulLegID)
-{
     const int nStatus = driverInterface()->openStream(this, &m_nStreamID, strCallID.data(), ulLegID);
     if (nStatus != MCS_OK)
         return nStatus;

@@ -23,7 +23,6 @@ namespace
 const unsigned long LEG = 1;
 const unsigned long TIMEOUT_S = 30;
 const unsigned long MAX_MESSAGE_S = 20;
-
 typedef std::chrono::steady_clock Clock;
 const Clock::time_point s_start = Clock::now();
 
@@ -87,8 +86,7 @@ private:
 
 struct CPhrase
 {
-    unsigned long m_ulOffset; // samples
-    unsigned long m_ulLength; // samples
+    unsigned long m_ulOffset, m_ulLength; // samples
 };
 
 // The index has a line "name offset length" for each phrase.
