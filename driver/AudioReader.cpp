@@ -1,29 +1,25 @@
-// Reading audio files into memory as µ-law at 8000 samples per second, mono.
+// Reading audio files as µ-law at 8000 samples per second, mono.
 #include "AudioReader.h"
 
+#include "AudioFormat.h"
 #include "G711.h"
-#include "SndFile.h"
 #include "Text.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <samplerate.h>
-#include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <memory>
 
 namespace
 {
-const char* const TOO_LONG = "it is longer than two hours";
+constexpr std::size_t PIECE_FRAMES = 8192;
 
-struct CSrcDelete
-{
-    void operator()(SRC_STATE* pState) const { src_delete(pState); }
-};
+// What a resampler may give more than the ratio says.
+constexpr std::size_t RESAMPLER_SLACK = 64;
 
 std::uint8_t EncodeFloat(float f)
 {
@@ -34,132 +30,7 @@ std::uint8_t EncodeFloat(float f)
     }
     return EncodeULaw(static_cast<std::int16_t>(std::lrint(std::min(f * 32768.0F, 32767.0F))));
 }
-
-bool Append(CSamples& samples, const float* pMono, std::size_t nCount, std::string& strError)
-{
-    if (nCount > MAX_CLIP_SAMPLES - samples.size())
-    {
-        strError = TOO_LONG;
-        return false;
-    }
-    for (std::size_t n = 0; n < nCount; ++n)
-    {
-        samples.push_back(EncodeFloat(pMono[n]));
-    }
-    return true;
-}
-
-bool ReadULaw(SNDFILE* pFile, CSamples& samples, std::string& strError)
-{
-    std::array<std::uint8_t, 65536> abChunk;
-    for (;;)
-    {
-        const sf_count_t nRead = sf_read_raw(pFile, abChunk.data(), static_cast<sf_count_t>(abChunk.size()));
-        if (nRead <= 0)
-        {
-            return true;
-        }
-        if (static_cast<std::size_t>(nRead) > MAX_CLIP_SAMPLES - samples.size())
-        {
-            strError = TOO_LONG;
-            return false;
-        }
-        samples.insert(samples.end(), abChunk.begin(), abChunk.begin() + nRead);
-    }
-}
-
-// Reads the next frames and mixes them to mono, in place of the frames. Returns their number, 0 at the end.
-std::size_t ReadMono(SNDFILE* pFile, std::size_t nChannels, std::vector<float>& vFrames)
-{
-    const sf_count_t nRead = sf_readf_float(pFile, vFrames.data(), static_cast<sf_count_t>(vFrames.size() / nChannels));
-    const std::size_t nFrames = nRead > 0 ? static_cast<std::size_t>(nRead) : 0;
-    for (std::size_t nFrame = 0; nFrame < nFrames && nChannels > 1; ++nFrame)
-    {
-        float fSum = 0.0F;
-        for (std::size_t nChannel = 0; nChannel < nChannels; ++nChannel)
-        {
-            fSum += vFrames[nFrame * nChannels + nChannel];
-        }
-        vFrames[nFrame] = fSum / static_cast<float>(nChannels);
-    }
-    return nFrames;
-}
-
-bool ReadAndConvert(SNDFILE* pFile, const SF_INFO& info, CSamples& samples, std::string& strError)
-{
-    const std::size_t nChannels = static_cast<std::size_t>(info.channels);
-    std::vector<float> vFrames((std::max<std::size_t>(1, 8192 / nChannels)) * nChannels);
-    std::unique_ptr<SRC_STATE, CSrcDelete> pResampler;
-    const double dRatio = 8000.0 / info.samplerate;
-    if (info.samplerate != 8000)
-    {
-        int nError = 0;
-        pResampler.reset(src_is_valid_ratio(dRatio) ? src_new(SRC_SINC_MEDIUM_QUALITY, 1, &nError) : nullptr);
-        if (!pResampler)
-        {
-            strError = fmt::format("its rate of {} samples per second cannot be converted", info.samplerate);
-            return false;
-        }
-    }
-
-    std::array<float, 8192> afOut;
-    for (;;)
-    {
-        const std::size_t nFrames = ReadMono(pFile, nChannels, vFrames);
-        if (!pResampler)
-        {
-            if (nFrames == 0)
-            {
-                return true;
-            }
-            if (!Append(samples, vFrames.data(), nFrames, strError))
-            {
-                return false;
-            }
-            continue;
-        }
-
-        SRC_DATA data = {};
-        data.data_in = vFrames.data();
-        data.input_frames = static_cast<long>(nFrames);
-        data.end_of_input = nFrames == 0 ? 1 : 0;
-        data.src_ratio = dRatio;
-        do
-        {
-            data.data_out = afOut.data();
-            data.output_frames = static_cast<long>(afOut.size());
-            const int nError = src_process(pResampler.get(), &data);
-            if (nError != 0)
-            {
-                strError = src_strerror(nError);
-                return false;
-            }
-            if (!Append(samples, afOut.data(), static_cast<std::size_t>(data.output_frames_gen), strError))
-            {
-                return false;
-            }
-            data.data_in += data.input_frames_used;
-            data.input_frames -= data.input_frames_used;
-        } while (data.output_frames_gen > 0 || (data.input_frames > 0 && data.input_frames_used > 0));
-
-        if (nFrames == 0)
-        {
-            return true;
-        }
-    }
-}
 } // namespace
-
-bool HasEnding(const std::string& strPath, const char* pEnding)
-{
-    const std::size_t nLength = std::strlen(pEnding);
-    return strPath.size() > nLength && ::strcasecmp(strPath.c_str() + strPath.size() - nLength, pEnding) == 0;
-}
-
-bool IsRawULawPath(const std::string& strPath)
-{
-    return HasEnding(strPath, ".ul") || HasEnding(strPath, ".ulaw") || HasEnding(strPath, ".raw");
-}
 
 bool OpenAudioFile(const std::string& strPath, CFd& fd, struct stat& status, std::string& strError)
 {
@@ -178,37 +49,178 @@ bool OpenAudioFile(const std::string& strPath, CFd& fd, struct stat& status, std
     return true;
 }
 
-bool DecodeAudioFile(const CFd& fd, const std::string& strPath, CSamples& samples, std::string& strError)
+void CAudioReader::CResamplerDelete::operator()(SRC_STATE_tag* pState) const
+{
+    src_delete(pState);
+}
+
+CAudioReader::CAudioReader(CFd fd, CSndFile pFile, int nChannels)
+    : m_fd(std::move(fd)), m_pFile(std::move(pFile)), m_nChannels(static_cast<std::size_t>(nChannels))
+{
+}
+
+CAudioReader::~CAudioReader() = default;
+
+std::unique_ptr<CAudioReader> CAudioReader::Open(CFd fd, const std::string& strPath, std::string& strError)
 {
     SF_INFO info = {};
-    if (IsRawULawPath(strPath))
+    const auto format = AudioFormatOf(strPath);
+    if (format && format->m_bHeaderless)
     {
-        info.format = SF_FORMAT_RAW | SF_FORMAT_ULAW;
+        info.format = format->m_nSndFormat;
         info.samplerate = 8000;
         info.channels = 1;
         if (::lseek(fd.Get(), 0, SEEK_END) == 0)
         {
-            samples.clear(); // libsndfile takes an empty file for an error
-            return true;
+            // libsndfile takes an empty file for an error.
+            return std::unique_ptr<CAudioReader>(new CAudioReader(std::move(fd), nullptr, 1));
         }
         ::lseek(fd.Get(), 0, SEEK_SET);
     }
-    const CSndFile pFile(sf_open_fd(fd.Get(), SFM_READ, &info, SF_FALSE));
+    CSndFile pFile(sf_open_fd(fd.Get(), SFM_READ, &info, SF_FALSE));
     if (!pFile)
     {
         strError = sf_strerror(nullptr);
-        return false;
+        return nullptr;
     }
     if (info.channels < 1 || info.samplerate < 1)
     {
         strError = "it has no channels or no rate";
+        return nullptr;
+    }
+    std::unique_ptr<CAudioReader> pReader(new CAudioReader(std::move(fd), std::move(pFile), info.channels));
+    pReader->m_bULaw = (info.format & SF_FORMAT_SUBMASK) == SF_FORMAT_ULAW && info.channels == 1;
+    if (info.samplerate != 8000 && !pReader->SetUpResampler(info.samplerate, strError))
+    {
+        return nullptr;
+    }
+    const double dSamples = std::ceil(static_cast<double>(std::max<sf_count_t>(info.frames, 0)) * pReader->m_dRatio);
+    if (dSamples > static_cast<double>(MAX_CLIP_SAMPLES))
+    {
+        strError = "it is longer than two hours";
+        return nullptr;
+    }
+    pReader->m_nMaxSamples = static_cast<std::size_t>(dSamples) + (pReader->m_pResampler ? RESAMPLER_SLACK : 0);
+    return pReader;
+}
+
+bool CAudioReader::SetUpResampler(int nRate, std::string& strError)
+{
+    m_dRatio = 8000.0 / nRate;
+    m_bULaw = false;
+    int nError = 0;
+    m_pResampler.reset(src_is_valid_ratio(m_dRatio) != 0 ? src_new(SRC_SINC_MEDIUM_QUALITY, 1, &nError) : nullptr);
+    if (!m_pResampler)
+    {
+        strError = fmt::format("its rate of {} samples per second cannot be converted", nRate);
         return false;
     }
-    samples.clear();
-    const bool bULaw = (info.format & SF_FORMAT_SUBMASK) == SF_FORMAT_ULAW;
-    const bool bOk = bULaw && info.channels == 1 && info.samplerate == 8000
-                         ? ReadULaw(pFile.get(), samples, strError)
-                         : ReadAndConvert(pFile.get(), info, samples, strError);
-    samples.shrink_to_fit();
-    return bOk;
+    return true;
+}
+
+std::size_t CAudioReader::MaxSamples() const
+{
+    return m_nMaxSamples;
+}
+
+std::optional<std::size_t> CAudioReader::Read(std::span<std::uint8_t> buffer, std::string& strError)
+{
+    if (!m_pFile)
+    {
+        return 0;
+    }
+    if (m_bULaw)
+    {
+        return ReadULaw(buffer);
+    }
+    return m_pResampler ? ReadResampled(buffer, strError) : ReadLinear(buffer);
+}
+
+std::size_t CAudioReader::ReadULaw(std::span<std::uint8_t> buffer)
+{
+    std::size_t nCount = 0;
+    while (nCount < buffer.size())
+    {
+        const sf_count_t nRead =
+            sf_read_raw(m_pFile.get(), buffer.data() + nCount, static_cast<sf_count_t>(buffer.size() - nCount));
+        if (nRead <= 0)
+        {
+            break;
+        }
+        nCount += static_cast<std::size_t>(nRead);
+    }
+    return nCount;
+}
+
+std::size_t CAudioReader::ReadLinear(std::span<std::uint8_t> buffer)
+{
+    std::size_t nCount = 0;
+    while (nCount < buffer.size())
+    {
+        const std::size_t nFrames = ReadMono(std::min(PIECE_FRAMES, buffer.size() - nCount));
+        if (nFrames == 0)
+        {
+            break;
+        }
+        std::transform(m_vFrames.data(), m_vFrames.data() + nFrames, buffer.data() + nCount, EncodeFloat);
+        nCount += nFrames;
+    }
+    return nCount;
+}
+
+std::optional<std::size_t> CAudioReader::ReadResampled(std::span<std::uint8_t> buffer, std::string& strError)
+{
+    std::array<float, PIECE_FRAMES> afOut;
+    std::size_t nCount = 0;
+    while (nCount < buffer.size())
+    {
+        if (m_nInput == 0 && !m_bInputEnded)
+        {
+            m_nInput = ReadMono(PIECE_FRAMES);
+            m_pInput = m_vFrames.data();
+            m_bInputEnded = m_nInput == 0;
+        }
+        SRC_DATA data = {};
+        data.data_in = m_pInput;
+        data.input_frames = static_cast<long>(m_nInput);
+        data.end_of_input = m_bInputEnded ? 1 : 0;
+        data.src_ratio = m_dRatio;
+        data.data_out = afOut.data();
+        data.output_frames = static_cast<long>(std::min(afOut.size(), buffer.size() - nCount));
+        const int nError = src_process(m_pResampler.get(), &data);
+        if (nError != 0)
+        {
+            strError = src_strerror(nError);
+            return std::nullopt;
+        }
+        m_pInput += data.input_frames_used;
+        m_nInput -= static_cast<std::size_t>(data.input_frames_used);
+        std::transform(afOut.data(), afOut.data() + data.output_frames_gen, buffer.data() + nCount, EncodeFloat);
+        nCount += static_cast<std::size_t>(data.output_frames_gen);
+        if (data.output_frames_gen == 0 && (m_bInputEnded || data.input_frames_used == 0))
+        {
+            break;
+        }
+    }
+    return nCount;
+}
+
+// Reads the next frames and mixes them to mono, into the beginning of m_vFrames. 0 at the end.
+std::size_t CAudioReader::ReadMono(std::size_t nFrames)
+{
+    // As many channels as a file may claim must not mean as much memory.
+    nFrames = std::max<std::size_t>(1, std::min(nFrames, PIECE_FRAMES / m_nChannels));
+    m_vFrames.resize(std::max(m_vFrames.size(), nFrames * m_nChannels));
+    const sf_count_t nRead = sf_readf_float(m_pFile.get(), m_vFrames.data(), static_cast<sf_count_t>(nFrames));
+    const std::size_t nCount = nRead > 0 ? static_cast<std::size_t>(nRead) : 0;
+    for (std::size_t nFrame = 0; nFrame < nCount && m_nChannels > 1; ++nFrame)
+    {
+        float fSum = 0.0F;
+        for (std::size_t nChannel = 0; nChannel < m_nChannels; ++nChannel)
+        {
+            fSum += m_vFrames[nFrame * m_nChannels + nChannel];
+        }
+        m_vFrames[nFrame] = fSum / static_cast<float>(m_nChannels);
+    }
+    return nCount;
 }

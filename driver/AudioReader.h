@@ -1,17 +1,20 @@
-// Reading audio files into memory as µ-law at 8000 samples per second, mono.
+// Reading audio files as µ-law at 8000 samples per second, mono.
 #ifndef DRIVER_AUDIO_READER_H
 #define DRIVER_AUDIO_READER_H
 
 #include "Fd.h"
+#include "SndFile.h"
 
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
-// One byte of µ-law per sample.
-using CSamples = std::vector<std::uint8_t>;
+struct SRC_STATE_tag;
 
 // The longest audio that is taken into memory: two hours.
 constexpr std::size_t MAX_CLIP_SAMPLES = std::size_t{2} * 3600 * 8000;
@@ -20,16 +23,50 @@ constexpr std::size_t MAX_CLIP_SAMPLES = std::size_t{2} * 3600 * 8000;
 // On failure strError says why, without the path.
 bool OpenAudioFile(const std::string& strPath, CFd& fd, struct stat& status, std::string& strError);
 
-// Decodes an open audio file. What is µ-law at 8000 samples per second and mono already is taken
-// byte for byte: WAV and AU by their headers, headerless files by the endings .ul, .ulaw and .raw of
-// strPath. Anything else that libsndfile knows is mixed to mono and resampled.
-// On failure strError says why, without the path, and samples holds nothing of use.
-bool DecodeAudioFile(const CFd& fd, const std::string& strPath, CSamples& samples, std::string& strError);
+// Decodes one open audio file from beginning to end. What is µ-law at 8000 samples per second and mono
+// already is taken byte for byte: WAV and AU by their headers, headerless files by the ending of the
+// path (see AudioFormat.h). Anything else that libsndfile knows is mixed to mono and resampled.
+class CAudioReader
+{
+public:
+    // Reads the header. Null, with the reason without the path in strError, when it is no audio file,
+    // or one of more than MAX_CLIP_SAMPLES.
+    static std::unique_ptr<CAudioReader> Open(CFd fd, const std::string& strPath, std::string& strError);
 
-// Whether the path has the given ending, in any case: ".wav".
-bool HasEnding(const std::string& strPath, const char* pEnding);
+    ~CAudioReader();
 
-// Whether the path names a headerless µ-law file.
-bool IsRawULawPath(const std::string& strPath);
+    // The most samples that the file can give, by its header.
+    std::size_t MaxSamples() const;
+
+    // Decodes the next samples into the buffer; fewer than it holds at the end of the file. None, with
+    // the reason in strError, when the file is damaged.
+    std::optional<std::size_t> Read(std::span<std::uint8_t> buffer, std::string& strError);
+
+private:
+    CAudioReader(CFd fd, CSndFile pFile, int nChannels);
+
+    bool SetUpResampler(int nRate, std::string& strError);
+    std::size_t ReadULaw(std::span<std::uint8_t> buffer);
+    std::size_t ReadLinear(std::span<std::uint8_t> buffer);
+    std::optional<std::size_t> ReadResampled(std::span<std::uint8_t> buffer, std::string& strError);
+    std::size_t ReadMono(std::size_t nFrames);
+
+    CFd m_fd;
+    CSndFile m_pFile;
+    const std::size_t m_nChannels;
+    std::size_t m_nMaxSamples = 0;
+    bool m_bULaw = false;
+    std::vector<float> m_vFrames; // as read, then mixed to mono in place
+
+    struct CResamplerDelete
+    {
+        void operator()(SRC_STATE_tag* pState) const;
+    };
+    std::unique_ptr<SRC_STATE_tag, CResamplerDelete> m_pResampler; // null where the rate is 8000
+    double m_dRatio = 1.0;
+    const float* m_pInput = nullptr; // what the resampler has not taken yet, in m_vFrames
+    std::size_t m_nInput = 0;
+    bool m_bInputEnded = false;
+};
 
 #endif

@@ -1,30 +1,20 @@
-// Writing µ-law audio files: recordings, and what the caller heard.
+// Writing audio files: recordings, and what the caller heard.
 #include "AudioWriter.h"
 
-#include "AudioReader.h"
+#include "AudioFormat.h"
+#include "G711.h"
 #include "Text.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <vector>
 
 namespace
 {
-int ContainerByEnding(const std::string& strPath)
-{
-    if (HasEnding(strPath, ".wav"))
-    {
-        return SF_FORMAT_WAV;
-    }
-    if (HasEnding(strPath, ".au") || HasEnding(strPath, ".snd"))
-    {
-        return SF_FORMAT_AU;
-    }
-    return IsRawULawPath(strPath) ? SF_FORMAT_RAW : 0;
-}
-
 bool OpenForWriting(const std::string& strPath, CFd& fd, std::string& strError)
 {
     // It is emptied only after the checks: the path may name what must not be touched.
@@ -56,10 +46,10 @@ bool OpenForWriting(const std::string& strPath, CFd& fd, std::string& strError)
 
 std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, std::string& strError)
 {
-    const int nContainer = ContainerByEnding(strPath);
-    if (nContainer == 0)
+    const auto format = AudioFormatOf(strPath);
+    if (!format)
     {
-        strError = "its ending is none of .wav .au .snd .ul .ulaw .raw";
+        strError = std::string("its ending is none of ") + AUDIO_ENDINGS;
         return nullptr;
     }
     CFd fd;
@@ -68,7 +58,7 @@ std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, s
         return nullptr;
     }
     SF_INFO info = {};
-    info.format = nContainer | SF_FORMAT_ULAW;
+    info.format = format->m_nSndFormat;
     info.samplerate = 8000;
     info.channels = 1;
     CSndFile pFile(sf_open_fd(fd.Get(), SFM_WRITE, &info, SF_FALSE));
@@ -77,7 +67,8 @@ std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, s
         strError = sf_strerror(nullptr);
         return nullptr;
     }
-    std::unique_ptr<CAudioWriter> pWriter(new CAudioWriter(std::move(fd), std::move(pFile)));
+    std::unique_ptr<CAudioWriter> pWriter(new CAudioWriter(
+        std::move(fd), std::move(pFile), (format->m_nSndFormat & SF_FORMAT_SUBMASK) == SF_FORMAT_ULAW));
     if (!pWriter->Update())
     {
         strError = "its header cannot be written";
@@ -86,7 +77,10 @@ std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, s
     return pWriter;
 }
 
-CAudioWriter::CAudioWriter(CFd fd, CSndFile pFile) : m_fd(std::move(fd)), m_pFile(std::move(pFile)) {}
+CAudioWriter::CAudioWriter(CFd fd, CSndFile pFile, bool bULaw)
+    : m_fd(std::move(fd)), m_pFile(std::move(pFile)), m_bULaw(bULaw)
+{
+}
 
 CAudioWriter::~CAudioWriter()
 {
@@ -96,7 +90,13 @@ CAudioWriter::~CAudioWriter()
 bool CAudioWriter::Write(std::span<const std::uint8_t> samples)
 {
     const sf_count_t nCount = static_cast<sf_count_t>(samples.size());
-    return m_pFile && sf_write_raw(m_pFile.get(), samples.data(), nCount) == nCount;
+    if (!m_pFile || m_bULaw)
+    {
+        return m_pFile && sf_write_raw(m_pFile.get(), samples.data(), nCount) == nCount;
+    }
+    std::vector<std::int16_t> vLinear(samples.size());
+    std::transform(samples.begin(), samples.end(), vLinear.begin(), DecodeULaw);
+    return sf_write_short(m_pFile.get(), vLinear.data(), nCount) == nCount;
 }
 
 bool CAudioWriter::Update()

@@ -1,4 +1,4 @@
-// Writing µ-law audio files: recordings, and what the caller heard.
+// Writing audio files: recordings, and what the caller heard.
 #ifndef DRIVER_AUDIO_WRITER_H
 #define DRIVER_AUDIO_WRITER_H
 
@@ -10,14 +10,14 @@
 #include <span>
 #include <string>
 
-// One open file of µ-law samples, 8000 per second, mono. Samples are stored byte for byte.
-// The file is complete, header included, after Close, after Update, and when the writer is destroyed.
+// One open file of µ-law samples, 8000 per second, mono. Formats of µ-law get them byte for byte. The file is complete,
+// header included, after Close, after Update, and when the writer is destroyed.
 class CAudioWriter
 {
 public:
-    // Creates the file or empties an existing one. The format is by the ending of the path: .wav, .au
-    // or .snd, and .ul, .ulaw or .raw for headerless files. Anything else, a path that is not a regular
-    // file, and a file that another writer is writing give null; strError then says why, without the path.
+    // Creates the file or empties an existing one. The format is by the ending of the path: see
+    // AudioFormat.h. Any other ending, a path that is not a regular file, and a file that another writer
+    // is writing give null; strError then says why, without the path.
     static std::unique_ptr<CAudioWriter> Create(const std::string& strPath, std::string& strError);
 
     ~CAudioWriter();
@@ -28,10 +28,11 @@ public:
     bool Close();
 
 private:
-    CAudioWriter(CFd fd, CSndFile pFile);
+    CAudioWriter(CFd fd, CSndFile pFile, bool bULaw);
 
     CFd m_fd;
     CSndFile m_pFile;
+    const bool m_bULaw;
 };
 
 #endif

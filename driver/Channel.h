@@ -4,39 +4,80 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
 
-// All samples are µ-law, 8000 per second. A channel belongs to one stream.
+// All samples are µ-law, 8000 per second. A channel belongs to one stream and is used on the loop's
+// thread only. Hear and Listen run on the media tick: they neither block, lock nor allocate.
+//
+// The functions given to the other operations are called once, on the loop's thread, at once or later,
+// even after the channel is gone.
 class CChannel
 {
 public:
+    using FinishFunction = std::function<void(bool bOk)>;
+    using BeginFunction = std::function<void(bool bOk, const std::string& strError)>;
+
     virtual ~CChannel() = default;
 
-    // Lets the caller hear samples. False when they could not be delivered.
-    virtual bool Hear(std::span<const std::uint8_t> samples) = 0;
+    // "file", "null" or "rtp".
+    virtual const char* Kind() const = 0;
 
-    // A play has ended: what was heard so far must now be visible to others. False on failure.
-    virtual bool FinishHearing() = 0;
+    // Whether its time is that of the clock. The others go on as fast as the machine can.
+    virtual bool IsRealTime() const { return true; }
 
-    // A recording begins. False, with the reason in strError, when the caller cannot be listened to.
-    virtual bool BeginListening(std::string& strError) = 0;
+    // Lets the caller hear samples. Returns how many were taken: fewer than given when the rest has to
+    // wait for the next tick. After a failure that lasts nothing is taken and HasFailed holds.
+    virtual std::size_t Hear(std::span<const std::uint8_t> samples) = 0;
+    virtual bool HasFailed() const { return false; }
 
-    // Takes the next samples that the caller says. Fewer than asked for means that the caller has
-    // ended; the recording is then over.
+    // A play has ended: what was heard so far is visible to others when done is called.
+    virtual void FinishHearing(FinishFunction done) { done(true); }
+
+    // A recording is to begin. It cannot when bOk is false.
+    virtual void BeginListening(BeginFunction done) { done(true, {}); }
+
+    // Takes the next samples that the caller says. Fewer than asked for when there are no more in this
+    // tick, or, if HasCallerEnded holds afterwards, ever; the recording is then over.
     virtual std::size_t Listen(std::span<std::uint8_t> samples) = 0;
+    virtual bool HasCallerEnded() const { return false; }
+
+    // A recording has ended.
+    virtual void EndListening() {}
+
+    // Work that came up on the tick and may lock and allocate: asked for after each tick in which the
+    // channel was used.
+    virtual bool WantsService() const { return false; }
+    virtual void Service() {}
 };
 
 // Makes the channels of call ids and legs.
 class CChannelFactory
 {
 public:
+    // Null, with the reason in strError, when there can be no such channel.
+    using OpenFunction = std::function<void(std::unique_ptr<CChannel> pChannel, const std::string& strError)>;
+
     virtual ~CChannelFactory() = default;
 
-    // Null, with the reason in strError, when there can be no such channel.
-    virtual std::unique_ptr<CChannel> Open(const std::string& strCallID, std::uint32_t nLegID,
-                                           std::string& strError) = 0;
+    // Calls done once, on the loop's thread, at once or later.
+    virtual void Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done) = 0;
+};
+
+// What many channels do together around the media tick, such as sending their packets in one call.
+// Neither blocks, locks nor allocates.
+class CTickListener
+{
+public:
+    virtual ~CTickListener() = default;
+
+    // Whether it wants ticks even while no stream plays or records.
+    virtual bool NeedsTicks() const = 0;
+
+    virtual void BeforeTick() = 0;
+    virtual void AfterTick() = 0;
 };
 
 #endif

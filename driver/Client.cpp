@@ -1,38 +1,28 @@
-// A connected client process: its streams, its files, and the events that it has not taken yet.
+// A connected client process: its streams, its files, its requests in order, and the events that it has
+// not taken yet.
 #include "Client.h"
 
 #include <spdlog/spdlog.h>
 
-#include <algorithm>
-
 CClient::CClient(int nConnectID, std::unique_ptr<CClientPort> pPort)
-    : m_nConnectID(nConnectID), m_pPort(std::move(pPort))
+    : m_warnings("client " + std::to_string(nConnectID)), m_nConnectID(nConnectID), m_pPort(std::move(pPort))
 {
 }
 
-int CClient::ConnectID() const
+void CClient::QueueEvent(const structMIEVT& evt)
 {
-    return m_nConnectID;
+    m_events.push_back(evt);
 }
 
-CClientPort& CClient::Port()
+std::optional<std::size_t> CClient::FlushEvents()
 {
-    return *m_pPort;
-}
-
-void CClient::QueueEvents(const std::vector<structMIEVT>& vEvents)
-{
-    m_events.insert(m_events.end(), vEvents.begin(), vEvents.end());
-}
-
-bool CClient::FlushEvents()
-{
-    while (!m_events.empty())
+    std::size_t nSent = 0;
+    for (; !m_events.empty(); ++nSent)
     {
         const ESend eSend = m_pPort->SendEvent(m_events.front());
         if (eSend == ESend::Gone)
         {
-            return false;
+            return std::nullopt;
         }
         if (eSend == ESend::Full)
         {
@@ -47,38 +37,22 @@ bool CClient::FlushEvents()
         spdlog::info("client {} {}", m_nConnectID,
                      m_bWatchesRoom ? "does not take its events; they wait" : "has taken all its events");
     }
-    return true;
+    return nSent;
 }
 
-std::size_t CClient::WaitingEvents() const
-{
-    return m_events.size();
-}
-
-void CClient::Advance(std::size_t nSamples)
-{
-    std::vector<structMIEVT> vEvents;
-    for (const auto& [nStreamID, pStream] : m_mapStreamByID)
-    {
-        pStream->Advance(nSamples, vEvents);
-    }
-    QueueEvents(vEvents);
-}
-
-bool CClient::IsActive() const
-{
-    return std::any_of(m_mapStreamByID.begin(), m_mapStreamByID.end(),
-                       [](const auto& item) { return item.second->IsActive(); });
-}
-
-CStream* CClient::FindStream(int nStreamID)
+std::shared_ptr<CStream> CClient::FindStream(int nStreamID) const
 {
     const auto it = m_mapStreamByID.find(nStreamID);
-    return it == m_mapStreamByID.end() ? nullptr : it->second.get();
+    return it == m_mapStreamByID.end() ? nullptr : it->second;
 }
 
 CClipPtr CClient::FindFile(int nFileID) const
 {
     const auto it = m_mapFileByID.find(nFileID);
     return it == m_mapFileByID.end() ? nullptr : it->second;
+}
+
+CClientState CClient::State() const
+{
+    return {m_nConnectID, m_pPort->ProcessID(), m_mapFileByID.size(), m_mapStreamByID.size(), m_events.size()};
 }

@@ -1,14 +1,18 @@
-// A connected client process: its streams, its files, and the events that it has not taken yet.
+// A connected client process: its streams, its files, its requests in order, and the events that it has
+// not taken yet.
 #ifndef DRIVER_CLIENT_H
 #define DRIVER_CLIENT_H
 
 #include "ClientPort.h"
+#include "DriverState.h"
+#include "FaultRules.h"
+#include "LogLimiter.h"
 #include "Stream.h"
 
 #include <deque>
 #include <map>
 #include <memory>
-#include <vector>
+#include <optional>
 
 class CClient
 {
@@ -17,28 +21,45 @@ public:
     // bounds the queue without ever losing an event.
     static constexpr std::size_t MAX_WAITING_EVENTS = 1000000;
 
+    // Requests that wait for an earlier one of the client. The library never has more than one under way.
+    static constexpr std::size_t MAX_WAITING_REQUESTS = 64;
+
     CClient(int nConnectID, std::unique_ptr<CClientPort> pPort);
 
-    int ConnectID() const;
-    CClientPort& Port();
+    int ConnectID() const { return m_nConnectID; }
+    CClientPort& Port() { return *m_pPort; }
 
-    // Puts events behind those that wait; FlushEvents sends them.
-    void QueueEvents(const std::vector<structMIEVT>& vEvents);
+    // Puts an event behind those that wait; FlushEvents sends them.
+    void QueueEvent(const structMIEVT& evt);
 
-    // Sends what the client's pipe has room for, in order. False when the client is gone.
-    bool FlushEvents();
-    std::size_t WaitingEvents() const;
-
-    // Moves all streams by nSamples and queues the events of what ended.
-    void Advance(std::size_t nSamples);
-    bool IsActive() const;
+    // Sends what the client's pipe has room for, in order, and returns how many events those were. None
+    // when the client is gone.
+    std::optional<std::size_t> FlushEvents();
+    std::size_t WaitingEvents() const { return m_events.size(); }
 
     // Null when the client has no such stream or file.
-    CStream* FindStream(int nStreamID);
+    std::shared_ptr<CStream> FindStream(int nStreamID) const;
     CClipPtr FindFile(int nFileID) const;
 
-    std::map<int, std::unique_ptr<CStream>> m_mapStreamByID;
+    CClientState State() const;
+
+    std::map<int, std::shared_ptr<CStream>> m_mapStreamByID;
     std::map<int, CClipPtr> m_mapFileByID;
+
+    // The request handler's: requests are carried out one after the other.
+    struct CRequest
+    {
+        structMICMD m_cmd;
+        std::optional<CFaultAction> m_action; // known already when the driver froze over the request
+    };
+    std::deque<CRequest> m_requests;
+    std::uint64_t m_ullTicket = 0; // of the request under way, 0 for none
+    bool m_bRunning = false;       // its requests are being worked off
+    std::uint32_t m_nLatestSequenceNo = 0;
+    CLogLimiter m_warnings;
+
+    // It was dropped, and is only kept until the end of the loop's turn.
+    bool m_bGone = false;
 
 private:
     const int m_nConnectID;

@@ -5,13 +5,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/epoll.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <string_view>
+#include <utility>
 
 namespace
 {
@@ -28,21 +28,55 @@ bool ParseName(const std::string& strName, std::string_view prefix, pid_t& nProc
            strName.size() == prefix.size() + std::to_string(nProcessID).size();
 }
 
-bool OpenFifo(const std::string& strPath, CFd& fd, std::string& strError)
+bool IsFile(const struct stat& left, const struct stat& right)
 {
-    fd = CFd(::open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-    struct stat status = {};
-    if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0)
+    return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+}
+
+// The file is looked at before it is opened, because opening alone can have effects on a device, and after,
+// because it may have become another one.
+bool OpenFifo(const std::string& strPath, CFd& fd, struct stat& status, std::string& strError)
+{
+    struct stat before = {};
+    if (::lstat(strPath.c_str(), &before) != 0)
     {
         strError = strPath + " cannot be opened: " + ErrnoText(errno);
         return false;
     }
-    if (!S_ISFIFO(status.st_mode))
+    if (!S_ISFIFO(before.st_mode))
     {
         strError = strPath + " is not a FIFO";
         return false;
     }
+    fd = CFd(::open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0)
+    {
+        strError = errno == ENXIO ? strPath + " is read by nobody" : strPath + " cannot be opened: " + ErrnoText(errno);
+        return false;
+    }
+    if (!S_ISFIFO(status.st_mode) || !IsFile(before, status))
+    {
+        strError = strPath + " was exchanged while it was opened";
+        return false;
+    }
+    if (status.st_nlink != 1)
+    {
+        strError = strPath + " has other names, too";
+        return false;
+    }
     return true;
+}
+
+// Whether the file is no longer under the name. While that cannot be told, it counts as being there.
+bool IsLost(int nFd, const std::string& strPath)
+{
+    struct stat open = {};
+    struct stat there = {};
+    if (::fstat(nFd, &open) != 0)
+    {
+        return false;
+    }
+    return ::lstat(strPath.c_str(), &there) == 0 ? !IsFile(open, there) : errno == ENOENT;
 }
 
 template <class TRecord> ESend WriteRecord(int nFd, const TRecord& record)
@@ -59,13 +93,6 @@ template <class TRecord> ESend WriteRecord(int nFd, const TRecord& record)
     return nWritten < 0 && errno == EAGAIN ? ESend::Full : ESend::Gone;
 }
 
-bool Epoll(int nEpollFd, int nOperation, int nFd, uint32_t nEvents, int nConnectID)
-{
-    epoll_event event = {};
-    event.events = nEvents;
-    event.data.u64 = static_cast<uint64_t>(nConnectID);
-    return ::epoll_ctl(nEpollFd, nOperation, nFd, &event) == 0;
-}
 } // namespace
 
 bool ParseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNames& names, std::string& strError)
@@ -93,9 +120,9 @@ bool ParseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNa
     return true;
 }
 
-CClientPipes::CClientPipes(pid_t nProcessID, CFd fdRsp, CFd fdEvt, int nEpollFd)
-    : m_nProcessID(nProcessID), m_bProcessVisible(::kill(nProcessID, 0) == 0 || errno != ESRCH),
-      m_fdRsp(std::move(fdRsp)), m_fdEvt(std::move(fdEvt)), m_nEpollFd(nEpollFd)
+CClientPipes::CClientPipes(CClientPipeNames names, CFd fdRsp, CFd fdEvt, CPoller& poller)
+    : m_names(std::move(names)), m_bProcessVisible(::kill(m_names.m_nProcessID, 0) == 0 || errno != ESRCH),
+      m_fdRsp(std::move(fdRsp)), m_fdEvt(std::move(fdEvt)), m_poller(poller)
 {
 }
 
@@ -109,40 +136,51 @@ ESend CClientPipes::SendEvent(const structMIEVT& evt)
     return WriteRecord(m_fdEvt.Get(), evt);
 }
 
-bool CClientPipes::Watch(int nConnectID)
+bool CClientPipes::Watch(std::function<void()> broken, std::function<void()> writable)
 {
-    // No event is asked for: a pipe without readers is reported anyway.
-    m_nConnectID = nConnectID;
-    return Epoll(m_nEpollFd, EPOLL_CTL_ADD, m_fdRsp.Get(), 0, nConnectID) &&
-           Epoll(m_nEpollFd, EPOLL_CTL_ADD, m_fdEvt.Get(), 0, nConnectID);
+    // No event is asked for: a pipe without readers is reported anyway. The functions may end this port,
+    // so they are kept by the poller.
+    m_watchRsp = m_poller.Watch(m_fdRsp.Get(), 0, [broken](std::uint32_t) { broken(); });
+    m_watchEvt = m_poller.Watch(m_fdEvt.Get(), 0, [broken, writable = std::move(writable)](std::uint32_t nEvents) {
+        (nEvents & (EPOLLERR | EPOLLHUP)) != 0 ? broken() : writable();
+    });
+    return m_watchRsp.IsOn() && m_watchEvt.IsOn();
 }
 
 void CClientPipes::WatchForRoom(bool bOn)
 {
-    Epoll(m_nEpollFd, EPOLL_CTL_MOD, m_fdEvt.Get(), bOn ? static_cast<uint32_t>(EPOLLOUT) : 0U, m_nConnectID);
+    m_watchEvt.SetEvents(bOn ? static_cast<std::uint32_t>(EPOLLOUT) : 0U);
 }
 
 pid_t CClientPipes::ProcessID() const
 {
-    return m_nProcessID;
+    return m_names.m_nProcessID;
 }
 
-bool CClientPipes::IsProcessGone() const
+bool CClientPipes::IsGone() const
 {
-    return m_bProcessVisible && ::kill(m_nProcessID, 0) != 0 && errno == ESRCH;
+    return (m_bProcessVisible && ::kill(m_names.m_nProcessID, 0) != 0 && errno == ESRCH) ||
+           IsLost(m_fdRsp.Get(), m_names.m_strRspPipe) || IsLost(m_fdEvt.Get(), m_names.m_strEvtPipe);
 }
 
-CClientPipesOpener::CClientPipesOpener(int nEpollFd) : m_nEpollFd(nEpollFd) {}
+CClientPipesOpener::CClientPipesOpener(CPoller& poller) : m_poller(poller) {}
 
 std::unique_ptr<CClientPort> CClientPipesOpener::Open(const structMICMD::ConnectBody& connect, std::string& strError)
 {
     CClientPipeNames names;
     CFd fdRsp;
     CFd fdEvt;
-    if (!ParseClientPipeNames(connect, names, strError) || !OpenFifo(names.m_strRspPipe, fdRsp, strError) ||
-        !OpenFifo(names.m_strEvtPipe, fdEvt, strError))
+    struct stat statusRsp = {};
+    struct stat statusEvt = {};
+    if (!ParseClientPipeNames(connect, names, strError) || !OpenFifo(names.m_strRspPipe, fdRsp, statusRsp, strError) ||
+        !OpenFifo(names.m_strEvtPipe, fdEvt, statusEvt, strError))
     {
         return nullptr;
     }
-    return std::make_unique<CClientPipes>(names.m_nProcessID, std::move(fdRsp), std::move(fdEvt), m_nEpollFd);
+    if (IsFile(statusRsp, statusEvt) || statusRsp.st_uid != statusEvt.st_uid)
+    {
+        strError = fmt::format("{} and {} are not two pipes of one user", names.m_strRspPipe, names.m_strEvtPipe);
+        return nullptr;
+    }
+    return std::make_unique<CClientPipes>(std::move(names), std::move(fdRsp), std::move(fdEvt), m_poller);
 }

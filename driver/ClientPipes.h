@@ -4,6 +4,7 @@
 
 #include "ClientPort.h"
 #include "Fd.h"
+#include "Poller.h"
 
 struct CClientPipeNames
 {
@@ -19,35 +20,40 @@ bool ParseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNa
 class CClientPipes : public CClientPort
 {
 public:
-    CClientPipes(pid_t nProcessID, CFd fdRsp, CFd fdEvt, int nEpollFd);
+    // fdRsp and fdEvt are the pipes of these names, open for writing without blocking.
+    CClientPipes(CClientPipeNames names, CFd fdRsp, CFd fdEvt, CPoller& poller);
 
     ESend SendResponse(const structMIRSP& rsp) override;
     ESend SendEvent(const structMIEVT& evt) override;
-    bool Watch(int nConnectID) override;
+    bool Watch(std::function<void()> broken, std::function<void()> writable) override;
     void WatchForRoom(bool bOn) override;
     pid_t ProcessID() const override;
-    bool IsProcessGone() const override;
+    bool IsGone() const override;
 
 private:
-    const pid_t m_nProcessID;
+    const CClientPipeNames m_names;
     const bool m_bProcessVisible; // false for a client in another process id namespace
     CFd m_fdRsp;
     CFd m_fdEvt;
-    const int m_nEpollFd;
-    int m_nConnectID = 0;
+    CPoller& m_poller;
+    CPoller::CWatch m_watchRsp;
+    CPoller::CWatch m_watchEvt;
 };
 
-// Writes only into existing FIFOs of the expected names, never through a link, and creates nothing.
+// Whoever can write into the request pipe can name any path. So the driver writes only into what the
+// library makes: two FIFOs of the expected names, found without following a link, that have no other
+// name, belong to one user, and are being read. Which user that is does not matter, nor whether the
+// process can be seen from here: clients of other users and in containers are as good as any. Nothing
+// else is opened, and nothing is created.
 class CClientPipesOpener : public CClientPortOpener
 {
 public:
-    // nEpollFd reports on the pipes, with the connect id as its data.
-    explicit CClientPipesOpener(int nEpollFd);
+    explicit CClientPipesOpener(CPoller& poller);
 
     std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) override;
 
 private:
-    const int m_nEpollFd;
+    CPoller& m_poller;
 };
 
 #endif

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -25,15 +26,16 @@ public:
     virtual ESend SendResponse(const structMIRSP& rsp) = 0;
     virtual ESend SendEvent(const structMIEVT& evt) = 0;
 
-    // From now on the event loop reports to the client of this connect id that its pipes are broken,
-    // and, while asked to, that events can be written again. False when it cannot be watched.
-    virtual bool Watch(int nConnectID) = 0;
+    // From now on broken is called when nobody reads one of the pipes, and writable, while asked for, when
+    // events can be written again. Either may end this port. False when it cannot be watched.
+    virtual bool Watch(std::function<void()> broken, std::function<void()> writable) = 0;
     virtual void WatchForRoom(bool bOn) = 0;
 
     virtual pid_t ProcessID() const = 0;
 
-    // Whether the process has ended, as far as that can be known.
-    virtual bool IsProcessGone() const = 0;
+    // Whether the process has ended, as far as that can be known, or its pipes are no longer to be found
+    // under their names.
+    virtual bool IsGone() const = 0;
 };
 
 // Opens what MICMD_CONNECT names. Null, with the reason in strError, when that is not acceptable.

@@ -5,7 +5,8 @@
 
 #include <algorithm>
 #include <climits>
-#include <vector>
+
+CClientRegistry::CClientRegistry(CStatistics& statistics) : m_statistics(statistics) {}
 
 CClient* CClientRegistry::Add(std::unique_ptr<CClientPort> pPort)
 {
@@ -17,11 +18,14 @@ CClient* CClientRegistry::Add(std::unique_ptr<CClientPort> pPort)
     {
         Drop(itFormer->first, "its process connects anew");
     }
-    if (m_nNextConnectID == INT_MAX || !pPort->Watch(m_nNextConnectID))
+    const int nConnectID = m_nNextConnectID;
+    if (nConnectID == INT_MAX || !pPort->Watch([this, nConnectID] { Drop(nConnectID, "nobody reads its pipes"); },
+                                               [this, nConnectID] { FlushEvents(nConnectID); }))
     {
         return nullptr;
     }
-    const int nConnectID = m_nNextConnectID++;
+    ++m_nNextConnectID;
+    ++m_statistics.m_ullClientsConnected;
     auto pClient = std::make_unique<CClient>(nConnectID, std::move(pPort));
     spdlog::info("client {} connects, process {}", nConnectID, nProcessID);
     return m_mapClientByID.emplace(nConnectID, std::move(pClient)).first->second.get();
@@ -33,16 +37,41 @@ CClient* CClientRegistry::Find(int nConnectID)
     return it == m_mapClientByID.end() ? nullptr : it->second.get();
 }
 
-void CClientRegistry::Drop(int nConnectID, const char* pReason)
+std::optional<std::uint32_t> CClientRegistry::LatestSequenceNo(int nConnectID)
+{
+    const CClient* pClient = Find(nConnectID);
+    return pClient != nullptr ? std::optional(pClient->m_nLatestSequenceNo) : std::nullopt;
+}
+
+bool CClientRegistry::Disconnect(int nConnectID)
+{
+    return Remove(nConnectID, "it disconnects");
+}
+
+bool CClientRegistry::Drop(int nConnectID, const char* pReason)
+{
+    const bool bDropped = Remove(nConnectID, pReason);
+    m_statistics.m_ullClientsDropped += bDropped ? 1 : 0;
+    return bDropped;
+}
+
+bool CClientRegistry::Remove(int nConnectID, const char* pReason)
 {
     const auto it = m_mapClientByID.find(nConnectID);
-    if (it != m_mapClientByID.end())
+    if (it == m_mapClientByID.end())
     {
-        const CClient& client = *it->second;
-        spdlog::info("client {} leaves with {} streams, {} files and {} events: {}", nConnectID,
-                     client.m_mapStreamByID.size(), client.m_mapFileByID.size(), client.WaitingEvents(), pReason);
-        m_mapClientByID.erase(it);
+        return false;
     }
+    CClient& client = *it->second;
+    spdlog::info("client {} leaves with {} streams, {} files and {} events: {}", nConnectID,
+                 client.m_mapStreamByID.size(), client.m_mapFileByID.size(), client.WaitingEvents(), pReason);
+    m_statistics.m_ullEventsDropped += client.WaitingEvents();
+    client.m_bGone = true;
+    client.m_mapStreamByID.clear();
+    client.m_mapFileByID.clear();
+    m_vGone.push_back(std::move(it->second));
+    m_mapClientByID.erase(it);
+    return true;
 }
 
 void CClientRegistry::DropAll(const char* pReason)
@@ -58,51 +87,56 @@ void CClientRegistry::DropDead()
     std::vector<int> vDead;
     for (const auto& [nConnectID, pClient] : m_mapClientByID)
     {
-        if (pClient->Port().IsProcessGone())
+        if (pClient->Port().IsGone())
         {
             vDead.push_back(nConnectID);
         }
     }
     for (const int nConnectID : vDead)
     {
-        Drop(nConnectID, "its process has ended");
+        Drop(nConnectID, "its process or its pipes are gone");
     }
 }
 
-void CClientRegistry::Flush(int nConnectID)
+void CClientRegistry::QueueEvent(int nConnectID, const structMIEVT& evt)
 {
     CClient* pClient = Find(nConnectID);
-    if (pClient != nullptr && !pClient->FlushEvents())
+    if (pClient == nullptr)
+    {
+        ++m_statistics.m_ullEventsDropped;
+        return;
+    }
+    pClient->QueueEvent(evt);
+    m_vWithEvents.push_back(nConnectID);
+}
+
+void CClientRegistry::FlushEvents(int nConnectID)
+{
+    CClient* pClient = Find(nConnectID);
+    if (pClient == nullptr)
+    {
+        return;
+    }
+    const auto nSent = pClient->FlushEvents();
+    if (!nSent)
     {
         Drop(nConnectID, "its event pipe is broken");
+        return;
     }
+    m_statistics.m_ullEventsSent += *nSent;
 }
 
-void CClientRegistry::Advance(std::size_t nSamples)
+void CClientRegistry::FlushEvents()
 {
-    std::vector<int> vGone;
-    for (const auto& [nConnectID, pClient] : m_mapClientByID)
+    std::vector<int> vWithEvents;
+    vWithEvents.swap(m_vWithEvents);
+    for (const int nConnectID : vWithEvents)
     {
-        const std::size_t nWaiting = pClient->WaitingEvents();
-        pClient->Advance(nSamples);
-        if (pClient->WaitingEvents() != nWaiting && !pClient->FlushEvents())
-        {
-            vGone.push_back(nConnectID);
-        }
-    }
-    for (const int nConnectID : vGone)
-    {
-        Drop(nConnectID, "its event pipe is broken");
+        FlushEvents(nConnectID);
     }
 }
 
-bool CClientRegistry::IsActive() const
+void CClientRegistry::Sweep()
 {
-    return std::any_of(m_mapClientByID.begin(), m_mapClientByID.end(),
-                       [](const auto& item) { return item.second->IsActive(); });
-}
-
-const std::map<int, std::unique_ptr<CClient>>& CClientRegistry::Clients() const
-{
-    return m_mapClientByID;
+    m_vGone.clear();
 }

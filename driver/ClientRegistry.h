@@ -3,13 +3,18 @@
 #define DRIVER_CLIENT_REGISTRY_H
 
 #include "Client.h"
+#include "Statistics.h"
 
 #include <map>
 #include <memory>
+#include <optional>
+#include <vector>
 
 class CClientRegistry
 {
 public:
+    explicit CClientRegistry(CStatistics& statistics);
+
     // Takes a new client in, under a connect id that was never used before. A client of the same
     // process is dropped: it has lost its connection and comes back. Null when it cannot be watched.
     CClient* Add(std::unique_ptr<CClientPort> pPort);
@@ -17,26 +22,38 @@ public:
     // Null for an unknown id.
     CClient* Find(int nConnectID);
 
-    // Closes the streams and files of a client and forgets it.
-    void Drop(int nConnectID, const char* pReason);
+    // The number of the client's latest request; none for an unknown id.
+    std::optional<std::uint32_t> LatestSequenceNo(int nConnectID);
+
+    // Closes the streams and files of a client and forgets it: one that has disconnected, or one that is
+    // dropped, which is counted. The object stays until Sweep, for those who are just using it. False for
+    // an unknown id.
+    bool Disconnect(int nConnectID);
+    bool Drop(int nConnectID, const char* pReason);
     void DropAll(const char* pReason);
 
-    // Drops the clients whose process has ended.
+    // Drops the clients whose process or pipes are gone.
     void DropDead();
 
-    // Sends the client the events that wait for it. Drops it if it is gone.
-    void Flush(int nConnectID);
+    // Queues an event for the client, if there is such a one; FlushEvents sends it.
+    void QueueEvent(int nConnectID, const structMIEVT& evt);
 
-    // Moves all streams by nSamples and sends the events of what ended.
-    void Advance(std::size_t nSamples);
+    // Sends the events that wait for one client, or for all that got new ones. Drops who is gone.
+    void FlushEvents(int nConnectID);
+    void FlushEvents();
 
-    // Whether anything plays or records.
-    bool IsActive() const;
+    // Ends what was dropped. Called when nobody is using a client.
+    void Sweep();
 
-    const std::map<int, std::unique_ptr<CClient>>& Clients() const;
+    const std::map<int, std::unique_ptr<CClient>>& Clients() const { return m_mapClientByID; }
 
 private:
+    bool Remove(int nConnectID, const char* pReason);
+
+    CStatistics& m_statistics;
     std::map<int, std::unique_ptr<CClient>> m_mapClientByID;
+    std::vector<std::unique_ptr<CClient>> m_vGone;
+    std::vector<int> m_vWithEvents;
     int m_nNextConnectID = 1;
 };
 

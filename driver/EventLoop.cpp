@@ -1,4 +1,4 @@
-// The one loop of the driver: requests, the media tick, clients, and signals.
+// The one loop of the driver: what is ready, the media tick, timers and signals.
 #include "EventLoop.h"
 
 #include "Text.h"
@@ -8,55 +8,61 @@
 #include <sys/timerfd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <utility>
 
 namespace
 {
-constexpr long TICK_MS = 20;
-constexpr std::size_t TICK_SAMPLES = TICK_MS * MI_SAMPLES_PER_MILLISECOND;
+using std::chrono::milliseconds;
+
+constexpr milliseconds TICK(TICK_MS);
 
 // After a stall the ticks that were missed are made up for, but requests get their turn in between.
-constexpr std::uint64_t MAX_TICKS_PER_TURN = 50;
-constexpr int MAX_REQUESTS_PER_TURN = 64;
+constexpr int MAX_TICKS_PER_TURN = 50;
 
-// Connect ids, which are positive ints, are the data of the clients' pipes.
-enum : std::uint64_t
-{
-    DATA_REQUESTS = std::uint64_t{1} << 32,
-    DATA_SIGNAL,
-    DATA_TICK,
-    DATA_CHECK
-};
+// How long the channels without a clock wait for the disk or the decoder when none can move.
+constexpr int FAST_WAIT_MS = 1;
 
-sigset_t EndingSignals()
+sigset_t OurSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
+    for (const int nSignal : {SIGTERM, SIGINT, SIGHUP})
+    {
+        sigaddset(&signals, nSignal);
+    }
     return signals;
 }
 
-void SetTimer(int nFd, long nMs)
+timespec Time(std::chrono::nanoseconds time)
 {
-    itimerspec time = {};
-    time.it_interval = {nMs / 1000, nMs % 1000 * 1000000};
-    time.it_value = time.it_interval;
-    ::timerfd_settime(nFd, 0, &time, nullptr);
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    return {seconds.count(), (time - seconds).count()};
 }
 
-std::uint64_t TakeExpirations(int nFd)
+int BoundedMs(milliseconds time)
+{
+    return static_cast<int>(std::clamp<std::int64_t>(time.count(), 0, 60000));
+}
+
+void TakeExpirations(int nFd)
 {
     std::uint64_t ullCount = 0;
-    return ::read(nFd, &ullCount, sizeof(ullCount)) == sizeof(ullCount) ? ullCount : 0;
+    [[maybe_unused]] const ssize_t nRead = ::read(nFd, &ullCount, sizeof(ullCount));
 }
 } // namespace
 
+CEventLoop::CEventLoop(CPoller& poller, CMediaClock& mediaClock, CTimerQueue& timers, const CClock& clock,
+                       CStatistics& statistics)
+    : m_poller(poller), m_mediaClock(mediaClock), m_timers(timers), m_clock(clock), m_statistics(statistics)
+{
+}
+
 void CEventLoop::BlockSignals()
 {
-    const sigset_t signals = EndingSignals();
+    const sigset_t signals = OurSignals();
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     // Pipes without readers and files past a size limit are noticed where they are written.
     ::signal(SIGPIPE, SIG_IGN);
@@ -65,119 +71,165 @@ void CEventLoop::BlockSignals()
 
 bool CEventLoop::Create(std::string& strError)
 {
-    const sigset_t signals = EndingSignals();
-    m_fdEpoll = CFd(::epoll_create1(EPOLL_CLOEXEC));
+    const sigset_t signals = OurSignals();
     m_fdSignal = CFd(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
     m_fdTick = CFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    m_fdCheck = CFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    if (!m_fdEpoll.IsOpen() || !m_fdSignal.IsOpen() || !m_fdTick.IsOpen() || !m_fdCheck.IsOpen() ||
-        !Watch(m_fdSignal.Get(), DATA_SIGNAL) || !Watch(m_fdTick.Get(), DATA_TICK) ||
-        !Watch(m_fdCheck.Get(), DATA_CHECK))
+    m_fdSecond = CFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    if (!m_fdSignal.IsOpen() || !m_fdTick.IsOpen() || !m_fdSecond.IsOpen())
     {
         strError = "cannot set up the event loop: " + ErrnoText(errno);
         return false;
     }
-    SetTimer(m_fdCheck.Get(), 1000);
-    return true;
+    itimerspec second = {};
+    second.it_value = second.it_interval = Time(std::chrono::seconds(1));
+    ::timerfd_settime(m_fdSecond.Get(), 0, &second, nullptr);
+    return AddInput(
+        m_fdTick.Get(), [this] { TakeExpirations(m_fdTick.Get()); }, strError);
 }
 
-int CEventLoop::EpollFd() const
+bool CEventLoop::AddInput(int nFd, std::function<void()> ready, std::string& strError)
 {
-    return m_fdEpoll.Get();
-}
-
-bool CEventLoop::Run(CRequestPipe& requestPipe, CRequestHandler& handler, CClientRegistry& registry, ESpeed eSpeed,
-                     std::string& strError)
-{
-    if (!Watch(requestPipe.Fd(), DATA_REQUESTS))
+    m_vInputs.push_back(m_poller.Watch(nFd, EPOLLIN, [ready = std::move(ready)](std::uint32_t) { ready(); }));
+    if (!m_vInputs.back().IsOn())
     {
-        strError = "cannot watch the request pipe: " + ErrnoText(errno);
+        strError = "cannot set up the event loop: " + ErrnoText(errno);
         return false;
     }
-    std::array<epoll_event, 64> events;
+    return true;
+}
+
+bool CEventLoop::Run(const CDuties& duties, std::string& strError)
+{
+    m_watchSignal = m_poller.Watch(m_fdSignal.Get(), EPOLLIN, [&](std::uint32_t) { OnSignal(duties); });
+    m_watchSecond = m_poller.Watch(m_fdSecond.Get(), EPOLLIN, [&](std::uint32_t) {
+        TakeExpirations(m_fdSecond.Get());
+        duties.m_everySecond();
+    });
+    if (!m_watchSignal.IsOn() || !m_watchSecond.IsOn())
+    {
+        strError = "cannot set up the event loop: " + ErrnoText(errno);
+        return false;
+    }
     while (!m_bStop)
     {
-        const bool bActive = registry.IsActive();
-        const bool bRace = bActive && eSpeed == ESpeed::Max;
-        ArmTick(bActive && eSpeed == ESpeed::RealTime);
-        const bool bWait = !bRace && m_ullTicksDue == 0;
-        const int nEvents =
-            ::epoll_wait(m_fdEpoll.Get(), events.data(), static_cast<int>(events.size()), bWait ? -1 : 0);
-        if (nEvents < 0 && errno != EINTR)
+        ArmTick();
+        if (!m_poller.Wait(WaitTime(duties.m_hasWork()), strError))
         {
-            strError = "cannot wait for events: " + ErrnoText(errno);
             return false;
         }
-        for (int nEvent = 0; nEvent < nEvents; ++nEvent)
+        if (m_thawAt && m_clock.Now() >= *m_thawAt)
         {
-            const epoll_event& event = events[static_cast<std::size_t>(nEvent)];
-            switch (event.data.u64)
-            {
-            case DATA_REQUESTS: TakeRequests(requestPipe, handler); break;
-            case DATA_SIGNAL: m_bStop = true; break;
-            case DATA_TICK: m_ullTicksDue += TakeExpirations(m_fdTick.Get()); break;
-            case DATA_CHECK:
-                TakeExpirations(m_fdCheck.Get());
-                registry.DropDead();
-                break;
-            default: OnClient(event, registry); break;
-            }
+            Thaw();
         }
-        if (bRace)
+        if (!m_bFrozen)
         {
-            registry.Advance(TICK_SAMPLES);
+            Move();
+            m_timers.RunDue();
         }
-        OnTick(registry);
+        duties.m_endTurn();
     }
     return true;
 }
 
-bool CEventLoop::Watch(int nFd, std::uint64_t ullData)
+int CEventLoop::WaitTime(bool bBusy) const
 {
-    epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.u64 = ullData;
-    return ::epoll_ctl(m_fdEpoll.Get(), EPOLL_CTL_ADD, nFd, &event) == 0;
+    if (m_bFrozen)
+    {
+        return m_thawAt ? BoundedMs(std::chrono::ceil<milliseconds>(*m_thawAt - m_clock.Now())) : -1;
+    }
+    if (bBusy || (m_bTickArmed && m_clock.Now() >= m_nextTick) || (m_mediaClock.HasFast() && !m_bFastWaits))
+    {
+        return 0;
+    }
+    if (m_mediaClock.HasFast())
+    {
+        return FAST_WAIT_MS;
+    }
+    const auto due = m_timers.NextDue();
+    return due ? BoundedMs(*due) : -1;
 }
 
-void CEventLoop::ArmTick(bool bOn)
+void CEventLoop::OnSignal(const CDuties& duties)
 {
-    if (bOn != m_bTickArmed)
+    signalfd_siginfo info = {};
+    while (::read(m_fdSignal.Get(), &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info)))
     {
-        m_bTickArmed = bOn;
-        m_ullTicksDue = 0;
-        SetTimer(m_fdTick.Get(), bOn ? TICK_MS : 0);
-    }
-}
-
-void CEventLoop::TakeRequests(CRequestPipe& requestPipe, CRequestHandler& handler)
-{
-    structMICMD cmd;
-    for (int nRequest = 0; nRequest < MAX_REQUESTS_PER_TURN && requestPipe.Read(cmd); ++nRequest)
-    {
-        handler.Handle(cmd);
-    }
-}
-
-void CEventLoop::OnClient(const epoll_event& event, CClientRegistry& registry)
-{
-    const int nConnectID = static_cast<int>(event.data.u64);
-    if ((event.events & (EPOLLERR | EPOLLHUP)) != 0)
-    {
-        registry.Drop(nConnectID, "nobody reads its pipes");
-    }
-    else
-    {
-        registry.Flush(nConnectID);
+        if (info.ssi_signo == SIGHUP)
+        {
+            duties.m_reload();
+        }
+        else
+        {
+            m_bStop = true;
+        }
     }
 }
 
-void CEventLoop::OnTick(CClientRegistry& registry)
+void CEventLoop::ArmTick()
 {
-    const std::uint64_t ullTicks = std::min(m_ullTicksDue, MAX_TICKS_PER_TURN);
-    for (std::uint64_t ullTick = 0; ullTick < ullTicks; ++ullTick)
+    const bool bOn = m_mediaClock.HasRealTime();
+    if (m_bFrozen || bOn == m_bTickArmed)
     {
-        registry.Advance(TICK_SAMPLES);
+        return;
     }
-    m_ullTicksDue -= ullTicks;
+    m_bTickArmed = bOn;
+    itimerspec time = {};
+    if (bOn)
+    {
+        m_nextTick = m_clock.Now() + TICK;
+        time.it_interval = Time(TICK);
+        time.it_value = Time(m_nextTick.time_since_epoch()); // the steady clock is CLOCK_MONOTONIC
+    }
+    ::timerfd_settime(m_fdTick.Get(), TFD_TIMER_ABSTIME, &time, nullptr);
+}
+
+void CEventLoop::Move()
+{
+    TickRealTime();
+    if (m_mediaClock.HasFast())
+    {
+        m_bFastWaits = !m_mediaClock.TickFast();
+    }
+}
+
+void CEventLoop::TickRealTime()
+{
+    CClock::TimePoint now = m_clock.Now();
+    for (int nTick = 0; m_bTickArmed && now >= m_nextTick && nTick < MAX_TICKS_PER_TURN; ++nTick)
+    {
+        m_mediaClock.TickRealTime();
+        const CClock::TimePoint end = m_clock.Now();
+        m_statistics.OnTick(now - m_nextTick, end - now);
+        m_nextTick += TICK;
+        now = end;
+    }
+}
+
+void CEventLoop::Freeze(std::optional<milliseconds> time, std::function<void()> thawed)
+{
+    m_bFrozen = true;
+    m_thawAt = time ? std::optional(m_clock.Now() + *time) : std::nullopt;
+    m_thawed = std::move(thawed);
+    for (CPoller::CWatch& watch : m_vInputs)
+    {
+        watch.SetEvents(0);
+    }
+    spdlog::warn("frozen{}", time ? " for " + std::to_string(time->count()) + " ms" : " until it is thawed");
+}
+
+void CEventLoop::Thaw()
+{
+    if (!m_bFrozen)
+    {
+        return;
+    }
+    m_bFrozen = false;
+    m_thawAt.reset();
+    m_bTickArmed = false; // to be armed anew, from now on
+    for (CPoller::CWatch& watch : m_vInputs)
+    {
+        watch.SetEvents(EPOLLIN);
+    }
+    spdlog::warn("thawed");
+    std::exchange(m_thawed, nullptr)();
 }

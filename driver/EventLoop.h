@@ -1,50 +1,80 @@
-// The one loop of the driver: requests, the media tick, clients, and signals.
+// The one loop of the driver: what is ready, the media tick, timers and signals.
 #ifndef DRIVER_EVENT_LOOP_H
 #define DRIVER_EVENT_LOOP_H
 
-#include "ClientRegistry.h"
 #include "Fd.h"
-#include "Options.h"
-#include "RequestHandler.h"
-#include "RequestPipe.h"
+#include "MediaClock.h"
+#include "Poller.h"
+#include "Statistics.h"
+#include "TimerQueue.h"
 
-#include <sys/epoll.h>
-
-#include <cstdint>
+#include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 class CEventLoop
 {
 public:
-    // Blocks the signals that end the driver, for the whole process. Call it before anything that
-    // they must not interrupt.
+    // The parts must outlive the loop.
+    CEventLoop(CPoller& poller, CMediaClock& mediaClock, CTimerQueue& timers, const CClock& clock,
+               CStatistics& statistics);
+
+    // Blocks the signals that end the driver and those that it reacts to, for the whole process. Call it
+    // before anything that they must not interrupt.
     static void BlockSignals();
 
     // False, with the message in strError, when the system refuses what the loop needs.
     bool Create(std::string& strError);
 
-    // Reports on the pipes of clients, with the connect id as data.
-    int EpollFd() const;
+    // Called when the descriptor is readable, but not while the loop is frozen. False as above. Before Run.
+    bool AddInput(int nFd, std::function<void()> ready, std::string& strError);
 
-    // Serves until a signal ends it. The pipe, registry and handler must be ready.
-    // False, with the message in strError, when it had to give up.
-    bool Run(CRequestPipe& requestPipe, CRequestHandler& handler, CClientRegistry& registry, ESpeed eSpeed,
-             std::string& strError);
+    struct CDuties
+    {
+        std::function<bool()> m_hasWork;     // there is something to do for m_endTurn without waiting
+        std::function<void()> m_endTurn;     // at the end of each turn, also while frozen
+        std::function<void()> m_everySecond; // likewise
+        std::function<void()> m_reload;      // at SIGHUP
+    };
+
+    // Serves until SIGTERM or SIGINT. False, with the message in strError, when it had to give up.
+    bool Run(const CDuties& duties, std::string& strError);
+
+    // Stops inputs, ticks and timers, for a time or until Thaw; thawed is called then. The ticks of the
+    // meantime are left out. Signals and what was given to the poller directly go on.
+    void Freeze(std::optional<std::chrono::milliseconds> time, std::function<void()> thawed);
+    void Thaw();
+    bool IsFrozen() const { return m_bFrozen; }
 
 private:
-    bool Watch(int nFd, std::uint64_t ullData);
-    void ArmTick(bool bOn);
-    void TakeRequests(CRequestPipe& requestPipe, CRequestHandler& handler);
-    void OnClient(const epoll_event& event, CClientRegistry& registry);
-    void OnTick(CClientRegistry& registry);
+    int WaitTime(bool bBusy) const;
+    void OnSignal(const CDuties& duties);
+    void ArmTick();
+    void Move();
+    void TickRealTime();
 
-    CFd m_fdEpoll;
+    CPoller& m_poller;
+    CMediaClock& m_mediaClock;
+    CTimerQueue& m_timers;
+    const CClock& m_clock;
+    CStatistics& m_statistics;
+
     CFd m_fdSignal;
     CFd m_fdTick;
-    CFd m_fdCheck; // once a second, for clients that ended unnoticed
-    bool m_bTickArmed = false;
-    std::uint64_t m_ullTicksDue = 0;
+    CFd m_fdSecond;
+    CPoller::CWatch m_watchSignal;
+    CPoller::CWatch m_watchSecond;
+    std::vector<CPoller::CWatch> m_vInputs;
+
     bool m_bStop = false;
+    bool m_bTickArmed = false;
+    CClock::TimePoint m_nextTick; // when the tick that is to come next is due
+    bool m_bFastWaits = false;    // no channel without a clock could move in the last turn
+    bool m_bFrozen = false;
+    std::optional<CClock::TimePoint> m_thawAt;
+    std::function<void()> m_thawed;
 };
 
 #endif

@@ -18,71 +18,123 @@ bool IsFileNamePart(const std::string& strCallID)
 }
 } // namespace
 
-CFileChannel::CFileChannel(CClipStore& clipStore, std::string strInPath, std::unique_ptr<CAudioWriter> pHeard)
-    : m_clipStore(clipStore), m_strInPath(std::move(strInPath)), m_pHeard(std::move(pHeard))
+CFileChannel::CFileChannel(CClipStore& clipStore, std::string strInPath, std::shared_ptr<CAudioSink> pHeard,
+                           bool bRealTime, bool bSilenceAfterCaller)
+    : m_clipStore(clipStore), m_strInPath(std::move(strInPath)), m_pHeard(std::move(pHeard)), m_bRealTime(bRealTime),
+      m_bSilenceAfterCaller(bSilenceAfterCaller), m_pCaller(std::make_shared<CCaller>())
 {
 }
 
-bool CFileChannel::Hear(std::span<const std::uint8_t> samples)
+CFileChannel::~CFileChannel()
 {
-    return m_pHeard->Write(samples);
+    m_pHeard->Close([](bool) {});
 }
 
-bool CFileChannel::FinishHearing()
+const char* CFileChannel::Kind() const
 {
-    return m_pHeard->Update();
+    return "file";
 }
 
-bool CFileChannel::BeginListening(std::string& strError)
+bool CFileChannel::IsRealTime() const
 {
-    if (!m_bStarted && ::access(m_strInPath.c_str(), F_OK) == 0)
+    return m_bRealTime;
+}
+
+std::size_t CFileChannel::Hear(std::span<const std::uint8_t> samples)
+{
+    return m_pHeard->Put(samples);
+}
+
+bool CFileChannel::HasFailed() const
+{
+    return m_pHeard->HasFailed();
+}
+
+void CFileChannel::FinishHearing(FinishFunction done)
+{
+    m_pHeard->Update(std::move(done));
+}
+
+void CFileChannel::BeginListening(BeginFunction done)
+{
+    m_bSilent = false;
+    m_bCallerEnded = false;
+    if (m_pCaller->m_bStarted || ::access(m_strInPath.c_str(), F_OK) != 0)
     {
-        m_pSaid = m_clipStore.Load(m_strInPath, strError);
-        if (!m_pSaid)
-        {
-            return false;
-        }
+        m_pCaller->m_bStarted = true;
+        m_bSilent =
+            !m_pCaller->m_pSaid || (m_pCaller->m_pSaid->IsDecoded() && m_nPosition >= m_pCaller->m_pSaid->Ready());
+        done(true, {});
+        return;
     }
-    m_bStarted = true;
-    m_bSilent = !m_pSaid || m_nPosition >= m_pSaid->m_samples.size();
-    return true;
+    m_clipStore.Load(m_strInPath, 0,
+                     [pCaller = m_pCaller, done = std::move(done)](CClipPtr pClip, const std::string& strError) {
+                         pCaller->m_bStarted = pClip != nullptr;
+                         pCaller->m_pSaid = std::move(pClip);
+                         done(pCaller->m_bStarted, strError);
+                     });
 }
 
 std::size_t CFileChannel::Listen(std::span<std::uint8_t> samples)
 {
-    if (m_bSilent)
+    std::size_t nCount = 0;
+    if (!m_bSilent && m_pCaller->m_pSaid)
     {
-        std::fill(samples.begin(), samples.end(), ULAW_SILENCE);
-        return samples.size();
+        const CClip& said = *m_pCaller->m_pSaid;
+        const bool bDecoded = said.IsDecoded();
+        nCount = std::min(samples.size(), said.Ready() - m_nPosition);
+        std::copy_n(said.Samples() + m_nPosition, nCount, samples.data());
+        m_nPosition += nCount;
+        if (nCount == samples.size() || !bDecoded || !m_bSilenceAfterCaller)
+        {
+            m_bCallerEnded = bDecoded && nCount < samples.size();
+            return nCount;
+        }
     }
-    const CSamples& said = m_pSaid->m_samples;
-    const std::size_t nCount = std::min(samples.size(), said.size() - m_nPosition);
-    std::copy_n(said.data() + m_nPosition, nCount, samples.data());
-    m_nPosition += nCount;
-    return nCount;
+    std::fill(samples.begin() + static_cast<std::ptrdiff_t>(nCount), samples.end(), ULAW_SILENCE);
+    return samples.size();
 }
 
-CFileChannelFactory::CFileChannelFactory(CClipStore& clipStore, std::string strFolder)
-    : m_clipStore(clipStore), m_strFolder(std::move(strFolder))
+bool CFileChannel::HasCallerEnded() const
+{
+    return m_bCallerEnded;
+}
+
+bool CFileChannel::WantsService() const
+{
+    return m_pHeard->WantsService();
+}
+
+void CFileChannel::Service()
+{
+    m_pHeard->Service();
+}
+
+CFileChannelFactory::CFileChannelFactory(CClipStore& clipStore, CExecutor& disk, CFileChannelOptions options)
+    : m_clipStore(clipStore), m_disk(disk), m_options(std::move(options))
 {
 }
 
-std::unique_ptr<CChannel> CFileChannelFactory::Open(const std::string& strCallID, std::uint32_t nLegID,
-                                                    std::string& strError)
+void CFileChannelFactory::Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done)
 {
     if (!IsFileNamePart(strCallID))
     {
-        strError = "the call id cannot be part of a file name";
-        return nullptr;
+        done(nullptr, "the call id cannot be part of a file name");
+        return;
     }
-    const std::string strBase = m_strFolder + "/" + strCallID;
+    const std::string strBase = m_options.m_strFolder + "/" + strCallID;
     const std::string strHeardPath = fmt::format("{}-{}.heard.wav", strBase, nLegID);
-    std::string strReason;
-    auto pHeard = CAudioWriter::Create(strHeardPath, strReason);
-    if (!pHeard)
-    {
-        strError = fmt::format("\"{}\" cannot be written: {}", Printable(strHeardPath), strReason);
-        return nullptr;
-    }
-    return std::make_unique<CFileChannel>(m_clipStore, strBase + ".in.wav", std::move(pHeard));
+    CAudioSink::Open(m_disk, strHeardPath,
+                     [this, strBase, strHeardPath, done = std::move(done)](std::shared_ptr<CAudioSink> pHeard,
+                                                                           const std::string& strError) {
+                         if (!pHeard)
+                         {
+                             done(nullptr,
+                                  fmt::format("\"{}\" cannot be written: {}", Printable(strHeardPath), strError));
+                             return;
+                         }
+                         done(std::make_unique<CFileChannel>(m_clipStore, strBase + ".in.wav", std::move(pHeard),
+                                                             m_options.m_bRealTime, m_options.m_bSilenceAfterCaller),
+                              {});
+                     });
 }

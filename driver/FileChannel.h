@@ -2,9 +2,17 @@
 #ifndef DRIVER_FILE_CHANNEL_H
 #define DRIVER_FILE_CHANNEL_H
 
-#include "AudioWriter.h"
+#include "AudioSink.h"
 #include "Channel.h"
 #include "ClipStore.h"
+
+// How the channels of a folder behave.
+struct CFileChannelOptions
+{
+    std::string m_strFolder = ".";
+    bool m_bRealTime = true;
+    bool m_bSilenceAfterCaller = false; // recordings go on with silence when the caller's file has ended
+};
 
 // What the caller hears goes to FOLDER/CALLID-LEG.heard.wav: exactly the samples that were played, in
 // order and back to back, so that it can be compared with the prompts; time without a play leaves no
@@ -12,40 +20,58 @@
 //
 // What the caller says comes from FOLDER/CALLID.in.wav and is consumed by recordings only: the first
 // one of the channel begins at the start of the file, each further one where the former stopped. So
-// the same application records the same samples at any speed. A recording stops when the file ends.
-// Where there is no file, or where it had ended before, the caller is silent without end.
+// the same application records the same samples at any speed. A recording stops when the file ends,
+// unless it is to go on with silence. Where there is no file, or where it had ended before, the caller
+// is silent without end.
 class CFileChannel : public CChannel
 {
 public:
-    CFileChannel(CClipStore& clipStore, std::string strInPath, std::unique_ptr<CAudioWriter> pHeard);
+    CFileChannel(CClipStore& clipStore, std::string strInPath, std::shared_ptr<CAudioSink> pHeard, bool bRealTime,
+                 bool bSilenceAfterCaller);
+    ~CFileChannel() override;
 
-    bool Hear(std::span<const std::uint8_t> samples) override;
-    bool FinishHearing() override;
-    bool BeginListening(std::string& strError) override;
+    const char* Kind() const override;
+    bool IsRealTime() const override;
+    std::size_t Hear(std::span<const std::uint8_t> samples) override;
+    bool HasFailed() const override;
+    void FinishHearing(FinishFunction done) override;
+    void BeginListening(BeginFunction done) override;
     std::size_t Listen(std::span<std::uint8_t> samples) override;
+    bool HasCallerEnded() const override;
+    bool WantsService() const override;
+    void Service() override;
 
 private:
+    struct CCaller
+    {
+        CClipPtr m_pSaid;        // null before the first recording and where there is no file
+        bool m_bStarted = false; // a recording has begun
+    };
+
     CClipStore& m_clipStore;
     const std::string m_strInPath;
-    std::unique_ptr<CAudioWriter> m_pHeard;
-    CClipPtr m_pSaid;        // null before the first recording and where there is no file
-    bool m_bStarted = false; // a recording has begun
-    bool m_bSilent = false;  // of the recording that began last
+    const std::shared_ptr<CAudioSink> m_pHeard;
+    const bool m_bRealTime;
+    const bool m_bSilenceAfterCaller;
+    const std::shared_ptr<CCaller> m_pCaller; // shared with loads that outlive the channel
+    bool m_bSilent = false;                   // of the recording that runs
+    bool m_bCallerEnded = false;              // of the recording that runs
     std::size_t m_nPosition = 0;
 };
 
 class CFileChannelFactory : public CChannelFactory
 {
 public:
-    CFileChannelFactory(CClipStore& clipStore, std::string strFolder);
+    CFileChannelFactory(CClipStore& clipStore, CExecutor& disk, CFileChannelOptions options);
 
     // Call ids become parts of file names: those that are empty, hold a slash, ".." or a control
     // character are refused. So is a call id and leg that has an open channel.
-    std::unique_ptr<CChannel> Open(const std::string& strCallID, std::uint32_t nLegID, std::string& strError) override;
+    void Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done) override;
 
 private:
     CClipStore& m_clipStore;
-    const std::string m_strFolder;
+    CExecutor& m_disk;
+    const CFileChannelOptions m_options;
 };
 
 #endif

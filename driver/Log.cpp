@@ -1,35 +1,93 @@
 // Sets up the driver's log.
 #include "Log.h"
 
-#include <spdlog/sinks/basic_file_sink.h>
+#include "LogFileSink.h"
+
+#include <fmt/chrono.h>
+#include <nlohmann/json.hpp>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include <chrono>
 #include <memory>
+
+namespace
+{
+std::string UtcTime(spdlog::log_clock::time_point time)
+{
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(spdlog::log_clock::to_time_t(time)),
+                       ms.count() % 1000);
+}
+
+class CJsonFormatter : public spdlog::formatter
+{
+public:
+    void format(const spdlog::details::log_msg& message, spdlog::memory_buf_t& line) override
+    {
+        const auto level = spdlog::level::to_string_view(message.level);
+        const nlohmann::ordered_json object = {
+            {"time", UtcTime(message.time)},
+            {"level", std::string(level.data(), level.size())},
+            {"message", std::string(message.payload.data(), message.payload.size())},
+        };
+        // Bytes that are not UTF-8 become U+FFFD: every line can be read back.
+        std::string strLine = object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+        strLine += '\n';
+        line.append(strLine.data(), strLine.data() + strLine.size());
+    }
+
+    std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<CJsonFormatter>(); }
+};
+
+// Null, with the reason in strError, when the log file cannot be opened.
+spdlog::sink_ptr MakeSink(const COptions& options, std::string& strError)
+{
+    if (options.m_strLogFile.empty())
+    {
+        return std::make_shared<spdlog::sinks::stderr_sink_mt>();
+    }
+    auto pFile = std::make_shared<CLogFileSink>(options.m_strLogFile);
+    return pFile->Open(strError) ? pFile : nullptr;
+}
+} // namespace
 
 bool SetUpLog(const COptions& options, std::string& strError)
 {
-    try
+    spdlog::sink_ptr pSink = MakeSink(options, strError);
+    if (!pSink)
     {
-        spdlog::sink_ptr pSink;
-        if (options.m_strLogFile.empty())
-        {
-            pSink = std::make_shared<spdlog::sinks::stderr_sink_st>();
-        }
-        else
-        {
-            pSink = std::make_shared<spdlog::sinks::basic_file_sink_st>(options.m_strLogFile);
-        }
-        auto pLogger = std::make_shared<spdlog::logger>("zelmedia-driver", std::move(pSink));
-        pLogger->set_level(options.m_eLogLevel);
-        pLogger->flush_on(spdlog::level::trace);
-        pLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e %l: %v");
-        spdlog::set_default_logger(std::move(pLogger));
-        return true;
-    }
-    catch (const spdlog::spdlog_ex& exception)
-    {
-        strError = exception.what();
         return false;
     }
+    auto pLogger = std::make_shared<spdlog::logger>("zelmedia-driver", std::move(pSink));
+    pLogger->set_level(options.m_eLogLevel);
+    pLogger->flush_on(spdlog::level::trace);
+    if (options.m_eLogFormat == ELogFormat::Json)
+    {
+        pLogger->set_formatter(std::make_unique<CJsonFormatter>());
+    }
+    else
+    {
+        pLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e %l: %v");
+    }
+    spdlog::set_default_logger(std::move(pLogger));
+    return true;
+}
+
+bool ReopenLog(std::string& strError)
+{
+    for (const spdlog::sink_ptr& pSink : spdlog::default_logger()->sinks())
+    {
+        const auto pFile = std::dynamic_pointer_cast<CLogFileSink>(pSink);
+        if (pFile && !pFile->Open(strError))
+        {
+            spdlog::error("{}; the log goes on in the old one", strError);
+            return false;
+        }
+        if (pFile)
+        {
+            spdlog::info("the log file was opened anew");
+        }
+    }
+    return true;
 }

@@ -4,60 +4,176 @@
 #include <CLI/CLI.hpp>
 
 #include <map>
+#include <memory>
 
 namespace
 {
 const char* const DESCRIPTION =
     "Media driver: plays prompts and records callers for the processes that use libZelMediaLib.\n"
     "\n"
-    "A call channel is a pair of audio files in the folder DIR:\n"
+    "Without a channel table each call channel is a pair of audio files in the folder DIR:\n"
     "  DIR/CALLID.in.wav         what the caller says. Recordings consume it: the first recording of\n"
     "                            a stream begins at its start, the next one where that one stopped.\n"
     "                            Without the file, or after its end, the caller is silent.\n"
     "  DIR/CALLID-LEG.heard.wav  what the caller hears: all samples played, back to back. 8 kHz mono\n"
     "                            u-law. Opening a stream empties it.\n"
     "A line \"zelmedia-driver: ready\" on the standard output says that clients can connect.\n"
-    "SIGTERM and SIGINT end the driver; all files are complete then.";
+    "SIGTERM and SIGINT end the driver; all files are complete then. SIGHUP opens the log file anew.";
 
-const char* const EXAMPLE = "Example:\n"
-                            "  zelmedia-driver --audio calls --speed max --log driver.log\n"
-                            "serves calls whose audio is in the folder calls, faster than real time.";
+const char* const EXAMPLES = "Examples:\n"
+                             "  zelmedia-driver --audio calls --speed max --log driver.log\n"
+                             "      serves calls whose audio is in the folder calls, faster than real time\n"
+                             "  zelmedia-driver --channels channels.json --log-format json\n"
+                             "      serves the channels of a table, and logs for machines\n"
+                             "  zelmedia-driver --audio calls --fault do=refuse,on=playfile,nth=3\n"
+                             "      refuses the third file that a client wants to play\n"
+                             "  zelmedia-driver ctl stats\n"
+                             "      asks the running driver for its statistics";
+
+const char* const CTL_DESCRIPTION =
+    "Asks the driver that is running, and prints its answer. Options come before the first WORD.";
+
+const char* const CTL_EXAMPLES = "Examples:\n"
+                                 "  zelmedia-driver ctl stats\n"
+                                 "  zelmedia-driver ctl hangup call=1001\n"
+                                 "  zelmedia-driver ctl fault do=refuse on=playfile nth=3\n"
+                                 "  zelmedia-driver ctl --control /run/zelmedia/driver.sock clients";
+
+const std::map<std::string, ESpeed> SPEEDS = {{"realtime", ESpeed::RealTime}, {"max", ESpeed::Max}};
+const std::map<std::string, bool> CALLER_ENDS = {{"stop", false}, {"silence", true}};
+const std::map<std::string, ELogFormat> LOG_FORMATS = {{"text", ELogFormat::Text}, {"json", ELogFormat::Json}};
+const std::map<std::string, spdlog::level::level_enum> LOG_LEVELS = {
+    {"debug", spdlog::level::debug}, {"info", spdlog::level::info}, {"warning", spdlog::level::warn},
+    {"error", spdlog::level::err},   {"off", spdlog::level::off},
+};
+
+class CCtlFormatter : public CLI::Formatter
+{
+public:
+    std::string make_usage(const CLI::App*, std::string) const override
+    {
+        return "Usage: zelmedia-driver ctl [OPTIONS] WORD...\n";
+    }
+};
+
+// The texts of the options whose values are not texts.
+struct CChoices
+{
+    std::string m_strSpeed = "realtime";
+    std::string m_strCallerEnd = "stop";
+    std::string m_strLogFormat = "text";
+    std::string m_strLogLevel = "info";
+};
+
+void AddServeOptions(CLI::App& app, COptions& options, CChoices& choices)
+{
+    const CLI::Validator existingFolder = CLI::Validator(CLI::ExistingDirectory).description("");
+    const CLI::Validator existingFile = CLI::Validator(CLI::ExistingFile).description("");
+    app.add_option("--audio", options.m_strAudioFolder, "folder of the channel files; default: the working directory")
+        ->type_name("DIR")
+        ->check(existingFolder);
+    app.add_option("--channels", options.m_strChannelsFile, "table of the channels, in JSON; default: all are files")
+        ->type_name("FILE")
+        ->check(existingFile);
+    app.add_option("--speed", choices.m_strSpeed, "max is as fast as possible; default: realtime")
+        ->type_name("SPEED")
+        ->check(CLI::IsMember(SPEEDS));
+    app.add_option("--caller-end", choices.m_strCallerEnd,
+                   "whether a recording ends with the caller's file or goes on with silence; default: stop")
+        ->type_name("WHAT")
+        ->check(CLI::IsMember(CALLER_ENDS));
+    app.add_option("--fault", options.m_vstrFaults, "misbehave like this, for tests of clients; may be repeated")
+        ->type_name("RULE")
+        ->allow_extra_args(false);
+    app.add_option("--log", options.m_strLogFile, "append the log to this file; default: the standard error")
+        ->type_name("FILE");
+    app.add_option("--log-level", choices.m_strLogLevel, "the least important lines that are logged; default: info")
+        ->type_name("LEVEL")
+        ->check(CLI::IsMember(LOG_LEVELS));
+    app.add_option("--log-format", choices.m_strLogFormat, "json is one object per line; default: text")
+        ->type_name("FORMAT")
+        ->check(CLI::IsMember(LOG_FORMATS));
+}
+
+void AddControlOption(CLI::App& app, COptions& options, const char* pDescription)
+{
+    app.add_option("--control", options.m_strControlPath, pDescription)->type_name("PATH");
+}
+
+// All that follows the first word belongs to the words, so that they may look like options' values.
+void TakeCtlWords(const CLI::App& ctl, COptions& options)
+{
+    options.m_bCtl = ctl.parsed();
+    if (!options.m_bCtl)
+    {
+        return;
+    }
+    options.m_vstrCtlWords = ctl.remaining();
+    if (options.m_vstrCtlWords.empty())
+    {
+        throw CLI::RequiredError("ctl WORD");
+    }
+    for (const std::string& strWord : options.m_vstrCtlWords)
+    {
+        if (strWord.empty() || strWord.front() == '-')
+        {
+            throw CLI::ParseError("ctl: not a WORD, and options come before them: \"" + strWord + "\"",
+                                  CLI::ExitCodes::ExtrasError);
+        }
+    }
+}
+
+void TakeControlPath(COptions& options)
+{
+    if (options.m_strControlPath == "none")
+    {
+        options.m_strControlPath.clear();
+    }
+    else if (options.m_strControlPath.empty())
+    {
+        throw CLI::ValidationError("--control", "the path is empty");
+    }
+    if (options.m_bCtl && options.m_strControlPath.empty())
+    {
+        throw CLI::ValidationError("--control", "ctl needs a socket, not none");
+    }
+}
 } // namespace
 
 std::optional<int> ParseOptions(int nArguments, const char* const* ppArguments, COptions& options)
 {
-    const std::map<std::string, ESpeed> mapSpeed = {{"realtime", ESpeed::RealTime}, {"max", ESpeed::Max}};
-    const std::map<std::string, spdlog::level::level_enum> mapLevel = {
-        {"debug", spdlog::level::debug}, {"info", spdlog::level::info}, {"warning", spdlog::level::warn},
-        {"error", spdlog::level::err},   {"off", spdlog::level::off},
-    };
-
-    std::string strSpeed = "realtime";
-    std::string strLevel = "info";
-
+    CChoices choices;
     CLI::App app(DESCRIPTION, "zelmedia-driver");
-    app.footer(EXAMPLE);
+    app.footer(EXAMPLES);
     app.set_version_flag("--version", "zelmedia-driver " ZELMEDIA_VERSION);
-    app.add_option("--audio", options.m_strAudioFolder, "folder of the channel files; default: the working directory")
-        ->type_name("DIR")
-        ->check(CLI::ExistingDirectory);
-    app.add_option("--speed", strSpeed, "max is as fast as possible; default: realtime")
-        ->type_name("SPEED")
-        ->check(CLI::IsMember(mapSpeed));
-    app.add_option("--log", options.m_strLogFile, "append the log to this file; default: the standard error")
-        ->type_name("FILE");
-    app.add_option("--log-level", strLevel, "the least important lines that are logged; default: info")
-        ->type_name("LEVEL")
-        ->check(CLI::IsMember(mapLevel));
+    AddServeOptions(app, options, choices);
+
+    CLI::App* pCtl = app.add_subcommand("ctl", CTL_DESCRIPTION);
+    pCtl->footer(CTL_EXAMPLES);
+    pCtl->formatter(std::make_shared<CCtlFormatter>());
+    pCtl->prefix_command();
+    for (CLI::Option* pOption : app.get_options())
+    {
+        if (pOption->get_type_size() > 0)
+        {
+            pCtl->excludes(pOption);
+        }
+    }
+    AddControlOption(app, options, "control socket, or none; default: /tmp/zelmedia-driver.sock");
+    AddControlOption(*pCtl, options, "the driver's control socket; default: /tmp/zelmedia-driver.sock");
     try
     {
         app.parse(nArguments, ppArguments);
+        TakeCtlWords(*pCtl, options);
+        TakeControlPath(options);
     }
     catch (const CLI::ParseError& error)
     {
         return app.exit(error) == 0 ? 0 : 2;
     }
-    options.m_eSpeed = mapSpeed.at(strSpeed);
-    options.m_eLogLevel = mapLevel.at(strLevel);
+    options.m_eSpeed = SPEEDS.at(choices.m_strSpeed);
+    options.m_bSilenceAfterCaller = CALLER_ENDS.at(choices.m_strCallerEnd);
+    options.m_eLogFormat = LOG_FORMATS.at(choices.m_strLogFormat);
+    options.m_eLogLevel = LOG_LEVELS.at(choices.m_strLogLevel);
     return std::nullopt;
 }

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 enum class ESpeed
 {
@@ -13,16 +14,32 @@ enum class ESpeed
     Max // as fast as the machine can
 };
 
+enum class ELogFormat
+{
+    Text,
+    Json // one object per line
+};
+
 struct COptions
 {
     std::string m_strAudioFolder = ".";
+    std::string m_strChannelsFile; // the channel table; empty: every channel is a pair of files
     ESpeed m_eSpeed = ESpeed::RealTime;
-    std::string m_strLogFile; // empty: stderr
+    bool m_bSilenceAfterCaller = false; // recordings outlast the caller's audio
+    std::vector<std::string> m_vstrFaults;
+    std::string m_strControlPath = "/tmp/zelmedia-driver.sock"; // empty: no control socket
+    std::string m_strLogFile;                                   // empty: stderr
     spdlog::level::level_enum m_eLogLevel = spdlog::level::info;
+    ELogFormat m_eLogFormat = ELogFormat::Text;
+
+    // Not to serve, but to ask the driver that listens on m_strControlPath: these words, at least one.
+    bool m_bCtl = false;
+    std::vector<std::string> m_vstrCtlWords;
 };
 
 // Reads the command line. A value is the exit code with which the program is to end at once: after
 // --help and --version, which have been printed, and after a mistake, which has been explained.
+// Fault rules and ctl words are taken as they are.
 std::optional<int> ParseOptions(int nArguments, const char* const* ppArguments, COptions& options);
 
 #endif

@@ -1,76 +1,49 @@
-// What each command does: one request record in, one response record out.
+// What each command does: one request record in, one response record out, at once or later.
 #include "RequestHandler.h"
 
+#include "CommandNames.h"
 #include "Text.h"
 
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
-#include <climits>
 #include <exception>
 #include <iterator>
 
 namespace
 {
-CStream* StreamOf(CClient& client, int nStreamID, std::string& strError)
+structMIRSP Response(MIRSP mirsp, std::uint32_t nSequenceNo, int32_t nResult)
 {
-    CStream* pStream = client.FindStream(nStreamID);
-    if (pStream == nullptr)
-    {
-        strError = fmt::format("the client has no stream {}", nStreamID);
-    }
-    return pStream;
-}
-
-bool FileNameOf(const char (&szField)[MI_FILE_NAME_SIZE], std::string& strName, std::string& strError)
-{
-    if (!FieldText(szField, strName))
-    {
-        strError = "the file name has no end";
-        return false;
-    }
-    if (strName.empty())
-    {
-        strError = "the file name is empty";
-        return false;
-    }
-    return true;
-}
-
-bool CanFinishMore(const CClient& client, std::string& strError)
-{
-    if (client.WaitingEvents() >= CClient::MAX_WAITING_EVENTS)
-    {
-        strError = "the client does not take its events";
-        return false;
-    }
-    return true;
-}
-
-bool StartPlay(CClient& client, int nStreamID, const CClipPtr& pClip, std::size_t nOffset, std::size_t nLength,
-               std::uint32_t nSequenceNo, std::string& strError)
-{
-    CStream* pStream = StreamOf(client, nStreamID, strError);
-    if (pStream == nullptr || !CanFinishMore(client, strError))
-    {
-        return false;
-    }
-    if (pStream->IsPlaying())
-    {
-        strError = fmt::format("stream {} is playing", nStreamID);
-        return false;
-    }
-    const std::size_t nSize = pClip->m_samples.size();
-    if (nOffset > nSize)
-    {
-        strError =
-            fmt::format("position {} is past the end of \"{}\" at {}", nOffset, Printable(pClip->m_strPath), nSize);
-        return false;
-    }
-    pStream->StartPlay(pClip, nOffset, std::min(nLength, nSize - nOffset), nSequenceNo);
-    return true;
+    structMIRSP rsp = {};
+    rsp.s_mirsp = mirsp;
+    rsp.nRespSequenceNo = nSequenceNo;
+    rsp.s_nResult = nResult;
+    return rsp;
 }
 } // namespace
+
+CReply::CReply(CRequestHandler& handler, int nConnectID, std::uint64_t ullTicket, const structMICMD& cmd,
+               const CFaultAction& action)
+    : m_pHandler(&handler), m_nConnectID(nConnectID), m_ullTicket(ullTicket), m_micmd(cmd.s_micmd),
+      m_nSequenceNo(cmd.nSequenceNo), m_action(action)
+{
+}
+
+void CReply::Ok() const
+{
+    Value(MIRSP_STATUS, MISTATUS_OK);
+}
+
+void CReply::Value(MIRSP mirsp, int32_t nValue) const
+{
+    m_pHandler->Answer(*this, Response(mirsp, m_nSequenceNo, nValue));
+}
+
+void CReply::Refuse(const std::string& strError) const
+{
+    m_pHandler->Refuse(*this, strError);
+}
 
 const CRequestHandler::CCommandEntry CRequestHandler::COMMANDS[] = {
     {MICMD_CONNECT, "MICMD_CONNECT", nullptr}, // not of a client yet: see Handle
@@ -91,301 +64,242 @@ const CRequestHandler::CCommandEntry CRequestHandler::COMMANDS[] = {
     {MICMD_RECORDGETSTATUS, "MICMD_RECORDGETSTATUS", &CRequestHandler::RecordGetStatus},
 };
 
-const CRequestHandler::CCommandEntry* CRequestHandler::FindCommand(MICMD micmd)
+const CRequestHandler::CCommandEntry& CRequestHandler::EntryOf(MICMD micmd)
 {
+    static constexpr CCommandEntry UNKNOWN = {MICMD_NULL, "unknown command", &CRequestHandler::Unknown};
     const auto* pEntry = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
                                       [micmd](const CCommandEntry& entry) { return entry.m_micmd == micmd; });
-    return pEntry == std::end(COMMANDS) ? nullptr : pEntry;
+    return pEntry == std::end(COMMANDS) ? UNKNOWN : *pEntry;
 }
 
-CRequestHandler::CRequestHandler(CClientRegistry& registry, CClipStore& clipStore, CChannelFactory& channels,
-                                 CClientPortOpener& opener)
-    : m_registry(registry), m_clipStore(clipStore), m_channels(channels), m_opener(opener)
+CRequestHandler::CRequestHandler(const CParts& parts, CHooks hooks)
+    : m_parts(parts), m_hooks(std::move(hooks)), m_strangers("requests that nobody can be answered")
 {
 }
 
 void CRequestHandler::Handle(const structMICMD& cmd)
 {
+    m_parts.m_statistics.OnRequest(cmd.s_micmd);
     if (cmd.s_micmd == MICMD_CONNECT)
     {
         Connect(cmd);
         return;
     }
-    const CCommandEntry* pEntry = FindCommand(cmd.s_micmd);
-    const char* pName = pEntry != nullptr ? pEntry->m_pName : "unknown command";
-    CClient* pClient = m_registry.Find(cmd.nConnectID);
+    CClient* pClient = m_parts.m_registry.Find(cmd.nConnectID);
     if (pClient == nullptr)
     {
-        spdlog::warn("dropped {} ({}), sequence {}: there is no client {} to answer", pName,
-                     static_cast<int>(cmd.s_micmd), cmd.nSequenceNo, cmd.nConnectID);
+        ++m_parts.m_statistics.m_ullDropped;
+        m_strangers.Warn("dropped {} ({}), sequence {}: there is no client {} to answer", EntryOf(cmd.s_micmd).m_pName,
+                         static_cast<int>(cmd.s_micmd), cmd.nSequenceNo, cmd.nConnectID);
         return;
     }
+    pClient->m_nLatestSequenceNo = cmd.nSequenceNo;
+    if (pClient->m_requests.size() >= CClient::MAX_WAITING_REQUESTS)
+    {
+        ++m_parts.m_statistics.m_ullDropped;
+        pClient->m_warnings.Warn("dropped {} of client {}, sequence {}: too many of its requests wait",
+                                 EntryOf(cmd.s_micmd).m_pName, cmd.nConnectID, cmd.nSequenceNo);
+        return;
+    }
+    pClient->m_requests.push_back({cmd, std::nullopt});
+    Run(*pClient);
+}
 
-    structMIRSP rsp = {};
-    rsp.s_mirsp = MIRSP_STATUS;
-    rsp.nRespSequenceNo = cmd.nSequenceNo;
-    rsp.s_nResult = MISTATUS_OK;
-    std::string strError = "there is no such command";
-    if (pEntry != nullptr && Execute(*pEntry, *pClient, cmd, rsp, strError))
+void CRequestHandler::Freeze(bool bOn)
+{
+    m_bFrozen = bOn;
+    if (bOn)
     {
-        spdlog::debug("{} of client {}, sequence {}", pName, cmd.nConnectID, cmd.nSequenceNo);
+        return;
     }
-    else
+    std::vector<int> vConnectIDs;
+    for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
     {
-        rsp.s_mirsp = MIRSP_STATUS;
-        rsp.s_nResult = MISTATUS_FAILED;
-        spdlog::warn("refused {} ({}) of client {}, sequence {}: {}", pName, static_cast<int>(cmd.s_micmd),
-                     cmd.nConnectID, cmd.nSequenceNo, strError);
+        vConnectIDs.push_back(nConnectID);
     }
-    Answer(*pClient, rsp);
-    if (cmd.s_micmd == MICMD_DISCONNECT)
+    for (const int nConnectID : vConnectIDs)
     {
-        m_registry.Drop(cmd.nConnectID, "it disconnects");
+        if (CClient* pClient = m_parts.m_registry.Find(nConnectID))
+        {
+            Run(*pClient);
+        }
     }
 }
 
-bool CRequestHandler::Execute(const CCommandEntry& entry, CClient& client, const structMICMD& cmd, structMIRSP& rsp,
-                              std::string& strError)
+void CRequestHandler::Run(CClient& client)
 {
+    if (client.m_bRunning)
+    {
+        return;
+    }
+    client.m_bRunning = true;
+    while (client.m_ullTicket == 0 && !client.m_requests.empty() && !client.m_bGone && !m_bFrozen)
+    {
+        CClient::CRequest request = std::move(client.m_requests.front());
+        client.m_requests.pop_front();
+        Execute(client, std::move(request));
+    }
+    client.m_bRunning = false;
+}
+
+void CRequestHandler::Execute(CClient& client, CClient::CRequest request)
+{
+    if (!request.m_action)
+    {
+        request.m_action = m_parts.m_faults.OnCommand(request.m_cmd.s_micmd, CallIDOf(client, request.m_cmd));
+        if (ActOnFault(client, request))
+        {
+            return;
+        }
+    }
+    const CCommandEntry& entry = EntryOf(request.m_cmd.s_micmd);
+    client.m_ullTicket = m_ullNextTicket++;
+    const CReply reply(*this, client.ConnectID(), client.m_ullTicket, request.m_cmd, *request.m_action);
+    if (request.m_action->m_bRefuse)
+    {
+        reply.Refuse("a fault rule says so");
+        return;
+    }
     try
     {
-        return (this->*entry.m_pFunction)(client, cmd, rsp, strError);
+        (this->*entry.m_pFunction)(client, request.m_cmd, reply);
     }
     catch (const std::exception& exception)
     {
         // Out of memory, in the first place: it is this client's request that asks for too much.
-        strError = exception.what();
-        return false;
+        reply.Refuse(exception.what());
     }
+}
+
+// Whether the request is not to be carried out, or not now.
+bool CRequestHandler::ActOnFault(CClient& client, CClient::CRequest& request)
+{
+    const CFaultAction action = *request.m_action;
+    if (action.m_bDie)
+    {
+        m_hooks.m_die();
+        return true;
+    }
+    if (action.m_bDropClient)
+    {
+        m_parts.m_registry.Drop(client.ConnectID(), "a fault rule says so");
+        return true;
+    }
+    if (action.m_bFreeze)
+    {
+        client.m_requests.push_front(std::move(request));
+        m_hooks.m_freeze(action.m_freezeFor);
+        return true;
+    }
+    return false;
+}
+
+std::string CRequestHandler::CallIDOf(const CClient& client, const structMICMD& cmd) const
+{
+    std::string strCallID;
+    if (cmd.s_micmd == MICMD_OPENSTREAM)
+    {
+        FieldText(cmd.openStream.szCallID, strCallID);
+        return strCallID;
+    }
+    const auto names = CommandNames();
+    const auto it = std::find_if(names.begin(), names.end(),
+                                 [&cmd](const CCommandName& name) { return name.m_micmd == cmd.s_micmd; });
+    const auto pStream = it != names.end() && it->m_bNamesStream ? client.FindStream(cmd.stream.nStreamID) : nullptr;
+    return pStream ? pStream->CallID() : strCallID;
 }
 
 void CRequestHandler::Connect(const structMICMD& cmd)
 {
-    std::string strError;
-    std::unique_ptr<CClientPort> pPort = m_opener.Open(cmd.connect, strError);
-    CClient* pClient = pPort ? m_registry.Add(std::move(pPort)) : nullptr;
-    if (pClient == nullptr)
+    const CFaultAction action = m_parts.m_faults.OnCommand(MICMD_CONNECT, {});
+    if (action.m_bDie)
     {
-        spdlog::warn("dropped MICMD_CONNECT, sequence {}: {}", cmd.nSequenceNo,
-                     strError.empty() ? "no further client can be watched" : strError);
+        m_hooks.m_die();
         return;
     }
-    structMIRSP rsp = {};
-    rsp.s_mirsp = MIRSP_CONNECT;
-    rsp.nRespSequenceNo = cmd.nSequenceNo;
-    rsp.s_nConnectID = pClient->ConnectID();
-    Answer(*pClient, rsp);
+    if (action.m_bFreeze)
+    {
+        m_hooks.m_freeze(action.m_freezeFor);
+    }
+    std::string strError;
+    std::unique_ptr<CClientPort> pPort = m_parts.m_opener.Open(cmd.connect, strError);
+    CClient* pClient = pPort ? m_parts.m_registry.Add(std::move(pPort)) : nullptr;
+    if (pClient == nullptr)
+    {
+        ++m_parts.m_statistics.m_ullDropped;
+        m_strangers.Warn("dropped MICMD_CONNECT, sequence {}: {}", cmd.nSequenceNo,
+                         strError.empty() ? "no further client can be watched" : strError);
+        return;
+    }
+    pClient->m_nLatestSequenceNo = cmd.nSequenceNo;
+    const int nConnectID = pClient->ConnectID();
+    if (action.m_bRefuse)
+    {
+        ++m_parts.m_statistics.m_ullRefused;
+        m_parts.m_outbox.Respond(nConnectID, Response(MIRSP_STATUS, cmd.nSequenceNo, MISTATUS_FAILED), action);
+    }
+    else if (!action.m_bDropClient)
+    {
+        m_parts.m_outbox.Respond(nConnectID, Response(MIRSP_CONNECT, cmd.nSequenceNo, nConnectID), action);
+    }
+    if (action.m_bRefuse || action.m_bDropClient)
+    {
+        m_parts.m_registry.Drop(nConnectID, "a fault rule says so");
+    }
 }
 
-void CRequestHandler::Answer(CClient& client, const structMIRSP& rsp)
+void CRequestHandler::Refuse(const CReply& reply, const std::string& strError)
 {
-    const int nConnectID = client.ConnectID();
-    switch (client.Port().SendResponse(rsp))
+    CClient* pClient = m_parts.m_registry.Find(reply.m_nConnectID);
+    if (pClient != nullptr && pClient->m_ullTicket == reply.m_ullTicket)
     {
-    case ESend::Gone: m_registry.Drop(nConnectID, "its response pipe is broken"); return;
-    case ESend::Full:
-        spdlog::error("client {} does not take its responses; the one to sequence {} is lost", nConnectID,
-                      rsp.nRespSequenceNo);
-        break;
-    case ESend::Sent: break;
+        ++m_parts.m_statistics.m_ullRefused;
+        pClient->m_warnings.Warn("refused {} ({}) of client {}, sequence {}: {}", EntryOf(reply.m_micmd).m_pName,
+                                 static_cast<int>(reply.m_micmd), reply.m_nConnectID, reply.m_nSequenceNo, strError);
     }
-    // Events wait until here, so that none overtakes the response to its own command.
-    m_registry.Flush(nConnectID);
+    Answer(reply, Response(MIRSP_STATUS, reply.m_nSequenceNo, MISTATUS_FAILED));
 }
 
-bool CRequestHandler::Disconnect(CClient&, const structMICMD&, structMIRSP&, std::string&)
+void CRequestHandler::Answer(const CReply& reply, const structMIRSP& rsp)
 {
-    return true; // once it is answered, Handle drops the client
+    CClient* pClient = m_parts.m_registry.Find(reply.m_nConnectID);
+    if (pClient == nullptr || pClient->m_ullTicket != reply.m_ullTicket)
+    {
+        return;
+    }
+    spdlog::debug("answers {} of client {}, sequence {}, with {} {}", EntryOf(reply.m_micmd).m_pName,
+                  reply.m_nConnectID, reply.m_nSequenceNo, static_cast<int>(rsp.s_mirsp), rsp.s_nResult);
+    pClient->m_ullTicket = 0;
+    m_parts.m_outbox.Respond(reply.m_nConnectID, rsp, reply.m_action);
+    if (reply.m_micmd == MICMD_DISCONNECT)
+    {
+        m_parts.m_registry.Disconnect(reply.m_nConnectID);
+    }
+    Run(*pClient);
 }
 
-bool CRequestHandler::OpenFile(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError)
+void CRequestHandler::Dump() const
 {
-    std::string strName;
-    if (!FileNameOf(cmd.openFile.szFileName, strName, strError))
-    {
-        return false;
-    }
-    CClipPtr pClip = m_clipStore.Load(strName, strError);
-    if (!pClip)
-    {
-        return false;
-    }
-    if (m_nNextFileID == INT_MAX)
-    {
-        strError = "all file ids are used up";
-        return false;
-    }
-    rsp.s_mirsp = MIRSP_OPENFILE;
-    rsp.s_nFileID = m_nNextFileID++;
-    client.m_mapFileByID.emplace(rsp.s_nFileID, std::move(pClip));
-    return true;
-}
-
-bool CRequestHandler::CloseFile(CClient& client, const structMICMD& cmd, structMIRSP&, std::string& strError)
-{
-    if (client.m_mapFileByID.erase(cmd.closeFile.nFileID) == 0)
-    {
-        strError = fmt::format("the client has no file {}", cmd.closeFile.nFileID);
-        return false;
-    }
-    return true;
-}
-
-bool CRequestHandler::OpenStream(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError)
-{
-    std::string strCallID;
-    if (!FieldText(cmd.openStream.szCallID, strCallID))
-    {
-        strError = "the call id has no end";
-        return false;
-    }
-    const std::uint32_t nLegID = cmd.openStream.nLegID;
-    std::unique_ptr<CChannel> pChannel = m_channels.Open(strCallID, nLegID, strError);
-    if (!pChannel)
-    {
-        return false;
-    }
-    if (m_nNextStreamID == INT_MAX)
-    {
-        strError = "all stream ids are used up";
-        return false;
-    }
-    rsp.s_mirsp = MIRSP_OPENSTREAM;
-    rsp.s_nStreamID = m_nNextStreamID++;
-    spdlog::info("client {} opens stream {} on call id \"{}\", leg {}", client.ConnectID(), rsp.s_nStreamID,
-                 Printable(strCallID), nLegID);
-    client.m_mapStreamByID.emplace(rsp.s_nStreamID,
-                                   std::make_unique<CStream>(rsp.s_nStreamID, strCallID, nLegID, std::move(pChannel)));
-    return true;
-}
-
-bool CRequestHandler::CloseStream(CClient& client, const structMICMD& cmd, structMIRSP&, std::string& strError)
-{
-    if (StreamOf(client, cmd.stream.nStreamID, strError) == nullptr)
-    {
-        return false;
-    }
-    client.m_mapStreamByID.erase(cmd.stream.nStreamID);
-    spdlog::info("client {} closes stream {}", client.ConnectID(), cmd.stream.nStreamID);
-    return true;
-}
-
-bool CRequestHandler::PlayClip(CClient& client, const structMICMD& cmd, structMIRSP&, std::string& strError)
-{
-    const structMICMD::PlayClipBody& body = cmd.playClip;
-    const CClipPtr pClip = client.FindFile(body.nFileID);
-    if (!pClip)
-    {
-        strError = fmt::format("the client has no file {}", body.nFileID);
-        return false;
-    }
-    return StartPlay(client, body.nStreamID, pClip, body.nOffset, body.nLength, cmd.nSequenceNo, strError);
-}
-
-bool CRequestHandler::PlayFile(CClient& client, const structMICMD& cmd, structMIRSP&, std::string& strError)
-{
-    std::string strName;
-    // The stream is looked for first: no file is loaded in vain.
-    if (StreamOf(client, cmd.playFile.nStreamID, strError) == nullptr ||
-        !FileNameOf(cmd.playFile.szFileName, strName, strError))
-    {
-        return false;
-    }
-    const CClipPtr pClip = m_clipStore.Load(strName, strError);
-    return pClip && StartPlay(client, cmd.playFile.nStreamID, pClip, cmd.playFile.nStartPos, pClip->m_samples.size(),
-                              cmd.nSequenceNo, strError);
-}
-
-bool CRequestHandler::RecordFile(CClient& client, const structMICMD& cmd, structMIRSP&, std::string& strError)
-{
-    std::string strName;
-    CStream* pStream = StreamOf(client, cmd.recordFile.nStreamID, strError);
-    if (pStream == nullptr || !CanFinishMore(client, strError) ||
-        !FileNameOf(cmd.recordFile.szFileName, strName, strError))
-    {
-        return false;
-    }
-    if (pStream->IsRecording())
-    {
-        strError = fmt::format("stream {} is recording", cmd.recordFile.nStreamID);
-        return false;
-    }
-    return pStream->StartRecord(strName, cmd.recordFile.nMaxSamples, cmd.nSequenceNo, strError);
-}
-
-bool CRequestHandler::Cancel(CClient& client, const structMICMD& cmd, structMIRSP&, std::string& strError)
-{
-    CStream* pStream = StreamOf(client, cmd.cancel.nStreamID, strError);
-    if (pStream == nullptr)
-    {
-        return false;
-    }
-    // A client may leave the type unset; then it means whatever is active.
-    std::vector<structMIEVT> vEvents;
-    if (cmd.cancel.nCancelType != MICANCEL_RECORD)
-    {
-        pStream->CancelPlay(vEvents);
-    }
-    if (cmd.cancel.nCancelType != MICANCEL_PLAY)
-    {
-        pStream->CancelRecord(vEvents);
-    }
-    client.QueueEvents(vEvents);
-    return true;
-}
-
-bool CRequestHandler::GetStats(CClient&, const structMICMD&, structMIRSP&, std::string& strError)
-{
-    strError = "there are no statistics";
-    return false;
-}
-
-bool CRequestHandler::Ping(CClient&, const structMICMD&, structMIRSP&, std::string&)
-{
-    return true;
-}
-
-bool CRequestHandler::Dump(CClient& client, const structMICMD&, structMIRSP&, std::string&)
-{
-    spdlog::info("dump for client {}: {} clients, {} clips in memory, next file id {}, next stream id {}",
-                 client.ConnectID(), m_registry.Clients().size(), m_clipStore.Size(), m_nNextFileID, m_nNextStreamID);
-    for (const auto& [nConnectID, pClient] : m_registry.Clients())
+    for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
     {
         spdlog::info("dump: client {}, process {}, {} events wait", nConnectID, pClient->Port().ProcessID(),
                      pClient->WaitingEvents());
         for (const auto& [nFileID, pClip] : pClient->m_mapFileByID)
         {
-            spdlog::info("dump:   file {}, \"{}\", {} samples", nFileID, Printable(pClip->m_strPath),
-                         pClip->m_samples.size());
+            spdlog::info("dump:   file {}, \"{}\", {} samples", nFileID, Printable(pClip->Path()), pClip->Ready());
         }
         for (const auto& [nStreamID, pStream] : pClient->m_mapStreamByID)
         {
             spdlog::info("dump:   {}", pStream->Describe());
         }
     }
-    return true;
 }
 
-bool CRequestHandler::RecordGetTime(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError)
+void CRequestHandler::ReportLeftOut()
 {
-    const CStream* pStream = StreamOf(client, cmd.stream.nStreamID, strError);
-    if (pStream == nullptr)
+    m_strangers.ReportLeftOut();
+    for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
     {
-        return false;
+        pClient->m_warnings.ReportLeftOut();
     }
-    rsp.s_mirsp = MIRSP_RECORDGETTIME;
-    rsp.s_nTimeMs = pStream->RecordedMs();
-    return true;
-}
-
-bool CRequestHandler::RecordGetStatus(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError)
-{
-    const CStream* pStream = StreamOf(client, cmd.stream.nStreamID, strError);
-    if (pStream == nullptr)
-    {
-        return false;
-    }
-    rsp.s_mirsp = MIRSP_RECORDGETSTATUS;
-    rsp.s_nRecordStatus = static_cast<int32_t>(pStream->RecordStatus());
-    return true;
 }

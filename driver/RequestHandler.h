@@ -1,29 +1,92 @@
-// What each command does: one request record in, one response record out.
+// What each command does: one request record in, one response record out, at once or later.
 #ifndef DRIVER_REQUEST_HANDLER_H
 #define DRIVER_REQUEST_HANDLER_H
 
 #include "Channel.h"
 #include "ClientRegistry.h"
 #include "ClipStore.h"
+#include "FaultRules.h"
+#include "MediaClock.h"
 #include "MediaProtocol.h"
+#include "Outbox.h"
+#include "Statistics.h"
 
+#include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
+
+class CRequestHandler;
+
+// The way back to the sender of a request. It is good for one answer, and for nothing once the client is
+// gone. May be copied.
+class CReply
+{
+public:
+    CReply(CRequestHandler& handler, int nConnectID, std::uint64_t ullTicket, const structMICMD& cmd,
+           const CFaultAction& action);
+
+    int ConnectID() const { return m_nConnectID; }
+    std::uint32_t SequenceNo() const { return m_nSequenceNo; }
+
+    void Ok() const;
+    void Value(MIRSP mirsp, int32_t nValue) const;
+    void Refuse(const std::string& strError) const;
+
+private:
+    friend class CRequestHandler;
+
+    CRequestHandler* m_pHandler;
+    int m_nConnectID;
+    std::uint64_t m_ullTicket;
+    MICMD m_micmd;
+    std::uint32_t m_nSequenceNo;
+    CFaultAction m_action;
+};
 
 class CRequestHandler
 {
 public:
-    CRequestHandler(CClientRegistry& registry, CClipStore& clipStore, CChannelFactory& channels,
-                    CClientPortOpener& opener);
+    // All of them must outlive the handler.
+    struct CParts
+    {
+        CClientRegistry& m_registry;
+        COutbox& m_outbox;
+        CClipStore& m_clipStore;
+        CChannelFactory& m_channels;
+        CClientPortOpener& m_opener;
+        CMediaClock& m_clock;
+        CExecutor& m_disk;
+        CFaultRules& m_faults;
+        CStatistics& m_statistics;
+    };
+    // What fault rules ask of the program: to stop for a time, or until it is told to go on, and to die.
+    struct CHooks
+    {
+        std::function<void(std::optional<std::chrono::milliseconds> time)> m_freeze;
+        std::function<void()> m_die;
+    };
 
-    // Carries out a request and answers it. What cannot be answered, because it comes from no known
-    // client, is logged and dropped. Any content is acceptable; nothing is thrown for it.
+    CRequestHandler(const CParts& parts, CHooks hooks);
+
+    // Carries out a request and answers it, after the client's earlier ones. What cannot be answered,
+    // because it comes from no known client, is logged and dropped. Any content is acceptable; nothing is
+    // thrown for it.
     void Handle(const structMICMD& cmd);
 
+    // While it is frozen no request is carried out; they wait.
+    void Freeze(bool bOn);
+
+    // Logs the clients with their files and streams.
+    void Dump() const;
+
+    // About once a second: says which warnings were left out.
+    void ReportLeftOut();
+
 private:
-    // Fills the response, which is an empty MIRSP_STATUS of success. False refuses the command; the
-    // reason is then in strError.
-    using CommandFunction = bool (CRequestHandler::*)(CClient& client, const structMICMD& cmd, structMIRSP& rsp,
-                                                      std::string& strError);
+    friend class CReply;
+
+    using CommandFunction = void (CRequestHandler::*)(CClient& client, const structMICMD& cmd, const CReply& reply);
     struct CCommandEntry
     {
         MICMD m_micmd;
@@ -32,34 +95,44 @@ private:
     };
     static const CCommandEntry COMMANDS[];
 
-    static const CCommandEntry* FindCommand(MICMD micmd);
+    static const CCommandEntry& EntryOf(MICMD micmd);
 
-    bool Execute(const CCommandEntry& entry, CClient& client, const structMICMD& cmd, structMIRSP& rsp,
-                 std::string& strError);
+    void Run(CClient& client);
+    void Execute(CClient& client, CClient::CRequest request);
+    bool ActOnFault(CClient& client, CClient::CRequest& request);
+    std::string CallIDOf(const CClient& client, const structMICMD& cmd) const;
     void Connect(const structMICMD& cmd);
-    void Answer(CClient& client, const structMIRSP& rsp);
+    void Answer(const CReply& reply, const structMIRSP& rsp);
+    void Refuse(const CReply& reply, const std::string& strError);
 
-    bool Disconnect(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool OpenFile(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool CloseFile(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool OpenStream(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool CloseStream(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool PlayClip(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool PlayFile(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool RecordFile(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool Cancel(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool GetStats(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool Ping(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool Dump(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool RecordGetTime(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
-    bool RecordGetStatus(CClient& client, const structMICMD& cmd, structMIRSP& rsp, std::string& strError);
+    // In MediaRequests.cpp. Each calls one operation of the reply, now or later.
+    void Disconnect(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void OpenFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void CloseFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void OpenStream(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void CloseStream(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void PlayClip(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void PlayFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void RecordFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void Cancel(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void GetStats(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void Ping(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void Dump(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void RecordGetTime(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void RecordGetStatus(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void Unknown(CClient& client, const structMICMD& cmd, const CReply& reply);
 
-    CClientRegistry& m_registry;
-    CClipStore& m_clipStore;
-    CChannelFactory& m_channels;
-    CClientPortOpener& m_opener;
+    void AddFile(const CReply& reply, CClipPtr pClip);
+    void AddStream(const CReply& reply, const std::string& strCallID, std::uint32_t nLegID,
+                   std::unique_ptr<CChannel> pChannel);
+
+    const CParts m_parts;
+    const CHooks m_hooks;
+    bool m_bFrozen = false;
+    std::uint64_t m_ullNextTicket = 1;
     int m_nNextFileID = 1;
     int m_nNextStreamID = 1;
+    CLogLimiter m_strangers;
 };
 
 #endif

@@ -4,11 +4,14 @@
 #include "Text.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <span>
+#include <utility>
 
 namespace
 {
@@ -19,6 +22,11 @@ const char* const LOCK_PATH = MI_REQUEST_PIPE ".lock";
 // an ordinary user is allowed.
 constexpr int PIPE_BYTES = 1 << 20;
 
+// Rubbish must not keep the loop from its other work, neither by its size nor by coming byte by byte.
+// Two reads are needed: the second one may tell that nothing follows what the first one has got.
+constexpr std::size_t MAX_RUBBISH_PER_TURN = 32768;
+constexpr int MAX_READS = 2;
+
 bool IsFileAt(int nFd, const char* pPath)
 {
     struct stat open = {};
@@ -27,6 +35,11 @@ bool IsFileAt(int nFd, const char* pPath)
            open.st_ino == there.st_ino;
 }
 } // namespace
+
+CRequestPipe::CRequestPipe(CRequestFramer::LatestFunction latest, CLogLimiter& rubbishLog)
+    : m_framer(std::move(latest)), m_rubbishLog(rubbishLog)
+{
+}
 
 CRequestPipe::~CRequestPipe()
 {
@@ -47,7 +60,7 @@ bool CRequestPipe::Open(std::string& strError)
         m_fdLock.Close();
         return false;
     }
-    return MakeFifo(strError);
+    return RemoveOldFifo(strError) && MakeFifo(strError);
 }
 
 bool CRequestPipe::Lock(std::string& strError)
@@ -55,16 +68,8 @@ bool CRequestPipe::Lock(std::string& strError)
     const std::string strPath = LOCK_PATH;
     for (;;)
     {
-        m_fdLock = CFd(::open(LOCK_PATH, O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
-        if (!m_fdLock.IsOpen())
+        if (!OpenLockFile(strError))
         {
-            strError = "cannot open the lock file " + strPath + ": " + ErrnoText(errno);
-            return false;
-        }
-        struct stat status = {};
-        if (::fstat(m_fdLock.Get(), &status) != 0 || !S_ISREG(status.st_mode))
-        {
-            strError = strPath + " exists and is not a regular file";
             return false;
         }
         if (::flock(m_fdLock.Get(), LOCK_EX | LOCK_NB) != 0)
@@ -81,29 +86,74 @@ bool CRequestPipe::Lock(std::string& strError)
     }
 }
 
-bool CRequestPipe::MakeFifo(std::string& strError)
+bool CRequestPipe::OpenLockFile(std::string& strError)
+{
+    const std::string strPath = LOCK_PATH;
+    const int nFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    do
+    {
+        // Not in one step: systems may forbid O_CREAT on what another user's driver has left in /tmp.
+        m_fdLock = CFd(::open(LOCK_PATH, nFlags));
+        if (!m_fdLock.IsOpen() && errno == ENOENT)
+        {
+            m_fdLock = CFd(::open(LOCK_PATH, nFlags | O_CREAT | O_EXCL, 0600));
+            // Readable for the drivers of other users, to find it locked.
+            if (m_fdLock.IsOpen() && ::fchmod(m_fdLock.Get(), 0644) != 0)
+            {
+                m_fdLock.Close();
+            }
+        }
+    } while (!m_fdLock.IsOpen() && errno == EEXIST);
+    struct stat status = {};
+    if (!m_fdLock.IsOpen() || ::fstat(m_fdLock.Get(), &status) != 0)
+    {
+        strError = "cannot open the lock file " + strPath + ": " + ErrnoText(errno);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode))
+    {
+        strError = strPath + " exists and is not a regular file; remove it if it is of no use";
+        return false;
+    }
+    return true;
+}
+
+bool CRequestPipe::RemoveOldFifo(std::string& strError)
 {
     const std::string strPath = PIPE_PATH;
     struct stat status = {};
-    if (::lstat(PIPE_PATH, &status) == 0)
+    if (::lstat(PIPE_PATH, &status) != 0)
     {
-        if (!S_ISFIFO(status.st_mode))
-        {
-            strError = strPath + " exists and is not a FIFO; remove it if it is of no use";
-            return false;
-        }
-        if (::unlink(PIPE_PATH) != 0)
-        {
-            strError = "cannot remove the old " + strPath + ": " + ErrnoText(errno);
-            return false;
-        }
+        return true;
     }
+    if (!S_ISFIFO(status.st_mode))
+    {
+        strError = strPath + " exists and is not a FIFO; remove it if it is of no use";
+        return false;
+    }
+    if (status.st_uid != ::geteuid() && ::geteuid() != 0)
+    {
+        strError = fmt::format("{} belongs to user {}, who or root must remove it", strPath, status.st_uid);
+        return false;
+    }
+    if (::unlink(PIPE_PATH) != 0)
+    {
+        strError = "cannot remove the old " + strPath + ": " + ErrnoText(errno);
+        return false;
+    }
+    return true;
+}
+
+bool CRequestPipe::MakeFifo(std::string& strError)
+{
+    const std::string strPath = PIPE_PATH;
     if (::mkfifo(PIPE_PATH, 0600) != 0)
     {
         strError = "cannot create " + strPath + ": " + ErrnoText(errno);
         return false;
     }
     // Open for both directions, the pipe never reports an end when its last writer leaves.
+    struct stat status = {};
     m_fdPipe = CFd(::open(PIPE_PATH, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!m_fdPipe.IsOpen() || ::fstat(m_fdPipe.Get(), &status) != 0 || !S_ISFIFO(status.st_mode))
     {
@@ -128,29 +178,60 @@ int CRequestPipe::Fd() const
     return m_fdPipe.Get();
 }
 
+bool CRequestPipe::HasBuffered() const
+{
+    return m_framer.Waiting() > 0;
+}
+
 bool CRequestPipe::Read(structMICMD& cmd)
 {
-    for (;;)
+    for (int nReads = 0; nReads <= MAX_READS; ++nReads)
     {
-        const ssize_t nRead = ::read(m_fdPipe.Get(), &cmd, sizeof(cmd));
-        if (nRead == static_cast<ssize_t>(sizeof(cmd)))
+        if (Next(cmd))
         {
             return true;
         }
-        if (nRead < 0 && errno == EINTR)
+        if (m_nRubbishInTurn >= MAX_RUBBISH_PER_TURN || nReads == MAX_READS || !Fill())
         {
-            continue;
+            break;
         }
-        if (nRead < 0)
-        {
-            if (errno != EAGAIN)
-            {
-                spdlog::error("cannot read {}: {}", PIPE_PATH, ErrnoText(errno));
-            }
-            return false;
-        }
-        // Somebody wrote what is no record. Records behind it are read out of step until the pipe is
-        // empty; that ends with a short read, too.
-        spdlog::warn("dropped {} bytes out of {} that are no record", nRead, PIPE_PATH);
     }
+    m_nRubbishInTurn = 0;
+    return false;
+}
+
+bool CRequestPipe::Next(structMICMD& cmd)
+{
+    const bool bFound = m_framer.Next(cmd);
+    const std::size_t nRubbish = m_framer.TakeRubbish();
+    if (nRubbish > 0)
+    {
+        m_nRubbishInTurn += nRubbish;
+        m_rubbishLog.Warn("dropped {} bytes out of {} that are no request", nRubbish, PIPE_PATH);
+    }
+    return bFound;
+}
+
+// False when there is nothing new for the framer.
+bool CRequestPipe::Fill()
+{
+    const std::span<unsigned char> room = m_framer.Room();
+    ssize_t nRead = -1;
+    do
+    {
+        nRead = ::read(m_fdPipe.Get(), room.data(), room.size());
+    } while (nRead < 0 && errno == EINTR);
+    if (nRead > 0)
+    {
+        // A pipe gives what it has: less than asked for means that it was empty then, or that a write in
+        // packet mode ended there. Neither is in the middle of a request.
+        m_framer.Added(static_cast<std::size_t>(nRead), static_cast<std::size_t>(nRead) < room.size());
+        return true;
+    }
+    if (nRead < 0 && errno != EAGAIN)
+    {
+        m_rubbishLog.Warn("cannot read {}: {}", PIPE_PATH, ErrnoText(errno));
+    }
+    m_framer.Added(0, true);
+    return m_framer.Waiting() > 0;
 }

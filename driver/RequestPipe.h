@@ -3,16 +3,18 @@
 #define DRIVER_REQUEST_PIPE_H
 
 #include "Fd.h"
+#include "LogLimiter.h"
 #include "MediaProtocol.h"
+#include "RequestFramer.h"
 
-#include <sys/types.h>
-
+#include <cstddef>
 #include <string>
 
 class CRequestPipe
 {
 public:
-    CRequestPipe() = default;
+    // Warns of bytes that are no request through rubbishLog, which must outlive this.
+    CRequestPipe(CRequestFramer::LatestFunction latest, CLogLimiter& rubbishLog);
     CRequestPipe(const CRequestPipe&) = delete;
     CRequestPipe& operator=(const CRequestPipe&) = delete;
 
@@ -20,23 +22,35 @@ public:
     ~CRequestPipe();
 
     // Takes the lock and makes a fresh pipe that everybody may write into. A pipe left by an earlier
-    // driver is replaced, so that its clients find it broken. False, with the whole message in strError,
-    // when another driver runs, or the path is taken by something that is not a FIFO (which stays).
+    // driver of the same user is replaced, so that its clients find it broken; root replaces anybody's.
+    // False, with the whole message in strError, when another driver runs, or the path is taken by
+    // another user's pipe or by something that is no FIFO (which stays).
     bool Open(std::string& strError);
 
-    // Readable when there are requests.
+    // Readable when there are requests that HasBuffered does not tell of.
     int Fd() const;
 
-    // Takes one request out. False when there is none left. Bytes that make no whole record are
-    // logged and dropped.
+    // Whether bytes were read that Read has not looked at, or not to the end. Then call it again without
+    // waiting for Fd.
+    bool HasBuffered() const;
+
+    // Takes one request out, without blocking. False when there is none left, or when the rubbish that
+    // was dropped since it was last false is enough work for one turn of the loop.
     bool Read(structMICMD& cmd);
 
 private:
     bool Lock(std::string& strError);
+    bool OpenLockFile(std::string& strError);
+    bool RemoveOldFifo(std::string& strError);
     bool MakeFifo(std::string& strError);
+    bool Next(structMICMD& cmd);
+    bool Fill();
 
     CFd m_fdLock;
     CFd m_fdPipe;
+    CRequestFramer m_framer;
+    CLogLimiter& m_rubbishLog;
+    std::size_t m_nRubbishInTurn = 0;
 };
 
 #endif

@@ -1,11 +1,10 @@
 // zelmedia-driver: the media driver program.
-#include "ClientPipes.h"
+#include "ControlClient.h"
+#include "Driver.h"
 #include "EventLoop.h"
-#include "FileChannel.h"
 #include "Log.h"
 #include "Options.h"
 
-#include <spdlog/spdlog.h>
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -19,7 +18,7 @@ int Fail(const std::string& strError)
     return 1;
 }
 
-// Each stream and each recording holds a file open.
+// Each client, each RTP socket and each file that is written holds descriptors.
 void AllowManyFiles()
 {
     rlimit limit = {};
@@ -32,28 +31,15 @@ void AllowManyFiles()
 
 int Serve(const COptions& options)
 {
-    CEventLoop loop;
-    CRequestPipe requestPipe;
     std::string strError;
-    if (!loop.Create(strError) || !requestPipe.Open(strError))
+    if (!SetUpLog(options, strError))
     {
         return Fail(strError);
     }
-    CClipStore clipStore;
-    CFileChannelFactory channels(clipStore, options.m_strAudioFolder);
-    CClientPipesOpener opener(loop.EpollFd());
-    CClientRegistry registry;
-    CRequestHandler handler(registry, clipStore, channels, opener);
-
-    spdlog::info("zelmedia-driver " ZELMEDIA_VERSION " serves {}, audio in \"{}\"{}", MI_REQUEST_PIPE,
-                 options.m_strAudioFolder, options.m_eSpeed == ESpeed::Max ? ", at maximum speed" : "");
-    std::puts("zelmedia-driver: ready");
-    std::fflush(stdout);
-
-    const bool bOk = loop.Run(requestPipe, handler, registry, options.m_eSpeed, strError);
-    registry.DropAll("the driver ends");
-    spdlog::info("zelmedia-driver ends");
-    return bOk ? 0 : Fail(strError);
+    CEventLoop::BlockSignals();
+    AllowManyFiles();
+    CDriver driver(options);
+    return driver.Open(strError) && driver.Run(strError) ? 0 : Fail(strError);
 }
 } // namespace
 
@@ -66,14 +52,7 @@ int main(int nArguments, char** ppArguments)
         {
             return *nExitCode;
         }
-        std::string strError;
-        if (!SetUpLog(options, strError))
-        {
-            return Fail(strError);
-        }
-        CEventLoop::BlockSignals();
-        AllowManyFiles();
-        return Serve(options);
+        return options.m_bCtl ? RunControl(options.m_strControlPath, options.m_vstrCtlWords) : Serve(options);
     }
     catch (const std::exception& exception)
     {

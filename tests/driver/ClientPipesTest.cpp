@@ -4,9 +4,13 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+
+#include <csignal>
 
 using testing::HasSubstr;
 
@@ -23,7 +27,7 @@ structMICMD::ConnectBody Body(const std::string& strRspPipe, const std::string& 
     return body;
 }
 
-// FIFOs under the names of this process, and an epoll to watch them.
+// FIFOs under the names of this process, and a poller to watch them.
 class ClientPipes : public testing::Test
 {
 protected:
@@ -31,6 +35,8 @@ protected:
     {
         ::unlink(m_strRsp.c_str());
         ::unlink(m_strEvt.c_str());
+        EXPECT_TRUE(m_poller.Create(m_strError)) << m_strError;
+        ::signal(SIGPIPE, SIG_IGN);
     }
     ~ClientPipes() override
     {
@@ -50,20 +56,27 @@ protected:
         ASSERT_TRUE(m_fdRsp.IsOpen() && m_fdEvt.IsOpen());
     }
     std::unique_ptr<CClientPort> Open() { return m_opener.Open(Body(m_strRsp, m_strEvt), m_strError); }
-    epoll_event WaitEvent(int nTimeoutMs)
+    // A watched port of pipes that are there and read.
+    std::unique_ptr<CClientPort> MustOpen()
     {
-        epoll_event event = {};
-        ::epoll_wait(m_fdEpoll.Get(), &event, 1, nTimeoutMs);
-        return event;
+        MakeFifos();
+        OpenReaders();
+        auto pPort = Open();
+        EXPECT_TRUE(pPort) << m_strError;
+        EXPECT_TRUE(pPort && pPort->Watch([this] { ++m_nBroken; }, [this] { ++m_nWritable; }));
+        return pPort;
     }
+    void Wait(int nTimeoutMs) { ASSERT_TRUE(m_poller.Wait(nTimeoutMs, m_strError)) << m_strError; }
 
     const std::string m_strRsp = RSP + std::to_string(::getpid());
     const std::string m_strEvt = EVT + std::to_string(::getpid());
     CFd m_fdRsp;
     CFd m_fdEvt;
-    CFd m_fdEpoll{::epoll_create1(EPOLL_CLOEXEC)};
-    CClientPipesOpener m_opener{m_fdEpoll.Get()};
     std::string m_strError;
+    CPoller m_poller;
+    CClientPipesOpener m_opener{m_poller};
+    int m_nBroken = 0;
+    int m_nWritable = 0;
 };
 } // namespace
 
@@ -134,7 +147,7 @@ TEST_F(ClientPipes, MustHaveAReader)
 {
     MakeFifos();
     EXPECT_FALSE(Open());
-    EXPECT_THAT(m_strError, HasSubstr("cannot be opened"));
+    EXPECT_THAT(m_strError, HasSubstr("is read by nobody"));
 }
 
 TEST_F(ClientPipes, MustNotBeLinks)
@@ -145,7 +158,7 @@ TEST_F(ClientPipes, MustNotBeLinks)
     ASSERT_EQ(::mkfifo(m_strEvt.c_str(), 0600), 0);
     OpenReaders();
     EXPECT_FALSE(Open());
-    EXPECT_THAT(m_strError, HasSubstr(m_strRsp + " cannot be opened"));
+    EXPECT_THAT(m_strError, HasSubstr(m_strRsp + " is not a FIFO"));
 }
 
 TEST_F(ClientPipes, MustNotBeRegularFilesAndThoseStayAsTheyAre)
@@ -158,45 +171,88 @@ TEST_F(ClientPipes, MustNotBeRegularFilesAndThoseStayAsTheyAre)
     EXPECT_EQ(ReadBytes(m_strRsp), (CSamples{1, 2, 3}));
 }
 
-TEST_F(ClientPipes, ThatAreFullLoseNoEventAndReportRoom)
+TEST_F(ClientPipes, MustNotBeFoldersSocketsOrDevices)
+{
+    ASSERT_EQ(::mkfifo(m_strEvt.c_str(), 0600), 0);
+    m_fdEvt = CFd(::open(m_strEvt.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_EQ(::mkdir(m_strRsp.c_str(), 0700), 0);
+    EXPECT_FALSE(Open());
+    EXPECT_THAT(m_strError, HasSubstr("is not a FIFO"));
+    ASSERT_EQ(::rmdir(m_strRsp.c_str()), 0);
+
+    const CFd fdSocket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    SetText(address.sun_path, m_strRsp);
+    ASSERT_EQ(::bind(fdSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_FALSE(Open());
+    EXPECT_THAT(m_strError, HasSubstr("is not a FIFO"));
+    ::unlink(m_strRsp.c_str());
+
+    if (::mknod(m_strRsp.c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0)
+    {
+        EXPECT_FALSE(Open());
+        EXPECT_THAT(m_strError, HasSubstr("is not a FIFO"));
+    }
+}
+
+TEST_F(ClientPipes, MustHaveNoOtherNames)
 {
     MakeFifos();
     OpenReaders();
-    const CLogCapture log;
-    CClientRegistry registry;
-    CClient* pClient = registry.Add(Open());
-    ASSERT_NE(pClient, nullptr);
-    const int nConnectID = pClient->ConnectID();
-    constexpr std::uint32_t EVENTS = 20000; // more than a pipe holds
-    std::vector<structMIEVT> vEvents;
-    for (std::uint32_t n = 0; n < EVENTS; ++n)
-    {
-        vEvents.push_back({MIEVT_DONE, 1, n, 0});
-    }
-    pClient->QueueEvents(vEvents);
-    registry.Flush(nConnectID);
-    EXPECT_GT(pClient->WaitingEvents(), 0U);
-    EXPECT_EQ(WaitEvent(0).data.u64, 0U);
+    const std::string strOther = m_strRsp + "-other";
+    ASSERT_EQ(::link(m_strEvt.c_str(), strOther.c_str()), 0);
+    EXPECT_FALSE(Open());
+    EXPECT_THAT(m_strError, HasSubstr(m_strEvt + " has other names"));
+    ::unlink(strOther.c_str());
+    EXPECT_TRUE(Open()) << m_strError;
+    ::unlink(m_strRsp.c_str());
+    ASSERT_EQ(::link(m_strEvt.c_str(), m_strRsp.c_str()), 0);
+    EXPECT_FALSE(Open());
+    EXPECT_THAT(m_strError, HasSubstr("has other names"));
+}
 
-    std::uint32_t nNext = 0;
-    while (nNext < EVENTS)
+TEST_F(ClientPipes, MustBelongToOneUser)
+{
+    MakeFifos();
+    OpenReaders();
+    if (::chown(m_strEvt.c_str(), 12345, 12345) != 0)
     {
-        structMIEVT evt = {};
-        while (::read(m_fdEvt.Get(), &evt, sizeof(evt)) == static_cast<ssize_t>(sizeof(evt)))
-        {
-            ASSERT_EQ(evt.nSequenceID, nNext);
-            ++nNext;
-        }
-        if (nNext < EVENTS)
-        {
-            const epoll_event event = WaitEvent(5000);
-            ASSERT_EQ(event.data.u64, static_cast<std::uint64_t>(nConnectID));
-            ASSERT_EQ(event.events, static_cast<std::uint32_t>(EPOLLOUT));
-            registry.Flush(nConnectID);
-        }
+        GTEST_SKIP() << "only root can give a file away";
     }
-    EXPECT_EQ(pClient->WaitingEvents(), 0U);
-    EXPECT_EQ(WaitEvent(0).data.u64, 0U);
+    EXPECT_FALSE(Open());
+    EXPECT_THAT(m_strError, HasSubstr("are not two pipes of one user"));
+    ASSERT_EQ(::chown(m_strRsp.c_str(), 12345, 12345), 0);
+    EXPECT_TRUE(Open()) << m_strError;
+}
+
+TEST_F(ClientPipes, ThatAreFullTakeNoHalfEventAndTellWhenThereIsRoom)
+{
+    const auto pPort = MustOpen();
+    std::uint32_t nSent = 0;
+    while (nSent < 100000 && pPort->SendEvent({MIEVT_DONE, 1, nSent, 0}) == ESend::Sent)
+    {
+        ++nSent;
+    }
+    ASSERT_LT(nSent, 100000U);
+    EXPECT_EQ(pPort->SendEvent({}), ESend::Full);
+    pPort->WatchForRoom(true);
+    Wait(0);
+    EXPECT_EQ(m_nWritable, 0);
+
+    structMIEVT evt = {};
+    for (std::uint32_t n = 0; n < nSent; ++n)
+    {
+        ASSERT_EQ(::read(m_fdEvt.Get(), &evt, sizeof(evt)), static_cast<ssize_t>(sizeof(evt)));
+        ASSERT_EQ(evt.nSequenceID, n);
+    }
+    Wait(5000);
+    EXPECT_EQ(m_nWritable, 1);
+    EXPECT_EQ(pPort->SendEvent({}), ESend::Sent);
+    pPort->WatchForRoom(false);
+    Wait(0);
+    EXPECT_EQ(m_nWritable, 1);
+    EXPECT_EQ(m_nBroken, 0);
 }
 
 TEST_F(ClientPipes, FullOfResponsesSayFull)
@@ -215,22 +271,61 @@ TEST_F(ClientPipes, FullOfResponsesSayFull)
 
 TEST_F(ClientPipes, ReportThatTheirReaderHasVanished)
 {
-    ::signal(SIGPIPE, SIG_IGN);
-    MakeFifos();
-    OpenReaders();
-    const auto pPort = Open();
-    ASSERT_TRUE(pPort && pPort->Watch(33));
-    EXPECT_EQ(WaitEvent(0).data.u64, 0U);
-    m_fdEvt.Close();
-    const epoll_event event = WaitEvent(5000);
-    EXPECT_EQ(event.data.u64, 33U);
-    EXPECT_NE(event.events & EPOLLERR, 0U);
-    EXPECT_EQ(pPort->SendEvent({}), ESend::Gone);
-    m_fdRsp.Close();
-    EXPECT_EQ(pPort->SendResponse({}), ESend::Gone);
+    for (CFd* pReader : {&m_fdEvt, &m_fdRsp})
+    {
+        m_nBroken = 0;
+        const auto pPort = MustOpen();
+        Wait(0);
+        EXPECT_EQ(m_nBroken, 0);
+        pReader->Close();
+        Wait(5000);
+        EXPECT_EQ(m_nBroken, 1);
+        EXPECT_EQ(pReader == &m_fdEvt ? pPort->SendEvent({}) : pPort->SendResponse({}), ESend::Gone);
+        ::unlink(m_strRsp.c_str());
+        ::unlink(m_strEvt.c_str());
+    }
+    EXPECT_EQ(m_nWritable, 0);
 }
 
-TEST_F(ClientPipes, KnowWhenTheirProcessHasEnded)
+TEST_F(ClientPipes, MayBeEndedByWhoIsToldThatTheyAreBroken)
+{
+    MakeFifos();
+    OpenReaders();
+    auto pPort = Open();
+    ASSERT_TRUE(pPort) << m_strError;
+    ASSERT_TRUE(pPort->Watch(
+        [this, &pPort] {
+            pPort.reset();
+            ++m_nBroken;
+        },
+        [] {}));
+    m_fdRsp.Close();
+    m_fdEvt.Close();
+    Wait(5000);
+    Wait(0);
+    EXPECT_EQ(m_nBroken, 1);
+    EXPECT_FALSE(pPort);
+}
+
+TEST_F(ClientPipes, AreGoneWithEitherOfTheirNames)
+{
+    for (const std::string& strPath : {m_strRsp, m_strEvt})
+    {
+        const auto pPort = MustOpen();
+        EXPECT_FALSE(pPort->IsGone());
+        ASSERT_EQ(::rename(strPath.c_str(), (strPath + "-old").c_str()), 0);
+        EXPECT_TRUE(pPort->IsGone());
+        ASSERT_EQ(::mkfifo(strPath.c_str(), 0600), 0);
+        EXPECT_TRUE(pPort->IsGone());
+        ASSERT_EQ(::rename((strPath + "-old").c_str(), strPath.c_str()), 0);
+        EXPECT_FALSE(pPort->IsGone());
+        ::unlink(m_strRsp.c_str());
+        ::unlink(m_strEvt.c_str());
+        EXPECT_TRUE(pPort->IsGone());
+    }
+}
+
+TEST_F(ClientPipes, AreGoneWhenTheirProcessHasEnded)
 {
     int anGate[2];
     ASSERT_EQ(::pipe(anGate), 0);
@@ -242,11 +337,17 @@ TEST_F(ClientPipes, KnowWhenTheirProcessHasEnded)
         ::_exit(::read(anGate[0], &c, 1) == 0 ? 0 : 1);
     }
     ::close(anGate[0]);
-    const CClientPipes pipes(nChild, CFd(), CFd(), m_fdEpoll.Get());
-    EXPECT_FALSE(pipes.IsProcessGone());
+    MakeFifos();
+    OpenReaders();
+    const auto pipes = [&] {
+        return CClientPipes({m_strRsp, m_strEvt, nChild}, CFd(::open(m_strRsp.c_str(), O_WRONLY | O_NONBLOCK)),
+                            CFd(::open(m_strEvt.c_str(), O_WRONLY | O_NONBLOCK)), m_poller);
+    };
+    const CClientPipes client = pipes();
+    EXPECT_FALSE(client.IsGone());
     ::close(anGate[1]);
     EXPECT_EQ(::waitpid(nChild, nullptr, 0), nChild);
-    EXPECT_TRUE(pipes.IsProcessGone());
+    EXPECT_TRUE(client.IsGone());
     // A process that was never to be seen lives elsewhere; nothing can be said of it.
-    EXPECT_FALSE(CClientPipes(nChild, CFd(), CFd(), m_fdEpoll.Get()).IsProcessGone());
+    EXPECT_FALSE(pipes().IsGone());
 }

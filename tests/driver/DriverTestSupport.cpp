@@ -193,10 +193,15 @@ public:
         m_client.m_vOrder.push_back("event " + std::to_string(evt.nSequenceID));
         return ESend::Sent;
     }
-    bool Watch(int) override { return true; }
+    bool Watch(std::function<void()> broken, std::function<void()> writable) override
+    {
+        m_client.m_broken = std::move(broken);
+        m_client.m_writable = std::move(writable);
+        return true;
+    }
     void WatchForRoom(bool bOn) override { m_client.m_bWatchesRoom = bOn; }
     pid_t ProcessID() const override { return m_nProcessID; }
-    bool IsProcessGone() const override { return m_client.m_bProcessGone; }
+    bool IsGone() const override { return m_client.m_bProcessGone; }
 
 private:
     const pid_t m_nProcessID;
@@ -214,10 +219,53 @@ std::unique_ptr<CClientPort> CMemoryOpener::Open(const structMICMD::ConnectBody&
     return std::make_unique<CMemoryPort>(names.m_nProcessID, m_mapClientByProcess[names.m_nProcessID]);
 }
 
-CDriverInMemory::CDriverInMemory()
-    : m_channels(m_clipStore, m_folder.Folder()), m_handler(m_registry, m_clipStore, m_channels, m_opener),
-      m_nConnectID(Connect(100))
+void CManualExecutor::Post(Function work, Function done)
 {
+    m_queue.emplace_back(std::move(work), std::move(done));
+}
+
+bool CManualExecutor::RunOne()
+{
+    if (m_queue.empty())
+    {
+        return false;
+    }
+    const auto [work, done] = std::move(m_queue.front());
+    m_queue.pop_front();
+    work();
+    done();
+    return true;
+}
+
+void CManualExecutor::RunAll()
+{
+    while (RunOne())
+    {
+    }
+}
+
+CDriverInMemory::CDriverInMemory() : CDriverInMemory(m_inline, m_inline, {.m_bRealTime = false}) {}
+
+CDriverInMemory::CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChannelOptions options)
+    : m_disk(disk), m_clipStore(loader),
+      m_channels(m_clipStore, disk, {m_folder.Folder(), options.m_bRealTime, options.m_bSilenceAfterCaller}),
+      m_handler({m_registry, m_outbox, m_clipStore, m_channels, m_opener, m_mediaClock, disk, m_faults, m_statistics},
+                {[this](auto time) {
+                     m_vHooks.push_back(time ? "freeze " + std::to_string(time->count()) : "freeze");
+                     m_handler.Freeze(true);
+                 },
+                 [this] { m_vHooks.push_back("die"); }})
+{
+    if (&disk == &m_inline)
+    {
+        m_nConnectID = Connect(100);
+    }
+}
+
+CDriverInMemory::~CDriverInMemory()
+{
+    m_registry.DropAll("the driver ends");
+    m_registry.Sweep();
 }
 
 int CDriverInMemory::Connect(pid_t nProcessID)
@@ -238,7 +286,7 @@ structMIRSP CDriverInMemory::Request(const structMICMD& cmd, pid_t nProcessID)
 {
     CMemoryClient& client = Client(nProcessID);
     const std::size_t nFormer = client.m_vResponses.size();
-    m_handler.Handle(cmd);
+    Send(cmd);
     if (client.m_vResponses.size() == nFormer)
     {
         return {};
@@ -326,8 +374,31 @@ void CDriverInMemory::Ticks(int nTicks)
 {
     for (int nTick = 0; nTick < nTicks; ++nTick)
     {
-        m_registry.Advance(160);
+        m_mediaClock.TickRealTime();
+        m_mediaClock.TickFast();
+        m_registry.FlushEvents();
+        m_registry.Sweep();
     }
+}
+
+void CDriverInMemory::Send(const structMICMD& cmd)
+{
+    m_handler.Handle(cmd);
+    m_registry.FlushEvents();
+    m_registry.Sweep();
+}
+
+void CDriverInMemory::Pass(std::chrono::milliseconds time)
+{
+    m_clock.m_now += time;
+    m_timers.RunDue();
+    m_registry.FlushEvents();
+    m_registry.Sweep();
+}
+
+std::shared_ptr<CStream> CDriverInMemory::Stream(int nStreamID)
+{
+    return m_registry.Find(m_nConnectID)->FindStream(nStreamID);
 }
 
 std::uint32_t CDriverInMemory::Sequence() const

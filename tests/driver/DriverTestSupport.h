@@ -2,15 +2,21 @@
 #ifndef DRIVER_TEST_SUPPORT_H
 #define DRIVER_TEST_SUPPORT_H
 
-#include "AudioReader.h"
 #include "ClientRegistry.h"
 #include "ClipStore.h"
+#include "Executor.h"
 #include "FileChannel.h"
+#include "MediaClock.h"
+#include "Outbox.h"
 #include "RequestHandler.h"
+#include "TimerQueue.h"
 
 #include <sys/resource.h>
 
+#include <chrono>
 #include <cstring>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -61,6 +67,9 @@ private:
     rlimit m_former = {};
 };
 
+// One byte of µ-law per sample.
+using CSamples = std::vector<std::uint8_t>;
+
 // Samples in which every µ-law byte occurs, different for each seed.
 CSamples Noise(std::size_t nCount, unsigned nSeed = 1);
 CSamples Slice(const CSamples& samples, std::size_t nBegin, std::size_t nEnd);
@@ -95,6 +104,8 @@ struct CMemoryClient
     bool m_bResponsesFull = false;
     bool m_bGone = false;
     bool m_bProcessGone = false;
+    std::function<void()> m_broken; // what the driver wants to hear of
+    std::function<void()> m_writable;
     bool m_bWatchesRoom = false;
     bool m_bPortOpen = false;
 };
@@ -107,11 +118,37 @@ public:
     std::map<pid_t, CMemoryClient> m_mapClientByProcess;
 };
 
-// The whole driver but for pipes and clock: requests go in as calls, time passes as calls.
+// Stands still until it is moved.
+class CManualClock : public CClock
+{
+public:
+    TimePoint Now() const override { return m_now; }
+
+    TimePoint m_now = TimePoint(std::chrono::hours(1));
+};
+
+// Keeps what is posted until it is told to run it, in order.
+class CManualExecutor : public CExecutor
+{
+public:
+    void Post(Function work, Function done) override;
+
+    // Runs the oldest piece of work and what is to be done for it. False when there was none.
+    bool RunOne();
+    void RunAll();
+
+private:
+    std::deque<std::pair<Function, Function>> m_queue;
+};
+
+// The whole driver but for pipes and clock: requests go in as calls, time passes as calls. Loading and
+// writing happen at once, unless other executors are given.
 class CDriverInMemory
 {
 public:
     CDriverInMemory();
+    CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChannelOptions options = {});
+    ~CDriverInMemory();
 
     // Connects the process and returns its connect id, 0 when it got none.
     int Connect(pid_t nProcessID);
@@ -129,24 +166,40 @@ public:
     bool Cancel(int nStreamID, std::uint32_t nCancelType);
     structMIRSP StreamRequest(MICMD micmd, int nStreamID);
 
+    // Hands over a request and lets everything due happen, whether it is answered or not.
+    void Send(const structMICMD& cmd);
     void Ticks(int nTicks);
+
+    // Lets time pass for late answers and events.
+    void Pass(std::chrono::milliseconds time);
 
     // Of the last request.
     std::uint32_t Sequence() const;
     std::string Path(const std::string& strName) const;
+    std::shared_ptr<CStream> Stream(int nStreamID);
+
+    // A record of process 100, with the next number.
+    structMICMD Next(MICMD micmd);
 
     CTempFolder m_folder;
     CLogCapture m_log;
+    CInlineExecutor m_inline;
+    CManualClock m_clock;
+    CTimerQueue m_timers{m_clock};
+    CStatistics m_statistics;
+    CFaultRules m_faults;
+    CExecutor& m_disk;
     CClipStore m_clipStore;
     CFileChannelFactory m_channels;
     CMemoryOpener m_opener;
-    CClientRegistry m_registry;
+    CMediaClock m_mediaClock;
+    CClientRegistry m_registry{m_statistics};
+    COutbox m_outbox{m_registry, m_faults, m_timers, m_statistics};
+    std::vector<std::string> m_vHooks; // "die", "freeze", "freeze 100"
     CRequestHandler m_handler;
     int m_nConnectID = 0; // of process 100
 
 private:
-    structMICMD Next(MICMD micmd);
-
     std::uint32_t m_nSequenceNo = 0;
 };
 

@@ -1,16 +1,19 @@
-// The driver as a program, and a bare client on real FIFOs.
+// The driver as a program, bare clients on real FIFOs, and child processes for them to live in.
 #include "ProgramSupport.h"
 
 #include "DriverTestSupport.h"
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 
 namespace
@@ -107,6 +110,14 @@ std::size_t CDriverProgram::OpenDescriptors() const
     return static_cast<std::size_t>(std::distance(begin(it), end(it)));
 }
 
+std::size_t CDriverProgram::ResidentBytes() const
+{
+    std::size_t nTotal = 0;
+    std::size_t nResident = 0;
+    std::ifstream("/proc/" + std::to_string(m_nProcessID) + "/statm") >> nTotal >> nResident;
+    return nResident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
+
 std::string CDriverProgram::Errors()
 {
     std::string strText;
@@ -150,15 +161,31 @@ bool CRawClient::Connect()
     return true;
 }
 
-std::optional<structMIRSP> CRawClient::Request(structMICMD cmd)
+bool CRawClient::Send(structMICMD cmd)
 {
     cmd.nConnectID = m_nConnectID;
     cmd.nSequenceNo = ++m_nSequenceNo;
-    if (::write(m_fdReq.Get(), &cmd, sizeof(cmd)) != static_cast<ssize_t>(sizeof(cmd)))
+    ssize_t nWritten = -1;
+    pollfd wait = {m_fdReq.Get(), POLLOUT, 0};
+    do
+    {
+        nWritten = ::write(m_fdReq.Get(), &cmd, sizeof(cmd));
+    } while (nWritten < 0 && errno == EAGAIN && ::poll(&wait, 1, DEADLINE_MS) == 1);
+    return nWritten == static_cast<ssize_t>(sizeof(cmd));
+}
+
+std::optional<structMIRSP> CRawClient::WaitResponse()
+{
+    return ReadRecord<structMIRSP>(m_fdRsp.Get());
+}
+
+std::optional<structMIRSP> CRawClient::Request(structMICMD cmd)
+{
+    if (!Send(cmd))
     {
         return std::nullopt;
     }
-    const auto rsp = ReadRecord<structMIRSP>(m_fdRsp.Get());
+    const auto rsp = WaitResponse();
     return rsp && rsp->nRespSequenceNo == m_nSequenceNo ? rsp : std::nullopt;
 }
 
@@ -218,6 +245,11 @@ bool CRawClient::RecordFile(int nStreamID, const std::string& strPath, std::uint
     return IsDone(cmd);
 }
 
+int CRawClient::ConnectID() const
+{
+    return m_nConnectID;
+}
+
 std::uint32_t CRawClient::Sequence() const
 {
     return m_nSequenceNo;
@@ -226,4 +258,81 @@ std::uint32_t CRawClient::Sequence() const
 int CRawClient::RequestFd() const
 {
     return m_fdReq.Get();
+}
+
+void CChildProcess::CParent::Report() const
+{
+    const char c = 'r';
+    // The parent's end is the child's end.
+    if (::send(m_nFd, &c, 1, MSG_NOSIGNAL) != 1)
+    {
+        ::_exit(1);
+    }
+}
+
+bool CChildProcess::CParent::HasAsked() const
+{
+    pollfd wait = {m_nFd, POLLIN, 0};
+    return ::poll(&wait, 1, 0) == 1;
+}
+
+bool CChildProcess::CParent::WaitAsked() const
+{
+    char c = 0;
+    return ::read(m_nFd, &c, 1) == 1;
+}
+
+CChildProcess::CChildProcess(const Work& work)
+{
+    int anSockets[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, anSockets) != 0)
+    {
+        return;
+    }
+    m_nProcessID = ::fork();
+    if (m_nProcessID == 0)
+    {
+        ::close(anSockets[0]);
+        ::_exit(work(CParent(anSockets[1])) ? 0 : 1);
+    }
+    m_fdChild = CFd(anSockets[0]);
+    ::close(anSockets[1]);
+}
+
+CChildProcess::~CChildProcess()
+{
+    Kill();
+}
+
+pid_t CChildProcess::ProcessID() const
+{
+    return m_nProcessID;
+}
+
+bool CChildProcess::WaitReport()
+{
+    char c = 0;
+    return WaitReadable(m_fdChild.Get()) && ::read(m_fdChild.Get(), &c, 1) == 1;
+}
+
+void CChildProcess::Ask()
+{
+    const char c = 'a';
+    ::send(m_fdChild.Get(), &c, 1, MSG_NOSIGNAL);
+}
+
+bool CChildProcess::WaitEnd()
+{
+    m_fdChild.Close();
+    int nStatus = 0;
+    return ::waitpid(std::exchange(m_nProcessID, -1), &nStatus, 0) > 0 && nStatus == 0;
+}
+
+void CChildProcess::Kill()
+{
+    if (m_nProcessID > 0)
+    {
+        ::kill(m_nProcessID, SIGKILL);
+        ::waitpid(std::exchange(m_nProcessID, -1), nullptr, 0);
+    }
 }

@@ -1,4 +1,4 @@
-// The driver as a program, and a bare client on real FIFOs.
+// The driver as a program, bare clients on real FIFOs, and child processes for them to live in.
 #ifndef DRIVER_PROGRAM_SUPPORT_H
 #define DRIVER_PROGRAM_SUPPORT_H
 
@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,8 +28,9 @@ public:
     // Waits for its end. The exit code, or minus the signal that killed it.
     std::optional<int> WaitExit();
 
-    // Number of descriptors that it has open.
+    // Number of descriptors that it has open, and the memory that it has in use.
     std::size_t OpenDescriptors() const;
+    std::size_t ResidentBytes() const;
 
     // All of its standard error, after its end.
     std::string Errors();
@@ -51,6 +53,10 @@ public:
     // Opens the request pipe and connects. False if there is no driver or no answer.
     bool Connect();
 
+    // Sends a request, stamped with the connect id and the next sequence number, once the pipe has room.
+    bool Send(structMICMD cmd);
+    std::optional<structMIRSP> WaitResponse();
+
     // Sends a request, stamped with the next sequence number, and waits for the response that
     // answers it. None when it cannot be sent or is not answered.
     std::optional<structMIRSP> Request(structMICMD cmd);
@@ -63,6 +69,7 @@ public:
     bool PlayFile(int nStreamID, const std::string& strPath);
     bool RecordFile(int nStreamID, const std::string& strPath, std::uint32_t nMaxSamples);
 
+    int ConnectID() const;
     std::uint32_t Sequence() const;
     int RequestFd() const;
 
@@ -76,6 +83,44 @@ private:
     CFd m_fdEvt;
     int m_nConnectID = -1;
     std::uint32_t m_nSequenceNo = 0;
+};
+
+// A child process of the test. It is killed if the test leaves it running.
+class CChildProcess
+{
+public:
+    // The child's side: bytes to and from the parent.
+    class CParent
+    {
+    public:
+        explicit CParent(int nFd) : m_nFd(nFd) {}
+
+        void Report() const;    // what the parent waits for with WaitReport
+        bool HasAsked() const;  // a byte of Ask is there
+        bool WaitAsked() const; // takes one; false when the parent has closed its side
+
+    private:
+        int m_nFd;
+    };
+    using Work = std::function<bool(const CParent& parent)>;
+
+    // Does the work in the child.
+    explicit CChildProcess(const Work& work);
+    ~CChildProcess();
+    CChildProcess(const CChildProcess&) = delete;
+    CChildProcess& operator=(const CChildProcess&) = delete;
+
+    pid_t ProcessID() const;
+    bool WaitReport();
+    void Ask();
+
+    // Closes the parent's side and waits for the child's end. Whether its work was good.
+    bool WaitEnd();
+    void Kill();
+
+private:
+    pid_t m_nProcessID = -1;
+    CFd m_fdChild;
 };
 
 #endif

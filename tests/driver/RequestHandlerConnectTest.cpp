@@ -32,10 +32,11 @@ protected:
     // All that client 1 held is gone, and its files are complete.
     void ExpectDropped()
     {
+        m_driver.m_registry.Sweep();
         EXPECT_FALSE(m_driver.Client().m_bPortOpen);
         EXPECT_EQ(m_driver.m_registry.Find(m_driver.m_nConnectID), nullptr);
-        EXPECT_FALSE(m_driver.m_registry.IsActive());
-        EXPECT_EQ(m_driver.m_clipStore.Size(), 0U);
+        EXPECT_FALSE(m_driver.m_mediaClock.HasFast());
+        EXPECT_EQ(m_driver.m_clipStore.Count(), 0U);
         EXPECT_EQ(ReadULawWav(m_driver.Path("msg.wav")).size(), 160U);
         EXPECT_EQ(ReadULawWav(m_driver.Path("call-1.heard.wav")).size(), 160U);
     }
@@ -92,7 +93,7 @@ TEST_F(Clients, ThatConnectAgainReplaceTheirFormerSelves)
     const int nNew = m_driver.Connect(100);
     EXPECT_GT(nNew, m_driver.m_nConnectID);
     EXPECT_EQ(m_driver.m_registry.Find(m_driver.m_nConnectID), nullptr);
-    EXPECT_FALSE(m_driver.m_registry.IsActive());
+    EXPECT_FALSE(m_driver.m_mediaClock.HasFast());
     EXPECT_EQ(ReadULawWav(m_driver.Path("msg.wav")).size(), 160U);
     m_driver.m_nConnectID = nNew;
     EXPECT_FALSE(m_driver.PlayClip(m_nStreamID, m_nFileID, 0, 10));
@@ -153,12 +154,12 @@ TEST_F(Clients, ThatDoNotReadTheirEventsGetThemAllLaterInOrder)
     EXPECT_TRUE(m_driver.Client().m_bWatchesRoom);
 
     m_driver.Client().m_nRoom = 100;
-    m_driver.m_registry.Flush(m_driver.m_nConnectID);
+    m_driver.m_registry.FlushEvents(m_driver.m_nConnectID);
     EXPECT_THAT(m_driver.Client().m_vEvents, SizeIs(103));
     EXPECT_TRUE(m_driver.Client().m_bWatchesRoom);
 
     m_driver.Client().m_nRoom = 1000;
-    m_driver.m_registry.Flush(m_driver.m_nConnectID);
+    m_driver.m_registry.FlushEvents(m_driver.m_nConnectID);
     EXPECT_FALSE(m_driver.Client().m_bWatchesRoom);
     std::vector<std::uint32_t> vGot;
     for (const structMIEVT& evt : m_driver.Client().m_vEvents)
@@ -172,14 +173,17 @@ TEST_F(Clients, WithTooManyWaitingEventsCanStartNothingMore)
 {
     m_driver.Client().m_nRoom = 0;
     CClient* pClient = m_driver.m_registry.Find(m_driver.m_nConnectID);
-    pClient->QueueEvents(std::vector<structMIEVT>(CClient::MAX_WAITING_EVENTS - 1));
+    for (std::size_t nEvent = 0; nEvent + 1 < CClient::MAX_WAITING_EVENTS; ++nEvent)
+    {
+        pClient->QueueEvent({});
+    }
     EXPECT_TRUE(m_driver.PlayClip(m_nStreamID, m_nFileID, 0, 1));
     m_driver.Ticks(1);
     EXPECT_FALSE(m_driver.PlayClip(m_nStreamID, m_nFileID, 0, 1));
     EXPECT_FALSE(m_driver.RecordFile(m_nStreamID, m_driver.Path("msg.wav"), 1));
     EXPECT_THAT(m_driver.m_log.Text(), HasSubstr("does not take its events"));
     m_driver.Client().m_nRoom = SIZE_MAX;
-    m_driver.m_registry.Flush(m_driver.m_nConnectID);
+    m_driver.m_registry.FlushEvents(m_driver.m_nConnectID);
     EXPECT_TRUE(m_driver.PlayClip(m_nStreamID, m_nFileID, 0, 1));
 }
 

@@ -69,7 +69,7 @@ TEST_F(Commands, OpenFileTwiceSharesTheClipUnderTwoIDs)
 {
     const int nSecond = m_driver.OpenFile(m_driver.Path("clip.wav"));
     EXPECT_NE(nSecond, m_nFileID);
-    EXPECT_EQ(m_driver.m_clipStore.Size(), 1U);
+    EXPECT_EQ(m_driver.m_clipStore.Count(), 1U);
 }
 
 TEST_F(Commands, OpenFileRefusesMissingAndUnreadableFilesWithALine)
@@ -300,7 +300,7 @@ TEST_F(Commands, DumpLogsTheWholeState)
     EXPECT_THAT(strLog, HasSubstr("dump for client 1: 1 clients, 1 clips in memory"));
     EXPECT_THAT(strLog, HasSubstr("dump: client 1, process 100, 0 events wait"));
     EXPECT_THAT(strLog, HasSubstr("dump:   file 1, \"" + m_driver.Path("clip.wav") + "\", 1000 samples"));
-    EXPECT_THAT(strLog, HasSubstr("dump:   stream 1, call id \"call\", leg 1, plays"));
+    EXPECT_THAT(strLog, HasSubstr("dump:   stream 1, file channel, call id \"call\", leg 1, plays"));
     EXPECT_THAT(strLog, HasSubstr("record status 1, 20 ms recorded"));
 }
 
@@ -314,16 +314,16 @@ TEST_F(Commands, CloseStreamEndsEverythingOnItWithoutEvents)
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_EQ(Heard(), Slice(m_clip, 0, 320));
     EXPECT_EQ(ReadULawWav(m_driver.Path("msg.wav")).size(), 320U);
-    EXPECT_FALSE(m_driver.m_registry.IsActive());
+    EXPECT_FALSE(m_driver.m_mediaClock.HasFast());
 }
 
-TEST_F(Commands, RegistryIsActiveWhileSomethingPlaysOrRecords)
+TEST_F(Commands, NothingIsMovedUnlessItPlaysOrRecords)
 {
-    EXPECT_FALSE(m_driver.m_registry.IsActive());
+    EXPECT_FALSE(m_driver.m_mediaClock.HasFast());
     EXPECT_TRUE(m_driver.PlayClip(m_nStreamID, m_nFileID, 0, 100));
-    EXPECT_TRUE(m_driver.m_registry.IsActive());
+    EXPECT_TRUE(m_driver.m_mediaClock.HasFast());
     m_driver.Ticks(1);
-    EXPECT_FALSE(m_driver.m_registry.IsActive());
+    EXPECT_FALSE(m_driver.m_mediaClock.HasFast());
     EXPECT_TRUE(m_driver.RecordFile(m_nStreamID, m_driver.Path("msg.wav"), 160));
-    EXPECT_TRUE(m_driver.m_registry.IsActive());
+    EXPECT_TRUE(m_driver.m_mediaClock.HasFast());
 }

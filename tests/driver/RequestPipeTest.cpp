@@ -1,10 +1,15 @@
-// The request pipe: fresh, for everybody, one driver at a time, and whole records only.
+// The request pipe: fresh, for everybody, one driver at a time, and bounded work for whatever is in it.
 #include "RequestPipe.h"
 #include "DriverTestSupport.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
 
 using testing::HasSubstr;
 
@@ -27,29 +32,49 @@ protected:
         ::unlink(LOCK);
     }
 
-    void MustOpen(CRequestPipe& pipe)
+    // A pipe whose clients are 1 and 2, each with 100 as its latest number.
+    std::unique_ptr<CRequestPipe> Make()
     {
-        std::string strError;
-        ASSERT_TRUE(pipe.Open(strError)) << strError;
+        return std::make_unique<CRequestPipe>(
+            [](int nConnectID) -> std::optional<std::uint32_t> {
+                return nConnectID == 1 || nConnectID == 2 ? std::optional(100U) : std::nullopt;
+            },
+            m_rubbishLog);
     }
-    static std::string ErrorOfOpen()
+    std::unique_ptr<CRequestPipe> MustOpen()
     {
-        CRequestPipe pipe;
+        auto pPipe = Make();
         std::string strError;
-        EXPECT_FALSE(pipe.Open(strError));
+        EXPECT_TRUE(pPipe->Open(strError)) << strError;
+        return pPipe;
+    }
+    std::string ErrorOfOpen()
+    {
+        std::string strError;
+        EXPECT_FALSE(Make()->Open(strError));
         return strError;
+    }
+    static void Write(int nFd, const CSamples& bytes)
+    {
+        ASSERT_EQ(::write(nFd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+    static CSamples Ping(std::uint32_t nSequenceNo)
+    {
+        const structMICMD cmd = Command(MICMD_PING, 1, nSequenceNo);
+        const auto* pBytes = reinterpret_cast<const std::uint8_t*>(&cmd);
+        return {pBytes, pBytes + sizeof(cmd)};
     }
     static bool Exists(const char* pPath) { return ::access(pPath, F_OK) == 0; }
 
     CLogCapture m_log;
+    CLogLimiter m_rubbishLog{"rubbish"};
 };
 } // namespace
 
 TEST_F(RequestPipe, IsAFifoForEverybodyWhateverTheUmask)
 {
     const mode_t nFormer = ::umask(0077);
-    CRequestPipe pipe;
-    MustOpen(pipe);
+    const auto pPipe = MustOpen();
     ::umask(nFormer);
     struct stat status = {};
     ASSERT_EQ(::stat(PATH, &status), 0);
@@ -60,8 +85,7 @@ TEST_F(RequestPipe, IsAFifoForEverybodyWhateverTheUmask)
 TEST_F(RequestPipe, IsRemovedAtTheEndWithItsLock)
 {
     {
-        CRequestPipe pipe;
-        MustOpen(pipe);
+        const auto pPipe = MustOpen();
         EXPECT_TRUE(Exists(PATH));
     }
     EXPECT_FALSE(Exists(PATH));
@@ -75,16 +99,14 @@ TEST_F(RequestPipe, IsFreshSoThatClientsOfAnEarlierDriverFindTheirsBroken)
     CFd fdOldDriver(::open(PATH, O_RDWR | O_NONBLOCK));
     const CFd fdOldClient(::open(PATH, O_WRONLY | O_NONBLOCK));
     fdOldDriver.Close();
-    CRequestPipe pipe;
-    MustOpen(pipe);
+    const auto pPipe = MustOpen();
     EXPECT_EQ(::write(fdOldClient.Get(), "x", 1), -1);
     EXPECT_EQ(errno, EPIPE);
 }
 
 TEST_F(RequestPipe, HasOnlyOneDriver)
 {
-    CRequestPipe pipe;
-    MustOpen(pipe);
+    const auto pPipe = MustOpen();
     EXPECT_THAT(ErrorOfOpen(), HasSubstr("another driver is running"));
     EXPECT_TRUE(Exists(PATH));
     EXPECT_TRUE(Exists(LOCK));
@@ -114,8 +136,7 @@ TEST_F(RequestPipe, FollowsNoLinkToItsLock)
 TEST_F(RequestPipe, LeavesAPipeAloneThatTookItsPlace)
 {
     {
-        CRequestPipe pipe;
-        MustOpen(pipe);
+        const auto pPipe = MustOpen();
         ASSERT_EQ(::unlink(PATH), 0);
         ASSERT_EQ(::mkfifo(PATH, 0600), 0);
     }
@@ -124,10 +145,9 @@ TEST_F(RequestPipe, LeavesAPipeAloneThatTookItsPlace)
 
 TEST_F(RequestPipe, GivesOutRecordsInOrderAndThenNone)
 {
-    CRequestPipe pipe;
-    MustOpen(pipe);
+    const auto pPipe = MustOpen();
     structMICMD cmd;
-    EXPECT_FALSE(pipe.Read(cmd));
+    EXPECT_FALSE(pPipe->Read(cmd));
     const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
     for (std::uint32_t n = 1; n <= 3; ++n)
     {
@@ -136,23 +156,154 @@ TEST_F(RequestPipe, GivesOutRecordsInOrderAndThenNone)
     }
     for (std::uint32_t n = 1; n <= 3; ++n)
     {
-        ASSERT_TRUE(pipe.Read(cmd));
+        ASSERT_TRUE(pPipe->Read(cmd));
         EXPECT_EQ(cmd.nSequenceNo, n);
     }
-    EXPECT_FALSE(pipe.Read(cmd));
+    EXPECT_FALSE(pPipe->Read(cmd));
 }
 
-TEST_F(RequestPipe, DropsBytesThatAreNoRecord)
+TEST_F(RequestPipe, DropsAndReportsBytesThatAreNoRequest)
 {
-    CRequestPipe pipe;
-    MustOpen(pipe);
+    const auto pPipe = MustOpen();
     const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
-    ASSERT_EQ(::write(fdClient.Get(), "hello", 5), 5);
+    Write(fdClient.Get(), {1, 2, 3, 4, 5});
     structMICMD cmd;
-    EXPECT_FALSE(pipe.Read(cmd));
+    EXPECT_FALSE(pPipe->Read(cmd));
     EXPECT_THAT(m_log.Text(), HasSubstr("dropped 5 bytes"));
-    const structMICMD sent = Command(MICMD_PING, 1, 9);
-    ASSERT_EQ(::write(fdClient.Get(), &sent, sizeof(sent)), 280);
-    ASSERT_TRUE(pipe.Read(cmd));
-    EXPECT_EQ(cmd.nSequenceNo, 9U);
+    Write(fdClient.Get(), Noise(700) + Ping(101));
+    ASSERT_TRUE(pPipe->Read(cmd));
+    EXPECT_EQ(cmd.nSequenceNo, 101U);
+    EXPECT_THAT(m_log.Text(), HasSubstr("dropped 700 bytes"));
+}
+
+TEST_F(RequestPipe, ReportsEndlessRubbishInABoundedNumberOfLines)
+{
+    const auto pPipe = MustOpen();
+    const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
+    structMICMD cmd;
+    for (int n = 0; n < 5000; ++n)
+    {
+        Write(fdClient.Get(), Noise(10));
+        EXPECT_FALSE(pPipe->Read(cmd));
+    }
+    const std::string strText = m_log.Text();
+    EXPECT_LT(std::count(strText.begin(), strText.end(), '\n'), 2000);
+}
+
+TEST_F(RequestPipe, SaysThatRequestsWaitWhichThePipeDoesNotTellOf)
+{
+    const auto pPipe = MustOpen();
+    const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
+    EXPECT_FALSE(pPipe->HasBuffered());
+    Write(fdClient.Get(), Ping(101) + Ping(102));
+    EXPECT_FALSE(pPipe->HasBuffered());
+    structMICMD cmd;
+    ASSERT_TRUE(pPipe->Read(cmd));
+    pollfd wait = {pPipe->Fd(), POLLIN, 0};
+    EXPECT_EQ(::poll(&wait, 1, 0), 0);
+    EXPECT_TRUE(pPipe->HasBuffered());
+    ASSERT_TRUE(pPipe->Read(cmd));
+    EXPECT_FALSE(pPipe->HasBuffered());
+}
+
+TEST_F(RequestPipe, GivesTheLoopItsTurnUnderAFloodOfRubbish)
+{
+    const auto pPipe = MustOpen();
+    const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
+    constexpr std::size_t FLOOD = 900000;
+    const CSamples flood = Noise(FLOOD);
+    const CSamples ping = Ping(101);
+    Write(fdClient.Get(), flood);
+    Write(fdClient.Get(), ping);
+    structMICMD cmd;
+    std::size_t nBefore = FLOOD + ping.size();
+    int nTurns = 0;
+    while (!pPipe->Read(cmd))
+    {
+        int nLeft = 0;
+        ASSERT_EQ(::ioctl(pPipe->Fd(), FIONREAD, &nLeft), 0);
+        ASSERT_LE(nBefore - static_cast<std::size_t>(nLeft), CRequestFramer::BUFFER_BYTES);
+        ASSERT_TRUE(nLeft > 0 || pPipe->HasBuffered());
+        nBefore = static_cast<std::size_t>(nLeft);
+        ++nTurns;
+    }
+    EXPECT_GE(nTurns, 13);
+    EXPECT_EQ(cmd.nSequenceNo, 101U);
+}
+
+TEST_F(RequestPipe, LeavesNothingBehindThatFillsItsBufferExactly)
+{
+    const auto pPipe = MustOpen();
+    const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
+    // The last bytes are a request with an old number: it is given out once nothing can come behind it.
+    const CSamples old = Ping(7);
+    const CSamples bytes = Noise(16) + Ping(101) + CSamples(232 * 280) + old;
+    ASSERT_EQ(bytes.size(), CRequestFramer::BUFFER_BYTES);
+    Write(fdClient.Get(), bytes);
+    structMICMD cmd;
+    ASSERT_TRUE(pPipe->Read(cmd));
+    bool bTaken = false;
+    for (int nTurn = 0; nTurn < 3 && !bTaken; ++nTurn)
+    {
+        bTaken = pPipe->Read(cmd);
+        ASSERT_TRUE(bTaken || pPipe->HasBuffered());
+    }
+    EXPECT_TRUE(bTaken);
+    EXPECT_EQ(cmd.nSequenceNo, 7U);
+    EXPECT_FALSE(pPipe->HasBuffered());
+}
+
+TEST_F(RequestPipe, FindsRequestsBetweenWritesInPacketMode)
+{
+    const auto pPipe = MustOpen();
+    const CFd fdHostile(::open(PATH, O_WRONLY | O_NONBLOCK));
+    ASSERT_EQ(::fcntl(fdHostile.Get(), F_SETFL, O_NONBLOCK | O_DIRECT), 0);
+    const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
+    for (std::uint32_t n = 1; n <= 50; ++n)
+    {
+        Write(fdHostile.Get(), Noise(n * 80, n));
+        Write(fdClient.Get(), Ping(100 + n));
+    }
+    std::uint32_t nNext = 101;
+    structMICMD cmd;
+    for (int nTurn = 0; nTurn < 200 && nNext <= 150; ++nTurn)
+    {
+        if (pPipe->Read(cmd))
+        {
+            ASSERT_EQ(cmd.nSequenceNo, nNext);
+            ++nNext;
+        }
+    }
+    EXPECT_EQ(nNext, 151U);
+}
+
+TEST_F(RequestPipe, OfAnotherUserIsReplacedByRootOnly)
+{
+    if (::geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can make a pipe of another user";
+    }
+    ASSERT_EQ(::mkfifo(PATH, 0600), 0);
+    ASSERT_EQ(::chown(PATH, 12345, 12345), 0);
+    ASSERT_EQ(::seteuid(23456), 0);
+    const std::string strError = ErrorOfOpen();
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_THAT(strError, HasSubstr("belongs to user 12345"));
+    EXPECT_TRUE(Exists(PATH));
+    MustOpen();
+}
+
+TEST_F(RequestPipe, OfADriverOfAnotherUserIsRecognisedByItsLock)
+{
+    if (::geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    const mode_t nFormer = ::umask(0077);
+    const auto pPipe = MustOpen();
+    ::umask(nFormer);
+    ASSERT_EQ(::seteuid(23456), 0);
+    const std::string strError = ErrorOfOpen();
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_THAT(strError, HasSubstr("another driver is running"));
 }

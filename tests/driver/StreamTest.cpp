@@ -1,7 +1,6 @@
 // Streams and file channels under a clock of the test's own: plays, recordings, cancels, failures.
-#include "Stream.h"
-#include "DriverTestSupport.h"
 #include "G711.h"
+#include "StreamFixture.h"
 
 #include <gmock/gmock.h>
 
@@ -11,43 +10,11 @@ using testing::IsEmpty;
 
 namespace
 {
-class StreamTest : public testing::Test
+class StreamTest : public CStreamFixture
 {
-protected:
-    std::unique_ptr<CStream> Open(const std::string& strCallID = "call", std::uint32_t nLegID = 1)
-    {
-        std::string strError;
-        auto pChannel = m_channels.Open(strCallID, nLegID, strError);
-        EXPECT_TRUE(pChannel) << strError;
-        return std::make_unique<CStream>(5, strCallID, nLegID, std::move(pChannel));
-    }
-
-    static CClipPtr Clip(const CSamples& samples) { return std::make_shared<CClip>(CClip{"clip", samples}); }
-
-    void Record(CStream& stream, const std::string& strName, std::uint32_t nMaxSamples, std::uint32_t nSequenceNo = 9)
-    {
-        std::string strError;
-        EXPECT_TRUE(stream.StartRecord(m_folder.Path(strName), nMaxSamples, nSequenceNo, strError)) << strError;
-    }
-
-    void CallerSays(const CSamples& samples) { WriteULaw(m_folder.Path("call.in.wav"), SF_FORMAT_WAV, samples); }
-
-    // Ticks until the stream is idle.
-    void Run(CStream& stream)
-    {
-        for (int nTick = 0; nTick < 10000 && stream.IsActive(); ++nTick)
-        {
-            stream.Advance(160, m_vEvents);
-        }
-        EXPECT_FALSE(stream.IsActive());
-    }
-
-    CTempFolder m_folder;
-    CLogCapture m_log;
-    CClipStore m_clipStore;
-    CFileChannelFactory m_channels{m_clipStore, m_folder.Folder()};
-    std::vector<structMIEVT> m_vEvents;
 };
+
+void Nothing() {}
 } // namespace
 
 TEST_F(StreamTest, PlayDeliversTheSamplesBitExact)
@@ -63,11 +30,11 @@ TEST_F(StreamTest, PlayMovesByTheTickAndEndsInTheTickOfItsLastSample)
 {
     const auto pStream = Open();
     pStream->StartPlay(Clip(Noise(480)), 0, 480, 17);
-    pStream->Advance(160, m_vEvents);
-    pStream->Advance(160, m_vEvents);
+    Ticks();
+    Ticks();
     EXPECT_THAT(m_vEvents, IsEmpty());
     EXPECT_TRUE(pStream->IsPlaying());
-    pStream->Advance(160, m_vEvents);
+    Ticks();
     EXPECT_EQ(m_vEvents.size(), 1U);
     EXPECT_FALSE(pStream->IsPlaying());
 }
@@ -77,7 +44,7 @@ TEST_F(StreamTest, PlaysFollowEachOtherWithoutAGap)
     const auto pStream = Open();
     pStream->StartPlay(Clip(Noise(333, 1)), 0, 333, 1);
     Run(*pStream);
-    pStream->Advance(160, m_vEvents);
+    Ticks();
     pStream->StartPlay(Clip(Noise(500, 2)), 100, 201, 2);
     Run(*pStream);
     EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Noise(333, 1) + Slice(Noise(500, 2), 100, 301));
@@ -88,7 +55,7 @@ TEST_F(StreamTest, EmptyPlayEndsAtTheNextTick)
     const auto pStream = Open();
     pStream->StartPlay(Clip(Noise(100)), 100, 0, 17);
     EXPECT_TRUE(pStream->IsPlaying());
-    pStream->Advance(160, m_vEvents);
+    Ticks();
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 17, DONE_FINISHED}));
 }
 
@@ -96,10 +63,10 @@ TEST_F(StreamTest, CancelledPlayKeepsWhatWasHeard)
 {
     const auto pStream = Open();
     pStream->StartPlay(Clip(Noise(1000)), 0, 1000, 17);
-    pStream->Advance(160, m_vEvents);
-    pStream->CancelRecord(m_vEvents);
+    Ticks();
+    pStream->CancelRecord(Nothing);
     EXPECT_TRUE(pStream->IsPlaying());
-    pStream->CancelPlay(m_vEvents);
+    pStream->CancelPlay(Nothing);
     EXPECT_FALSE(pStream->IsPlaying());
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 17, DONE_CANCELLED}));
     EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Slice(Noise(1000), 0, 160));
@@ -108,8 +75,8 @@ TEST_F(StreamTest, CancelledPlayKeepsWhatWasHeard)
 TEST_F(StreamTest, CancelOfNothingHasNoEvent)
 {
     const auto pStream = Open();
-    pStream->CancelPlay(m_vEvents);
-    pStream->CancelRecord(m_vEvents);
+    pStream->CancelPlay(Nothing);
+    pStream->CancelRecord(Nothing);
     EXPECT_THAT(m_vEvents, IsEmpty());
 }
 
@@ -131,7 +98,7 @@ TEST_F(StreamTest, RecordingEndsAtItsLimitBitExact)
     EXPECT_EQ(pStream->RecordedMs(), 0);
     Record(*pStream, "msg.wav", 1001);
     EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Recording);
-    pStream->Advance(160, m_vEvents);
+    Ticks();
     EXPECT_EQ(pStream->RecordedMs(), 20);
     Run(*pStream);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FINISHED}));
@@ -154,10 +121,10 @@ TEST_F(StreamTest, NextRecordingContinuesWhereTheFormerStopped)
 {
     CallerSays(Noise(1000));
     const auto pStream = Open();
-    pStream->Advance(160, m_vEvents);
+    Ticks();
     Record(*pStream, "a.ul", 300);
     Run(*pStream);
-    pStream->Advance(1600, m_vEvents);
+    Ticks(10);
     Record(*pStream, "b.ul", 300);
     Run(*pStream);
     EXPECT_EQ(ReadBytes(m_folder.Path("a.ul")), Slice(Noise(1000), 0, 300));
@@ -188,11 +155,9 @@ TEST_F(StreamTest, UnreadableCallerRefusesTheRecording)
 {
     WriteBytes(m_folder.Path("call.in.wav"), {'h', 'e', 'l', 'l', 'o'});
     const auto pStream = Open();
-    std::string strError;
-    EXPECT_FALSE(pStream->StartRecord(m_folder.Path("msg.wav"), 100, 9, strError));
-    EXPECT_THAT(strError, HasSubstr("call.in.wav"));
+    EXPECT_THAT(StartRecord(*pStream, "msg.wav", 100), HasSubstr("call.in.wav"));
     EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::None);
-    EXPECT_FALSE(pStream->IsActive());
+    EXPECT_FALSE(pStream->IsRecording());
 }
 
 TEST_F(StreamTest, RecordingOfNoSamplesEndsAtTheNextTick)
@@ -200,7 +165,7 @@ TEST_F(StreamTest, RecordingOfNoSamplesEndsAtTheNextTick)
     CallerSays(Noise(200));
     const auto pStream = Open();
     Record(*pStream, "msg.wav", 0);
-    pStream->Advance(160, m_vEvents);
+    Ticks();
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FINISHED}));
     EXPECT_THAT(ReadULawWav(m_folder.Path("msg.wav")), IsEmpty());
 }
@@ -210,13 +175,13 @@ TEST_F(StreamTest, CancelledRecordingIsKept)
     CallerSays(Noise(5000));
     const auto pStream = Open();
     Record(*pStream, "msg.wav", 5000);
-    pStream->Advance(160, m_vEvents);
-    pStream->CancelPlay(m_vEvents);
-    pStream->Advance(161, m_vEvents);
-    pStream->CancelRecord(m_vEvents);
+    Ticks();
+    pStream->CancelPlay(Nothing);
+    Ticks();
+    pStream->CancelRecord(Nothing);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_CANCELLED}));
     EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Finished);
-    EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Slice(Noise(5000), 0, 321));
+    EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Slice(Noise(5000), 0, 320));
 }
 
 TEST_F(StreamTest, RecordingIntoAFullDiskEndsWithFailure)
@@ -241,7 +206,7 @@ TEST_F(StreamTest, ClosingAStreamCompletesItsFiles)
     auto pStream = Open();
     pStream->StartPlay(Clip(Noise(1000, 2)), 0, 1000, 17);
     Record(*pStream, "msg.wav", 5000);
-    pStream->Advance(160, m_vEvents);
+    Ticks();
     pStream.reset();
     EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Slice(Noise(5000), 0, 160));
     EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Slice(Noise(1000, 2), 0, 160));
@@ -296,17 +261,17 @@ TEST_F(StreamTest, ChannelRefusesCallIDsThatAreNoFileNames)
     std::string strError;
     for (const char* pCallID : {"", "a/b", "/etc/passwd", "..", "a..b", "a\nb", "\x7f"})
     {
-        EXPECT_FALSE(m_channels.Open(pCallID, 1, strError)) << pCallID;
+        EXPECT_FALSE(OpenChannel(m_channels, pCallID, 1, strError)) << pCallID;
         EXPECT_THAT(strError, HasSubstr("file name"));
     }
-    EXPECT_TRUE(m_channels.Open("sip:+49 30 12345@host", 1, strError)) << strError;
+    EXPECT_TRUE(OpenChannel(m_channels, "sip:+49 30 12345@host", 1, strError)) << strError;
 }
 
 TEST_F(StreamTest, ChannelIsOpenOnlyOnce)
 {
     const auto pStream = Open();
     std::string strError;
-    EXPECT_FALSE(m_channels.Open("call", 1, strError));
+    EXPECT_FALSE(OpenChannel(m_channels, "call", 1, strError));
     EXPECT_THAT(strError, HasSubstr("being written already"));
-    EXPECT_TRUE(m_channels.Open("call", 2, strError)) << strError;
+    EXPECT_TRUE(OpenChannel(m_channels, "call", 2, strError)) << strError;
 }

@@ -1,0 +1,62 @@
+// Audio on its way into a file: the media tick puts it into memory, the disk's thread writes it.
+#ifndef DRIVER_AUDIO_SINK_H
+#define DRIVER_AUDIO_SINK_H
+
+#include "AudioWriter.h"
+#include "Executor.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+
+// Used on the loop's thread. One executor serves all sinks, in order: a file that was closed is
+// complete before any that is opened later is touched.
+class CAudioSink : public std::enable_shared_from_this<CAudioSink>
+{
+public:
+    // Null, with the reason without the path in strError, when the file cannot be written.
+    using OpenFunction = std::function<void(std::shared_ptr<CAudioSink> pSink, const std::string& strError)>;
+    using DoneFunction = std::function<void(bool bOk)>;
+
+    // What waits in memory at most: 4 s of real time.
+    static constexpr std::size_t CAPACITY = 32768;
+
+    // Creates or empties the file; see CAudioWriter::Create.
+    static void Open(CExecutor& disk, const std::string& strPath, OpenFunction done);
+
+    CAudioSink(CExecutor& disk, std::unique_ptr<CAudioWriter> pWriter);
+
+    // On the media tick: takes as many samples as there is room for and returns their number. Neither
+    // blocks, locks nor allocates.
+    std::size_t Put(std::span<const std::uint8_t> samples);
+    std::size_t Room() const;
+
+    // The file could not be written. What got through is in it.
+    bool HasFailed() const;
+
+    // After the tick: enough has come together to be written, which Service gives to the disk.
+    bool WantsService() const;
+    void Service();
+
+    // Writes all that was put so far, header included. bOk is false when the file has failed.
+    void Update(DoneFunction done);
+
+    // The same, then ends the file. Nothing may be put afterwards.
+    void Close(DoneFunction done);
+
+private:
+    void Drain(); // on the disk's thread
+
+    CExecutor& m_disk;
+    std::unique_ptr<CAudioWriter> m_pWriter;  // the disk's thread's
+    std::unique_ptr<std::uint8_t[]> m_pbRing; // CAPACITY bytes, memory in use only once it was written
+    std::atomic<std::size_t> m_nPut = 0;      // samples ever put; the place in the ring is modulo CAPACITY
+    std::atomic<std::size_t> m_nWritten = 0;  // samples ever taken out
+    std::atomic<bool> m_bFailed = false;
+    bool m_bServicePosted = false;
+};
+
+#endif

@@ -1,0 +1,82 @@
+// The channel table: which kind of channel a call id and leg get.
+#include "ChannelTable.h"
+
+#include "NullChannel.h"
+#include "Text.h"
+
+#include <fmt/format.h>
+
+#include <fnmatch.h>
+
+namespace
+{
+std::optional<CNetAddress> PortOfLeg(const CNetAddress& base, std::uint32_t nStep, std::uint32_t nLegID,
+                                     std::string& strError)
+{
+    const std::uint64_t ullPort = base.Port() + std::uint64_t{nStep} * nLegID;
+    if (ullPort > UINT16_MAX)
+    {
+        strError =
+            fmt::format("leg {} has no port: {} + {} * {} is more than 65535", nLegID, base.Port(), nStep, nLegID);
+        return std::nullopt;
+    }
+    return base.WithPort(static_cast<std::uint16_t>(ullPort));
+}
+} // namespace
+
+CChannelTable::CChannelTable() : m_vEntries(1) {}
+
+std::optional<CChannelRoute> CChannelTable::Find(const std::string& strCallID, std::uint32_t nLegID,
+                                                 std::string& strError) const
+{
+    for (const CEntry& entry : m_vEntries)
+    {
+        if ((entry.m_leg && *entry.m_leg != nLegID) || ::fnmatch(entry.m_strCall.c_str(), strCallID.c_str(), 0) != 0)
+        {
+            continue;
+        }
+        CChannelRoute route = entry.m_route;
+        if (CRtpRoute* pRtp = std::get_if<CRtpRoute>(&route))
+        {
+            const auto local = PortOfLeg(pRtp->local, entry.m_nLocalPortStep, nLegID, strError);
+            const auto remote = PortOfLeg(pRtp->remote, entry.m_nRemotePortStep, nLegID, strError);
+            if (!local || !remote)
+            {
+                return std::nullopt;
+            }
+            pRtp->local = *local;
+            pRtp->remote = *remote;
+        }
+        return route;
+    }
+    strError = fmt::format("call \"{}\", leg {}, is not in the channel table", Printable(strCallID), nLegID);
+    return std::nullopt;
+}
+
+CTableChannelFactory::CTableChannelFactory(CChannelTable table, CRtpPorts& ports, CChannelFactory& fileChannels)
+    : m_table(std::move(table)), m_ports(ports), m_fileChannels(fileChannels)
+{
+}
+
+void CTableChannelFactory::Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done)
+{
+    std::string strError;
+    const std::optional<CChannelRoute> route = m_table.Find(strCallID, nLegID, strError);
+    if (!route)
+    {
+        done(nullptr, strError);
+    }
+    else if (std::holds_alternative<CFileRoute>(*route))
+    {
+        m_fileChannels.Open(strCallID, nLegID, std::move(done));
+    }
+    else if (std::holds_alternative<CNullRoute>(*route))
+    {
+        done(std::make_unique<CNullChannel>(), {});
+    }
+    else
+    {
+        std::unique_ptr<CChannel> pChannel = CRtpChannel::Open(m_ports, std::get<CRtpRoute>(*route), strError);
+        done(std::move(pChannel), strError);
+    }
+}

@@ -1,0 +1,56 @@
+// An audio file in memory, which can be played while it is still being decoded.
+#ifndef DRIVER_CLIP_H
+#define DRIVER_CLIP_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+// µ-law, 8000 samples per second. One thread appends, any number of others reads. What is there never
+// changes; whoever holds the clip may go on playing after the file was closed, changed or deleted.
+class CClip
+{
+public:
+    CClip(std::string strPath, std::size_t nCapacity)
+        : m_strPath(std::move(strPath)), m_nCapacity(nCapacity),
+          m_pbSamples(std::make_unique_for_overwrite<std::uint8_t[]>(nCapacity))
+    {
+    }
+
+    const std::string& Path() const { return m_strPath; }
+
+    // Number of samples that can be played so far.
+    std::size_t Ready() const { return m_nReady.load(std::memory_order_acquire); }
+    const std::uint8_t* Samples() const { return m_pbSamples.get(); }
+
+    // No more samples will come: Ready, asked for after this, is the length. A broken clip has lost its
+    // end to an error of the file.
+    bool IsDecoded() const { return m_eState.load(std::memory_order_acquire) != EState::Decoding; }
+    bool IsBroken() const { return m_eState.load(std::memory_order_acquire) == EState::Broken; }
+
+    // For the decoding thread: room for the next samples, their publication, and the end.
+    std::span<std::uint8_t> Room() { return {m_pbSamples.get() + Ready(), m_nCapacity - Ready()}; }
+    void Publish(std::size_t nSamples) { m_nReady.fetch_add(nSamples, std::memory_order_release); }
+    void End(bool bBroken) { m_eState.store(bBroken ? EState::Broken : EState::Complete, std::memory_order_release); }
+
+private:
+    enum class EState
+    {
+        Decoding,
+        Complete,
+        Broken
+    };
+
+    const std::string m_strPath;
+    const std::size_t m_nCapacity;
+    const std::unique_ptr<std::uint8_t[]> m_pbSamples; // memory that is not written yet is not in use
+    std::atomic<std::size_t> m_nReady = 0;
+    std::atomic<EState> m_eState = EState::Decoding;
+};
+
+using CClipPtr = std::shared_ptr<const CClip>;
+
+#endif

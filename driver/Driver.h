@@ -1,0 +1,88 @@
+// The whole driver, put together.
+#ifndef DRIVER_DRIVER_H
+#define DRIVER_DRIVER_H
+
+#include "ChannelTable.h"
+#include "ClientPipes.h"
+#include "ClientRegistry.h"
+#include "ClipStore.h"
+#include "ControlRequests.h"
+#include "ControlSocket.h"
+#include "DriverControl.h"
+#include "EventLoop.h"
+#include "Executor.h"
+#include "FaultRules.h"
+#include "FileChannel.h"
+#include "MediaClock.h"
+#include "Options.h"
+#include "Outbox.h"
+#include "Poller.h"
+#include "RequestHandler.h"
+#include "RequestPipe.h"
+#include "RtpPort.h"
+#include "Statistics.h"
+#include "TimerQueue.h"
+
+#include <memory>
+#include <string>
+
+class CDriver : private CDriverControl
+{
+public:
+    explicit CDriver(const COptions& options);
+    ~CDriver() override;
+
+    // Reads the channel table and the fault rules, takes the request pipe and the control socket.
+    // False, with the message in strError, when it cannot serve.
+    bool Open(std::string& strError);
+
+    // Serves until a signal ends it; all files are complete then. False, with the message in strError,
+    // when it had to give up.
+    bool Run(std::string& strError);
+
+private:
+    std::vector<CClientState> Clients() const override;
+    std::vector<CStreamState> Streams() const override;
+    CStatistics Statistics() const override;
+    CFaultRules& Faults() override;
+    std::size_t HangUp(const std::string& strCallID, std::optional<std::uint32_t> nLegID) override;
+    bool DropClient(int nConnectID) override;
+    void Freeze(std::optional<std::chrono::milliseconds> time) override;
+    void Thaw() override;
+    void Die() override;
+
+    bool AddFaults(std::string& strError);
+    bool OpenControl(std::string& strError);
+    void TakeRequests();
+    void EndTurn();
+    void EverySecond();
+
+    const COptions m_options;
+    CSteadyClock m_clock;
+    CPoller m_poller;
+    CTimerQueue m_timers{m_clock};
+    CStatistics m_statistics;
+    CFaultRules m_faults;
+    CMediaClock m_mediaClock;
+    CEventLoop m_loop{m_poller, m_mediaClock, m_timers, m_clock, m_statistics};
+
+    CThreadExecutor m_loader;
+    CThreadExecutor m_disk;
+    CClipStore m_clipStore{m_loader};
+    CRtpPorts m_rtpPorts;
+    CFileChannelFactory m_fileChannels;
+    std::unique_ptr<CTableChannelFactory> m_pChannels;
+
+    CClientRegistry m_registry{m_statistics};
+    COutbox m_outbox{m_registry, m_faults, m_timers, m_statistics};
+    CClientPipesOpener m_opener{m_poller};
+    std::unique_ptr<CRequestHandler> m_pHandler;
+    CLogLimiter m_rubbishLog{"rubbish in the request pipe"};
+    CRequestPipe m_requestPipe;
+
+    CControlRequests m_controlRequests{*this};
+    std::unique_ptr<CControlSocket> m_pControlSocket;
+    bool m_bDie = false;
+};
+
+#endif

@@ -1,0 +1,53 @@
+// An IP address and port in numbers.
+#ifndef DRIVER_NET_ADDRESS_H
+#define DRIVER_NET_ADDRESS_H
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+// A value; without an address until it is assigned or the system fills it in. IPv4 and IPv6 addresses
+// are never equal, not even mapped ones.
+class CNetAddress
+{
+public:
+    // Room for what the system fills in.
+    static constexpr socklen_t CAPACITY = sizeof(sockaddr_in6);
+
+    CNetAddress() : m_ip6() {}
+
+    // "192.0.2.1:4000" or "[2001:db8::1]:4000". None for anything else, host names and zones included.
+    static std::optional<CNetAddress> Parse(const std::string& strText);
+    std::string Text() const;
+
+    int Family() const { return m_any.sa_family; }
+    std::uint16_t Port() const;
+    CNetAddress WithPort(std::uint16_t nPort) const;
+
+    const sockaddr* Get() const { return &m_any; }
+    sockaddr* Get() { return &m_any; }
+    socklen_t Size() const { return Family() == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6); }
+
+    bool operator==(const CNetAddress& other) const;
+    std::size_t Hash() const;
+
+private:
+    union
+    {
+        sockaddr m_any;
+        sockaddr_in m_ip4;
+        sockaddr_in6 m_ip6;
+    };
+};
+
+template <> struct std::hash<CNetAddress>
+{
+    std::size_t operator()(const CNetAddress& address) const noexcept { return address.Hash(); }
+};
+
+#endif

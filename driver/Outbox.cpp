@@ -1,0 +1,63 @@
+// What goes out to clients: responses and events, bent as the fault rules say.
+#include "Outbox.h"
+
+COutbox::COutbox(CClientRegistry& registry, CFaultRules& faults, CTimerQueue& timers, CStatistics& statistics)
+    : m_registry(registry), m_faults(faults), m_timers(timers), m_statistics(statistics)
+{
+}
+
+void COutbox::Respond(int nConnectID, const structMIRSP& rsp, const CFaultAction& action)
+{
+    structMIRSP sent = rsp;
+    sent.nRespSequenceNo -= action.m_bOldNumber ? 1 : 0;
+    for (int nAnswer = 0; nAnswer < action.m_nAnswers; ++nAnswer)
+    {
+        if (action.m_delay.count() > 0)
+        {
+            m_timers.After(action.m_delay, [this, nConnectID, sent] { Send(nConnectID, sent); });
+        }
+        else
+        {
+            Send(nConnectID, sent);
+        }
+    }
+}
+
+void COutbox::Send(int nConnectID, const structMIRSP& rsp)
+{
+    CClient* pClient = m_registry.Find(nConnectID);
+    if (pClient == nullptr)
+    {
+        return;
+    }
+    switch (pClient->Port().SendResponse(rsp))
+    {
+    case ESend::Sent: ++m_statistics.m_ullResponsesSent; break;
+    case ESend::Full:
+        ++m_statistics.m_ullResponsesLost;
+        pClient->m_warnings.Warn("client {} does not take its responses; the one to sequence {} is lost", nConnectID,
+                                 rsp.nRespSequenceNo);
+        break;
+    case ESend::Gone:
+        ++m_statistics.m_ullResponsesLost;
+        m_registry.Drop(nConnectID, "its response pipe is broken");
+        break;
+    }
+}
+
+void COutbox::Event(int nConnectID, bool bRecord, const std::string& strCallID, structMIEVT evt)
+{
+    const CEventFault fault = m_faults.OnEvent(bRecord, strCallID);
+    evt.s_mcstatus = fault.m_nStatus.value_or(evt.s_mcstatus);
+    for (int nEvent = 0; nEvent < fault.m_nEvents; ++nEvent)
+    {
+        if (fault.m_delay.count() > 0)
+        {
+            m_timers.After(fault.m_delay, [this, nConnectID, evt] { m_registry.QueueEvent(nConnectID, evt); });
+        }
+        else
+        {
+            m_registry.QueueEvent(nConnectID, evt);
+        }
+    }
+}

@@ -1,0 +1,33 @@
+// What goes out to clients: responses and events, bent as the fault rules say.
+#ifndef DRIVER_OUTBOX_H
+#define DRIVER_OUTBOX_H
+
+#include "ClientRegistry.h"
+#include "FaultRules.h"
+#include "Statistics.h"
+#include "TimerQueue.h"
+
+#include <string>
+
+class COutbox
+{
+public:
+    COutbox(CClientRegistry& registry, CFaultRules& faults, CTimerQueue& timers, CStatistics& statistics);
+
+    // Sends a response to the client, if it is still there: at once, later, twice or not at all. Drops the
+    // client when its pipe is broken. What a full pipe does not take is lost.
+    void Respond(int nConnectID, const structMIRSP& rsp, const CFaultAction& action);
+
+    // Queues the event of a play or recording on a stream of the given call id.
+    void Event(int nConnectID, bool bRecord, const std::string& strCallID, structMIEVT evt);
+
+private:
+    void Send(int nConnectID, const structMIRSP& rsp);
+
+    CClientRegistry& m_registry;
+    CFaultRules& m_faults;
+    CTimerQueue& m_timers;
+    CStatistics& m_statistics;
+};
+
+#endif

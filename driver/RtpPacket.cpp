@@ -1,0 +1,89 @@
+// RTP packets: writing the header of those that go out, taking apart those that come in.
+#include "RtpPacket.h"
+
+namespace
+{
+constexpr unsigned VERSION = 2U << 6;
+constexpr unsigned VERSION_MASK = 3U << 6;
+constexpr unsigned PADDING = 1U << 5;
+constexpr unsigned EXTENSION = 1U << 4;
+constexpr unsigned SOURCE_COUNT_MASK = 0x0F;
+constexpr unsigned MARKER = 1U << 7;
+
+template <class UINT> void PutBigEndian(std::span<std::uint8_t, sizeof(UINT)> bytes, UINT nValue)
+{
+    for (std::size_t n = 0; n < sizeof(UINT); ++n)
+    {
+        bytes[n] = static_cast<std::uint8_t>(nValue >> (8 * (sizeof(UINT) - 1 - n)));
+    }
+}
+
+std::uint32_t BigEndian(std::span<const std::uint8_t> bytes)
+{
+    std::uint32_t nValue = 0;
+    for (const std::uint8_t n : bytes)
+    {
+        nValue = (nValue << 8) | n;
+    }
+    return nValue;
+}
+
+// Takes bytes off the front. False if there are not that many.
+bool Skip(std::span<const std::uint8_t>& bytes, std::size_t nCount)
+{
+    if (bytes.size() < nCount)
+    {
+        return false;
+    }
+    bytes = bytes.subspan(nCount);
+    return true;
+}
+
+bool SkipExtension(std::span<const std::uint8_t>& bytes)
+{
+    constexpr std::size_t PREFIX_SIZE = 4;
+    return bytes.size() >= PREFIX_SIZE && Skip(bytes, PREFIX_SIZE + 4 * BigEndian(bytes.subspan(2, 2)));
+}
+
+bool DropPadding(std::span<const std::uint8_t>& bytes)
+{
+    if (bytes.empty() || bytes.back() == 0 || bytes.back() > bytes.size())
+    {
+        return false;
+    }
+    bytes = bytes.first(bytes.size() - bytes.back());
+    return true;
+}
+} // namespace
+
+void WriteRtpHeader(const CRtpHeader& header, std::span<std::uint8_t, RTP_HEADER_SIZE> bytes)
+{
+    bytes[0] = VERSION;
+    bytes[1] = static_cast<std::uint8_t>((header.bMarker ? MARKER : 0) | header.nPayloadType);
+    PutBigEndian(bytes.subspan<2, 2>(), header.nSequence);
+    PutBigEndian(bytes.subspan<4, 4>(), header.nTimestamp);
+    PutBigEndian(bytes.subspan<8, 4>(), header.nSource);
+}
+
+std::optional<CRtpPacket> ParseRtpPacket(std::span<const std::uint8_t> bytes)
+{
+    if (bytes.size() < RTP_HEADER_SIZE || (bytes[0] & VERSION_MASK) != VERSION)
+    {
+        return std::nullopt;
+    }
+    CRtpPacket packet;
+    packet.header.bMarker = (bytes[1] & MARKER) != 0;
+    packet.header.nPayloadType = static_cast<std::uint8_t>(bytes[1] & ~MARKER);
+    packet.header.nSequence = static_cast<std::uint16_t>(BigEndian(bytes.subspan(2, 2)));
+    packet.header.nTimestamp = BigEndian(bytes.subspan(4, 4));
+    packet.header.nSource = BigEndian(bytes.subspan(8, 4));
+
+    packet.payload = bytes.subspan(RTP_HEADER_SIZE);
+    if (!Skip(packet.payload, 4 * (bytes[0] & SOURCE_COUNT_MASK)) ||
+        ((bytes[0] & EXTENSION) != 0 && !SkipExtension(packet.payload)) ||
+        ((bytes[0] & PADDING) != 0 && !DropPadding(packet.payload)))
+    {
+        return std::nullopt;
+    }
+    return packet;
+}

@@ -1,0 +1,44 @@
+// RTP packets: writing the header of those that go out, taking apart those that come in.
+#ifndef DRIVER_RTP_PACKET_H
+#define DRIVER_RTP_PACKET_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+constexpr std::size_t RTP_HEADER_SIZE = 12;
+constexpr std::size_t RTP_SAMPLES = 160; // 20 ms in each packet that goes out
+constexpr std::size_t RTP_PACKET_SIZE = RTP_HEADER_SIZE + RTP_SAMPLES;
+constexpr std::size_t RTP_MAX_DATAGRAM = 2048; // that is taken from others
+
+// The values are the static payload types.
+enum class ERtpCodec : std::uint8_t
+{
+    Pcmu = 0,
+    Pcma = 8
+};
+
+struct CRtpHeader
+{
+    bool bMarker = false;
+    std::uint8_t nPayloadType = 0;
+    std::uint16_t nSequence = 0;
+    std::uint32_t nTimestamp = 0;
+    std::uint32_t nSource = 0; // SSRC
+};
+
+// A packet that came in. The payload is part of the bytes that were parsed.
+struct CRtpPacket
+{
+    CRtpHeader header;
+    std::span<const std::uint8_t> payload;
+};
+
+void WriteRtpHeader(const CRtpHeader& header, std::span<std::uint8_t, RTP_HEADER_SIZE> bytes);
+
+// The payload is what is left between contributing sources and header extension at the front and the
+// padding at the end; it may be empty. None if the bytes are no whole RTP packet of version 2.
+std::optional<CRtpPacket> ParseRtpPacket(std::span<const std::uint8_t> bytes);
+
+#endif

@@ -1,0 +1,109 @@
+// Counts what the driver does.
+#include "Statistics.h"
+
+#include "CommandNames.h"
+
+#include <fmt/chrono.h>
+
+#include <algorithm>
+#include <numeric>
+#include <string>
+
+namespace
+{
+double Milliseconds(std::chrono::steady_clock::duration time)
+{
+    return std::chrono::duration<double, std::milli>(time).count();
+}
+
+std::string TimeText(std::chrono::system_clock::time_point time)
+{
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)));
+}
+} // namespace
+
+void CTimeHistogram::Add(Duration time)
+{
+    std::size_t nBucket = 0;
+    while (nBucket < LIMITS_MS.size() && time > std::chrono::milliseconds(LIMITS_MS[nBucket]))
+    {
+        ++nBucket;
+    }
+    ++m_vCounts[nBucket];
+    m_max = std::max(m_max, time);
+}
+
+std::uint64_t CTimeHistogram::Count() const
+{
+    return std::accumulate(m_vCounts.begin(), m_vCounts.end(), std::uint64_t{0});
+}
+
+std::uint64_t CTimeHistogram::CountAbove(int nLimitMs) const
+{
+    std::uint64_t ullCount = m_vCounts.back();
+    for (std::size_t nBucket = 0; nBucket < LIMITS_MS.size(); ++nBucket)
+    {
+        ullCount += LIMITS_MS[nBucket] > nLimitMs ? m_vCounts[nBucket] : 0;
+    }
+    return ullCount;
+}
+
+nlohmann::ordered_json CTimeHistogram::ToJson() const
+{
+    nlohmann::ordered_json json;
+    for (std::size_t nBucket = 0; nBucket < LIMITS_MS.size(); ++nBucket)
+    {
+        json[fmt::format("up_to_{}_ms", LIMITS_MS[nBucket])] = m_vCounts[nBucket];
+    }
+    json["more"] = m_vCounts.back();
+    json["max_ms"] = Milliseconds(m_max);
+    return json;
+}
+
+void CStatistics::OnRequest(MICMD micmd)
+{
+    const bool bCommand = micmd > MICMD_NULL && static_cast<std::size_t>(micmd) < m_vRequests.size();
+    ++m_vRequests[bCommand ? static_cast<std::size_t>(micmd) : 0];
+}
+
+void CStatistics::OnTick(std::chrono::steady_clock::duration lateness, std::chrono::steady_clock::duration duration)
+{
+    m_tickLateness.Add(lateness);
+    m_tickDuration.Add(duration);
+}
+
+nlohmann::ordered_json CStatistics::ToJson(std::chrono::steady_clock::time_point now) const
+{
+    nlohmann::ordered_json requests;
+    for (const CCommandName& command : CommandNames())
+    {
+        requests[command.m_pName] = m_vRequests[static_cast<std::size_t>(command.m_micmd)];
+    }
+    requests["unknown"] = m_vRequests[0];
+
+    return {
+        {"started", TimeText(m_startTime)},
+        {"up_s", std::chrono::duration_cast<std::chrono::seconds>(now - m_start).count()},
+        {"now",
+         {{"clients", m_now.m_nClients},
+          {"streams", m_now.m_nStreams},
+          {"playing", m_now.m_nPlaying},
+          {"recording", m_now.m_nRecording},
+          {"waiting_events", m_now.m_nWaitingEvents},
+          {"clips", m_now.m_nClips},
+          {"clip_bytes", m_now.m_nClipBytes}}},
+        {"clients", {{"connected", m_ullClientsConnected}, {"dropped", m_ullClientsDropped}}},
+        {"requests", std::move(requests)},
+        {"refused", m_ullRefused},
+        {"dropped", m_ullDropped},
+        {"rubbish_bytes", m_ullRubbishBytes},
+        {"responses", {{"sent", m_ullResponsesSent}, {"lost", m_ullResponsesLost}}},
+        {"events", {{"sent", m_ullEventsSent}, {"dropped", m_ullEventsDropped}}},
+        {"ticks",
+         {{"count", m_tickLateness.Count()},
+          {"late", m_tickLateness.CountAbove(LATE_MS)},
+          {"lateness", m_tickLateness.ToJson()},
+          {"duration", m_tickDuration.ToJson()}}},
+    };
+}

@@ -1,0 +1,178 @@
+// A connection of the control socket: lines, answers, and how it ends.
+#include "ControlConnection.h"
+
+#include <gmock/gmock.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+class ControlConnection : public testing::Test
+{
+protected:
+    ControlConnection()
+    {
+        std::array<int, 2> fds = {-1, -1};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds.data()), 0);
+        m_fdPeer = CFd(fds[0]);
+        m_connection = CControlConnection(CFd(fds[1]));
+    }
+
+    void Send(const std::string& strText)
+    {
+        const int nBytes = 1 << 20;
+        ::setsockopt(m_fdPeer.Get(), SOL_SOCKET, SO_SNDBUFFORCE, &nBytes, sizeof(nBytes));
+        ASSERT_EQ(::send(m_fdPeer.Get(), strText.data(), strText.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(strText.size()));
+    }
+    std::string Received()
+    {
+        std::string strText(2000000, '\0');
+        const ssize_t nRead = ::recv(m_fdPeer.Get(), strText.data(), strText.size(), 0);
+        strText.resize(nRead < 0 ? 0 : static_cast<std::size_t>(nRead));
+        return strText;
+    }
+    bool Serve()
+    {
+        return m_connection.Serve([this](const std::string& strLine) {
+            m_vLines.push_back(strLine);
+            return m_strAnswer.empty() ? "got " + strLine : m_strAnswer;
+        });
+    }
+    // Serves for as long as there is something to do. False when the connection is over.
+    bool ServeAll()
+    {
+        for (int nTurn = 0; nTurn < 20; ++nTurn)
+        {
+            if (!Serve())
+            {
+                return false;
+            }
+        }
+        return true;
+    }
+    bool AwaitsInput() const { return m_connection.AwaitedEvents() == EPOLLIN; }
+    bool AwaitsRoom() const { return m_connection.AwaitedEvents() == EPOLLOUT; }
+
+    CFd m_fdPeer;
+    CControlConnection m_connection{CFd()};
+    std::vector<std::string> m_vLines;
+    std::string m_strAnswer; // empty: the line comes back
+};
+} // namespace
+
+TEST_F(ControlConnection, AnswersOneLineAtATime)
+{
+    Send("one\ntwo\n");
+    EXPECT_TRUE(Serve());
+    EXPECT_EQ(Received(), "got one\n");
+    EXPECT_TRUE(AwaitsRoom());
+    EXPECT_TRUE(Serve());
+    EXPECT_EQ(Received(), "got two\n");
+    EXPECT_TRUE(AwaitsInput());
+}
+
+TEST_F(ControlConnection, DoesNothingWhenThereIsNothing)
+{
+    EXPECT_TRUE(ServeAll());
+    EXPECT_TRUE(AwaitsInput());
+    EXPECT_THAT(m_vLines, IsEmpty());
+}
+
+TEST_F(ControlConnection, PutsALineTogether)
+{
+    for (const char* pPart : {"he", "l", "lo"})
+    {
+        Send(pPart);
+        EXPECT_TRUE(Serve());
+        EXPECT_TRUE(AwaitsInput());
+    }
+    Send("\nwor");
+    EXPECT_TRUE(ServeAll());
+    EXPECT_THAT(m_vLines, ElementsAre("hello"));
+    EXPECT_TRUE(AwaitsInput());
+}
+
+TEST_F(ControlConnection, TakesAnyBytesForALine)
+{
+    std::string strAll;
+    for (int n = 0; n < 256; ++n)
+    {
+        strAll += n == '\n' ? ' ' : static_cast<char>(n);
+    }
+    Send(strAll + "\n\n");
+    EXPECT_TRUE(ServeAll());
+    EXPECT_THAT(m_vLines, ElementsAre(strAll, ""));
+}
+
+TEST_F(ControlConnection, TakesALineOfTheLongestLength)
+{
+    const std::string strLine(CControlConnection::MAX_LINE, 'x');
+    Send(strLine + '\n' + strLine + '\n');
+    EXPECT_TRUE(ServeAll());
+    EXPECT_THAT(m_vLines, ElementsAre(strLine, strLine));
+}
+
+TEST_F(ControlConnection, IsOverAfterALineThatIsTooLong)
+{
+    Send("one\n" + std::string(CControlConnection::MAX_LINE + 1, 'x') + "\nmore\n");
+    EXPECT_FALSE(ServeAll());
+    EXPECT_THAT(m_vLines, ElementsAre("one"));
+    EXPECT_EQ(Received(), "got one\n{\"ok\":false,\"error\":\"the line is too long\"}\n");
+}
+
+TEST_F(ControlConnection, DoesNotWaitForTheEndOfALineThatIsTooLong)
+{
+    Send(std::string(CControlConnection::MAX_LINE + 1, 'x'));
+    EXPECT_FALSE(ServeAll());
+    EXPECT_EQ(Received(), "{\"ok\":false,\"error\":\"the line is too long\"}\n");
+}
+
+TEST_F(ControlConnection, AnswersAllLinesOfAPeerThatHasSaidItsLast)
+{
+    Send("one\ntwo\nhal");
+    ::shutdown(m_fdPeer.Get(), SHUT_WR);
+    EXPECT_FALSE(ServeAll());
+    EXPECT_EQ(Received(), "got one\ngot two\n");
+    EXPECT_THAT(m_vLines, ElementsAre("one", "two"));
+}
+
+TEST_F(ControlConnection, CarriesOutTheWholeLineOfAPeerThatHasLeft)
+{
+    Send("thaw\nhal");
+    m_fdPeer.Close();
+    EXPECT_FALSE(ServeAll());
+    EXPECT_THAT(m_vLines, ElementsAre("thaw"));
+}
+
+TEST_F(ControlConnection, TakesNoLineBeforeItsLastAnswerIsTaken)
+{
+    m_strAnswer = std::string(1000000, 'a');
+    Send("one\ntwo\n");
+    EXPECT_TRUE(ServeAll());
+    EXPECT_THAT(m_vLines, ElementsAre("one"));
+    EXPECT_TRUE(AwaitsRoom());
+    std::size_t nReceived = 0;
+    while (nReceived < 2000002)
+    {
+        ASSERT_TRUE(Serve());
+        nReceived += Received().size();
+    }
+    EXPECT_THAT(m_vLines, ElementsAre("one", "two"));
+    EXPECT_TRUE(AwaitsInput());
+}
+
+TEST_F(ControlConnection, IsOverWhenThePeerLeavesItsAnswer)
+{
+    m_strAnswer = std::string(1000000, 'a');
+    Send("one\n");
+    EXPECT_TRUE(ServeAll());
+    m_fdPeer.Close();
+    EXPECT_FALSE(ServeAll());
+}

@@ -1,0 +1,441 @@
+// The control socket: what may be in its place, who may come, and peers that misbehave.
+#include "ControlSocket.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <vector>
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace
+{
+const std::string PATH = "/tmp/control-test.sock";
+
+sockaddr_un Address(const std::string& strPath)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+bool ConnectTo(int nFd, const std::string& strPath)
+{
+    const sockaddr_un address = Address(strPath);
+    return ::connect(nFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+// A socket file with a listener, or without one when the descriptor is closed.
+CFd BindAt(const std::string& strPath, int nType = SOCK_STREAM)
+{
+    CFd fd(::socket(AF_UNIX, nType | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = Address(strPath);
+    EXPECT_EQ(::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    if (nType == SOCK_STREAM)
+    {
+        EXPECT_EQ(::listen(fd.Get(), 1), 0);
+    }
+    return fd;
+}
+
+// Somebody who is connected to the socket.
+class CPeer
+{
+public:
+    CPeer() : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+    {
+        EXPECT_TRUE(ConnectTo(m_fd.Get(), PATH));
+    }
+
+    // Returns how much of it found room.
+    std::size_t Send(const std::string& strText)
+    {
+        const ssize_t nSent = ::send(m_fd.Get(), strText.data(), strText.size(), MSG_NOSIGNAL);
+        return nSent < 0 ? 0 : static_cast<std::size_t>(nSent);
+    }
+    // All that came so far.
+    const std::string& Text()
+    {
+        std::array<char, 65536> bytes;
+        ssize_t nRead = 0;
+        while ((nRead = ::recv(m_fd.Get(), bytes.data(), bytes.size(), 0)) > 0)
+        {
+            m_strText.append(bytes.data(), static_cast<std::size_t>(nRead));
+        }
+        m_bEnded = m_bEnded || nRead == 0 || errno == ECONNRESET;
+        return m_strText;
+    }
+    bool HasEnded()
+    {
+        Text();
+        return m_bEnded;
+    }
+    void EndSending() { ::shutdown(m_fd.Get(), SHUT_WR); }
+
+private:
+    CFd m_fd;
+    std::string m_strText;
+    bool m_bEnded = false;
+};
+
+class ControlSocket : public testing::Test
+{
+protected:
+    ControlSocket()
+    {
+        std::filesystem::remove_all(PATH);
+        std::string strError;
+        EXPECT_TRUE(m_poller.Create(strError)) << strError;
+        m_pSocket = NewSocket();
+    }
+    ~ControlSocket() override
+    {
+        m_pSocket.reset();
+        std::filesystem::remove_all(PATH);
+    }
+
+    std::unique_ptr<CControlSocket> NewSocket()
+    {
+        return std::make_unique<CControlSocket>(m_poller, [this](const std::string& strLine) {
+            m_vLines.push_back(strLine);
+            return m_strAnswer.empty() ? "got " + strLine : m_strAnswer;
+        });
+    }
+    void MustOpen()
+    {
+        std::string strError;
+        ASSERT_TRUE(m_pSocket->Open(PATH, strError)) << strError;
+    }
+    std::string ErrorOfOpen(const std::string& strPath = PATH)
+    {
+        std::string strError;
+        EXPECT_FALSE(NewSocket()->Open(strPath, strError));
+        return strError;
+    }
+    void Turns(int nTurns = 10)
+    {
+        std::string strError;
+        for (int nTurn = 0; nTurn < nTurns; ++nTurn)
+        {
+            ASSERT_TRUE(m_poller.Wait(0, strError)) << strError;
+        }
+    }
+    // Whether the loop has nothing to do.
+    bool IsQuiet()
+    {
+        const auto before = std::chrono::steady_clock::now();
+        std::string strError;
+        return m_poller.Wait(50, strError) &&
+               std::chrono::steady_clock::now() - before >= std::chrono::milliseconds(50);
+    }
+    static std::size_t OpenFiles()
+    {
+        const std::filesystem::directory_iterator files("/proc/self/fd");
+        return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+    }
+
+    CPoller m_poller;
+    std::vector<std::string> m_vLines;
+    std::string m_strAnswer; // empty: the line comes back
+    std::unique_ptr<CControlSocket> m_pSocket;
+};
+} // namespace
+
+TEST_F(ControlSocket, IsForItsUserAloneWhateverTheUmask)
+{
+    for (const mode_t nUmask : {0U, 0077U, 0777U})
+    {
+        const mode_t nFormer = ::umask(nUmask);
+        MustOpen();
+        EXPECT_EQ(::umask(nFormer), nUmask);
+        struct stat status = {};
+        ASSERT_EQ(::lstat(PATH.c_str(), &status), 0);
+        EXPECT_TRUE(S_ISSOCK(status.st_mode));
+        EXPECT_EQ(status.st_mode & 07777, 0600U);
+        m_pSocket = NewSocket();
+    }
+}
+
+TEST_F(ControlSocket, IsRemovedAtItsEnd)
+{
+    MustOpen();
+    m_pSocket.reset();
+    EXPECT_FALSE(std::filesystem::exists(PATH));
+}
+
+TEST_F(ControlSocket, LeavesAnotherFileInItsPlaceAlone)
+{
+    MustOpen();
+    std::filesystem::remove(PATH);
+    std::ofstream(PATH) << "mine";
+    m_pSocket.reset();
+    EXPECT_TRUE(std::filesystem::is_regular_file(PATH));
+}
+
+TEST_F(ControlSocket, ReplacesASocketThatNobodyListensTo)
+{
+    BindAt(PATH).Close();
+    ASSERT_TRUE(std::filesystem::is_socket(PATH));
+    MustOpen();
+    CPeer peer;
+    peer.Send("hello\n");
+    Turns();
+    EXPECT_EQ(peer.Text(), "got hello\n");
+}
+
+TEST_F(ControlSocket, LeavesASocketAloneThatSomebodyListensTo)
+{
+    const CFd fdOther = BindAt(PATH);
+    EXPECT_THAT(ErrorOfOpen(), HasSubstr("another program listens at \"/tmp/control-test.sock\""));
+    const CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    EXPECT_TRUE(ConnectTo(fd.Get(), PATH));
+}
+
+TEST_F(ControlSocket, LeavesASocketAloneWhoseListenerHasNoRoom)
+{
+    const CFd fdOther = BindAt(PATH);
+    std::vector<CFd> vWaiting;
+    do
+    {
+        vWaiting.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    } while (ConnectTo(vWaiting.back().Get(), PATH));
+    EXPECT_THAT(ErrorOfOpen(), HasSubstr("another program listens"));
+    EXPECT_TRUE(std::filesystem::is_socket(PATH));
+}
+
+TEST_F(ControlSocket, LeavesASocketOfAnotherTypeAlone)
+{
+    const CFd fdOther = BindAt(PATH, SOCK_DGRAM);
+    EXPECT_THAT(ErrorOfOpen(), HasSubstr("cannot replace"));
+    EXPECT_TRUE(std::filesystem::is_socket(PATH));
+}
+
+TEST_F(ControlSocket, LeavesFilesFoldersAndLinksAlone)
+{
+    std::ofstream(PATH) << "mine";
+    EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
+    EXPECT_EQ(std::filesystem::file_size(PATH), 4U);
+    std::filesystem::remove(PATH);
+
+    std::filesystem::create_directory(PATH);
+    EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
+    EXPECT_TRUE(std::filesystem::is_directory(PATH));
+    std::filesystem::remove(PATH);
+
+    std::filesystem::create_symlink("/tmp/elsewhere", PATH);
+    EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
+    EXPECT_TRUE(std::filesystem::is_symlink(PATH));
+    EXPECT_FALSE(std::filesystem::exists("/tmp/elsewhere"));
+}
+
+TEST_F(ControlSocket, SaysWhatIsWrongWithItsPath)
+{
+    EXPECT_THAT(ErrorOfOpen(""), HasSubstr("must have 1 to 107 bytes"));
+    EXPECT_THAT(ErrorOfOpen("/tmp/" + std::string(103, 'x')), HasSubstr("must have 1 to 107 bytes"));
+    EXPECT_THAT(ErrorOfOpen("/tmp/no/such/folder"), HasSubstr("No such file or directory"));
+    EXPECT_THAT(ErrorOfOpen("/proc/x"), HasSubstr("cannot create the socket \"/proc/x\""));
+}
+
+TEST_F(ControlSocket, SaysWhenItCannotListen)
+{
+    CPoller dead;
+    CControlSocket socket(dead, nullptr);
+    std::string strError;
+    EXPECT_FALSE(socket.Open(PATH, strError));
+    EXPECT_THAT(strError, HasSubstr("cannot listen at"));
+}
+
+TEST_F(ControlSocket, TurnsOtherUsersAway)
+{
+    if (::geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can be somebody else";
+    }
+    MustOpen();
+    ASSERT_EQ(::chmod(PATH.c_str(), 0666), 0);
+    const pid_t nChild = ::fork();
+    if (nChild == 0)
+    {
+        const CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        char c = 0;
+        if (::setuid(65534) != 0 || !ConnectTo(fd.Get(), PATH))
+        {
+            ::_exit(2);
+        }
+        ::send(fd.Get(), "hello\n", 6, MSG_NOSIGNAL);
+        ::_exit(::recv(fd.Get(), &c, 1, 0) > 0 ? 1 : 0);
+    }
+    int nStatus = 0;
+    std::string strError;
+    while (::waitpid(nChild, &nStatus, WNOHANG) == 0)
+    {
+        ASSERT_TRUE(m_poller.Wait(10, strError));
+    }
+    EXPECT_EQ(nStatus, 0);
+    EXPECT_THAT(m_vLines, IsEmpty());
+}
+
+TEST_F(ControlSocket, AnswersEachLineInOrder)
+{
+    MustOpen();
+    CPeer peer;
+    peer.Send("one\ntwo\n\nfour\n");
+    Turns();
+    EXPECT_EQ(peer.Text(), "got one\ngot two\ngot \ngot four\n");
+    peer.Send("five\n");
+    Turns();
+    EXPECT_THAT(peer.Text(), HasSubstr("got five\n"));
+    EXPECT_FALSE(peer.HasEnded());
+    EXPECT_TRUE(IsQuiet());
+}
+
+TEST_F(ControlSocket, TakesOneLineAtEachTurn)
+{
+    MustOpen();
+    CPeer peer;
+    Turns(1);
+    peer.Send("one\ntwo\nthree\n");
+    for (std::size_t nLines = 1; nLines <= 3; ++nLines)
+    {
+        Turns(1);
+        EXPECT_EQ(m_vLines.size(), nLines);
+    }
+}
+
+TEST_F(ControlSocket, ListensNoMoreToAPeerThatDoesNotTakeItsAnswers)
+{
+    MustOpen();
+    m_strAnswer = std::string(1000000, 'a');
+    CPeer deaf;
+    std::size_t nSent = 0;
+    for (int n = 0; n < 1000; ++n)
+    {
+        nSent += deaf.Send("0123456789abcdef0123456789abcde\n");
+        Turns(1);
+    }
+    EXPECT_EQ(m_vLines.size(), 1U);
+    EXPECT_TRUE(IsQuiet());
+
+    m_strAnswer.clear();
+    CPeer other;
+    other.Send("hello\n");
+    Turns();
+    EXPECT_EQ(other.Text(), "got hello\n");
+
+    const std::size_t nLines = nSent / 32;
+    while (m_vLines.size() < 1 + nLines)
+    {
+        ASSERT_FALSE(deaf.HasEnded());
+        Turns(1);
+    }
+    Turns();
+    EXPECT_EQ(deaf.Text().size(), 1000001 + (nLines - 1) * 36);
+}
+
+TEST_F(ControlSocket, ForgetsAPeerThatLeavesAtAnyPoint)
+{
+    MustOpen();
+    Turns();
+    const std::size_t nFiles = OpenFiles();
+    m_strAnswer = std::string(1000000, 'a');
+    const std::vector<std::function<void(CPeer&)>> vDeeds = {
+        [](CPeer&) {},
+        [](CPeer& peer) { peer.Send("hal"); },
+        [](CPeer& peer) { peer.Send("one\ntwo\n"); },
+        [](CPeer& peer) { peer.EndSending(); },
+        [](CPeer& peer) {
+            peer.Send("one\n");
+            peer.EndSending();
+        },
+    };
+    for (const auto& deed : vDeeds)
+    {
+        for (const int nTurns : {0, 1, 2, 10})
+        {
+            {
+                CPeer peer;
+                deed(peer);
+                Turns(nTurns);
+            }
+            Turns();
+            EXPECT_EQ(OpenFiles(), nFiles);
+        }
+    }
+    EXPECT_TRUE(IsQuiet());
+}
+
+TEST_F(ControlSocket, LetsNobodyBeKeptOutByPeersThatAreQuiet)
+{
+    MustOpen();
+    const std::size_t nFiles = OpenFiles();
+    std::vector<std::unique_ptr<CPeer>> vPeers;
+    for (std::size_t n = 0; n < CControlSocket::MAX_CONNECTIONS; ++n)
+    {
+        vPeers.push_back(std::make_unique<CPeer>());
+        Turns(1);
+    }
+    vPeers[0]->Send("busy\n");
+    Turns();
+    CPeer last;
+    last.Send("hello\n");
+    Turns();
+    EXPECT_EQ(last.Text(), "got hello\n");
+    EXPECT_FALSE(vPeers[0]->HasEnded());
+    EXPECT_TRUE(vPeers[1]->HasEnded());
+    EXPECT_FALSE(vPeers[2]->HasEnded());
+    const std::size_t nHere = CControlSocket::MAX_CONNECTIONS;
+    EXPECT_EQ(OpenFiles(), nFiles + nHere + vPeers.size() + 1);
+}
+
+TEST_F(ControlSocket, TurnsPeersAwayWhenItHasNoDescriptorForThem)
+{
+    MustOpen();
+    CPeer first;
+    Turns();
+    CPeer second;
+    rlimit former = {};
+    ::getrlimit(RLIMIT_NOFILE, &former);
+    std::vector<CFd> vAll;
+    const rlimit small = {64, former.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &small);
+    do
+    {
+        vAll.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    } while (vAll.back().IsOpen());
+    Turns();
+    EXPECT_TRUE(second.HasEnded());
+    EXPECT_TRUE(IsQuiet());
+    vAll.clear();
+    ::setrlimit(RLIMIT_NOFILE, &former);
+
+    CPeer third;
+    for (CPeer* pPeer : {&first, &third})
+    {
+        pPeer->Send("hello\n");
+        Turns();
+        EXPECT_EQ(pPeer->Text(), "got hello\n");
+    }
+}
+
+TEST_F(ControlSocket, HangsUpOnItsPeersAtItsEnd)
+{
+    MustOpen();
+    CPeer served;
+    Turns();
+    CPeer waiting;
+    m_pSocket.reset();
+    EXPECT_TRUE(served.HasEnded());
+    EXPECT_TRUE(waiting.HasEnded());
+}

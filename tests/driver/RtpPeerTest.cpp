@@ -1,0 +1,338 @@
+// RTP channels against GStreamer: what it receives is what was played, what it sends is what is recorded.
+#include "G711.h"
+#include "RtpChannel.h"
+#include "RtpTestSupport.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/timerfd.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+namespace
+{
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::seconds DEADLINE(30);
+
+CBytes ReadFile(const std::string& strPath)
+{
+    std::ifstream file(strPath, std::ios::binary);
+    return CBytes(std::istreambuf_iterator<char>(file), {});
+}
+
+// Part of the phrases that the tests play and record.
+CBytes Speech(std::size_t nSize)
+{
+    CBytes speech = ReadFile(ZELMEDIA_ASSETS "/phrases.ul");
+    EXPECT_GE(speech.size(), nSize);
+    speech.resize(nSize);
+    return speech;
+}
+
+CBytes Converted(CBytes bytes, const CG711Table& table)
+{
+    std::transform(bytes.begin(), bytes.end(), bytes.begin(), [&table](std::uint8_t n) { return table[n]; });
+    return bytes;
+}
+
+// A pipeline in a process of its own, killed if the test leaves it running.
+class CPipeline
+{
+public:
+    // The words of gst-launch-1.0 between blanks. Its standard input is what Feed writes.
+    explicit CPipeline(const std::string& strPipeline)
+    {
+        std::istringstream stream("gst-launch-1.0 -q -e " + strPipeline);
+        std::vector<std::string> vWords{std::istream_iterator<std::string>(stream), {}};
+        std::vector<char*> vArguments;
+        for (std::string& strWord : vWords)
+        {
+            vArguments.push_back(strWord.data());
+        }
+        vArguments.push_back(nullptr);
+        auto [fdRead, fdWrite] = Pipe();
+        auto [fdStarted, fdStarting] = Pipe();
+        m_fdInput = std::move(fdWrite);
+        m_nProcessID = ::fork();
+        if (m_nProcessID == 0)
+        {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::dup2(fdRead.Get(), STDIN_FILENO);
+            ::setenv("GST_REGISTRY", "/tmp/gst-registry.bin", 1);
+            ::execvp(vArguments[0], vArguments.data());
+            ::_exit(127);
+        }
+        // Until the program runs, the process has our sockets among its own.
+        fdStarting.Close();
+        char c = 0;
+        EXPECT_EQ(::read(fdStarted.Get(), &c, 1), 0);
+    }
+    CPipeline(const CPipeline&) = delete;
+    CPipeline& operator=(const CPipeline&) = delete;
+    ~CPipeline()
+    {
+        if (m_nProcessID > 0)
+        {
+            ::kill(m_nProcessID, SIGKILL);
+            ::waitpid(m_nProcessID, nullptr, 0);
+        }
+    }
+
+    void Feed(const CBytes& bytes)
+    {
+        EXPECT_EQ(::write(m_fdInput.Get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        m_fdInput.Close();
+    }
+
+    // Whether it runs; fails the test if it has ended otherwise than well.
+    bool IsRunning()
+    {
+        int nStatus = 0;
+        if (m_nProcessID > 0 && ::waitpid(m_nProcessID, &nStatus, WNOHANG) == m_nProcessID)
+        {
+            m_nProcessID = -1;
+            EXPECT_EQ(nStatus, 0) << "gst-launch-1.0 failed, or is not installed";
+        }
+        return m_nProcessID > 0;
+    }
+
+    // The address of its UDP socket, as soon as it has one.
+    CNetAddress WaitAddress()
+    {
+        const auto end = Clock::now() + DEADLINE;
+        std::uint16_t nPort = 0;
+        while (nPort == 0 && IsRunning() && Clock::now() < end)
+        {
+            ::poll(nullptr, 0, 5);
+            nPort = BoundPort();
+        }
+        EXPECT_NE(nPort, 0) << "gst-launch-1.0 opened no socket";
+        return Loopback(nPort);
+    }
+
+    // Ends the streams and waits for the end of the process.
+    void Finish()
+    {
+        const auto end = Clock::now() + DEADLINE;
+        ::kill(m_nProcessID, SIGINT);
+        while (IsRunning() && Clock::now() < end)
+        {
+            ::poll(nullptr, 0, 5);
+        }
+        EXPECT_EQ(m_nProcessID, -1);
+    }
+
+private:
+    static std::pair<CFd, CFd> Pipe()
+    {
+        int anFds[2] = {-1, -1};
+        EXPECT_EQ(::pipe2(anFds, O_CLOEXEC), 0);
+        return {CFd(anFds[0]), CFd(anFds[1])};
+    }
+
+    // Of its socket on 127.0.0.1 in the system's table, 0 while there is none.
+    std::uint16_t BoundPort() const
+    {
+        const std::string strProcess = "/proc/" + std::to_string(m_nProcessID);
+        std::ifstream table(strProcess + "/net/udp");
+        std::string strLine;
+        while (std::getline(table, strLine))
+        {
+            std::istringstream line(strLine);
+            const std::vector<std::string> vFields{std::istream_iterator<std::string>(line), {}};
+            if (vFields.size() > 9 && vFields[1].starts_with("0100007F:") &&
+                HasDescriptor(strProcess, "socket:[" + vFields[9] + "]"))
+            {
+                return static_cast<std::uint16_t>(std::stoul(vFields[1].substr(9), nullptr, 16));
+            }
+        }
+        return 0;
+    }
+
+    static bool HasDescriptor(const std::string& strProcess, const std::string& strTarget)
+    {
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(strProcess + "/fd", error))
+        {
+            if (std::filesystem::read_symlink(entry.path(), error) == strTarget)
+            {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    pid_t m_nProcessID = -1;
+    CFd m_fdInput;
+};
+
+// The names of a codec: ours, and those of the far end.
+struct CCodec
+{
+    ERtpCodec codec;
+    const char* pName;     // in pipelines
+    const char* pEncoding; // in stream descriptions
+    const char* pFormat;   // of raw audio
+
+    // Between µ-law and what is on the line.
+    CBytes ToLine(const CBytes& bytes) const
+    {
+        return codec == ERtpCodec::Pcma ? Converted(bytes, ULawToALaw()) : bytes;
+    }
+    CBytes FromLine(const CBytes& bytes) const
+    {
+        return codec == ERtpCodec::Pcma ? Converted(bytes, ALawToULaw()) : bytes;
+    }
+};
+
+void PrintTo(const CCodec& codec, std::ostream* pStream)
+{
+    *pStream << codec.pEncoding;
+}
+
+class RtpPeer : public testing::TestWithParam<CCodec>
+{
+protected:
+    RtpPeer() : m_fdTimer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)), m_pPort(m_ports.Open(Loopback(), m_strError))
+    {
+        EXPECT_TRUE(m_pPort) << m_strError;
+        const itimerspec times = {{0, 20'000'000}, {0, 20'000'000}};
+        EXPECT_EQ(::timerfd_settime(m_fdTimer.Get(), 0, &times, nullptr), 0);
+    }
+
+    void Open(const CNetAddress& remote)
+    {
+        CRtpRoute route;
+        route.local = m_pPort->Local();
+        route.remote = remote;
+        route.codec = GetParam().codec;
+        route.nJitterMs = 500; // the far end shares a busy machine with us
+        m_pChannel = CRtpChannel::Open(m_ports, route, m_strError);
+        ASSERT_TRUE(m_pChannel) << m_strError;
+    }
+
+    // The ticks that have become due since the last call, one at least.
+    void Tick(const std::function<void()>& work = [] {})
+    {
+        std::uint64_t ullDue = 0;
+        ASSERT_EQ(::read(m_fdTimer.Get(), &ullDue, sizeof ullDue), static_cast<ssize_t>(sizeof ullDue));
+        for (; ullDue > 0; --ullDue)
+        {
+            RunTick(m_ports, work);
+        }
+    }
+
+    void Play(const CBytes& samples)
+    {
+        std::span<const std::uint8_t> left = samples;
+        while (!left.empty() && !HasFatalFailure())
+        {
+            Tick([&] { left = left.subspan(m_pChannel->Hear(left.first(std::min(left.size(), RTP_SAMPLES)))); });
+        }
+        m_pChannel->FinishHearing([](bool bOk) { EXPECT_TRUE(bOk); });
+        Tick();
+    }
+
+    void RecordTick(CBytes& recorded)
+    {
+        Tick([&] {
+            CBytes samples(RTP_SAMPLES);
+            m_pChannel->Listen(samples);
+            recorded.insert(recorded.end(), samples.begin(), samples.end());
+        });
+    }
+
+    CFd m_fdTimer;
+    CRtpPorts m_ports;
+    std::string m_strError;
+    std::shared_ptr<CRtpPort> m_pPort;
+    std::unique_ptr<CRtpChannel> m_pChannel;
+};
+} // namespace
+
+TEST_P(RtpPeer, ReceivesEverySampleOfTwoPlays)
+{
+    const std::string strPath = "/tmp/received";
+    const CCodec& codec = GetParam();
+    CPipeline receiver(
+        std::string("udpsrc address=127.0.0.1 port=0 caps=application/x-rtp,media=audio,clock-rate=8000,") +
+        "encoding-name=" + codec.pEncoding + " ! rtpjitterbuffer ! rtp" + codec.pName +
+        "depay ! filesink buffer-mode=unbuffered location=" + strPath);
+    Open(receiver.WaitAddress());
+    ASSERT_FALSE(HasFailure());
+
+    const CBytes first = Speech(12282); // ends within a packet
+    const CBytes second = Speech(1600);
+    Play(first);
+    for (int n = 0; n < 5; ++n)
+    {
+        Tick();
+    }
+    Play(second);
+
+    const CBytes expected = codec.ToLine(first + CBytes(160 - first.size() % 160, 0xFF) + second);
+    std::error_code error;
+    const auto end = Clock::now() + DEADLINE;
+    while (std::filesystem::file_size(strPath, error) < expected.size() && receiver.IsRunning() && Clock::now() < end)
+    {
+        Tick();
+    }
+    receiver.Finish();
+    const CBytes received = ReadFile(strPath);
+    const auto itDifferent = std::mismatch(received.begin(), received.end(), expected.begin(), expected.end()).first;
+    EXPECT_TRUE(received == expected) << received.size() << " samples of " << expected.size()
+                                      << " received, right until " << itDifferent - received.begin();
+    EXPECT_EQ(m_ports.Counters().ullSent, expected.size() / 160);
+    std::filesystem::remove(strPath, error);
+}
+
+TEST_P(RtpPeer, IsRecordedSampleBySample)
+{
+    const CCodec& codec = GetParam();
+    CPipeline sender(std::string("fdsrc fd=0 blocksize=160 ! rawaudioparse use-sink-caps=false sample-rate=8000 "
+                                 "num-channels=1 format=") +
+                     codec.pFormat + " ! rtp" + codec.pName +
+                     "pay min-ptime=20000000 max-ptime=20000000 ! udpsink sync=true bind-address=127.0.0.1 "
+                     "host=127.0.0.1 port=" +
+                     std::to_string(m_pPort->Local().Port()));
+    Open(sender.WaitAddress());
+    m_pChannel->BeginListening([](bool bOk, const std::string&) { EXPECT_TRUE(bOk); });
+    ASSERT_FALSE(HasFailure());
+
+    const CBytes sent = codec.ToLine(Speech(20000));
+    sender.Feed(sent);
+    const CBytes expected = codec.FromLine(sent);
+    CBytes recorded;
+    const auto end = Clock::now() + DEADLINE;
+    while (sender.IsRunning() && Clock::now() < end && !HasFatalFailure())
+    {
+        RecordTick(recorded);
+    }
+    for (int n = 0; n < 50; ++n)
+    {
+        RecordTick(recorded); // what the jitter buffer holds
+    }
+
+    const auto itBegin = std::search(recorded.begin(), recorded.end(), expected.begin(), expected.end());
+    ASSERT_TRUE(itBegin != recorded.end())
+        << "late: " << m_ports.Counters().ullLate << ", lost: " << m_ports.Counters().ullLost
+        << ", received: " << m_ports.Counters().ullReceived;
+    const auto IsSilence = [](std::uint8_t n) { return n == ULAW_SILENCE; };
+    EXPECT_TRUE(std::all_of(recorded.begin(), itBegin, IsSilence));
+    EXPECT_TRUE(std::all_of(itBegin + static_cast<std::ptrdiff_t>(expected.size()), recorded.end(), IsSilence));
+    EXPECT_EQ(m_ports.Counters().ullReceived, sent.size() / 160);
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, RtpPeer,
+                         testing::Values(CCodec{ERtpCodec::Pcmu, "pcmu", "PCMU", "mulaw"},
+                                         CCodec{ERtpCodec::Pcma, "pcma", "PCMA", "alaw"}),
+                         [](const auto& codec) { return codec.param.pEncoding; });

@@ -1,0 +1,109 @@
+// What the tests of RTP share: a far end on the loopback, and packets made by hand.
+#ifndef RTP_TEST_SUPPORT_H
+#define RTP_TEST_SUPPORT_H
+
+#include "Fd.h"
+#include "NetAddress.h"
+#include "RtpPacket.h"
+#include "RtpPort.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+using CBytes = std::vector<std::uint8_t>;
+
+inline CBytes operator+(const CBytes& left, const CBytes& right)
+{
+    CBytes both = left;
+    both.insert(both.end(), right.begin(), right.end());
+    return both;
+}
+
+// A packet as it is on the line.
+inline CBytes RtpBytes(const CRtpHeader& header, const CBytes& payload)
+{
+    std::array<std::uint8_t, RTP_HEADER_SIZE> bytes{};
+    WriteRtpHeader(header, bytes);
+    return CBytes(bytes.begin(), bytes.end()) + payload;
+}
+
+inline CNetAddress Loopback(std::uint16_t nPort = 0)
+{
+    CNetAddress address = CNetAddress::Parse("127.0.0.1:1").value();
+    return address.WithPort(nPort);
+}
+
+// A UDP socket on a free port of the loopback.
+class CFarEnd
+{
+public:
+    CFarEnd() : m_fdSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+    {
+        const CNetAddress local = Loopback();
+        EXPECT_EQ(::bind(m_fdSocket.Get(), local.Get(), local.Size()), 0);
+        socklen_t nSize = CNetAddress::CAPACITY;
+        EXPECT_EQ(::getsockname(m_fdSocket.Get(), m_local.Get(), &nSize), 0);
+    }
+
+    const CNetAddress& Address() const { return m_local; }
+
+    void Send(const CBytes& bytes, const CNetAddress& to) const
+    {
+        EXPECT_EQ(::sendto(m_fdSocket.Get(), bytes.data(), bytes.size(), 0, to.Get(), to.Size()),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    // The next datagram that is here. On the loopback it is as soon as it is sent.
+    std::optional<CBytes> Receive() const
+    {
+        CBytes bytes(4096);
+        const ssize_t nSize = ::recv(m_fdSocket.Get(), bytes.data(), bytes.size(), 0);
+        if (nSize < 0)
+        {
+            return std::nullopt;
+        }
+        bytes.resize(static_cast<std::size_t>(nSize));
+        return bytes;
+    }
+
+    // All packets that are here.
+    struct CPacket
+    {
+        CRtpHeader header;
+        CBytes payload;
+    };
+    std::vector<CPacket> ReceivePackets() const
+    {
+        std::vector<CPacket> vPackets;
+        while (const std::optional<CBytes> bytes = Receive())
+        {
+            const std::optional<CRtpPacket> packet = ParseRtpPacket(*bytes);
+            EXPECT_TRUE(packet);
+            if (packet)
+            {
+                vPackets.push_back({packet->header, {packet->payload.begin(), packet->payload.end()}});
+            }
+        }
+        return vPackets;
+    }
+
+private:
+    CFd m_fdSocket;
+    CNetAddress m_local;
+};
+
+// A tick of the clock in which the function does its work.
+inline void RunTick(
+    CRtpPorts& ports, const std::function<void()>& work = [] {})
+{
+    ports.BeforeTick();
+    work();
+    ports.AfterTick();
+}
+
+#endif
