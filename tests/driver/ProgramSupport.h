@@ -24,6 +24,7 @@ public:
     // Waits for the line that scripts wait for.
     bool WaitReady();
     void Signal(int nSignal);
+    pid_t ProcessID() const { return m_nProcessID; }
 
     // Waits for its end. The exit code, or minus the signal that killed it.
     std::optional<int> WaitExit();
