@@ -38,14 +38,14 @@ std::optional<CChannelRoute> CChannelTable::Find(const std::string& strCallID, s
         CChannelRoute route = entry.m_route;
         if (CRtpRoute* pRtp = std::get_if<CRtpRoute>(&route))
         {
-            const auto local = PortOfLeg(pRtp->local, entry.m_nLocalPortStep, nLegID, strError);
-            const auto remote = PortOfLeg(pRtp->remote, entry.m_nRemotePortStep, nLegID, strError);
+            const auto local = PortOfLeg(pRtp->m_local, entry.m_nLocalPortStep, nLegID, strError);
+            const auto remote = PortOfLeg(pRtp->m_remote, entry.m_nRemotePortStep, nLegID, strError);
             if (!local || !remote)
             {
                 return std::nullopt;
             }
-            pRtp->local = *local;
-            pRtp->remote = *remote;
+            pRtp->m_local = *local;
+            pRtp->m_remote = *remote;
         }
         return route;
     }

@@ -10,9 +10,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <initializer_list>
+#include <set>
 #include <stdexcept>
 
 using nlohmann::json;
@@ -68,6 +68,32 @@ std::optional<std::string> ReadText(const std::string& strPath, std::string& str
     }
     strText.resize(nDone);
     return strText;
+}
+
+// The library itself would take the last of keys that are given twice.
+json ParseJson(std::string_view text)
+{
+    std::vector<std::set<std::string>> vKeys; // of each open object
+    std::size_t nEntry = 0;
+    const auto Check = [&](int, json::parse_event_t event, json& value) {
+        if (event == json::parse_event_t::object_start)
+        {
+            vKeys.emplace_back();
+            nEntry += vKeys.size() == 2 ? 1 : 0;
+        }
+        else if (event == json::parse_event_t::object_end)
+        {
+            vKeys.pop_back();
+        }
+        else if (event == json::parse_event_t::key && !vKeys.back().insert(value.get<std::string>()).second)
+        {
+            const std::string strWhere = vKeys.size() > 1 ? fmt::format("entry {}: ", nEntry) : "";
+            throw CTableError(
+                fmt::format("{}key \"{}\" is given twice", strWhere, Printable(value.get<std::string>())));
+        }
+        return true;
+    };
+    return json::parse(text, Check);
 }
 
 void RefuseOtherKeys(const json& object, std::initializer_list<std::string_view> known)
@@ -127,19 +153,19 @@ ERtpCodec Codec(const json& entry)
 CRtpRoute RtpRoute(const json& entry)
 {
     CRtpRoute route;
-    route.local = Address(entry, "local");
-    route.remote = Address(entry, "remote");
-    if (route.local.Family() != route.remote.Family())
+    route.m_local = Address(entry, "local");
+    route.m_remote = Address(entry, "remote");
+    if (route.m_local.Family() != route.m_remote.Family())
     {
         throw CTableError("\"local\" and \"remote\" must both be IPv4 or both be IPv6");
     }
     if (entry.contains("codec"))
     {
-        route.codec = Codec(entry);
+        route.m_eCodec = Codec(entry);
     }
     if (entry.contains("jitterMs"))
     {
-        route.nJitterMs = static_cast<int>(Number(entry, "jitterMs", MAX_JITTER_MS));
+        route.m_nJitterMs = static_cast<int>(Number(entry, "jitterMs", MAX_JITTER_MS));
     }
     return route;
 }
@@ -226,7 +252,7 @@ std::optional<CChannelTable> CChannelTable::Parse(std::string_view text, const s
 {
     try
     {
-        return CChannelTableReader::Table(json::parse(text));
+        return CChannelTableReader::Table(ParseJson(text));
     }
     catch (const json::exception& error)
     {

@@ -66,7 +66,9 @@ void CClipStore::Open(const std::string& strPath, const CIdentity* pKnown, COpen
         {
             opening.m_strError =
                 fmt::format("\"{}\" is no audio file that can be read: {}", Printable(strPath), strReason);
+            return;
         }
+        opening.m_pClip = std::make_shared<CClip>(strPath, opening.m_pReader->MaxSamples());
     }
     catch (const std::exception& exception)
     {
@@ -90,7 +92,7 @@ void CClipStore::OnOpened(const std::string& strPath, std::size_t nPosition, con
         return;
     }
     const auto pDecoding = std::make_shared<CDecoding>();
-    pDecoding->m_pClip = std::make_shared<CClip>(strPath, opening.m_pReader->MaxSamples());
+    pDecoding->m_pClip = std::move(opening.m_pClip);
     pDecoding->m_pReader = std::move(opening.m_pReader);
     pDecoding->m_vWaiters.push_back({nPosition, std::move(done)});
     std::erase_if(m_mapEntryByPath, [](const auto& item) { return item.second.m_pClip.expired(); });

@@ -56,6 +56,7 @@ private:
         CIdentity m_identity;
         bool m_bUnchanged = false; // the clip that is in memory is still right
         std::unique_ptr<CAudioReader> m_pReader;
+        std::shared_ptr<CClip> m_pClip;
         std::string m_strError;
     };
     struct CWaiter

@@ -22,7 +22,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t MAX_ANSWER = 256U << 20U;
-constexpr int MAX_DEPTH = 16;
+constexpr int MAX_DEPTH = 16; // printing is recursive
 
 int Fail(int nExitCode, const std::string& strError)
 {
@@ -129,12 +129,14 @@ bool ReceiveLine(int nFd, std::string& strLine, Clock::time_point limit)
 int PrintAnswer(const std::string& strAnswer)
 {
     using nlohmann::ordered_json;
-    const auto isShallow = [](int nDepth, ordered_json::parse_event_t, const ordered_json&) {
-        return nDepth <= MAX_DEPTH;
+    bool bDeep = false;
+    const auto isShallow = [&bDeep](int nDepth, ordered_json::parse_event_t, const ordered_json&) {
+        bDeep = bDeep || nDepth > MAX_DEPTH;
+        return !bDeep;
     };
     const ordered_json answer = ordered_json::parse(strAnswer, isShallow, false);
     const auto itOk = answer.is_object() ? answer.find("ok") : answer.end();
-    if (itOk == answer.end() || !itOk->is_boolean())
+    if (bDeep || itOk == answer.end() || !itOk->is_boolean())
     {
         return Fail(1, "the answer is none of a driver");
     }

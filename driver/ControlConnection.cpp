@@ -25,7 +25,7 @@ bool CControlConnection::Serve(const RequestFunction& request)
         return false;
     }
     Answer(request);
-    return Flush() && (!m_bEnded || HasLine() || !m_strOut.empty());
+    return Flush() && (!m_bEnded || !m_strOut.empty());
 }
 
 std::uint32_t CControlConnection::AwaitedEvents() const

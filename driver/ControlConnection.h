@@ -38,7 +38,7 @@ private:
     CFd m_fd;
     std::string m_strIn;
     std::string m_strOut;  // what the peer has not taken yet
-    bool m_bEnded = false; // nothing more is read
+    bool m_bEnded = false; // nothing more is read, and no whole line is left
 };
 
 #endif

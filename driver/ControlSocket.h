@@ -12,8 +12,6 @@
 #include <memory>
 #include <string>
 
-inline constexpr const char* DEFAULT_CONTROL_SOCKET = "/tmp/zelmedia-driver.sock";
-
 // Serves its user and root alone. It takes one request of a connection at each turn of the loop, so
 // that no number of requests keeps the loop from its other work.
 class CControlSocket

@@ -185,6 +185,9 @@ CStatistics CDriver::Statistics() const
     }
     now.m_nClips = m_clipStore.Count();
     now.m_nClipBytes = m_clipStore.Samples();
+    now.m_nRtpPorts = m_rtpPorts.Count();
+    statistics.m_rtp = m_rtpPorts.Counters();
+    statistics.m_ullRubbishBytes = m_requestPipe.RubbishBytes();
     return statistics;
 }
 

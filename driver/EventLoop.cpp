@@ -89,7 +89,13 @@ bool CEventLoop::Create(std::string& strError)
 
 bool CEventLoop::AddInput(int nFd, std::function<void()> ready, std::string& strError)
 {
-    m_vInputs.push_back(m_poller.Watch(nFd, EPOLLIN, [ready = std::move(ready)](std::uint32_t) { ready(); }));
+    m_vInputs.push_back(m_poller.Watch(nFd, EPOLLIN, [this, ready = std::move(ready)](std::uint32_t) {
+        // It may have been reported together with what froze the loop.
+        if (!m_bFrozen)
+        {
+            ready();
+        }
+    }));
     if (!m_vInputs.back().IsOn())
     {
         strError = "cannot set up the event loop: " + ErrnoText(errno);
@@ -172,6 +178,11 @@ void CEventLoop::ArmTick()
     {
         return;
     }
+    SetTick(bOn);
+}
+
+void CEventLoop::SetTick(bool bOn)
+{
     m_bTickArmed = bOn;
     itimerspec time = {};
     if (bOn)
@@ -210,6 +221,7 @@ void CEventLoop::Freeze(std::optional<milliseconds> time, std::function<void()> 
     m_bFrozen = true;
     m_thawAt = time ? std::optional(m_clock.Now() + *time) : std::nullopt;
     m_thawed = std::move(thawed);
+    SetTick(false); // to be armed anew when it has thawed
     for (CPoller::CWatch& watch : m_vInputs)
     {
         watch.SetEvents(0);
@@ -225,7 +237,6 @@ void CEventLoop::Thaw()
     }
     m_bFrozen = false;
     m_thawAt.reset();
-    m_bTickArmed = false; // to be armed anew, from now on
     for (CPoller::CWatch& watch : m_vInputs)
     {
         watch.SetEvents(EPOLLIN);

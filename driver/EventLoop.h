@@ -52,6 +52,7 @@ private:
     int WaitTime(bool bBusy) const;
     void OnSignal(const CDuties& duties);
     void ArmTick();
+    void SetTick(bool bOn);
     void Move();
     void TickRealTime();
 

@@ -69,12 +69,12 @@ void CJitterBuffer::Release(void* pSlot)
 
 void CJitterBuffer::Put(const CRtpHeader& header, std::span<const std::uint8_t> payload)
 {
-    if (m_bSourceKnown && header.nSource != m_nSource)
+    if (m_bSourceKnown && header.m_nSource != m_nSource)
     {
         Restart();
     }
     m_bSourceKnown = true;
-    m_nSource = header.nSource;
+    m_nSource = header.m_nSource;
 
     CRtpHeader block = header;
     while (!payload.empty())
@@ -82,7 +82,7 @@ void CJitterBuffer::Put(const CRtpHeader& header, std::span<const std::uint8_t> 
         const std::size_t nCount = std::min(payload.size(), RTP_SAMPLES);
         PutBlock(block, payload.first(nCount));
         payload = payload.subspan(nCount);
-        block.nTimestamp += static_cast<std::uint32_t>(nCount);
+        block.m_nTimestamp += static_cast<std::uint32_t>(nCount);
     }
 }
 
@@ -93,8 +93,8 @@ void CJitterBuffer::PutBlock(const CRtpHeader& header, std::span<const std::uint
     if (m_bInSync)
     {
         const auto nNow = static_cast<std::uint32_t>(jitter_buffer_get_pointer_timestamp(m_pJitter.get()));
-        const std::int32_t nBehind = Difference(nNow, header.nTimestamp + static_cast<std::uint32_t>(samples.size()));
-        m_counters.ullLate += nBehind >= 0 ? 1 : 0;
+        const std::int32_t nBehind = Difference(nNow, header.m_nTimestamp + static_cast<std::uint32_t>(samples.size()));
+        m_counters.m_ullLate += nBehind >= 0 ? 1 : 0;
         if (nBehind > MAX_DELAY_GROWTH)
         {
             return;
@@ -109,9 +109,9 @@ void CJitterBuffer::PutBlock(const CRtpHeader& header, std::span<const std::uint
     JitterBufferPacket packet{};
     packet.data = reinterpret_cast<char*>(pSlot);
     packet.len = static_cast<spx_uint32_t>(samples.size());
-    packet.timestamp = header.nTimestamp;
+    packet.timestamp = header.m_nTimestamp;
     packet.span = packet.len;
-    packet.sequence = header.nSequence;
+    packet.sequence = header.m_nSequence;
     jitter_buffer_put(m_pJitter.get(), &packet);
     if (!bTaken)
     {
@@ -166,7 +166,7 @@ void CJitterBuffer::Fetch(std::size_t nWanted)
     const int nResult = jitter_buffer_get(m_pJitter.get(), &packet, static_cast<spx_int32_t>(nWanted), &nOffset);
     if (nResult == JITTER_BUFFER_OK)
     {
-        m_counters.ullLost += std::exchange(m_ullGaps, 0);
+        m_counters.m_ullLost += std::exchange(m_ullGaps, 0);
         m_nMissesInARow = 0;
         m_pPlaying = reinterpret_cast<CSlot*>(packet.data);
         m_playingLeft = std::span(m_pPlaying->m_samples).first(packet.len);

@@ -15,11 +15,11 @@
 
 struct JitterBuffer_; // libspeexdsp
 
-// Samples are µ-law. Packets of any length may come in any order and more than once. Of a packet that is lost, or that
-// comes after its time, silence is what remains, so that the stream keeps its timing; while there is
-// none the stream is silent as well. When packets come late more often than now and then the buffer
-// delays the stream further, which puts silence into it once. It never leaves samples out to catch up.
-// 200 packets can wait, or parts of 160 samples of longer ones; then the oldest is dropped.
+// Samples are µ-law. Packets of any length may come in any order and more than once. Of a packet that
+// is lost, or that comes after its time, silence is what remains, so that the stream keeps its timing;
+// while none come the stream is silent as well. When packets come late more often than now and then the
+// buffer delays the stream further, which puts silence into it once. It never leaves samples out to
+// catch up. 200 packets can wait, or parts of 160 samples of longer ones; then the oldest is dropped.
 //
 // Put and Get neither block, lock nor allocate. About 45 KiB.
 class CJitterBuffer

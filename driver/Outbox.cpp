@@ -1,6 +1,8 @@
 // What goes out to clients: responses and events, bent as the fault rules say.
 #include "Outbox.h"
 
+#include <utility>
+
 COutbox::COutbox(CClientRegistry& registry, CFaultRules& faults, CTimerQueue& timers, CStatistics& statistics)
     : m_registry(registry), m_faults(faults), m_timers(timers), m_statistics(statistics)
 {
@@ -21,6 +23,16 @@ void COutbox::Respond(int nConnectID, const structMIRSP& rsp, const CFaultAction
             Send(nConnectID, sent);
         }
     }
+}
+
+void COutbox::AfterResponse(const CFaultAction& action, std::function<void()> function)
+{
+    if (action.m_delay.count() > 0)
+    {
+        m_timers.After(action.m_delay, std::move(function)); // behind the answer, which has the same time
+        return;
+    }
+    function();
 }
 
 void COutbox::Send(int nConnectID, const structMIRSP& rsp)

@@ -7,6 +7,7 @@
 #include "Statistics.h"
 #include "TimerQueue.h"
 
+#include <functional>
 #include <string>
 
 class COutbox
@@ -17,6 +18,9 @@ public:
     // Sends a response to the client, if it is still there: at once, later, twice or not at all. Drops the
     // client when its pipe is broken. What a full pipe does not take is lost.
     void Respond(int nConnectID, const structMIRSP& rsp, const CFaultAction& action);
+
+    // Calls the function once Respond has sent the answer of the same action, or would have.
+    void AfterResponse(const CFaultAction& action, std::function<void()> function);
 
     // Queues the event of a play or recording on a stream of the given call id.
     void Event(int nConnectID, bool bRecord, const std::string& strCallID, structMIEVT evt);

@@ -9,7 +9,7 @@
 namespace
 {
 constexpr std::size_t RECORD = sizeof(structMICMD);
-constexpr std::uint32_t SEQUENCE_WINDOW = 4096;
+constexpr std::uint32_t LIKELY_NUMBERS = 64;
 
 template <class TWord> TWord WordAt(const unsigned char* pBytes)
 {
@@ -35,11 +35,6 @@ bool NamesPipes(const unsigned char* pRecord)
 
 CRequestFramer::CRequestFramer(LatestFunction latest) : m_latest(std::move(latest)), m_vBuffer(BUFFER_BYTES) {}
 
-bool CRequestFramer::IsNext(std::uint32_t nLatest, std::uint32_t nSequenceNo)
-{
-    return nSequenceNo - nLatest - 1 < SEQUENCE_WINDOW;
-}
-
 std::span<unsigned char> CRequestFramer::Room()
 {
     if (m_nBegin > 0)
@@ -60,22 +55,19 @@ bool CRequestFramer::Next(structMICMD& cmd)
 {
     while (Waiting() >= RECORD)
     {
-        const ELook eLook = Look(m_nBegin);
-        if (eLook != ELook::Certain)
+        std::size_t nAhead = 0;
+        const ELook eBest = FindBest(nAhead);
+        if (eBest != ELook::Expected && !m_bAll && Waiting() < 2 * RECORD - 1)
         {
-            const std::size_t nCertain = NextCertain();
-            if (nCertain == RECORD && !m_bAll && Waiting() < 2 * RECORD - 1)
-            {
-                return false; // a certain one may yet turn out to begin in here
-            }
-            if (nCertain < RECORD || eLook == ELook::Rubbish)
-            {
-                Drop(nCertain);
-                continue;
-            }
+            return false; // a better one may yet turn out to begin within these bytes
         }
-        Take(cmd);
-        return true;
+        if (eBest != ELook::Rubbish)
+        {
+            Drop(nAhead);
+            Take(cmd);
+            return true;
+        }
+        Drop(RECORD);
     }
     if (m_bAll)
     {
@@ -98,33 +90,46 @@ std::size_t CRequestFramer::TakeRubbish()
 CRequestFramer::ELook CRequestFramer::Look(std::size_t nPosition) const
 {
     const unsigned char* pRecord = m_vBuffer.data() + nPosition;
-    const bool bCommand = IsCommandAt(pRecord);
     if (WordAt<std::int32_t>(pRecord) == MICMD_CONNECT)
     {
-        return NamesPipes(pRecord) ? ELook::Certain : ELook::Possible;
+        return NamesPipes(pRecord) ? ELook::Expected : ELook::Possible;
     }
+    const bool bCommand = IsCommandAt(pRecord);
     const auto nLatest = m_latest(WordAt<std::int32_t>(pRecord + offsetof(structMICMD, nConnectID)));
-    const auto nSequenceNo = WordAt<std::uint32_t>(pRecord + offsetof(structMICMD, nSequenceNo));
-    if (bCommand && nLatest && IsNext(*nLatest, nSequenceNo))
+    if (!nLatest)
     {
-        return ELook::Certain;
+        return bCommand ? ELook::Possible : ELook::Rubbish;
     }
-    return bCommand || nLatest ? ELook::Possible : ELook::Rubbish;
+    const auto nSequenceNo = WordAt<std::uint32_t>(pRecord + offsetof(structMICMD, nSequenceNo));
+    if (nSequenceNo == *nLatest + 1)
+    {
+        return bCommand ? ELook::Expected : ELook::Possible;
+    }
+    // Counted from the latest, for numbers begin again after the largest.
+    return bCommand && nSequenceNo - *nLatest - 1 < LIKELY_NUMBERS ? ELook::Likely : ELook::Rubbish;
 }
 
-// How far ahead the first certain request begins. The size of a record when none begins within the one here.
-std::size_t CRequestFramer::NextCertain() const
+// The best look of a record that begins within the one here, this included, and how far ahead the first such
+// one is. A possible one can only be here.
+CRequestFramer::ELook CRequestFramer::FindBest(std::size_t& nAhead) const
 {
+    nAhead = 0;
+    ELook eBest = Look(m_nBegin);
     const std::size_t nLast = std::min(RECORD - 1, Waiting() - RECORD);
-    for (std::size_t nAhead = 1; nAhead <= nLast; ++nAhead)
+    for (std::size_t n = 1; n <= nLast && eBest != ELook::Expected; ++n)
     {
-        const std::size_t nPosition = m_nBegin + nAhead;
-        if (IsCommandAt(m_vBuffer.data() + nPosition) && Look(nPosition) == ELook::Certain)
+        if (!IsCommandAt(m_vBuffer.data() + m_nBegin + n))
         {
-            return nAhead;
+            continue;
+        }
+        const ELook eLook = Look(m_nBegin + n);
+        if (eLook > std::max(eBest, ELook::Possible))
+        {
+            eBest = eLook;
+            nAhead = n;
         }
     }
-    return RECORD;
+    return eBest;
 }
 
 void CRequestFramer::Take(structMICMD& cmd)

@@ -13,24 +13,25 @@
 
 // The pipe has no marks between requests, but clients write them whole. So a request is never mixed with
 // other bytes, though any number of other bytes may come before it. It is known by its looks:
-//   certain   a connect request that names two pipes of the fixed prefixes, or a command of a live client
-//             with its next number (see IsNext);
-//   possible  anything else that has the id of a live client or the code of a command;
-//   rubbish   all the rest.
-// A certain request is never lost, whatever is before it. A possible one is given out where the one before
-// it ended, unless a certain one begins inside: others are to refuse it with its reason.
+//   expected  a connect request that names two pipes of the fixed prefixes, or a command of a live client
+//             with the number after its latest;
+//   likely    a command of a live client with another of the next 64 numbers: some of its requests may
+//             have been lost;
+//   possible  a command of a client that is not there, a connect request with other names, or the next
+//             number of a live client with a code that is no command's;
+//   rubbish   all the rest. Numbers of live clients that are none of the next are left unanswered, because
+//             an answer that it does not wait for disturbs a client.
+// Where the last request ended the next one begins, unless one that looks better begins inside it. No
+// rubbish before it hides an expected one, and that is what clients send. A possible one is given out only
+// where the last one ended, so that it can be refused with its reason.
 class CRequestFramer
 {
 public:
-    // The number of the latest request that came from a client: of its connect request, and then of each
-    // one that IsNext, whatever became of it. Other numbers must not count, or rubbish would make more
-    // rubbish certain. None when no live client has the id.
+    // The number of the latest request that was given out of a client, its connect request at first; none
+    // when no live client has the id.
     using LatestFunction = std::function<std::optional<std::uint32_t>(int nConnectID)>;
 
     static constexpr std::size_t BUFFER_BYTES = 65536;
-
-    // Whether a number is one of the 4096 after the latest one. Numbers begin again after the largest.
-    static bool IsNext(std::uint32_t nLatest, std::uint32_t nSequenceNo);
 
     explicit CRequestFramer(LatestFunction latest);
 
@@ -53,13 +54,14 @@ public:
 private:
     enum class ELook
     {
-        Certain,
+        Rubbish,
         Possible,
-        Rubbish
+        Likely,
+        Expected
     };
 
     ELook Look(std::size_t nPosition) const;
-    std::size_t NextCertain() const;
+    ELook FindBest(std::size_t& nAhead) const;
     void Take(structMICMD& cmd);
     void Drop(std::size_t nBytes);
 

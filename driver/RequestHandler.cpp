@@ -82,7 +82,7 @@ void CRequestHandler::Handle(const structMICMD& cmd)
     m_parts.m_statistics.OnRequest(cmd.s_micmd);
     if (cmd.s_micmd == MICMD_CONNECT)
     {
-        Connect(cmd);
+        Connect({cmd, std::nullopt});
         return;
     }
     CClient* pClient = m_parts.m_registry.Find(cmd.nConnectID);
@@ -111,6 +111,12 @@ void CRequestHandler::Freeze(bool bOn)
     if (bOn)
     {
         return;
+    }
+    std::deque<CClient::CRequest> connects;
+    connects.swap(m_connects);
+    for (CClient::CRequest& request : connects)
+    {
+        Connect(std::move(request)); // which may freeze it again
     }
     std::vector<int> vConnectIDs;
     for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
@@ -209,26 +215,43 @@ std::string CRequestHandler::CallIDOf(const CClient& client, const structMICMD& 
     return pStream ? pStream->CallID() : strCallID;
 }
 
-void CRequestHandler::Connect(const structMICMD& cmd)
+void CRequestHandler::Connect(CClient::CRequest request)
 {
-    const CFaultAction action = m_parts.m_faults.OnCommand(MICMD_CONNECT, {});
-    if (action.m_bDie)
+    if (!m_bFrozen && !request.m_action)
     {
-        m_hooks.m_die();
+        request.m_action = m_parts.m_faults.OnCommand(MICMD_CONNECT, {});
+        if (request.m_action->m_bDie)
+        {
+            m_hooks.m_die();
+            return;
+        }
+        if (request.m_action->m_bFreeze)
+        {
+            m_hooks.m_freeze(request.m_action->m_freezeFor);
+        }
+    }
+    if (m_bFrozen && m_connects.size() < CClient::MAX_WAITING_REQUESTS)
+    {
+        m_connects.push_back(std::move(request));
         return;
     }
-    if (action.m_bFreeze)
-    {
-        m_hooks.m_freeze(action.m_freezeFor);
-    }
+    m_bFrozen ? DropConnect(request.m_cmd, "too many wait") : AddClient(request.m_cmd, *request.m_action);
+}
+
+void CRequestHandler::DropConnect(const structMICMD& cmd, const std::string& strError)
+{
+    ++m_parts.m_statistics.m_ullDropped;
+    m_strangers.Warn("dropped MICMD_CONNECT, sequence {}: {}", cmd.nSequenceNo, strError);
+}
+
+void CRequestHandler::AddClient(const structMICMD& cmd, const CFaultAction& action)
+{
     std::string strError;
     std::unique_ptr<CClientPort> pPort = m_parts.m_opener.Open(cmd.connect, strError);
     CClient* pClient = pPort ? m_parts.m_registry.Add(std::move(pPort)) : nullptr;
     if (pClient == nullptr)
     {
-        ++m_parts.m_statistics.m_ullDropped;
-        m_strangers.Warn("dropped MICMD_CONNECT, sequence {}: {}", cmd.nSequenceNo,
-                         strError.empty() ? "no further client can be watched" : strError);
+        DropConnect(cmd, strError.empty() ? "no further client can be watched" : strError);
         return;
     }
     pClient->m_nLatestSequenceNo = cmd.nSequenceNo;
@@ -244,7 +267,8 @@ void CRequestHandler::Connect(const structMICMD& cmd)
     }
     if (action.m_bRefuse || action.m_bDropClient)
     {
-        m_parts.m_registry.Drop(nConnectID, "a fault rule says so");
+        m_parts.m_outbox.AfterResponse(
+            action, [this, nConnectID] { m_parts.m_registry.Drop(nConnectID, "a fault rule says so"); });
     }
 }
 
@@ -273,7 +297,8 @@ void CRequestHandler::Answer(const CReply& reply, const structMIRSP& rsp)
     m_parts.m_outbox.Respond(reply.m_nConnectID, rsp, reply.m_action);
     if (reply.m_micmd == MICMD_DISCONNECT)
     {
-        m_parts.m_registry.Disconnect(reply.m_nConnectID);
+        m_parts.m_outbox.AfterResponse(
+            reply.m_action, [this, nConnectID = reply.m_nConnectID] { m_parts.m_registry.Disconnect(nConnectID); });
     }
     Run(*pClient);
 }

@@ -12,6 +12,7 @@
 #include "Statistics.h"
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
@@ -101,7 +102,9 @@ private:
     void Execute(CClient& client, CClient::CRequest request);
     bool ActOnFault(CClient& client, CClient::CRequest& request);
     std::string CallIDOf(const CClient& client, const structMICMD& cmd) const;
-    void Connect(const structMICMD& cmd);
+    void Connect(CClient::CRequest request);
+    void AddClient(const structMICMD& cmd, const CFaultAction& action);
+    void DropConnect(const structMICMD& cmd, const std::string& strError);
     void Answer(const CReply& reply, const structMIRSP& rsp);
     void Refuse(const CReply& reply, const std::string& strError);
 
@@ -129,6 +132,7 @@ private:
     const CParts m_parts;
     const CHooks m_hooks;
     bool m_bFrozen = false;
+    std::deque<CClient::CRequest> m_connects; // came while it was frozen
     std::uint64_t m_ullNextTicket = 1;
     int m_nNextFileID = 1;
     int m_nNextStreamID = 1;

@@ -207,6 +207,7 @@ bool CRequestPipe::Next(structMICMD& cmd)
     if (nRubbish > 0)
     {
         m_nRubbishInTurn += nRubbish;
+        m_ullRubbish += nRubbish;
         m_rubbishLog.Warn("dropped {} bytes out of {} that are no request", nRubbish, PIPE_PATH);
     }
     return bFound;

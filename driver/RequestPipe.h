@@ -8,6 +8,7 @@
 #include "RequestFramer.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 class CRequestPipe
@@ -38,6 +39,9 @@ public:
     // was dropped since it was last false is enough work for one turn of the loop.
     bool Read(structMICMD& cmd);
 
+    // Bytes that were no request, since the beginning.
+    std::uint64_t RubbishBytes() const { return m_ullRubbish; }
+
 private:
     bool Lock(std::string& strError);
     bool OpenLockFile(std::string& strError);
@@ -51,6 +55,7 @@ private:
     CRequestFramer m_framer;
     CLogLimiter& m_rubbishLog;
     std::size_t m_nRubbishInTurn = 0;
+    std::uint64_t m_ullRubbish = 0;
 };
 
 #endif

@@ -20,30 +20,30 @@ void Convert(std::span<const std::uint8_t> samples, const CG711Table& table, std
 
 std::unique_ptr<CRtpChannel> CRtpChannel::Open(CRtpPorts& ports, const CRtpRoute& route, std::string& strError)
 {
-    std::shared_ptr<CRtpPort> pPort = ports.Open(route.local, strError);
+    std::shared_ptr<CRtpPort> pPort = ports.Open(route.m_local, strError);
     if (!pPort)
     {
         return nullptr;
     }
     std::unique_ptr<CRtpChannel> pChannel(new CRtpChannel(ports, pPort, route));
-    pChannel->m_bJoined = pPort->Join(route.remote, *pChannel);
+    pChannel->m_bJoined = pPort->Join(route.m_remote, *pChannel);
     if (!pChannel->m_bJoined)
     {
-        strError = fmt::format("another channel is open between {} and {}", pPort->Local().Text(), route.remote.Text());
+        strError = fmt::format("another channel is open between {} and {}", pPort->Local().Text(), route.m_remote.Text());
         return nullptr;
     }
     return pChannel;
 }
 
 CRtpChannel::CRtpChannel(CRtpPorts& ports, std::shared_ptr<CRtpPort> pPort, const CRtpRoute& route)
-    : m_ports(ports), m_pPort(std::move(pPort)), m_remote(route.remote), m_codec(route.codec),
-      m_nJitterMs(route.nJitterMs)
+    : m_ports(ports), m_pPort(std::move(pPort)), m_remote(route.m_remote), m_eCodec(route.m_eCodec),
+      m_nJitterMs(route.m_nJitterMs)
 {
     std::random_device random;
-    m_header.nPayloadType = static_cast<std::uint8_t>(m_codec);
-    m_header.nSequence = static_cast<std::uint16_t>(random());
-    m_header.nTimestamp = random();
-    m_header.nSource = random();
+    m_header.m_nPayloadType = static_cast<std::uint8_t>(m_eCodec);
+    m_header.m_nSequence = static_cast<std::uint16_t>(random());
+    m_header.m_nTimestamp = random();
+    m_header.m_nSource = random();
 }
 
 CRtpChannel::~CRtpChannel()
@@ -56,7 +56,7 @@ CRtpChannel::~CRtpChannel()
 
 std::size_t CRtpChannel::Hear(std::span<const std::uint8_t> samples)
 {
-    if (m_bSent && m_ullSentTick == m_ports.Tick())
+    if (samples.empty() || (m_bSent && m_ullSentTick == m_ports.Tick()))
     {
         return 0;
     }
@@ -87,21 +87,21 @@ void CRtpChannel::FinishHearing(FinishFunction done)
 void CRtpChannel::BeginPacket()
 {
     const std::uint64_t ullPause = m_bSent ? m_ports.Tick() - m_ullSentTick - 1 : 0;
-    m_header.bMarker = !m_bSent || ullPause > 0;
-    m_header.nTimestamp += static_cast<std::uint32_t>(ullPause * RTP_SAMPLES);
+    m_header.m_bMarker = !m_bSent || ullPause > 0;
+    m_header.m_nTimestamp += static_cast<std::uint32_t>(ullPause * RTP_SAMPLES);
 }
 
 void CRtpChannel::SendPacket()
 {
     const std::span packet(m_packet);
     WriteRtpHeader(m_header, packet.first<RTP_HEADER_SIZE>());
-    if (m_codec == ERtpCodec::Pcma)
+    if (m_eCodec == ERtpCodec::Pcma)
     {
         Convert(packet.subspan<RTP_HEADER_SIZE>(), ULawToALaw(), m_packet.begin() + RTP_HEADER_SIZE);
     }
     m_pPort->Send(packet, m_remote);
-    ++m_header.nSequence;
-    m_header.nTimestamp += RTP_SAMPLES;
+    ++m_header.m_nSequence;
+    m_header.m_nTimestamp += RTP_SAMPLES;
     m_nSamples = 0;
     m_bSent = true;
     m_ullSentTick = m_ports.Tick();
@@ -133,22 +133,22 @@ void CRtpChannel::EndListening()
 void CRtpChannel::OnRtp(const CRtpPacket& packet)
 {
     CRtpCounters& counters = m_ports.Counters();
-    if (packet.header.nPayloadType != static_cast<std::uint8_t>(m_codec))
+    if (packet.m_header.m_nPayloadType != static_cast<std::uint8_t>(m_eCodec))
     {
-        ++counters.ullOtherPayloads;
+        ++counters.m_ullOtherPayloads;
         return;
     }
-    ++counters.ullReceived;
+    ++counters.m_ullReceived;
     if (!m_pJitterBuffer)
     {
         return;
     }
-    if (m_codec == ERtpCodec::Pcmu)
+    if (m_eCodec == ERtpCodec::Pcmu)
     {
-        m_pJitterBuffer->Put(packet.header, packet.payload);
+        m_pJitterBuffer->Put(packet.m_header, packet.m_payload);
         return;
     }
     std::array<std::uint8_t, RTP_MAX_DATAGRAM> converted;
-    Convert(packet.payload, ALawToULaw(), converted.begin());
-    m_pJitterBuffer->Put(packet.header, std::span(converted).first(packet.payload.size()));
+    Convert(packet.m_payload, ALawToULaw(), converted.begin());
+    m_pJitterBuffer->Put(packet.m_header, std::span(converted).first(packet.m_payload.size()));
 }

@@ -15,10 +15,10 @@
 // How an RTP channel is set up.
 struct CRtpRoute
 {
-    CNetAddress local;
-    CNetAddress remote;
-    ERtpCodec codec = ERtpCodec::Pcmu;
-    int nJitterMs = 60; // by which recordings are behind, so that packets may be late by as much
+    CNetAddress m_local;
+    CNetAddress m_remote;
+    ERtpCodec m_eCodec = ERtpCodec::Pcmu;
+    int m_nJitterMs = 60; // by which recordings are behind, so that packets may be late by as much
 };
 
 // Sends while something plays, and nothing else. A play that ends within a packet is filled up with
@@ -59,7 +59,7 @@ private:
     CRtpPorts& m_ports;
     const std::shared_ptr<CRtpPort> m_pPort;
     const CNetAddress m_remote;
-    const ERtpCodec m_codec;
+    const ERtpCodec m_eCodec;
     const int m_nJitterMs;
     bool m_bJoined = false;
 

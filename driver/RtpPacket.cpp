@@ -59,10 +59,10 @@ bool DropPadding(std::span<const std::uint8_t>& bytes)
 void WriteRtpHeader(const CRtpHeader& header, std::span<std::uint8_t, RTP_HEADER_SIZE> bytes)
 {
     bytes[0] = VERSION;
-    bytes[1] = static_cast<std::uint8_t>((header.bMarker ? MARKER : 0) | header.nPayloadType);
-    PutBigEndian(bytes.subspan<2, 2>(), header.nSequence);
-    PutBigEndian(bytes.subspan<4, 4>(), header.nTimestamp);
-    PutBigEndian(bytes.subspan<8, 4>(), header.nSource);
+    bytes[1] = static_cast<std::uint8_t>((header.m_bMarker ? MARKER : 0) | header.m_nPayloadType);
+    PutBigEndian(bytes.subspan<2, 2>(), header.m_nSequence);
+    PutBigEndian(bytes.subspan<4, 4>(), header.m_nTimestamp);
+    PutBigEndian(bytes.subspan<8, 4>(), header.m_nSource);
 }
 
 std::optional<CRtpPacket> ParseRtpPacket(std::span<const std::uint8_t> bytes)
@@ -72,16 +72,16 @@ std::optional<CRtpPacket> ParseRtpPacket(std::span<const std::uint8_t> bytes)
         return std::nullopt;
     }
     CRtpPacket packet;
-    packet.header.bMarker = (bytes[1] & MARKER) != 0;
-    packet.header.nPayloadType = static_cast<std::uint8_t>(bytes[1] & ~MARKER);
-    packet.header.nSequence = static_cast<std::uint16_t>(BigEndian(bytes.subspan(2, 2)));
-    packet.header.nTimestamp = BigEndian(bytes.subspan(4, 4));
-    packet.header.nSource = BigEndian(bytes.subspan(8, 4));
+    packet.m_header.m_bMarker = (bytes[1] & MARKER) != 0;
+    packet.m_header.m_nPayloadType = static_cast<std::uint8_t>(bytes[1] & ~MARKER);
+    packet.m_header.m_nSequence = static_cast<std::uint16_t>(BigEndian(bytes.subspan(2, 2)));
+    packet.m_header.m_nTimestamp = BigEndian(bytes.subspan(4, 4));
+    packet.m_header.m_nSource = BigEndian(bytes.subspan(8, 4));
 
-    packet.payload = bytes.subspan(RTP_HEADER_SIZE);
-    if (!Skip(packet.payload, 4 * (bytes[0] & SOURCE_COUNT_MASK)) ||
-        ((bytes[0] & EXTENSION) != 0 && !SkipExtension(packet.payload)) ||
-        ((bytes[0] & PADDING) != 0 && !DropPadding(packet.payload)))
+    packet.m_payload = bytes.subspan(RTP_HEADER_SIZE);
+    if (!Skip(packet.m_payload, 4 * (bytes[0] & SOURCE_COUNT_MASK)) ||
+        ((bytes[0] & EXTENSION) != 0 && !SkipExtension(packet.m_payload)) ||
+        ((bytes[0] & PADDING) != 0 && !DropPadding(packet.m_payload)))
     {
         return std::nullopt;
     }

@@ -21,18 +21,18 @@ enum class ERtpCodec : std::uint8_t
 
 struct CRtpHeader
 {
-    bool bMarker = false;
-    std::uint8_t nPayloadType = 0;
-    std::uint16_t nSequence = 0;
-    std::uint32_t nTimestamp = 0;
-    std::uint32_t nSource = 0; // SSRC
+    bool m_bMarker = false;
+    std::uint8_t m_nPayloadType = 0;
+    std::uint16_t m_nSequence = 0;
+    std::uint32_t m_nTimestamp = 0;
+    std::uint32_t m_nSource = 0; // SSRC
 };
 
 // A packet that came in. The payload is part of the bytes that were parsed.
 struct CRtpPacket
 {
-    CRtpHeader header;
-    std::span<const std::uint8_t> payload;
+    CRtpHeader m_header;
+    std::span<const std::uint8_t> m_payload;
 };
 
 void WriteRtpHeader(const CRtpHeader& header, std::span<std::uint8_t, RTP_HEADER_SIZE> bytes);

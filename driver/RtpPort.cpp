@@ -75,6 +75,7 @@ CRtpPort::CReceiveBatch::CReceiveBatch()
 CRtpPort::CRtpPort(CRtpPorts& ports, CFd fdSocket, const CNetAddress& local)
     : m_ports(ports), m_fdSocket(std::move(fdSocket)), m_local(local)
 {
+    m_mapReceivers.rehash(1); // most ports have one receiver, for which the default is generous
     GrowSendBatch();
 }
 
@@ -141,17 +142,17 @@ void CRtpPort::Flush()
                                      static_cast<unsigned>(m_nOutgoing - nDone), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (nSent > 0)
         {
-            counters.ullSent += static_cast<std::uint64_t>(nSent);
+            counters.m_ullSent += static_cast<std::uint64_t>(nSent);
             nDone += static_cast<std::size_t>(nSent);
         }
         else if (errno == EAGAIN || errno == ENOBUFS)
         {
-            counters.ullSendErrors += m_nOutgoing - nDone; // no room for the others either
+            counters.m_ullSendErrors += m_nOutgoing - nDone; // no room for the others either
             break;
         }
         else if (errno != EINTR)
         {
-            ++counters.ullSendErrors; // the first of them only
+            ++counters.m_ullSendErrors; // the first of them only
             ++nDone;
         }
     }
@@ -168,7 +169,7 @@ void CRtpPort::Receive(CReceiveBatch& batch)
             ::recvmmsg(m_fdSocket.Get(), batch.m_headers.data(), static_cast<unsigned>(nWanted), MSG_DONTWAIT, nullptr);
         if (nReceived <= 0)
         {
-            m_ports.Counters().ullReceiveErrors += nReceived < 0 && errno != EAGAIN && errno != EINTR ? 1 : 0;
+            m_ports.Counters().m_ullReceiveErrors += nReceived < 0 && errno != EAGAIN && errno != EINTR ? 1 : 0;
             return;
         }
         const auto nCount = static_cast<std::size_t>(nReceived);
@@ -193,13 +194,13 @@ void CRtpPort::Dispatch(std::span<const std::uint8_t> bytes, const CNetAddress& 
     const auto it = m_mapReceivers.find(from);
     if (it == m_mapReceivers.end())
     {
-        ++m_ports.Counters().ullStrangers;
+        ++m_ports.Counters().m_ullStrangers;
         return;
     }
     const std::optional<CRtpPacket> packet = ParseRtpPacket(bytes);
     if (!packet)
     {
-        ++m_ports.Counters().ullMalformed;
+        ++m_ports.Counters().m_ullMalformed;
         return;
     }
     it->second->OnRtp(*packet);

@@ -42,7 +42,6 @@ public:
 
     // With the port that the system has chosen when it was opened with port 0.
     const CNetAddress& Local() const { return m_local; }
-    const CRtpPorts& Ports() const { return m_ports; }
 
     // From now on packets from the remote address go to the receiver. False if there is one for it.
     // Not during the tick. A receiver leaves before it is destroyed.
@@ -94,7 +93,6 @@ public:
     std::shared_ptr<CRtpPort> Open(const CNetAddress& local, std::string& strError);
 
     // While there is a port, what arrives is to be taken out of it.
-    // While a port is open: what nobody wants to hear is taken from its socket too.
     bool NeedsTicks() const override { return !m_mapPorts.empty(); }
     void BeforeTick() override;
     void AfterTick() override;

@@ -3,6 +3,7 @@
 #define DRIVER_STATISTICS_H
 
 #include "MediaProtocol.h"
+#include "RtpCounters.h"
 
 #include <nlohmann/json.hpp>
 
@@ -52,7 +53,6 @@ struct CStatistics
     std::array<std::uint64_t, MICMD_RECORDGETSTATUS + 1> m_vRequests = {}; // by code; 0: no command
     std::uint64_t m_ullRefused = 0;                                        // answered with a refusal
     std::uint64_t m_ullDropped = 0;                                        // of nobody who could be answered
-    std::uint64_t m_ullRubbishBytes = 0;                                   // in the request pipe, no record
     std::uint64_t m_ullResponsesSent = 0;
     std::uint64_t m_ullResponsesLost = 0; // the pipe was full or gone
     std::uint64_t m_ullEventsSent = 0;
@@ -62,7 +62,9 @@ struct CStatistics
     CTimeHistogram m_tickLateness;
     CTimeHistogram m_tickDuration;
 
-    // How it is now: filled when somebody asks.
+    // Counted elsewhere, and how it is now: filled when somebody asks.
+    std::uint64_t m_ullRubbishBytes = 0; // in the request pipe, no record
+    CRtpCounters m_rtp;
     struct CNow
     {
         std::size_t m_nClients = 0;
@@ -72,6 +74,7 @@ struct CStatistics
         std::size_t m_nWaitingEvents = 0;
         std::size_t m_nClips = 0;
         std::size_t m_nClipBytes = 0;
+        std::size_t m_nRtpPorts = 0;
     };
     CNow m_now;
 };

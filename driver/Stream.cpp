@@ -15,6 +15,8 @@ namespace
 // A WAV file counts its bytes in 32 bits, and the recorded time in milliseconds must fit into an int.
 constexpr std::uint64_t MAX_RECORD_SAMPLES = 0x7FFF0000;
 
+constexpr const char* HANGUP_TEXT = "the caller has hung up";
+
 const char* DoneText(int32_t nStatus)
 {
     switch (nStatus)
@@ -77,7 +79,8 @@ void CStream::StartRecord(const std::string& strPath, std::uint32_t nMaxSamples,
         [pWeak = weak_from_this(), done = std::move(done)](bool bOk, const std::string& strError) mutable {
             if (const auto pThis = pWeak.lock())
             {
-                bOk ? pThis->OpenRecordFile(std::move(done)) : pThis->AbandonRecord(strError, done);
+                bOk && !pThis->m_bHungUp ? pThis->OpenRecordFile(std::move(done))
+                                         : pThis->AbandonRecord(bOk ? HANGUP_TEXT : strError, done);
             }
         });
 }
@@ -92,6 +95,7 @@ void CStream::OpenRecordFile(StartFunction done)
                          {
                              pThis->BeginRecord(pSink);
                              done(true, {});
+                             pThis->EndRecordIfDue();
                              return;
                          }
                          if (pSink)
@@ -100,7 +104,7 @@ void CStream::OpenRecordFile(StartFunction done)
                          }
                          if (pThis)
                          {
-                             pThis->AbandonRecord(pSink ? "the caller has hung up"
+                             pThis->AbandonRecord(pSink ? HANGUP_TEXT
                                                         : fmt::format("\"{}\" cannot be written: {}",
                                                                       Printable(pThis->m_record->m_strPath), strError),
                                                   done);
@@ -111,8 +115,10 @@ void CStream::OpenRecordFile(StartFunction done)
 void CStream::AbandonRecord(const std::string& strError, const StartFunction& done)
 {
     m_pChannel->EndListening();
+    const CRecord record = std::move(*m_record);
     m_record.reset();
     done(false, strError);
+    CallAll(record.m_vWaiters);
 }
 
 void CStream::BeginRecord(std::shared_ptr<CAudioSink> pSink)
@@ -123,6 +129,14 @@ void CStream::BeginRecord(std::shared_ptr<CAudioSink> pSink)
     m_ullRecorded = 0;
     m_eRecordStatus = ERecordStatus::Recording;
     UpdateClock();
+}
+
+void CStream::EndRecordIfDue()
+{
+    if (m_record && m_record->m_nEndStatus)
+    {
+        EndRecord(*m_record->m_nEndStatus);
+    }
 }
 
 void CStream::CancelPlay(DoneFunction done)
@@ -247,10 +261,7 @@ void CStream::Settle()
     {
         EndPlay(*m_play->m_nEndStatus);
     }
-    if (m_record && m_record->m_nEndStatus)
-    {
-        EndRecord(*m_record->m_nEndStatus);
-    }
+    EndRecordIfDue();
 }
 
 void CStream::EndPlay(int32_t nStatus)
@@ -288,6 +299,10 @@ void CStream::EndRecord(int32_t nStatus)
         return;
     }
     m_record->m_nEndStatus = nStatus;
+    if (!m_record->m_pSink)
+    {
+        return; // it ends as soon as its file is open
+    }
     m_record->m_bFinishing = true;
     UpdateClock();
     m_pChannel->EndListening();

@@ -128,6 +128,7 @@ private:
     std::size_t AdvanceRecord(std::size_t nSamples);
     void EndPlay(int32_t nStatus);
     void EndRecord(int32_t nStatus);
+    void EndRecordIfDue();
     void OnPlayFinished(bool bOk);
     void OnRecordFinished(bool bOk);
     bool IsMoving() const;

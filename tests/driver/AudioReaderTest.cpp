@@ -110,42 +110,6 @@ double ToneAmplitude(const std::vector<short>& vShorts, double dHertz)
 }
 } // namespace
 
-TEST(G711, EncodesEveryDecodedByteToItself)
-{
-    const CTempFolder folder;
-    CSamples all(256);
-    for (std::size_t n = 0; n < all.size(); ++n)
-    {
-        all[n] = static_cast<std::uint8_t>(n);
-    }
-    const std::vector<short> vLinear = Linear(folder, all);
-    for (std::size_t n = 0; n < all.size(); ++n)
-    {
-        // Negative zero is the one value that has no linear form of its own.
-        EXPECT_EQ(EncodeULaw(vLinear[n]), n == 0x7F ? 0xFF : n);
-    }
-}
-
-TEST(G711, EncodesEverySampleToTheNearestStepOrItsNeighbour)
-{
-    const CTempFolder folder;
-    CSamples all(256);
-    for (std::size_t n = 0; n < all.size(); ++n)
-    {
-        all[n] = static_cast<std::uint8_t>(n);
-    }
-    const std::vector<short> vLinear = Linear(folder, all);
-    const std::set<int> steps(vLinear.begin(), vLinear.end());
-    for (int nSample = -32768; nSample <= 32767; ++nSample)
-    {
-        const int nDecoded = vLinear[EncodeULaw(static_cast<std::int16_t>(nSample))];
-        const auto itAbove = steps.lower_bound(nSample);
-        const int nAbove = itAbove == steps.end() ? *steps.rbegin() : *itAbove;
-        const int nBelow = itAbove == steps.begin() ? *steps.begin() : *std::prev(itAbove);
-        ASSERT_TRUE(nDecoded == nAbove || nDecoded == nBelow) << nSample << " became " << nDecoded;
-    }
-}
-
 TEST(AudioReader, TakesULawWavByteForByte)
 {
     const CTempFolder folder;

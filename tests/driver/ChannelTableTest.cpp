@@ -46,7 +46,7 @@ std::string Find(const CChannelTable& table, const std::string& strCallID, std::
     }
     if (const CRtpRoute* pRtp = std::get_if<CRtpRoute>(&*route))
     {
-        return pRtp->local.Text() + " " + pRtp->remote.Text();
+        return pRtp->m_local.Text() + " " + pRtp->m_remote.Text();
     }
     return std::holds_alternative<CFileRoute>(*route) ? "file" : "null";
 }
@@ -133,11 +133,11 @@ TEST(ChannelTable, ReadsAllOfAnRtpEntry)
                            "'jitterMs': 100}, {'call': 'u', " +
                            RTP + ", 'codec': 'pcmu'}, {'call': 'd', " + RTP + "}"));
     EXPECT_EQ(Find(table, "a", 1), "[::1]:1 [::2]:2");
-    EXPECT_EQ(FindRtp(table, "a").codec, ERtpCodec::Pcma);
-    EXPECT_EQ(FindRtp(table, "a").nJitterMs, 100);
-    EXPECT_EQ(FindRtp(table, "u").codec, ERtpCodec::Pcmu);
-    EXPECT_EQ(FindRtp(table, "d").codec, ERtpCodec::Pcmu);
-    EXPECT_EQ(FindRtp(table, "d").nJitterMs, 60);
+    EXPECT_EQ(FindRtp(table, "a").m_eCodec, ERtpCodec::Pcma);
+    EXPECT_EQ(FindRtp(table, "a").m_nJitterMs, 100);
+    EXPECT_EQ(FindRtp(table, "u").m_eCodec, ERtpCodec::Pcmu);
+    EXPECT_EQ(FindRtp(table, "d").m_eCodec, ERtpCodec::Pcmu);
+    EXPECT_EQ(FindRtp(table, "d").m_nJitterMs, 60);
 }
 
 TEST(ChannelTable, SaysWhereItIsNoJson)
@@ -157,6 +157,13 @@ TEST(ChannelTable, RefusesOtherShapes)
     EXPECT_EQ(ParseError("{\"channels\": {}}"), "\"table\": \"channels\" must be a list with an entry at least");
     EXPECT_EQ(ParseError("{\"channels\": [], \"x\": 1}"), "\"table\": unknown key \"x\"");
     EXPECT_EQ(ParseError(Channels("1")), "\"table\": entry 1: must be an object");
+}
+
+TEST(ChannelTable, RefusesKeysThatAreGivenTwice)
+{
+    EXPECT_EQ(ParseError("{\"channels\": [], \"channels\": []}"), "\"table\": key \"channels\" is given twice");
+    EXPECT_EQ(ParseError(Channels("{'call': 'x', 'type': 'null'}, {'call': 'x', 'type': 'null', 'call': 'y'}")),
+              "\"table\": entry 2: key \"call\" is given twice");
 }
 
 TEST(ChannelTable, SaysWhichEntryIsWrongAndWhy)

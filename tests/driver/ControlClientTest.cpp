@@ -229,8 +229,8 @@ TEST(ControlClient, PrintsTheAnswerOfADriverThatDoesNotReadOn)
 TEST(ControlClient, TakesNothingButAnAnswerForAnAnswer)
 {
     const std::string strDeep = std::string(2000000, '[') + std::string(2000000, ']');
-    for (const std::string& strAnswer :
-         {std::string("hello"), std::string("{}"), std::string("[]"), std::string("{\"ok\":1}"), strDeep})
+    for (const std::string& strAnswer : {std::string("hello"), std::string("{}"), std::string("[]"),
+                                         std::string("{\"ok\":1}"), strDeep, "{\"ok\":true,\"x\":" + strDeep + "}"})
     {
         const COutcome outcome = OnAnswer({strAnswer, "\n"});
         EXPECT_EQ(outcome.m_nExitCode, 1);

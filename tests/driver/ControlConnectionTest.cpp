@@ -26,8 +26,8 @@ protected:
 
     void Send(const std::string& strText)
     {
-        const int nBytes = 1 << 20;
-        ::setsockopt(m_fdPeer.Get(), SOL_SOCKET, SO_SNDBUFFORCE, &nBytes, sizeof(nBytes));
+        const int nBytes = 1 << 18;
+        ::setsockopt(m_fdPeer.Get(), SOL_SOCKET, SO_SNDBUF, &nBytes, sizeof(nBytes));
         ASSERT_EQ(::send(m_fdPeer.Get(), strText.data(), strText.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(strText.size()));
     }

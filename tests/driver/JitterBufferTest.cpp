@@ -6,6 +6,8 @@
 
 namespace
 {
+using bytes::operator+;
+
 constexpr std::uint8_t SILENT = 0xFF;
 
 // Packet n holds n in each sample.
@@ -21,9 +23,9 @@ protected:
     void Put(int nPacket, std::size_t nSize = RTP_SAMPLES)
     {
         CRtpHeader header;
-        header.nSequence = static_cast<std::uint16_t>(nPacket);
-        header.nTimestamp = m_nFirst + static_cast<std::uint32_t>(nPacket) * static_cast<std::uint32_t>(nSize);
-        header.nSource = m_nSource;
+        header.m_nSequence = static_cast<std::uint16_t>(nPacket);
+        header.m_nTimestamp = m_nFirst + static_cast<std::uint32_t>(nPacket) * static_cast<std::uint32_t>(nSize);
+        header.m_nSource = m_nSource;
         m_pBuffer->Put(header, CBytes(nSize, static_cast<std::uint8_t>(nPacket)));
     }
 
@@ -54,7 +56,7 @@ TEST_F(JitterBuffer, IsSilentWhileNothingComes)
     {
         ASSERT_EQ(Get(), Silence());
     }
-    EXPECT_EQ(m_counters.ullLost, 0U);
+    EXPECT_EQ(m_counters.m_ullLost, 0U);
 }
 
 TEST_F(JitterBuffer, GivesAStreamAsItCameWithoutDelay)
@@ -101,7 +103,7 @@ TEST_F(JitterBuffer, GivesDuplicatesOnce)
         ASSERT_EQ(Get(), Packet(n));
         Put(n);
     }
-    EXPECT_EQ(m_counters.ullLost, 0U);
+    EXPECT_EQ(m_counters.m_ullLost, 0U);
 }
 
 TEST_F(JitterBuffer, IsSilentForALostPacketAndKeepsTheTiming)
@@ -117,8 +119,8 @@ TEST_F(JitterBuffer, IsSilentForALostPacketAndKeepsTheTiming)
         const int nDue = n - 1;
         ASSERT_EQ(Get(), nDue < 0 || nDue % 10 == 5 ? Silence() : Packet(nDue)) << n;
     }
-    EXPECT_EQ(m_counters.ullLost, 10U);
-    EXPECT_EQ(m_counters.ullLate, 0U);
+    EXPECT_EQ(m_counters.m_ullLost, 10U);
+    EXPECT_EQ(m_counters.m_ullLate, 0U);
 }
 
 TEST_F(JitterBuffer, TakesPacketsOfAnyLength)
@@ -183,6 +185,39 @@ TEST_F(JitterBuffer, BeginsAnewWithAnotherSource)
     EXPECT_EQ(Get(), Packet(2));
 }
 
+TEST_F(JitterBuffer, LeavesTheRestOfAPacketWhenTheSourceChanges)
+{
+    Create(0);
+    Put(0);
+    EXPECT_EQ(Get(80), Packet(0, 80));
+    m_nSource = 8;
+    Put(2);
+    Put(3);
+    EXPECT_EQ(Get(), Packet(2));
+    EXPECT_EQ(Get(), Packet(3));
+}
+
+TEST_F(JitterBuffer, GivesTheRestOfAPacketThatOverlapsWithTheLast)
+{
+    Create(0);
+    Put(0);
+    m_nFirst -= 80;
+    Put(1);
+    Put(2);
+    EXPECT_EQ(Get(), Packet(0));
+    EXPECT_EQ(Get(), Packet(1, 80) + Packet(2, 80));
+}
+
+TEST_F(JitterBuffer, IsSilentForPartOfATick)
+{
+    Create(0);
+    Put(0);
+    m_nFirst += 80;
+    Put(1);
+    EXPECT_EQ(Get(), Packet(0));
+    EXPECT_EQ(Get(), Silence(80) + Packet(1, 80));
+}
+
 TEST_F(JitterBuffer, GoesOnAfterAPauseWithTheSameDelay)
 {
     Create(RTP_SAMPLES);
@@ -194,7 +229,7 @@ TEST_F(JitterBuffer, GoesOnAfterAPauseWithTheSameDelay)
     }
     Put(51);
     EXPECT_EQ(Get(2 * RTP_SAMPLES), Silence() + Packet(51));
-    EXPECT_EQ(m_counters.ullLost, 0U);
+    EXPECT_EQ(m_counters.m_ullLost, 0U);
 }
 
 TEST_F(JitterBuffer, GoesOnAfterTimestampsHaveJumped)
@@ -228,10 +263,30 @@ TEST_F(JitterBuffer, CountsAndDropsWhatComesTooLate)
         Get();
     }
     Put(50);
-    EXPECT_EQ(m_counters.ullLate, 1U);
-    EXPECT_EQ(m_counters.ullLost, 1U);
+    EXPECT_EQ(m_counters.m_ullLate, 1U);
+    EXPECT_EQ(m_counters.m_ullLost, 1U);
     Put(100);
     EXPECT_EQ(Get(), Packet(100));
+}
+
+TEST_F(JitterBuffer, OutlivesAnyNumberOfLatePackets)
+{
+    Create(0);
+    for (int n = 100; n < 150; ++n)
+    {
+        Put(n);
+        ASSERT_EQ(Get(), Packet(n));
+    }
+    for (int n = 0; n < 1000; ++n)
+    {
+        Put(140);
+    }
+    for (int n = 150; n < 300; ++n)
+    {
+        Put(n);
+        ASSERT_EQ(Get(), Packet(n));
+    }
+    EXPECT_EQ(m_counters.m_ullLate, 1000U);
 }
 
 TEST_F(JitterBuffer, WaitsLongerWhenPacketsAreLateOften)
@@ -265,9 +320,9 @@ TEST_F(JitterBuffer, SurvivesAnyPackets)
         {
             CRtpHeader header;
             const std::uint64_t ullSpread = random() % 4 == 0 ? UINT32_MAX : 1 + random() % 100000;
-            header.nTimestamp =
+            header.m_nTimestamp =
                 static_cast<std::uint32_t>(static_cast<unsigned>(n) * RTP_SAMPLES + random() % ullSpread);
-            header.nSource = random() % 1000 == 0 ? 1 : 0;
+            header.m_nSource = random() % 1000 == 0 ? 1 : 0;
             m_pBuffer->Put(header, CBytes(random() % 8 == 0 ? random() % 1400 : random() % 200, 1));
             if (random() % 2 == 0)
             {

@@ -58,9 +58,9 @@ protected:
     {
         ASSERT_EQ(::write(nFd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
-    static CSamples Ping(std::uint32_t nSequenceNo)
+    static CSamples Ping(std::uint32_t nSequenceNo, int nConnectID = 1)
     {
-        const structMICMD cmd = Command(MICMD_PING, 1, nSequenceNo);
+        const structMICMD cmd = Command(MICMD_PING, nConnectID, nSequenceNo);
         const auto* pBytes = reinterpret_cast<const std::uint8_t*>(&cmd);
         return {pBytes, pBytes + sizeof(cmd)};
     }
@@ -149,12 +149,12 @@ TEST_F(RequestPipe, GivesOutRecordsInOrderAndThenNone)
     structMICMD cmd;
     EXPECT_FALSE(pPipe->Read(cmd));
     const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
-    for (std::uint32_t n = 1; n <= 3; ++n)
+    for (std::uint32_t n = 101; n <= 103; ++n)
     {
         const structMICMD sent = Command(MICMD_PING, 1, n);
         ASSERT_EQ(::write(fdClient.Get(), &sent, sizeof(sent)), 280);
     }
-    for (std::uint32_t n = 1; n <= 3; ++n)
+    for (std::uint32_t n = 101; n <= 103; ++n)
     {
         ASSERT_TRUE(pPipe->Read(cmd));
         EXPECT_EQ(cmd.nSequenceNo, n);
@@ -235,9 +235,9 @@ TEST_F(RequestPipe, LeavesNothingBehindThatFillsItsBufferExactly)
 {
     const auto pPipe = MustOpen();
     const CFd fdClient(::open(PATH, O_WRONLY | O_NONBLOCK));
-    // The last bytes are a request with an old number: it is given out once nothing can come behind it.
-    const CSamples old = Ping(7);
-    const CSamples bytes = Noise(16) + Ping(101) + CSamples(232 * 280) + old;
+    // The last bytes are a request of an unknown client: it is given out once nothing can come behind it.
+    const CSamples stranger = Ping(7, 77);
+    const CSamples bytes = Noise(16) + Ping(101) + CSamples(232 * 280) + stranger;
     ASSERT_EQ(bytes.size(), CRequestFramer::BUFFER_BYTES);
     Write(fdClient.Get(), bytes);
     structMICMD cmd;

@@ -7,16 +7,18 @@
 
 namespace
 {
+using bytes::operator+;
+
 class RtpChannel : public testing::Test
 {
 protected:
     std::unique_ptr<CRtpChannel> OpenTo(const CNetAddress& remote, ERtpCodec codec = ERtpCodec::Pcmu)
     {
         CRtpRoute route;
-        route.local = m_local;
-        route.remote = remote;
-        route.codec = codec;
-        route.nJitterMs = 20;
+        route.m_local = m_local;
+        route.m_remote = remote;
+        route.m_eCodec = codec;
+        route.m_nJitterMs = 20;
         std::unique_ptr<CRtpChannel> pChannel = CRtpChannel::Open(m_ports, route, m_strError);
         EXPECT_TRUE(pChannel) << m_strError;
         return pChannel;
@@ -102,9 +104,9 @@ TEST_F(RtpChannel, SendsWhatIsHeardInPacketsOfOneTick)
     EXPECT_EQ(Hear(CBytes(160, 2)), 160U);
     const auto vPackets = m_far.ReceivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
-    EXPECT_EQ(vPackets[0].payload, CBytes(160, 1));
-    EXPECT_EQ(vPackets[1].payload, CBytes(160, 2));
-    EXPECT_EQ(vPackets[0].header.nPayloadType, 0);
+    EXPECT_EQ(vPackets[0].m_payload, CBytes(160, 1));
+    EXPECT_EQ(vPackets[1].m_payload, CBytes(160, 2));
+    EXPECT_EQ(vPackets[0].m_header.m_nPayloadType, 0);
 }
 
 TEST_F(RtpChannel, NumbersAndTimesItsPackets)
@@ -118,11 +120,11 @@ TEST_F(RtpChannel, NumbersAndTimesItsPackets)
     ASSERT_EQ(vPackets.size(), 100U);
     for (std::uint32_t n = 0; n < 100; ++n)
     {
-        const CRtpHeader& header = vPackets[n].header;
-        EXPECT_EQ(header.nSequence, static_cast<std::uint16_t>(vPackets[0].header.nSequence + n));
-        EXPECT_EQ(header.nTimestamp, vPackets[0].header.nTimestamp + 160 * n);
-        EXPECT_EQ(header.nSource, vPackets[0].header.nSource);
-        EXPECT_EQ(header.bMarker, n == 0);
+        const CRtpHeader& header = vPackets[n].m_header;
+        EXPECT_EQ(header.m_nSequence, static_cast<std::uint16_t>(vPackets[0].m_header.m_nSequence + n));
+        EXPECT_EQ(header.m_nTimestamp, vPackets[0].m_header.m_nTimestamp + 160 * n);
+        EXPECT_EQ(header.m_nSource, vPackets[0].m_header.m_nSource);
+        EXPECT_EQ(header.m_bMarker, n == 0);
     }
 }
 
@@ -138,9 +140,9 @@ TEST_F(RtpChannel, BeginsWithNumbersThatNobodyCanGuess)
         Hear(CBytes(160, 1));
         const auto vPackets = m_far.ReceivePackets();
         ASSERT_EQ(vPackets.size(), 1U);
-        sequences.insert(vPackets[0].header.nSequence);
-        timestamps.insert(vPackets[0].header.nTimestamp);
-        sources.insert(vPackets[0].header.nSource);
+        sequences.insert(vPackets[0].m_header.m_nSequence);
+        timestamps.insert(vPackets[0].m_header.m_nTimestamp);
+        sources.insert(vPackets[0].m_header.m_nSource);
     }
     EXPECT_GT(sequences.size(), 1U);
     EXPECT_GT(timestamps.size(), 1U);
@@ -162,16 +164,17 @@ TEST_F(RtpChannel, LetsTheTimestampGoOnInAPauseAndMarksItsEnd)
     Open();
     Hear(CBytes(160, 1));
     FinishHearing();
-    Pause(7);
+    Pause(6);
+    EXPECT_EQ(Hear({}), 0U);
     Hear(CBytes(160, 2));
     Hear(CBytes(160, 3));
     const auto vPackets = m_far.ReceivePackets();
     ASSERT_EQ(vPackets.size(), 3U);
-    EXPECT_EQ(vPackets[1].header.nTimestamp, vPackets[0].header.nTimestamp + 8 * 160);
-    EXPECT_EQ(vPackets[1].header.nSequence, static_cast<std::uint16_t>(vPackets[0].header.nSequence + 1));
-    EXPECT_TRUE(vPackets[1].header.bMarker);
-    EXPECT_EQ(vPackets[2].header.nTimestamp, vPackets[1].header.nTimestamp + 160);
-    EXPECT_FALSE(vPackets[2].header.bMarker);
+    EXPECT_EQ(vPackets[1].m_header.m_nTimestamp, vPackets[0].m_header.m_nTimestamp + 8 * 160);
+    EXPECT_EQ(vPackets[1].m_header.m_nSequence, static_cast<std::uint16_t>(vPackets[0].m_header.m_nSequence + 1));
+    EXPECT_TRUE(vPackets[1].m_header.m_bMarker);
+    EXPECT_EQ(vPackets[2].m_header.m_nTimestamp, vPackets[1].m_header.m_nTimestamp + 160);
+    EXPECT_FALSE(vPackets[2].m_header.m_bMarker);
 }
 
 TEST_F(RtpChannel, FillsUpTheLastPacketOfAPlay)
@@ -182,10 +185,10 @@ TEST_F(RtpChannel, FillsUpTheLastPacketOfAPlay)
     Hear(CBytes(160, 2));
     const auto vPackets = m_far.ReceivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
-    EXPECT_EQ(vPackets[0].payload, CBytes(50, 1) + CBytes(110, 0xFF));
-    EXPECT_EQ(vPackets[1].payload, CBytes(160, 2));
-    EXPECT_EQ(vPackets[1].header.nTimestamp, vPackets[0].header.nTimestamp + 160);
-    EXPECT_FALSE(vPackets[1].header.bMarker);
+    EXPECT_EQ(vPackets[0].m_payload, CBytes(50, 1) + CBytes(110, 0xFF));
+    EXPECT_EQ(vPackets[1].m_payload, CBytes(160, 2));
+    EXPECT_EQ(vPackets[1].m_header.m_nTimestamp, vPackets[0].m_header.m_nTimestamp + 160);
+    EXPECT_FALSE(vPackets[1].m_header.m_bMarker);
 }
 
 TEST_F(RtpChannel, SendsTheLastPacketOfAPlayWhenItCloses)
@@ -208,8 +211,8 @@ TEST_F(RtpChannel, TakesNoMoreThanAPacketInATick)
     EXPECT_EQ(Hear(CBytes(500, 2)), 160U);
     const auto vPackets = m_far.ReceivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
-    EXPECT_EQ(vPackets[0].payload, CBytes(50, 1) + CBytes(110, 2));
-    EXPECT_EQ(vPackets[1].payload, CBytes(160, 2));
+    EXPECT_EQ(vPackets[0].m_payload, CBytes(50, 1) + CBytes(110, 2));
+    EXPECT_EQ(vPackets[1].m_payload, CBytes(160, 2));
 }
 
 TEST_F(RtpChannel, SendsALawWhereThatIsTheCodec)
@@ -222,9 +225,9 @@ TEST_F(RtpChannel, SendsALawWhereThatIsTheCodec)
     RunTick(m_ports);
     const auto vPackets = m_far.ReceivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
-    EXPECT_EQ(vPackets[0].header.nPayloadType, 8);
-    EXPECT_EQ(vPackets[0].payload + Part(vPackets[1].payload, 0, 96), Converted(all, ULawToALaw()));
-    EXPECT_EQ(Part(vPackets[1].payload, 96, 160), CBytes(64, 0xD5));
+    EXPECT_EQ(vPackets[0].m_header.m_nPayloadType, 8);
+    EXPECT_EQ(vPackets[0].m_payload + Part(vPackets[1].m_payload, 0, 96), Converted(all, ULawToALaw()));
+    EXPECT_EQ(Part(vPackets[1].m_payload, 96, 160), CBytes(64, 0xD5));
 }
 
 TEST_F(RtpChannel, LetsARecordingListenBehindTheJitterTime)
@@ -260,7 +263,7 @@ TEST_F(RtpChannel, DropsWhatComesWhileNoRecordingListens)
     BeginListening();
     EXPECT_EQ(Say(100, CBytes(160, 2)), CBytes(160, 0xFF));
     EXPECT_EQ(Say(101, CBytes(160, 3)), CBytes(160, 2));
-    EXPECT_EQ(m_ports.Counters().ullReceived, 102U);
+    EXPECT_EQ(m_ports.Counters().m_ullReceived, 102U);
 }
 
 TEST_F(RtpChannel, DropsAndCountsOtherPayloadTypes)
@@ -270,8 +273,8 @@ TEST_F(RtpChannel, DropsAndCountsOtherPayloadTypes)
     Say(0, CBytes(160, 1));
     EXPECT_EQ(Say(1, CBytes(4, 9), 101), CBytes(160, 1));
     EXPECT_EQ(Say(1, CBytes(160, 9), 8), CBytes(160, 0xFF));
-    EXPECT_EQ(m_ports.Counters().ullOtherPayloads, 2U);
-    EXPECT_EQ(m_ports.Counters().ullReceived, 1U);
+    EXPECT_EQ(m_ports.Counters().m_ullOtherPayloads, 2U);
+    EXPECT_EQ(m_ports.Counters().m_ullReceived, 1U);
 }
 
 TEST_F(RtpChannel, TakesThePayloadOfTheLongestDatagram)
@@ -298,8 +301,8 @@ TEST_F(RtpChannel, SharesItsLocalAddressWithChannelsToElsewhere)
     const auto vOtherPackets = otherFar.ReceivePackets();
     ASSERT_EQ(vPackets.size(), 1U);
     ASSERT_EQ(vOtherPackets.size(), 1U);
-    EXPECT_EQ(vPackets[0].payload, CBytes(160, 1));
-    EXPECT_EQ(vOtherPackets[0].payload, CBytes(160, 2));
+    EXPECT_EQ(vPackets[0].m_payload, CBytes(160, 1));
+    EXPECT_EQ(vOtherPackets[0].m_payload, CBytes(160, 2));
     EXPECT_EQ(m_ports.Count(), 1U);
 }
 
@@ -307,10 +310,10 @@ TEST_F(RtpChannel, IsTheOnlyOneBetweenItsAddresses)
 {
     Open();
     CRtpRoute route;
-    route.local = m_pChannel->Local();
-    route.remote = m_far.Address();
+    route.m_local = m_pChannel->Local();
+    route.m_remote = m_far.Address();
     EXPECT_FALSE(CRtpChannel::Open(m_ports, route, m_strError));
-    EXPECT_EQ(m_strError, "another channel is open between " + route.local.Text() + " and " + route.remote.Text());
+    EXPECT_EQ(m_strError, "another channel is open between " + route.m_local.Text() + " and " + route.m_remote.Text());
     EXPECT_EQ(Hear(CBytes(160, 1)), 160U);
     EXPECT_EQ(m_far.ReceivePackets().size(), 1U);
     BeginListening();

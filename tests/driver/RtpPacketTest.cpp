@@ -6,6 +6,8 @@
 
 namespace
 {
+using bytes::operator+;
+
 const CBytes HEADER = {0x80, 0x88, 0x12, 0x34, 0x01, 0x02, 0x03, 0x04, 0xA1, 0xA2, 0xA3, 0xA4};
 
 CBytes WithFirstByte(std::uint8_t nFirst)
@@ -18,7 +20,7 @@ CBytes WithFirstByte(std::uint8_t nFirst)
 std::optional<CBytes> Payload(const CBytes& bytes)
 {
     const std::optional<CRtpPacket> packet = ParseRtpPacket(bytes);
-    return packet ? std::optional(CBytes(packet->payload.begin(), packet->payload.end())) : std::nullopt;
+    return packet ? std::optional(CBytes(packet->m_payload.begin(), packet->m_payload.end())) : std::nullopt;
 }
 } // namespace
 
@@ -37,12 +39,12 @@ TEST(RtpPacket, ReadsTheHeaderByteForByte)
 {
     const std::optional<CRtpPacket> packet = ParseRtpPacket(HEADER);
     ASSERT_TRUE(packet);
-    EXPECT_TRUE(packet->header.bMarker);
-    EXPECT_EQ(packet->header.nPayloadType, 8);
-    EXPECT_EQ(packet->header.nSequence, 0x1234);
-    EXPECT_EQ(packet->header.nTimestamp, 0x01020304U);
-    EXPECT_EQ(packet->header.nSource, 0xA1A2A3A4U);
-    EXPECT_TRUE(packet->payload.empty());
+    EXPECT_TRUE(packet->m_header.m_bMarker);
+    EXPECT_EQ(packet->m_header.m_nPayloadType, 8);
+    EXPECT_EQ(packet->m_header.m_nSequence, 0x1234);
+    EXPECT_EQ(packet->m_header.m_nTimestamp, 0x01020304U);
+    EXPECT_EQ(packet->m_header.m_nSource, 0xA1A2A3A4U);
+    EXPECT_TRUE(packet->m_payload.empty());
 }
 
 TEST(RtpPacket, FindsThePayload)
@@ -117,10 +119,10 @@ TEST(RtpPacket, FindsPayloadsOnlyWithinThePacket)
             bytes[0] = static_cast<std::uint8_t>(0x80 | (bytes[0] & 0x3F));
         }
         const std::optional<CRtpPacket> packet = ParseRtpPacket(bytes);
-        if (packet && !packet->payload.empty())
+        if (packet && !packet->m_payload.empty())
         {
-            ASSERT_GE(packet->payload.data(), bytes.data() + RTP_HEADER_SIZE);
-            ASSERT_LE(packet->payload.data() + packet->payload.size(), bytes.data() + bytes.size());
+            ASSERT_GE(packet->m_payload.data(), bytes.data() + RTP_HEADER_SIZE);
+            ASSERT_LE(packet->m_payload.data() + packet->m_payload.size(), bytes.data() + bytes.size());
         }
     }
 }

@@ -20,6 +20,8 @@
 
 namespace
 {
+using bytes::operator+;
+
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds DEADLINE(30);
 
@@ -212,10 +214,10 @@ protected:
     void Open(const CNetAddress& remote)
     {
         CRtpRoute route;
-        route.local = m_pPort->Local();
-        route.remote = remote;
-        route.codec = GetParam().codec;
-        route.nJitterMs = 500; // the far end shares a busy machine with us
+        route.m_local = m_pPort->Local();
+        route.m_remote = remote;
+        route.m_eCodec = GetParam().codec;
+        route.m_nJitterMs = 500; // the far end shares a busy machine with us
         m_pChannel = CRtpChannel::Open(m_ports, route, m_strError);
         ASSERT_TRUE(m_pChannel) << m_strError;
     }
@@ -291,7 +293,7 @@ TEST_P(RtpPeer, ReceivesEverySampleOfTwoPlays)
     const auto itDifferent = std::mismatch(received.begin(), received.end(), expected.begin(), expected.end()).first;
     EXPECT_TRUE(received == expected) << received.size() << " samples of " << expected.size()
                                       << " received, right until " << itDifferent - received.begin();
-    EXPECT_EQ(m_ports.Counters().ullSent, expected.size() / 160);
+    EXPECT_EQ(m_ports.Counters().m_ullSent, expected.size() / 160);
     std::filesystem::remove(strPath, error);
 }
 
@@ -324,12 +326,12 @@ TEST_P(RtpPeer, IsRecordedSampleBySample)
 
     const auto itBegin = std::search(recorded.begin(), recorded.end(), expected.begin(), expected.end());
     ASSERT_TRUE(itBegin != recorded.end())
-        << "late: " << m_ports.Counters().ullLate << ", lost: " << m_ports.Counters().ullLost
-        << ", received: " << m_ports.Counters().ullReceived;
+        << "late: " << m_ports.Counters().m_ullLate << ", lost: " << m_ports.Counters().m_ullLost
+        << ", received: " << m_ports.Counters().m_ullReceived;
     const auto IsSilence = [](std::uint8_t n) { return n == ULAW_SILENCE; };
     EXPECT_TRUE(std::all_of(recorded.begin(), itBegin, IsSilence));
     EXPECT_TRUE(std::all_of(itBegin + static_cast<std::ptrdiff_t>(expected.size()), recorded.end(), IsSilence));
-    EXPECT_EQ(m_ports.Counters().ullReceived, sent.size() / 160);
+    EXPECT_EQ(m_ports.Counters().m_ullReceived, sent.size() / 160);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, RtpPeer,

@@ -17,19 +17,24 @@
 
 using CBytes = std::vector<std::uint8_t>;
 
+namespace bytes
+{
 inline CBytes operator+(const CBytes& left, const CBytes& right)
 {
     CBytes both = left;
     both.insert(both.end(), right.begin(), right.end());
     return both;
 }
+} // namespace bytes
 
 // A packet as it is on the line.
 inline CBytes RtpBytes(const CRtpHeader& header, const CBytes& payload)
 {
     std::array<std::uint8_t, RTP_HEADER_SIZE> bytes{};
     WriteRtpHeader(header, bytes);
-    return CBytes(bytes.begin(), bytes.end()) + payload;
+    CBytes packet(bytes.begin(), bytes.end());
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    return packet;
 }
 
 inline CNetAddress Loopback(std::uint16_t nPort = 0)
@@ -74,8 +79,8 @@ public:
     // All packets that are here.
     struct CPacket
     {
-        CRtpHeader header;
-        CBytes payload;
+        CRtpHeader m_header;
+        CBytes m_payload;
     };
     std::vector<CPacket> ReceivePackets() const
     {
@@ -86,7 +91,7 @@ public:
             EXPECT_TRUE(packet);
             if (packet)
             {
-                vPackets.push_back({packet->header, {packet->payload.begin(), packet->payload.end()}});
+                vPackets.push_back({packet->m_header, {packet->m_payload.begin(), packet->m_payload.end()}});
             }
         }
         return vPackets;

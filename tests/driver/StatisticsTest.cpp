@@ -77,13 +77,17 @@ TEST(Statistics, ShowsEveryCounterUnderItsName)
     statistics.m_ullEventsDropped = 7;
     statistics.m_ullClientsConnected = 8;
     statistics.m_ullClientsDropped = 9;
-    statistics.m_now = {10, 11, 12, 13, 14, 15, 16};
+    statistics.m_now = {10, 11, 12, 13, 14, 15, 16, 17};
+    statistics.m_rtp = {21, 22, 23, 24, 25, 26, 27, 28, 29};
     ordered_json json = statistics.ToJson(statistics.m_start + milliseconds(90999));
     json.erase("requests");
     json.erase("ticks");
     EXPECT_EQ(json.dump(), ordered_json::parse(R"({"started":"2023-11-14T22:13:20Z","up_s":90,
-        "now":{"clients":10,"streams":11,"playing":12,"recording":13,"waiting_events":14,"clips":15,"clip_bytes":16},
+        "now":{"clients":10,"streams":11,"playing":12,"recording":13,"waiting_events":14,"clips":15,"clip_bytes":16,
+        "rtp_ports":17},
         "clients":{"connected":8,"dropped":9},"refused":1,"dropped":2,"rubbish_bytes":3,
-        "responses":{"sent":4,"lost":5},"events":{"sent":6,"dropped":7}})")
+        "responses":{"sent":4,"lost":5},"events":{"sent":6,"dropped":7},
+        "rtp":{"sent":21,"send_errors":22,"received":23,"receive_errors":24,"strangers":25,"malformed":26,
+        "other_payloads":27,"late":28,"lost":29}})")
                                .dump());
 }

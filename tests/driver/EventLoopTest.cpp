@@ -1,0 +1,474 @@
+// The loop: inputs, ticks, timers, signals, and standing still while it is frozen.
+#include "EventLoop.h"
+
+#include "NullChannel.h"
+#include "StreamFixture.h"
+
+#include <gmock/gmock.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/timerfd.h>
+
+#include <csignal>
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace
+{
+using Clock = std::chrono::steady_clock;
+
+// Keeps the times at which something is played into it.
+class CTimedChannel : public CNullChannel
+{
+public:
+    explicit CTimedChannel(std::vector<Clock::time_point>& vTimes) : m_vTimes(vTimes) {}
+
+    std::size_t Hear(std::span<const std::uint8_t> samples) override
+    {
+        m_vTimes.push_back(Clock::now());
+        return samples.size();
+    }
+
+private:
+    std::vector<Clock::time_point>& m_vTimes;
+};
+
+// A descriptor that can be made readable.
+class CSignalFd
+{
+public:
+    CSignalFd() : m_fd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+    int Get() const { return m_fd.Get(); }
+    void Raise() const { EXPECT_EQ(::eventfd_write(m_fd.Get(), 1), 0); }
+    void Lower() const
+    {
+        eventfd_t ullValue = 0;
+        ::eventfd_read(m_fd.Get(), &ullValue);
+    }
+
+private:
+    CFd m_fd;
+};
+
+class EventLoop : public CStreamFixture
+{
+protected:
+    explicit EventLoop(const CClock& clock = STEADY)
+        : m_timers(clock), m_loop(m_poller, m_clock, m_timers, clock, m_statistics)
+    {
+        CEventLoop::BlockSignals();
+        TakeSignals(); // of a former test in the same process
+        std::string strError;
+        EXPECT_TRUE(m_poller.Create(strError) && m_loop.Create(strError)) << strError;
+    }
+
+    // Runs the loop until somebody calls Stop.
+    void RunLoop()
+    {
+        std::string strError;
+        EXPECT_TRUE(m_loop.Run({[this] { return m_bHasWork; },
+                                [this] {
+                                    ++m_nTurns;
+                                    if (m_onTurn)
+                                    {
+                                        m_onTurn();
+                                    }
+                                },
+                                [this] { ++m_nSeconds; }, [this] { ++m_nReloads; }},
+                               strError))
+            << strError;
+    }
+
+    static void Stop() { ::kill(::getpid(), SIGTERM); }
+
+    void AddInput(int nFd, std::function<void()> ready)
+    {
+        std::string strError;
+        EXPECT_TRUE(m_loop.AddInput(nFd, std::move(ready), strError)) << strError;
+    }
+
+    // Calls the function in some time even while the loop is frozen, as the control socket would.
+    void FromOutside(milliseconds delay, std::function<void()> function)
+    {
+        m_fdOutside = CFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+        itimerspec time = {};
+        time.it_value.tv_nsec = std::chrono::nanoseconds(delay).count();
+        ::timerfd_settime(m_fdOutside.Get(), 0, &time, nullptr);
+        m_watchOutside = m_poller.Watch(m_fdOutside.Get(), EPOLLIN, [this, function](std::uint32_t) {
+            m_watchOutside.SetEvents(0);
+            function();
+        });
+        EXPECT_TRUE(m_watchOutside.IsOn());
+    }
+
+    std::shared_ptr<CStream> PlayingStream(std::size_t nTicks)
+    {
+        auto pStream = OpenOn(std::make_unique<CTimedChannel>(m_vTicks), m_executor);
+        pStream->StartPlay(Clip(CSamples(nTicks * TICK_SAMPLES)), 0, nTicks * TICK_SAMPLES, 1);
+        return pStream;
+    }
+
+    static void TakeSignals()
+    {
+        sigset_t signals;
+        sigfillset(&signals);
+        const timespec noTime = {};
+        while (::sigtimedwait(&signals, nullptr, &noTime) > 0)
+        {
+        }
+    }
+
+    static inline const CSteadyClock STEADY;
+
+    CPoller m_poller;
+    CTimerQueue m_timers;
+    CStatistics m_statistics;
+    CEventLoop m_loop;
+    std::function<void()> m_onTurn; // at the end of each turn
+    bool m_bHasWork = false;
+    int m_nTurns = 0;
+    int m_nSeconds = 0;
+    int m_nReloads = 0;
+    std::vector<Clock::time_point> m_vTicks; // in which PlayingStream was moved
+
+private:
+    CFd m_fdOutside;
+    CPoller::CWatch m_watchOutside;
+};
+
+// With a clock that stands still.
+struct CStill
+{
+    CManualClock m_still;
+};
+class EventLoopOfStillTime : protected CStill, public EventLoop
+{
+protected:
+    EventLoopOfStillTime() : EventLoop(m_still) {}
+};
+} // namespace
+
+TEST_F(EventLoop, ServesInputsUntilASignalEndsIt)
+{
+    const CSignalFd input;
+    int nServed = 0;
+    AddInput(input.Get(), [&] {
+        if (++nServed == 3)
+        {
+            input.Lower();
+            Stop();
+        }
+    });
+    input.Raise();
+    RunLoop();
+    EXPECT_EQ(nServed, 3);
+}
+
+TEST_F(EventLoop, EndsAtSIGINTAndReloadsAtSIGHUP)
+{
+    m_timers.After(milliseconds(0), [] { ::kill(::getpid(), SIGHUP); });
+    m_onTurn = [this] {
+        if (m_nReloads == 1)
+        {
+            ::kill(::getpid(), SIGINT);
+        }
+    };
+    RunLoop();
+    EXPECT_EQ(m_nReloads, 1);
+}
+
+TEST_F(EventLoop, SurvivesWritingWhereNobodyReads)
+{
+    std::array<int, 2> fds{};
+    ASSERT_EQ(::pipe(fds.data()), 0);
+    ::close(fds[0]);
+    EXPECT_EQ(::write(fds[1], "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    ::close(fds[1]);
+}
+
+TEST_F(EventLoop, CallsTimersInTheirTime)
+{
+    const auto start = Clock::now();
+    std::vector<int> vCalled;
+    m_timers.After(milliseconds(40), [&] {
+        vCalled.push_back(40);
+        EXPECT_GE(Clock::now() - start, milliseconds(40));
+        Stop();
+    });
+    m_timers.After(milliseconds(20), [&] {
+        vCalled.push_back(20);
+        EXPECT_GE(Clock::now() - start, milliseconds(20));
+    });
+    RunLoop();
+    EXPECT_THAT(vCalled, ElementsAre(20, 40));
+}
+
+TEST_F(EventLoop, MovesStreamsByItsClockAndNeverEarly)
+{
+    const auto start = Clock::now();
+    const auto pStream = PlayingStream(5);
+    m_onTurn = [&] {
+        if (!pStream->IsPlaying())
+        {
+            Stop();
+        }
+    };
+    RunLoop();
+    ASSERT_EQ(m_vTicks.size(), 5U);
+    for (std::size_t nTick = 0; nTick < m_vTicks.size(); ++nTick)
+    {
+        EXPECT_GE(m_vTicks[nTick] - start, milliseconds(20) * (nTick + 1)) << nTick;
+    }
+    EXPECT_EQ(m_statistics.m_tickLateness.Count(), 5U);
+    EXPECT_EQ(m_statistics.m_tickDuration.Count(), 5U);
+}
+
+TEST_F(EventLoop, DoesNothingWhenNothingIsToBeDone)
+{
+    m_timers.After(milliseconds(150), Stop);
+    RunLoop();
+    EXPECT_LE(m_nTurns, 5);
+}
+
+TEST_F(EventLoop, TicksNoMoreWhenNobodyPlays)
+{
+    auto pStream = PlayingStream(1000);
+    m_timers.After(milliseconds(50), [&] { pStream.reset(); });
+    m_timers.After(milliseconds(60), [this] { m_nTurns = 0; });
+    m_timers.After(milliseconds(260), Stop);
+    RunLoop();
+    EXPECT_LE(m_nTurns, 5);
+}
+
+TEST_F(EventLoop, DoesNotWaitWhileThereIsWork)
+{
+    m_bHasWork = true;
+    m_onTurn = [this] {
+        if (m_nTurns == 100)
+        {
+            Stop();
+        }
+    };
+    RunLoop(); // without an input, a timer or a tick
+    EXPECT_GE(m_nTurns, 100);
+}
+
+TEST_F(EventLoop, FastStreamsRunAtOnceAndLetInputsHaveTheirTurn)
+{
+    const CSignalFd input;
+    std::size_t nAtInput = 0;
+    const auto pStream = Open();
+    pStream->StartPlay(Clip(Noise(160000)), 0, 160000, 1);
+    AddInput(input.Get(), [&] {
+        input.Lower();
+        nAtInput = pStream->State().m_nPlayPosition;
+    });
+    input.Raise();
+    m_onTurn = [&] {
+        if (!pStream->IsPlaying())
+        {
+            Stop();
+        }
+    };
+    const auto start = Clock::now();
+    RunLoop();
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20)); // of audio
+    EXPECT_LT(nAtInput, 160000U);
+    EXPECT_GE(m_nTurns, 1000);
+}
+
+TEST_F(EventLoop, FastStreamsThatCannotMoveKeepNobodyBusy)
+{
+    const auto pClip = std::make_shared<CClip>("clip", 1000);
+    const auto pStream = Open();
+    pStream->StartPlay(pClip, 0, 1000, 1);
+    m_timers.After(milliseconds(100), Stop);
+    const auto start = Clock::now();
+    RunLoop();
+    EXPECT_LE(m_nTurns, (Clock::now() - start) / milliseconds(1) + 10);
+}
+
+TEST_F(EventLoop, StandsStillWhileItIsFrozenForATime)
+{
+    const CSignalFd input;
+    Clock::time_point frozen;
+    Clock::time_point thawed;
+    int nThawed = 0;
+    const auto pStream = PlayingStream(6);
+    AddInput(input.Get(), [&] {
+        input.Lower();
+        if (m_loop.IsFrozen() || nThawed == 0)
+        {
+            frozen = Clock::now();
+            m_loop.Freeze(milliseconds(100), [&] {
+                thawed = Clock::now();
+                ++nThawed;
+            });
+            input.Raise(); // while it is frozen
+        }
+    });
+    m_timers.After(milliseconds(50), [&] { input.Raise(); });
+    m_timers.After(milliseconds(60), [&] { EXPECT_EQ(nThawed, 1) << "a timer has gone on"; });
+    m_onTurn = [&] {
+        if (!pStream->IsPlaying())
+        {
+            Stop();
+        }
+    };
+    RunLoop();
+    EXPECT_EQ(nThawed, 1);
+    EXPECT_GE(thawed - frozen, milliseconds(100));
+    ASSERT_EQ(m_vTicks.size(), 6U);
+    std::size_t nAfter = 0;
+    for (const auto& tick : m_vTicks)
+    {
+        EXPECT_TRUE(tick <= frozen || tick >= thawed);
+        if (tick >= thawed)
+        {
+            // The ticks of the meantime are not made up for.
+            EXPECT_GE(tick - thawed, milliseconds(20) * ++nAfter - milliseconds(1));
+        }
+    }
+    EXPECT_GT(nAfter, 0U);
+}
+
+TEST_F(EventLoop, StaysFrozenUntilItIsThawedFromOutside)
+{
+    int nThawed = 0;
+    bool bStoppedFrozen = false;
+    m_timers.After(milliseconds(0), [&] {
+        m_loop.Freeze(std::nullopt, [&] { ++nThawed; });
+        m_timers.After(milliseconds(0), [&] {
+            bStoppedFrozen = nThawed == 0;
+            Stop();
+        });
+    });
+    FromOutside(milliseconds(50), [&] {
+        EXPECT_TRUE(m_loop.IsFrozen());
+        m_loop.Thaw();
+        EXPECT_FALSE(m_loop.IsFrozen());
+        m_loop.Thaw();
+    });
+    RunLoop();
+    EXPECT_EQ(nThawed, 1);
+    EXPECT_FALSE(bStoppedFrozen);
+    EXPECT_LE(m_nTurns, 6) << "it was busy while it was frozen";
+}
+
+TEST_F(EventLoop, ServesNoInputThatIsReportedTogetherWithTheOneThatFreezesIt)
+{
+    const CSignalFd first;
+    const CSignalFd second;
+    int nFrozen = 0;
+    int nServedFrozen = 0;
+    for (const CSignalFd* pInput : {&first, &second})
+    {
+        AddInput(pInput->Get(), [&, pInput] {
+            pInput->Lower();
+            nServedFrozen += m_loop.IsFrozen() ? 1 : 0;
+            m_loop.Freeze(milliseconds(10), [&] {
+                if (++nFrozen == 2)
+                {
+                    Stop();
+                }
+            });
+        });
+        pInput->Raise();
+    }
+    FromOutside(milliseconds(900), Stop); // if it never comes to the second
+    RunLoop();
+    EXPECT_EQ(nFrozen, 2);
+    EXPECT_EQ(nServedFrozen, 0);
+}
+
+TEST_F(EventLoop, MayFreezeAgainWhenItThaws)
+{
+    int nThawed = 0;
+    std::function<void()> thawed = [&] {
+        if (++nThawed < 3)
+        {
+            m_loop.Freeze(milliseconds(5), thawed);
+            return;
+        }
+        Stop();
+    };
+    m_timers.After(milliseconds(0), [&] { m_loop.Freeze(milliseconds(5), thawed); });
+    RunLoop();
+    EXPECT_EQ(nThawed, 3);
+}
+
+TEST_F(EventLoop, HearsSignalsWhileItIsFrozen)
+{
+    m_timers.After(milliseconds(0), [&] {
+        m_loop.Freeze(std::nullopt, [] {});
+        ::kill(::getpid(), SIGHUP);
+        Stop();
+    });
+    RunLoop();
+    EXPECT_EQ(m_nReloads, 1);
+    EXPECT_TRUE(m_loop.IsFrozen());
+}
+
+TEST_F(EventLoop, ForgetsTheTickOfStreamsThatHaveGoneWhileItWasFrozen)
+{
+    auto pStream = PlayingStream(1000);
+    m_timers.After(milliseconds(30), [&] { m_loop.Freeze(milliseconds(20), [&] { m_nTurns = 0; }); });
+    FromOutside(milliseconds(40), [&] { pStream.reset(); });
+    m_timers.After(milliseconds(300), Stop);
+    RunLoop();
+    EXPECT_LE(m_nTurns, 5);
+}
+
+TEST_F(EventLoopOfStillTime, MakesUpForMissedTicksInPartsAndServesInputsInBetween)
+{
+    m_bHasWork = true; // without which it would wait for a timer that never comes
+    const auto pStream = PlayingStream(1000);
+    std::vector<std::size_t> vMoved;
+    m_onTurn = [&] {
+        vMoved.push_back(m_vTicks.size());
+        m_vTicks.clear();
+        if (m_nTurns == 1)
+        {
+            m_still.m_now += milliseconds(20 * 120);
+        }
+        else if (m_nTurns == 5)
+        {
+            Stop();
+        }
+    };
+    RunLoop();
+    ASSERT_GE(vMoved.size(), 5U);
+    vMoved.resize(5);
+    EXPECT_THAT(vMoved, ElementsAre(0, 50, 50, 20, 0));
+}
+
+TEST(EventLoopWithoutDescriptors, SaysThatItCannotBeSetUp)
+{
+    CPoller poller;
+    CMediaClock mediaClock;
+    const CSteadyClock clock;
+    CTimerQueue timers(clock);
+    CStatistics statistics;
+    CEventLoop loop(poller, mediaClock, timers, clock, statistics);
+    rlimit former = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit none = {0, former.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    std::string strError;
+    const bool bCreated = loop.Create(strError);
+    ::setrlimit(RLIMIT_NOFILE, &former);
+    EXPECT_FALSE(bCreated);
+    EXPECT_THAT(strError, HasSubstr("cannot set up the event loop: Too many open files"));
+}
+
+TEST_F(EventLoop, SaysWhichInputItCannotWatch)
+{
+    std::string strError;
+    EXPECT_FALSE(m_loop.AddInput(
+        -1, [] {}, strError));
+    EXPECT_THAT(strError, HasSubstr("Bad file descriptor"));
+}

@@ -1,0 +1,202 @@
+// The moving part of the tick allocates nothing and takes no lock: both are counted in this program.
+#include "NullChannel.h"
+#include "RtpChannel.h"
+#include "RtpTestSupport.h"
+#include "StreamFixture.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <cstdlib>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TICK_IS_COUNTED 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define TICK_IS_COUNTED 0
+#else
+#define TICK_IS_COUNTED 1
+#endif
+#else
+#define TICK_IS_COUNTED 1
+#endif
+
+namespace
+{
+thread_local bool t_bCounts = false;
+thread_local int t_nAllocations = 0;
+thread_local int t_nLocks = 0;
+} // namespace
+
+#if TICK_IS_COUNTED
+// These stand before the C library's for the whole process, its libraries included.
+extern "C"
+{
+    void* __libc_malloc(size_t nBytes);
+    void* __libc_calloc(size_t nCount, size_t nBytes);
+    void* __libc_realloc(void* p, size_t nBytes);
+
+    void* malloc(size_t nBytes)
+    {
+        t_nAllocations += t_bCounts ? 1 : 0;
+        return __libc_malloc(nBytes);
+    }
+
+    void* calloc(size_t nCount, size_t nBytes)
+    {
+        t_nAllocations += t_bCounts ? 1 : 0;
+        return __libc_calloc(nCount, nBytes);
+    }
+
+    void* realloc(void* p, size_t nBytes)
+    {
+        t_nAllocations += t_bCounts ? 1 : 0;
+        return __libc_realloc(p, nBytes);
+    }
+
+    int pthread_mutex_lock(pthread_mutex_t* pMutex)
+    {
+        using Function = int (*)(pthread_mutex_t*);
+        static const Function pLock = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+        t_nLocks += t_bCounts ? 1 : 0;
+        return pLock(pMutex);
+    }
+}
+#endif
+
+namespace
+{
+// The first listener of a clock begins to count, the last one ends it.
+class CCounter : public CTickListener
+{
+public:
+    explicit CCounter(bool bBegins) : m_bBegins(bBegins) {}
+
+    bool NeedsTicks() const override { return false; }
+
+    void BeforeTick() override { t_bCounts |= m_bBegins; }
+
+    void AfterTick() override { t_bCounts &= m_bBegins; }
+
+private:
+    const bool m_bBegins;
+};
+
+class QuietTick : public CStreamFixture
+{
+protected:
+    QuietTick()
+    {
+        m_clock.AddListener(m_begin);
+        m_clock.AddListener(m_ports);
+        m_clock.AddListener(m_end);
+    }
+
+    void SetUp() override
+    {
+        t_nAllocations = t_nLocks = 0;
+        if (!TICK_IS_COUNTED)
+        {
+            GTEST_SKIP() << "sanitizers have the C library's functions for themselves";
+        }
+    }
+
+    void TickAndCount(int nTicks)
+    {
+        for (int nTick = 0; nTick < nTicks; ++nTick)
+        {
+            m_clock.TickRealTime();
+        }
+    }
+
+    std::shared_ptr<CStream> OpenRtp(const CFarEnd& far)
+    {
+        std::string strError;
+        auto pChannel = CRtpChannel::Open(m_ports, {Loopback(), far.Address()}, strError);
+        EXPECT_TRUE(pChannel) << strError;
+        m_local = pChannel->Local();
+        return OpenOn(std::move(pChannel), m_executor);
+    }
+
+    std::vector<std::shared_ptr<CStream>> OpenStreams(int nStreams)
+    {
+        std::vector<std::shared_ptr<CStream>> vStreams;
+        for (int nStream = 0; nStream < nStreams; ++nStream)
+        {
+            vStreams.push_back(OpenOn(std::make_unique<CNullChannel>(), m_executor));
+        }
+        return vStreams;
+    }
+
+    CCounter m_begin{true};
+    CRtpPorts m_ports;
+    CCounter m_end{false};
+    CNetAddress m_local = Loopback();
+};
+} // namespace
+
+TEST_F(QuietTick, CountsWhatIsAllocatedAndLocked)
+{
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    t_bCounts = true;
+    ::operator delete(::operator new(10));
+    const auto pShared = std::make_shared<int>(1);
+    ::pthread_mutex_lock(&mutex);
+    ::pthread_mutex_unlock(&mutex);
+    t_bCounts = false;
+    EXPECT_GE(t_nAllocations, 2);
+    EXPECT_EQ(t_nLocks, 1);
+}
+
+TEST_F(QuietTick, HoldsForPlaysAndRecordingsOnFileChannels)
+{
+    constexpr std::size_t SAMPLES = 700 * TICK_SAMPLES;
+    CallerSays(Noise(SAMPLES, 2));
+    CFileChannelFactory channels(m_clipStore, m_executor, {m_folder.Folder(), true, false});
+    std::string strError;
+    const auto pStream = OpenOn(OpenChannel(channels, "call", 1, strError), m_executor);
+    pStream->StartPlay(Clip(Noise(SAMPLES)), 0, SAMPLES, 1);
+    Record(*pStream, "msg.wav", 0xFFFFFFFF);
+    const auto pOther = OpenStreams(1).front();
+    Record(*pOther, "msg.flac", 300 * TICK_SAMPLES);
+    TickAndCount(701);
+    EXPECT_EQ(m_vEvents.size(), 3U);
+    EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Noise(SAMPLES));
+    EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Noise(SAMPLES, 2));
+    EXPECT_EQ(t_nAllocations, 0);
+    EXPECT_EQ(t_nLocks, 0);
+}
+
+TEST_F(QuietTick, HoldsForManyStreamsThatEndTogether)
+{
+    const auto vStreams = OpenStreams(300);
+    for (int nRound = 0; nRound < 3; ++nRound)
+    {
+        for (const auto& pStream : vStreams)
+        {
+            pStream->StartPlay(Clip(Noise(480)), 0, 480, 1);
+        }
+        TickAndCount(3);
+    }
+    EXPECT_EQ(m_vEvents.size(), 900U);
+    EXPECT_EQ(t_nAllocations, 0);
+    EXPECT_EQ(t_nLocks, 0);
+}
+
+TEST_F(QuietTick, HoldsForPlaysAndRecordingsOnRtp)
+{
+    const CFarEnd far;
+    const auto pStream = OpenRtp(far);
+    pStream->StartPlay(Clip(Noise(200 * TICK_SAMPLES)), 0, 200 * TICK_SAMPLES, 1);
+    Record(*pStream, "msg.ul", 150 * TICK_SAMPLES);
+    for (std::uint16_t nPacket = 0; nPacket < 200; ++nPacket)
+    {
+        far.Send(RtpBytes({false, 0, nPacket, nPacket * 160U, 1}, CBytes(160, 0x23)), m_local);
+        TickAndCount(1);
+    }
+    TickAndCount(1);
+    EXPECT_EQ(m_vEvents.size(), 2U);
+    EXPECT_EQ(far.ReceivePackets().size(), 200U);
+    EXPECT_EQ(t_nAllocations, 0);
+    EXPECT_EQ(t_nLocks, 0);
+}
