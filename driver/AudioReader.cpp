@@ -94,7 +94,11 @@ std::unique_ptr<CAudioReader> CAudioReader::Open(CFd fd, const std::string& strP
     {
         return nullptr;
     }
-    const double dSamples = std::ceil(static_cast<double>(std::max<sf_count_t>(info.frames, 0)) * pReader->m_dRatio);
+    // A FLAC file need not know its length: one without samples does not.
+    const bool bUnknown = info.frames == SF_COUNT_MAX;
+    const double dSamples =
+        bUnknown ? static_cast<double>(MAX_CLIP_SAMPLES)
+                 : std::ceil(static_cast<double>(std::max<sf_count_t>(info.frames, 0)) * pReader->m_dRatio);
     if (dSamples > static_cast<double>(MAX_CLIP_SAMPLES))
     {
         strError = "it is longer than two hours";

@@ -44,6 +44,51 @@ bool OpenForWriting(const std::string& strPath, CFd& fd, std::string& strError)
 }
 } // namespace
 
+// Between libsndfile and the descriptor: at the end of a compressed file it does not tell whether the rest
+// could be written.
+struct CAudioWriter::CTarget
+{
+    static CTarget& Of(void* p) { return *static_cast<CTarget*>(p); }
+
+    static sf_count_t Length(void* p)
+    {
+        struct stat status = {};
+        return ::fstat(Of(p).m_fd.Get(), &status) == 0 ? status.st_size : -1;
+    }
+
+    static sf_count_t Seek(sf_count_t nOffset, int nWhence, void* p)
+    {
+        return ::lseek(Of(p).m_fd.Get(), nOffset, nWhence);
+    }
+
+    static sf_count_t Read(void* pBytes, sf_count_t nCount, void* p)
+    {
+        return ::read(Of(p).m_fd.Get(), pBytes, static_cast<std::size_t>(nCount));
+    }
+
+    static sf_count_t Write(const void* pBytes, sf_count_t nCount, void* p)
+    {
+        sf_count_t nWritten = 0;
+        while (nWritten < nCount)
+        {
+            const ssize_t nPart = ::write(Of(p).m_fd.Get(), static_cast<const char*>(pBytes) + nWritten,
+                                          static_cast<std::size_t>(nCount - nWritten));
+            if (nPart <= 0)
+            {
+                Of(p).m_bFailed = true;
+                break;
+            }
+            nWritten += nPart;
+        }
+        return nWritten;
+    }
+
+    static sf_count_t Tell(void* p) { return ::lseek(Of(p).m_fd.Get(), 0, SEEK_CUR); }
+
+    CFd m_fd;
+    bool m_bFailed = false;
+};
+
 std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, std::string& strError)
 {
     const auto format = AudioFormatOf(strPath);
@@ -61,14 +106,17 @@ std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, s
     info.format = format->m_nSndFormat;
     info.samplerate = 8000;
     info.channels = 1;
-    CSndFile pFile(sf_open_fd(fd.Get(), SFM_WRITE, &info, SF_FALSE));
-    if (!pFile)
+    auto pTarget = std::make_unique<CTarget>();
+    pTarget->m_fd = std::move(fd);
+    std::unique_ptr<CAudioWriter> pWriter(
+        new CAudioWriter(std::move(pTarget), (format->m_nSndFormat & SF_FORMAT_SUBMASK) == SF_FORMAT_ULAW));
+    SF_VIRTUAL_IO io = {CTarget::Length, CTarget::Seek, CTarget::Read, CTarget::Write, CTarget::Tell};
+    pWriter->m_pFile.reset(sf_open_virtual(&io, SFM_WRITE, &info, pWriter->m_pTarget.get()));
+    if (!pWriter->m_pFile)
     {
         strError = sf_strerror(nullptr);
         return nullptr;
     }
-    std::unique_ptr<CAudioWriter> pWriter(new CAudioWriter(
-        std::move(fd), std::move(pFile), (format->m_nSndFormat & SF_FORMAT_SUBMASK) == SF_FORMAT_ULAW));
     if (!pWriter->Update())
     {
         strError = "its header cannot be written";
@@ -77,8 +125,7 @@ std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, s
     return pWriter;
 }
 
-CAudioWriter::CAudioWriter(CFd fd, CSndFile pFile, bool bULaw)
-    : m_fd(std::move(fd)), m_pFile(std::move(pFile)), m_bULaw(bULaw)
+CAudioWriter::CAudioWriter(std::unique_ptr<CTarget> pTarget, bool bULaw) : m_pTarget(std::move(pTarget)), m_bULaw(bULaw)
 {
 }
 
@@ -106,12 +153,12 @@ bool CAudioWriter::Update()
         return false;
     }
     sf_command(m_pFile.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
-    return sf_error(m_pFile.get()) == SF_ERR_NO_ERROR;
+    return sf_error(m_pFile.get()) == SF_ERR_NO_ERROR && !m_pTarget->m_bFailed;
 }
 
 bool CAudioWriter::Close()
 {
-    const bool bOk = !m_pFile || sf_close(m_pFile.release()) == 0;
-    m_fd.Close();
-    return bOk;
+    const bool bClosed = !m_pFile || sf_close(m_pFile.release()) == 0;
+    m_pTarget->m_fd.Close();
+    return bClosed && !m_pTarget->m_bFailed;
 }

@@ -28,10 +28,12 @@ public:
     bool Close();
 
 private:
-    CAudioWriter(CFd fd, CSndFile pFile, bool bULaw);
+    struct CTarget;
 
-    CFd m_fd;
-    CSndFile m_pFile;
+    CAudioWriter(std::unique_ptr<CTarget> pTarget, bool bULaw);
+
+    std::unique_ptr<CTarget> m_pTarget;
+    CSndFile m_pFile; // writes into the target
     const bool m_bULaw;
 };
 

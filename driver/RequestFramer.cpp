@@ -61,6 +61,7 @@ bool CRequestFramer::Next(structMICMD& cmd)
         {
             return false; // a better one may yet turn out to begin within these bytes
         }
+        m_bInStep = eBest >= ELook::Likely;
         if (eBest != ELook::Rubbish)
         {
             Drop(nAhead);
@@ -72,6 +73,7 @@ bool CRequestFramer::Next(structMICMD& cmd)
     if (m_bAll)
     {
         Drop(Waiting());
+        m_bInStep = true;
     }
     return false;
 }
@@ -109,27 +111,22 @@ CRequestFramer::ELook CRequestFramer::Look(std::size_t nPosition) const
     return bCommand && nSequenceNo - *nLatest - 1 < LIKELY_NUMBERS ? ELook::Likely : ELook::Rubbish;
 }
 
-// The best look of a record that begins within the one here, this included, and how far ahead the first such
-// one is. A possible one can only be here.
+// The look of the record here, unless an expected one begins within it: that one then, and how far ahead it
+// is.
 CRequestFramer::ELook CRequestFramer::FindBest(std::size_t& nAhead) const
 {
     nAhead = 0;
-    ELook eBest = Look(m_nBegin);
+    const ELook eHere = Look(m_nBegin);
     const std::size_t nLast = std::min(RECORD - 1, Waiting() - RECORD);
-    for (std::size_t n = 1; n <= nLast && eBest != ELook::Expected; ++n)
+    for (std::size_t n = 1; n <= nLast && eHere != ELook::Expected; ++n)
     {
-        if (!IsCommandAt(m_vBuffer.data() + m_nBegin + n))
+        if (IsCommandAt(m_vBuffer.data() + m_nBegin + n) && Look(m_nBegin + n) == ELook::Expected)
         {
-            continue;
-        }
-        const ELook eLook = Look(m_nBegin + n);
-        if (eLook > std::max(eBest, ELook::Possible))
-        {
-            eBest = eLook;
             nAhead = n;
+            return ELook::Expected;
         }
     }
-    return eBest;
+    return eHere == ELook::Likely && !m_bInStep ? ELook::Rubbish : eHere;
 }
 
 void CRequestFramer::Take(structMICMD& cmd)

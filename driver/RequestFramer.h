@@ -15,8 +15,8 @@
 // other bytes, though any number of other bytes may come before it. It is known by its looks:
 //   expected  a connect request that names two pipes of the fixed prefixes, or a command of a live client
 //             with the number after its latest;
-//   likely    a command of a live client with another of the next 64 numbers: some of its requests may
-//             have been lost;
+//   likely    a command of a live client with another of the next 64 numbers, where a request is sure to
+//             begin: some of its requests may have been lost;
 //   possible  a command of a client that is not there, a connect request with other names, or the next
 //             number of a live client with a code that is no command's;
 //   rubbish   all the rest. Numbers of live clients that are none of the next are left unanswered, because
@@ -70,6 +70,7 @@ private:
     std::size_t m_nBegin = 0; // what waits is [m_nBegin, m_nEnd)
     std::size_t m_nEnd = 0;
     bool m_bAll = false;
+    bool m_bInStep = true; // a write of somebody is sure to begin at m_nBegin
     std::size_t m_nRubbish = 0;
 };
 

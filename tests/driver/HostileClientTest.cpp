@@ -46,7 +46,7 @@ TEST_F(HostileClient, WritesRubbishDirectlyAroundTheRequestsOfOthers)
 
 TEST_F(HostileClient, WritesCommandsInTheNameOfOthersByAccident)
 {
-    // Codes and ids as they occur, the good client's among them. Its numbers are larger after a while.
+    // Headers with the good client's id and numbers that it has used, anywhere in the rubbish.
     for (int n = 0; n < 10; ++n)
     {
         ASSERT_TRUE(m_pGood->IsServed());
@@ -54,12 +54,17 @@ TEST_F(HostileClient, WritesCommandsInTheNameOfOthersByAccident)
     std::mt19937 random(2);
     for (unsigned nWrite = 0; nWrite < 5000; ++nWrite)
     {
-        std::int32_t anWords[70];
-        for (std::int32_t& nWord : anWords)
+        std::uint32_t anWords[70];
+        for (std::uint32_t& nWord : anWords)
         {
-            nWord = static_cast<std::int32_t>(random() % 4);
+            nWord = static_cast<std::uint32_t>(random()) | 0x80000000U;
         }
-        anWords[0] = static_cast<std::int32_t>(random() % 20);
+        for (const std::size_t nAt : {std::size_t{0}, std::size_t{random() % 68}})
+        {
+            anWords[nAt] = static_cast<std::uint32_t>(random() % 20);
+            anWords[nAt + 1] = static_cast<std::uint32_t>(random() % 4);
+            anWords[nAt + 2] = static_cast<std::uint32_t>(random() % 4);
+        }
         Write(anWords, sizeof(anWords) - random() % 8);
         ASSERT_TRUE(nWrite % 500 != 0 || m_pGood->IsServed());
     }

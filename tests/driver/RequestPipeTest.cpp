@@ -32,12 +32,12 @@ protected:
         ::unlink(LOCK);
     }
 
-    // A pipe whose clients are 1 and 2, each with 100 as its latest number.
+    // A pipe whose clients are 1 and 2, each with the same latest number.
     std::unique_ptr<CRequestPipe> Make()
     {
         return std::make_unique<CRequestPipe>(
-            [](int nConnectID) -> std::optional<std::uint32_t> {
-                return nConnectID == 1 || nConnectID == 2 ? std::optional(100U) : std::nullopt;
+            [this](int nConnectID) -> std::optional<std::uint32_t> {
+                return nConnectID == 1 || nConnectID == 2 ? std::optional(m_nLatest) : std::nullopt;
             },
             m_rubbishLog);
     }
@@ -67,6 +67,7 @@ protected:
     static bool Exists(const char* pPath) { return ::access(pPath, F_OK) == 0; }
 
     CLogCapture m_log;
+    std::uint32_t m_nLatest = 100;
     CLogLimiter m_rubbishLog{"rubbish"};
 };
 } // namespace
@@ -271,7 +272,7 @@ TEST_F(RequestPipe, FindsRequestsBetweenWritesInPacketMode)
         if (pPipe->Read(cmd))
         {
             ASSERT_EQ(cmd.nSequenceNo, nNext);
-            ++nNext;
+            m_nLatest = nNext++;
         }
     }
     EXPECT_EQ(nNext, 151U);
