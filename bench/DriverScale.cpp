@@ -64,6 +64,35 @@ std::chrono::nanoseconds CpuTime(pid_t nProcess)
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
+// Of all processor time that the process has used, how much the kernel used for it.
+double KernelShare(pid_t nProcess)
+{
+    std::ifstream stat("/proc/" + std::to_string(nProcess) + "/stat");
+    std::string strField;
+    double dUser = 0.0;
+    double dKernel = 0.0;
+    for (int nField = 1; nField <= 13; ++nField)
+    {
+        stat >> strField;
+    }
+    stat >> dUser >> dKernel;
+    return dUser + dKernel > 0.0 ? dKernel / (dUser + dKernel) : 0.0;
+}
+
+// Memory of its own, without that of mapped files.
+std::size_t AnonymousBytes(pid_t nProcess)
+{
+    std::ifstream status("/proc/" + std::to_string(nProcess) + "/status");
+    for (std::string strLine; std::getline(status, strLine);)
+    {
+        if (strLine.starts_with("RssAnon:"))
+        {
+            return std::stoul(strLine.substr(std::strlen("RssAnon:"))) * 1024;
+        }
+    }
+    throw std::runtime_error("the driver's memory cannot be told");
+}
+
 // The far ends of the RTP channels: they take what comes and count it.
 class CSinks
 {
@@ -135,8 +164,6 @@ public:
         Require(m_driver.WaitReady(), "the driver does not start");
         PinProcess(m_driver.ProcessID(), 0);
         Require(m_client.Connect(), "the driver does not answer");
-        m_nFile = m_client.OpenFile("/tmp/clip.ul");
-        Require(m_nFile != 0, "the clip cannot be opened");
     }
 
     void Open(const std::string& strCall, int nCount, int nFirstLeg = 0)
@@ -150,13 +177,16 @@ public:
 
     void Play()
     {
+        const int nFile = m_client.OpenFile("/tmp/clip.ul");
+        Require(nFile != 0, "the clip cannot be opened");
         for (const int nStream : m_vStreams)
         {
-            Require(m_client.PlayClip(nStream, m_nFile, 0, 0xFFFFFFFF), "a play cannot be started");
+            Require(m_client.PlayClip(nStream, nFile, 0, 0xFFFFFFFF), "a play cannot be started");
         }
     }
 
-    std::size_t Memory() const { return m_driver.ResidentBytes(); }
+    std::size_t Memory() const { return AnonymousBytes(m_driver.ProcessID()); }
+    double Kernel() const { return KernelShare(m_driver.ProcessID()); }
     std::chrono::nanoseconds Cpu() const { return CpuTime(m_driver.ProcessID()); }
 
     Json Statistics() const
@@ -171,7 +201,6 @@ public:
 private:
     CDriverProgram m_driver;
     CRawClient m_client;
-    int m_nFile = 0;
     std::vector<int> m_vStreams;
 };
 
@@ -180,7 +209,8 @@ struct CRow
     std::string m_strName;
     int m_nChannels = 0;
     double m_dCpuPercent = 0.0;
-    double m_dMicroseconds = 0.0; // of processor time for a second of one channel
+    double m_dKernelPercent = 0.0; // of the processor time
+    double m_dMicroseconds = 0.0;  // of processor time for a second of one channel
     std::uint64_t m_ullTicks = 0;
     std::uint64_t m_ullLate = 0; // by more than 5 ms
     double m_dMaxLateMs = 0.0;
@@ -213,6 +243,7 @@ CRow Measure(CScene& scene, const std::string& strName, int nChannels, int nRtpC
     const double dSeconds = std::chrono::duration<double>(time).count();
     row.m_dCpuPercent = std::chrono::duration<double>(cpu).count() / dSeconds * 100.0;
     row.m_dMicroseconds = std::chrono::duration<double, std::micro>(cpu).count() / dSeconds / nChannels;
+    row.m_dKernelPercent = scene.Kernel() * 100.0;
     row.m_ullTicks = after.at("count").get<std::uint64_t>() - before.at("count").get<std::uint64_t>();
     row.m_ullLate = after.at("late").get<std::uint64_t>() - before.at("late").get<std::uint64_t>();
     row.m_dMaxLateMs = after.at("lateness").at("max_ms").get<double>();
@@ -277,16 +308,16 @@ std::vector<CRow> MeasureAll(std::chrono::seconds time)
 
 void Print(const std::vector<CRow>& vRows)
 {
-    std::printf("%-26s %8s %8s %12s %10s %10s %10s %10s\n", "playing at once", "channels", "core", "us/channel/s",
-                "on time", "latest", "longest", "packets");
+    std::printf("%-26s %8s %8s %7s %9s %9s %10s %10s %8s\n", "playing at once", "channels", "core", "kernel",
+                "us/chan/s", "on time", "latest", "longest", "packets");
     for (const CRow& row : vRows)
     {
-        std::printf("%-26s %8d %7.1f%% %12.2f %9.3f%% %7.2f ms %7.2f ms", row.m_strName.c_str(), row.m_nChannels,
-                    row.m_dCpuPercent, row.m_dMicroseconds, row.OnTimePercent(), row.m_dMaxLateMs,
+        std::printf("%-26s %8d %7.1f%% %6.0f%% %9.2f %8.3f%% %7.2f ms %7.2f ms", row.m_strName.c_str(), row.m_nChannels,
+                    row.m_dCpuPercent, row.m_dKernelPercent, row.m_dMicroseconds, row.OnTimePercent(), row.m_dMaxLateMs,
                     row.m_dMaxDurationMs);
         if (row.m_ullExpected > 0)
         {
-            std::printf(" %9.2f%%",
+            std::printf(" %7.2f%%",
                         100.0 * static_cast<double>(row.m_ullPackets) / static_cast<double>(row.m_ullExpected));
         }
         std::puts("");
@@ -306,6 +337,7 @@ Json ToJson(const CRow& row)
     return {{"name", row.m_strName},
             {"channels", row.m_nChannels},
             {"core_percent", row.m_dCpuPercent},
+            {"kernel_percent", row.m_dKernelPercent},
             {"us_per_channel_second", row.m_dMicroseconds},
             {"ticks", row.m_ullTicks},
             {"late_ticks", row.m_ullLate},
@@ -335,6 +367,11 @@ int main(int nArguments, char** ppArguments)
              vRows[2].m_dMicroseconds / vRows[0].m_dMicroseconds, 1.2, "times");
         Goal("memory of an idle null channel", dNull, 2048, "bytes");
         Goal("memory of an idle rtp channel with a socket of its own", dRtp, 2048, "bytes");
+        std::printf(
+            "limit: the core. At this rate %.0f rtp channels with a shared socket fill it, or %.0f with their own; "
+            "%.0f %% and %.0f %% of that time the kernel sends.\n",
+            RTP_CHANNELS / vRows[3].m_dCpuPercent * 100.0, RTP_CHANNELS / vRows[5].m_dCpuPercent * 100.0,
+            vRows[3].m_dKernelPercent, vRows[5].m_dKernelPercent);
         if (nArguments > 2)
         {
             Json json = {{"seconds", time.count()}, {"idle_null_bytes", dNull}, {"idle_rtp_bytes", dRtp}};
