@@ -30,16 +30,12 @@ bool Load(const std::string& strPath, CSamples& samples, std::string& strError)
     std::array<std::uint8_t, 4999> abPiece;
     for (;;)
     {
-        const auto nCount = pReader->Read(abPiece, strError);
-        if (!nCount)
-        {
-            return false;
-        }
-        samples.insert(samples.end(), abPiece.begin(), abPiece.begin() + static_cast<std::ptrdiff_t>(*nCount));
-        if (*nCount < abPiece.size())
+        const std::size_t nCount = pReader->Read(abPiece, strError);
+        samples.insert(samples.end(), abPiece.begin(), abPiece.begin() + static_cast<std::ptrdiff_t>(nCount));
+        if (nCount < abPiece.size())
         {
             EXPECT_LE(samples.size(), pReader->MaxSamples());
-            return true;
+            return strError.empty();
         }
     }
 }

@@ -17,7 +17,7 @@ std::unique_ptr<CAudioWriter> MustCreate(const std::string& strPath)
     return pWriter;
 }
 
-std::string ErrorOf(const std::string& strPath)
+std::string ErrorOfCreating(const std::string& strPath)
 {
     std::string strError;
     EXPECT_FALSE(CAudioWriter::Create(strPath, strError));
@@ -57,7 +57,7 @@ TEST(AudioWriter, RefusesOtherEndingsAndCreatesNothing)
     const CTempFolder folder;
     for (const char* pName : {"a.mp3", "a", "wav", ".wav.txt"})
     {
-        EXPECT_THAT(ErrorOf(folder.Path(pName)), HasSubstr("ending")) << pName;
+        EXPECT_THAT(ErrorOfCreating(folder.Path(pName)), HasSubstr("ending")) << pName;
         EXPECT_NE(::access(folder.Path(pName).c_str(), F_OK), 0) << pName;
     }
 }
@@ -105,7 +105,7 @@ TEST(AudioWriter, RefusesAFileThatIsBeingWritten)
     auto pWriter = MustCreate(folder.Path("a.wav"));
     ASSERT_TRUE(pWriter);
     EXPECT_TRUE(pWriter->Write(Noise(50)));
-    EXPECT_THAT(ErrorOf(folder.Path("a.wav")), HasSubstr("being written"));
+    EXPECT_THAT(ErrorOfCreating(folder.Path("a.wav")), HasSubstr("being written"));
     pWriter.reset();
     EXPECT_EQ(ReadULawWav(folder.Path("a.wav")), Noise(50));
     EXPECT_TRUE(MustCreate(folder.Path("a.wav")));
@@ -115,10 +115,10 @@ TEST(AudioWriter, RefusesWhatIsNoRegularFile)
 {
     const CTempFolder folder;
     ASSERT_EQ(::mkfifo(folder.Path("fifo.wav").c_str(), 0600), 0);
-    EXPECT_THAT(ErrorOf(folder.Path("fifo.wav")), HasSubstr("not a regular file"));
+    EXPECT_THAT(ErrorOfCreating(folder.Path("fifo.wav")), HasSubstr("not a regular file"));
     ASSERT_EQ(::mkdir(folder.Path("folder.wav").c_str(), 0700), 0);
-    EXPECT_THAT(ErrorOf(folder.Path("folder.wav")), HasSubstr("directory"));
-    EXPECT_THAT(ErrorOf(folder.Path("none/a.wav")), HasSubstr("No such file"));
+    EXPECT_THAT(ErrorOfCreating(folder.Path("folder.wav")), HasSubstr("directory"));
+    EXPECT_THAT(ErrorOfCreating(folder.Path("none/a.wav")), HasSubstr("No such file"));
 }
 
 TEST(AudioWriter, ReportsAFullDiskAndKeepsWhatGotThrough)

@@ -163,3 +163,17 @@ TEST_F(SlowClipStore, StopsDecodingWhatNobodyHoldsAnyMore)
     EXPECT_LE(nPieces, 1);
     EXPECT_EQ(m_store.Count(), 0U);
 }
+
+TEST_F(SlowClipStore, TellsThatAFileIsDamagedBehindItsBeginning)
+{
+    WriteDamagedFlac(m_folder.Path("damaged.flac"));
+    Load("damaged.flac");
+    m_executor.RunAll();
+    ASSERT_THAT(m_vDone, ElementsAre("damaged.flac"));
+    EXPECT_TRUE(m_vClips[0]->IsBroken());
+    EXPECT_GT(m_vClips[0]->Ready(), 50000U);
+    EXPECT_LT(m_vClips[0]->Ready(), 200000U);
+    EXPECT_THAT(m_log.Text(), HasSubstr("damaged.flac\" is damaged behind"));
+    // It is not taken for good by those who come later.
+    EXPECT_EQ(m_store.Count(), 0U);
+}

@@ -15,19 +15,19 @@ using testing::HasSubstr;
 
 namespace
 {
-const std::string PATH = "/tmp/control-client-test.sock";
+const std::string CLIENT_SOCKET_PATH = "/tmp/control-client-test.sock";
 
 sockaddr_un Address()
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    PATH.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    CLIENT_SOCKET_PATH.copy(address.sun_path, sizeof(address.sun_path) - 1);
     return address;
 }
 
 CFd Listen()
 {
-    ::unlink(PATH.c_str());
+    ::unlink(CLIENT_SOCKET_PATH.c_str());
     CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = Address();
     EXPECT_EQ(::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
@@ -50,7 +50,7 @@ public:
         {
             m_thread.join();
         }
-        ::unlink(PATH.c_str());
+        ::unlink(CLIENT_SOCKET_PATH.c_str());
     }
 
     // What was asked.
@@ -88,7 +88,7 @@ struct COutcome
 };
 
 COutcome Control(const std::vector<std::string>& vWords, milliseconds limit = std::chrono::seconds(60),
-                 const std::string& strPath = PATH)
+                 const std::string& strPath = CLIENT_SOCKET_PATH)
 {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();

@@ -21,7 +21,7 @@ using testing::IsEmpty;
 
 namespace
 {
-const std::string PATH = "/tmp/control-test.sock";
+const std::string SOCKET_PATH = "/tmp/control-test.sock";
 
 sockaddr_un Address(const std::string& strPath)
 {
@@ -56,7 +56,7 @@ class CPeer
 public:
     CPeer() : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
     {
-        EXPECT_TRUE(ConnectTo(m_fd.Get(), PATH));
+        EXPECT_TRUE(ConnectTo(m_fd.Get(), SOCKET_PATH));
     }
 
     // Returns how much of it found room.
@@ -95,7 +95,7 @@ class ControlSocket : public testing::Test
 protected:
     ControlSocket()
     {
-        std::filesystem::remove_all(PATH);
+        std::filesystem::remove_all(SOCKET_PATH);
         std::string strError;
         EXPECT_TRUE(m_poller.Create(strError)) << strError;
         m_pSocket = NewSocket();
@@ -103,7 +103,7 @@ protected:
     ~ControlSocket() override
     {
         m_pSocket.reset();
-        std::filesystem::remove_all(PATH);
+        std::filesystem::remove_all(SOCKET_PATH);
     }
 
     std::unique_ptr<CControlSocket> NewSocket()
@@ -116,9 +116,9 @@ protected:
     void MustOpen()
     {
         std::string strError;
-        ASSERT_TRUE(m_pSocket->Open(PATH, strError)) << strError;
+        ASSERT_TRUE(m_pSocket->Open(SOCKET_PATH, strError)) << strError;
     }
-    std::string ErrorOfOpen(const std::string& strPath = PATH)
+    std::string ErrorOfOpen(const std::string& strPath = SOCKET_PATH)
     {
         std::string strError;
         EXPECT_FALSE(NewSocket()->Open(strPath, strError));
@@ -161,7 +161,7 @@ TEST_F(ControlSocket, IsForItsUserAloneWhateverTheUmask)
         MustOpen();
         EXPECT_EQ(::umask(nFormer), nUmask);
         struct stat status = {};
-        ASSERT_EQ(::lstat(PATH.c_str(), &status), 0);
+        ASSERT_EQ(::lstat(SOCKET_PATH.c_str(), &status), 0);
         EXPECT_TRUE(S_ISSOCK(status.st_mode));
         EXPECT_EQ(status.st_mode & 07777, 0600U);
         m_pSocket = NewSocket();
@@ -172,22 +172,22 @@ TEST_F(ControlSocket, IsRemovedAtItsEnd)
 {
     MustOpen();
     m_pSocket.reset();
-    EXPECT_FALSE(std::filesystem::exists(PATH));
+    EXPECT_FALSE(std::filesystem::exists(SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesAnotherFileInItsPlaceAlone)
 {
     MustOpen();
-    std::filesystem::remove(PATH);
-    std::ofstream(PATH) << "mine";
+    std::filesystem::remove(SOCKET_PATH);
+    std::ofstream(SOCKET_PATH) << "mine";
     m_pSocket.reset();
-    EXPECT_TRUE(std::filesystem::is_regular_file(PATH));
+    EXPECT_TRUE(std::filesystem::is_regular_file(SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, ReplacesASocketThatNobodyListensTo)
 {
-    BindAt(PATH).Close();
-    ASSERT_TRUE(std::filesystem::is_socket(PATH));
+    BindAt(SOCKET_PATH).Close();
+    ASSERT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
     MustOpen();
     CPeer peer;
     peer.Send("hello\n");
@@ -197,46 +197,46 @@ TEST_F(ControlSocket, ReplacesASocketThatNobodyListensTo)
 
 TEST_F(ControlSocket, LeavesASocketAloneThatSomebodyListensTo)
 {
-    const CFd fdOther = BindAt(PATH);
+    const CFd fdOther = BindAt(SOCKET_PATH);
     EXPECT_THAT(ErrorOfOpen(), HasSubstr("another program listens at \"/tmp/control-test.sock\""));
     const CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    EXPECT_TRUE(ConnectTo(fd.Get(), PATH));
+    EXPECT_TRUE(ConnectTo(fd.Get(), SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesASocketAloneWhoseListenerHasNoRoom)
 {
-    const CFd fdOther = BindAt(PATH);
+    const CFd fdOther = BindAt(SOCKET_PATH);
     std::vector<CFd> vWaiting;
     do
     {
         vWaiting.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    } while (ConnectTo(vWaiting.back().Get(), PATH));
+    } while (ConnectTo(vWaiting.back().Get(), SOCKET_PATH));
     EXPECT_THAT(ErrorOfOpen(), HasSubstr("another program listens"));
-    EXPECT_TRUE(std::filesystem::is_socket(PATH));
+    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesASocketOfAnotherTypeAlone)
 {
-    const CFd fdOther = BindAt(PATH, SOCK_DGRAM);
+    const CFd fdOther = BindAt(SOCKET_PATH, SOCK_DGRAM);
     EXPECT_THAT(ErrorOfOpen(), HasSubstr("cannot replace"));
-    EXPECT_TRUE(std::filesystem::is_socket(PATH));
+    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesFilesFoldersAndLinksAlone)
 {
-    std::ofstream(PATH) << "mine";
+    std::ofstream(SOCKET_PATH) << "mine";
     EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
-    EXPECT_EQ(std::filesystem::file_size(PATH), 4U);
-    std::filesystem::remove(PATH);
+    EXPECT_EQ(std::filesystem::file_size(SOCKET_PATH), 4U);
+    std::filesystem::remove(SOCKET_PATH);
 
-    std::filesystem::create_directory(PATH);
+    std::filesystem::create_directory(SOCKET_PATH);
     EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
-    EXPECT_TRUE(std::filesystem::is_directory(PATH));
-    std::filesystem::remove(PATH);
+    EXPECT_TRUE(std::filesystem::is_directory(SOCKET_PATH));
+    std::filesystem::remove(SOCKET_PATH);
 
-    std::filesystem::create_symlink("/tmp/elsewhere", PATH);
+    std::filesystem::create_symlink("/tmp/elsewhere", SOCKET_PATH);
     EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
-    EXPECT_TRUE(std::filesystem::is_symlink(PATH));
+    EXPECT_TRUE(std::filesystem::is_symlink(SOCKET_PATH));
     EXPECT_FALSE(std::filesystem::exists("/tmp/elsewhere"));
 }
 
@@ -253,7 +253,7 @@ TEST_F(ControlSocket, SaysWhenItCannotListen)
     CPoller dead;
     CControlSocket socket(dead, nullptr);
     std::string strError;
-    EXPECT_FALSE(socket.Open(PATH, strError));
+    EXPECT_FALSE(socket.Open(SOCKET_PATH, strError));
     EXPECT_THAT(strError, HasSubstr("cannot listen at"));
 }
 
@@ -264,13 +264,13 @@ TEST_F(ControlSocket, TurnsOtherUsersAway)
         GTEST_SKIP() << "only root can be somebody else";
     }
     MustOpen();
-    ASSERT_EQ(::chmod(PATH.c_str(), 0666), 0);
+    ASSERT_EQ(::chmod(SOCKET_PATH.c_str(), 0666), 0);
     const pid_t nChild = ::fork();
     if (nChild == 0)
     {
         const CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         char c = 0;
-        if (::setuid(65534) != 0 || !ConnectTo(fd.Get(), PATH))
+        if (::setuid(65534) != 0 || !ConnectTo(fd.Get(), SOCKET_PATH))
         {
             ::_exit(2);
         }

@@ -123,6 +123,20 @@ void WriteBytes(const std::string& strPath, const CSamples& bytes)
     }
 }
 
+void WriteDamagedFlac(const std::string& strPath)
+{
+    std::vector<short> vShorts;
+    for (const std::uint8_t nByte : Noise(200000))
+    {
+        vShorts.push_back(static_cast<short>(nByte * 100));
+    }
+    WriteShorts(strPath, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 8000, 1, vShorts);
+    CSamples bytes = ReadBytes(strPath);
+    const auto itMiddle = bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2);
+    std::fill(itMiddle, bytes.end(), std::uint8_t{0x55});
+    WriteBytes(strPath, bytes);
+}
+
 CSamples ReadBytes(const std::string& strPath)
 {
     std::ifstream file(strPath, std::ios::binary);

@@ -79,6 +79,9 @@ CSamples operator+(const CSamples& left, const CSamples& right);
 void WriteULaw(const std::string& strPath, int nContainer, const CSamples& samples);
 void WriteShorts(const std::string& strPath, int nFormat, int nRate, int nChannels, const std::vector<short>& vShorts);
 void WriteBytes(const std::string& strPath, const CSamples& bytes);
+
+// A compressed file of many samples that is damaged in its middle. Whatever its name, the format is known.
+void WriteDamagedFlac(const std::string& strPath);
 CSamples ReadBytes(const std::string& strPath);
 
 // The samples of a µ-law file at 8000 per second, mono. Any other file is a failure of the test.

@@ -6,8 +6,6 @@
 
 namespace
 {
-using bytes::operator+;
-
 constexpr std::uint8_t SILENT = 0xFF;
 
 // Packet n holds n in each sample.

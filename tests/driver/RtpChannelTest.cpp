@@ -7,8 +7,6 @@
 
 namespace
 {
-using bytes::operator+;
-
 class RtpChannel : public testing::Test
 {
 protected:

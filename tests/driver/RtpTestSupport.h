@@ -4,6 +4,7 @@
 
 #include "Fd.h"
 #include "NetAddress.h"
+#include "DriverTestSupport.h"
 #include "RtpPacket.h"
 #include "RtpPort.h"
 
@@ -16,16 +17,6 @@
 #include <vector>
 
 using CBytes = std::vector<std::uint8_t>;
-
-namespace bytes
-{
-inline CBytes operator+(const CBytes& left, const CBytes& right)
-{
-    CBytes both = left;
-    both.insert(both.end(), right.begin(), right.end());
-    return both;
-}
-} // namespace bytes
 
 // A packet as it is on the line.
 inline CBytes RtpBytes(const CRtpHeader& header, const CBytes& payload)

@@ -160,6 +160,17 @@ TEST_F(StreamTest, UnreadableCallerRefusesTheRecording)
     EXPECT_FALSE(pStream->IsRecording());
 }
 
+TEST_F(StreamTest, DamagedCallerEndsTheRecordingWithFailure)
+{
+    WriteDamagedFlac(m_folder.Path("call.in.wav"));
+    const auto pStream = Open();
+    Record(*pStream, "msg.ul", 1000000);
+    Run(*pStream);
+    EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FAILED}));
+    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Failed);
+    EXPECT_GT(ReadBytes(m_folder.Path("msg.ul")).size(), 50000U);
+}
+
 TEST_F(StreamTest, RecordingOfNoSamplesEndsAtTheNextTick)
 {
     CallerSays(Noise(200));

@@ -127,17 +127,20 @@ std::size_t CAudioReader::MaxSamples() const
     return m_nMaxSamples;
 }
 
-std::optional<std::size_t> CAudioReader::Read(std::span<std::uint8_t> buffer, std::string& strError)
+std::size_t CAudioReader::Read(std::span<std::uint8_t> buffer, std::string& strError)
 {
     if (!m_pFile)
     {
         return 0;
     }
-    if (m_bULaw)
+    const std::size_t nCount = m_bULaw        ? ReadULaw(buffer)
+                               : m_pResampler ? ReadResampled(buffer, strError)
+                                              : ReadLinear(buffer);
+    if (nCount < buffer.size() && strError.empty() && sf_error(m_pFile.get()) != SF_ERR_NO_ERROR)
     {
-        return ReadULaw(buffer);
+        strError = sf_strerror(m_pFile.get());
     }
-    return m_pResampler ? ReadResampled(buffer, strError) : ReadLinear(buffer);
+    return nCount;
 }
 
 std::size_t CAudioReader::ReadULaw(std::span<std::uint8_t> buffer)
@@ -172,7 +175,7 @@ std::size_t CAudioReader::ReadLinear(std::span<std::uint8_t> buffer)
     return nCount;
 }
 
-std::optional<std::size_t> CAudioReader::ReadResampled(std::span<std::uint8_t> buffer, std::string& strError)
+std::size_t CAudioReader::ReadResampled(std::span<std::uint8_t> buffer, std::string& strError)
 {
     std::array<float, PIECE_FRAMES> afOut;
     std::size_t nCount = 0;
@@ -195,7 +198,7 @@ std::optional<std::size_t> CAudioReader::ReadResampled(std::span<std::uint8_t> b
         if (nError != 0)
         {
             strError = src_strerror(nError);
-            return std::nullopt;
+            break;
         }
         m_pInput += data.input_frames_used;
         m_nInput -= static_cast<std::size_t>(data.input_frames_used);

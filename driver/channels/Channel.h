@@ -44,6 +44,9 @@ public:
     virtual std::size_t Listen(std::span<std::uint8_t> samples) = 0;
     virtual bool HasCallerEnded() const { return false; }
 
+    // The caller has ended before the time: what he says could not be had to its end.
+    virtual bool HasCallerFailed() const { return false; }
+
     // A recording has ended.
     virtual void EndListening() {}
 

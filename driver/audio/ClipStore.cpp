@@ -125,26 +125,23 @@ void CClipStore::PostPiece(const std::shared_ptr<CDecoding>& pDecoding)
 
 void CClipStore::DecodePiece(CDecoding& decoding)
 {
-    bool bBroken = false;
     try
     {
         const std::span<std::uint8_t> room = decoding.m_pClip->Room();
         const auto piece = room.first(std::min(room.size(), PIECE_SAMPLES));
-        const auto nSamples = decoding.m_pReader->Read(piece, decoding.m_strError);
-        bBroken = !nSamples;
-        decoding.m_pClip->Publish(nSamples.value_or(0));
-        if (nSamples && *nSamples == piece.size() && *nSamples < room.size())
+        const std::size_t nSamples = decoding.m_pReader->Read(piece, decoding.m_strError);
+        decoding.m_pClip->Publish(nSamples);
+        if (nSamples == piece.size() && nSamples < room.size())
         {
             return;
         }
     }
     catch (const std::exception& exception)
     {
-        bBroken = true;
         decoding.m_strError = exception.what();
     }
     decoding.m_pReader.reset();
-    decoding.m_pClip->End(bBroken);
+    decoding.m_pClip->End(!decoding.m_strError.empty());
 }
 
 void CClipStore::OnPiece(const std::shared_ptr<CDecoding>& pDecoding)

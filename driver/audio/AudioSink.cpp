@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 
 namespace
 {
@@ -108,11 +109,23 @@ void CAudioSink::Drain()
         const std::size_t nAt = nWritten % CAPACITY;
         const std::size_t nCount = std::min(nPut - nWritten, CAPACITY - nAt);
         // A file that failed takes no more, so that it holds the beginning and not pieces.
-        if (!HasFailed() && !m_pWriter->Write({m_pbRing.get() + nAt, nCount}))
+        if (!HasFailed() && !Write({m_pbRing.get() + nAt, nCount}))
         {
             m_bFailed.store(true, std::memory_order_relaxed);
         }
         nWritten += nCount;
         m_nWritten.store(nWritten, std::memory_order_release);
+    }
+}
+
+bool CAudioSink::Write(std::span<const std::uint8_t> samples)
+{
+    try
+    {
+        return m_pWriter->Write(samples);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false;
     }
 }

@@ -100,6 +100,11 @@ bool CFileChannel::HasCallerEnded() const
     return m_bCallerEnded;
 }
 
+bool CFileChannel::HasCallerFailed() const
+{
+    return m_bCallerEnded && m_pCaller->m_pSaid->IsBroken();
+}
+
 bool CFileChannel::WantsService() const
 {
     return m_pHeard->WantsService();

@@ -38,6 +38,7 @@ public:
     void BeginListening(BeginFunction done) override;
     std::size_t Listen(std::span<std::uint8_t> samples) override;
     bool HasCallerEnded() const override;
+    bool HasCallerFailed() const override;
     bool WantsService() const override;
     void Service() override;
 

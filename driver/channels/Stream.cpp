@@ -240,9 +240,13 @@ std::size_t CStream::AdvanceRecord(std::size_t nSamples)
     {
         m_record->m_nEndStatus = DONE_FAILED;
     }
-    else if (m_ullRecorded == m_record->m_ullMaxSamples || m_pChannel->HasCallerEnded())
+    else if (m_ullRecorded == m_record->m_ullMaxSamples)
     {
         m_record->m_nEndStatus = DONE_FINISHED;
+    }
+    else if (m_pChannel->HasCallerEnded())
+    {
+        m_record->m_nEndStatus = m_pChannel->HasCallerFailed() ? DONE_FAILED : DONE_FINISHED;
     }
     return nCount;
 }

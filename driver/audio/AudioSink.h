@@ -48,7 +48,9 @@ public:
     void Close(DoneFunction done);
 
 private:
-    void Drain(); // on the disk's thread
+    // On the disk's thread.
+    void Drain();
+    bool Write(std::span<const std::uint8_t> samples);
 
     CExecutor& m_disk;
     std::unique_ptr<CAudioWriter> m_pWriter;  // the disk's thread's

@@ -29,7 +29,8 @@ std::unique_ptr<CRtpChannel> CRtpChannel::Open(CRtpPorts& ports, const CRtpRoute
     pChannel->m_bJoined = pPort->Join(route.m_remote, *pChannel);
     if (!pChannel->m_bJoined)
     {
-        strError = fmt::format("another channel is open between {} and {}", pPort->Local().Text(), route.m_remote.Text());
+        strError =
+            fmt::format("another channel is open between {} and {}", pPort->Local().Text(), route.m_remote.Text());
         return nullptr;
     }
     return pChannel;

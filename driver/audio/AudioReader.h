@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -38,9 +37,9 @@ public:
     // The most samples that the file can give, by its header.
     std::size_t MaxSamples() const;
 
-    // Decodes the next samples into the buffer; fewer than it holds at the end of the file. None, with
-    // the reason in strError, when the file is damaged.
-    std::optional<std::size_t> Read(std::span<std::uint8_t> buffer, std::string& strError);
+    // Decodes the next samples into the buffer and returns their number: fewer than it holds at the end
+    // of the file, or where the file is damaged, with the reason in strError then.
+    std::size_t Read(std::span<std::uint8_t> buffer, std::string& strError);
 
 private:
     CAudioReader(CFd fd, CSndFile pFile, int nChannels);
@@ -48,7 +47,7 @@ private:
     bool SetUpResampler(int nRate, std::string& strError);
     std::size_t ReadULaw(std::span<std::uint8_t> buffer);
     std::size_t ReadLinear(std::span<std::uint8_t> buffer);
-    std::optional<std::size_t> ReadResampled(std::span<std::uint8_t> buffer, std::string& strError);
+    std::size_t ReadResampled(std::span<std::uint8_t> buffer, std::string& strError);
     std::size_t ReadMono(std::size_t nFrames);
 
     CFd m_fd;
