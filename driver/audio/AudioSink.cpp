@@ -76,23 +76,20 @@ void CAudioSink::Service()
 
 void CAudioSink::Update(DoneFunction done)
 {
-    m_disk.Post(
-        [pThis = shared_from_this()] {
-            pThis->Drain();
-            if (!pThis->m_pWriter->Update())
-            {
-                pThis->m_bFailed.store(true, std::memory_order_relaxed);
-            }
-        },
-        [pThis = shared_from_this(), done = std::move(done)] { done(!pThis->HasFailed()); });
+    PostDrain(&CAudioWriter::Update, std::move(done));
 }
 
 void CAudioSink::Close(DoneFunction done)
 {
+    PostDrain(&CAudioWriter::Close, std::move(done));
+}
+
+void CAudioSink::PostDrain(bool (CAudioWriter::*finish)(), DoneFunction done)
+{
     m_disk.Post(
-        [pThis = shared_from_this()] {
+        [pThis = shared_from_this(), finish] {
             pThis->Drain();
-            if (!pThis->m_pWriter->Close())
+            if (!(*pThis->m_pWriter.*finish)())
             {
                 pThis->m_bFailed.store(true, std::memory_order_relaxed);
             }

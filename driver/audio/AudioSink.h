@@ -48,6 +48,9 @@ public:
     void Close(DoneFunction done);
 
 private:
+    // Has the disk's thread write what there is, and then finish with the writer.
+    void PostDrain(bool (CAudioWriter::*finish)(), DoneFunction done);
+
     // On the disk's thread.
     void Drain();
     bool Write(std::span<const std::uint8_t> samples);
