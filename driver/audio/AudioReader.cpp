@@ -32,10 +32,10 @@ std::uint8_t EncodeFloat(float f)
 }
 } // namespace
 
-bool OpenAudioFile(const std::string& strPath, CFd& fd, struct stat& status, std::string& strError)
+bool OpenAudioFile(const std::string& strPath, int nFlags, CFd& fd, struct stat& status, std::string& strError)
 {
     // Non-blocking for the case that the path names a FIFO or a device.
-    fd = CFd(::open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    fd = CFd(::open(strPath.c_str(), nFlags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0)
     {
         strError = ErrnoText(errno);

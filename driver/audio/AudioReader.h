@@ -18,9 +18,10 @@ struct SRC_STATE_tag;
 // The longest audio that is taken into memory: two hours.
 constexpr std::size_t MAX_CLIP_SAMPLES = std::size_t{2} * 3600 * 8000;
 
-// Opens an audio file for reading, without ever blocking. Anything but a regular file is an error.
-// On failure strError says why, without the path.
-bool OpenAudioFile(const std::string& strPath, CFd& fd, struct stat& status, std::string& strError);
+// Opens an audio file without ever blocking. nFlags are those of open that say what for; a file that they
+// create gets mode 0666 less the umask. Anything but a regular file is an error. On failure strError says
+// why, without the path.
+bool OpenAudioFile(const std::string& strPath, int nFlags, CFd& fd, struct stat& status, std::string& strError);
 
 // Decodes one open audio file from beginning to end. What is µ-law at 8000 samples per second and mono
 // already is taken byte for byte: WAV and AU by their headers, headerless files by the ending of the

@@ -2,6 +2,7 @@
 #include "AudioWriter.h"
 
 #include "AudioFormat.h"
+#include "AudioReader.h"
 #include "G711.h"
 #include "Text.h"
 
@@ -18,16 +19,9 @@ namespace
 bool OpenForWriting(const std::string& strPath, CFd& fd, std::string& strError)
 {
     // It is emptied only after the checks: the path may name what must not be touched.
-    fd = CFd(::open(strPath.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     struct stat status = {};
-    if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0)
+    if (!OpenAudioFile(strPath, O_RDWR | O_CREAT, fd, status, strError))
     {
-        strError = ErrnoText(errno);
-        return false;
-    }
-    if (!S_ISREG(status.st_mode))
-    {
-        strError = "it is not a regular file";
         return false;
     }
     if (::flock(fd.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)

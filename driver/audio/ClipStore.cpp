@@ -3,6 +3,7 @@
 
 #include "Text.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
@@ -50,7 +51,7 @@ void CClipStore::Open(const std::string& strPath, const CIdentity* pKnown, COpen
         CFd fd;
         struct stat status = {};
         std::string strReason;
-        if (!OpenAudioFile(strPath, fd, status, strReason))
+        if (!OpenAudioFile(strPath, O_RDONLY, fd, status, strReason))
         {
             opening.m_strError = fmt::format("\"{}\" cannot be opened: {}", Printable(strPath), strReason);
             return;

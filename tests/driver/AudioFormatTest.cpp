@@ -5,6 +5,7 @@
 #include "DriverTestSupport.h"
 #include "G711.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sndfile.h>
 
@@ -34,7 +35,7 @@ CSamples WrittenAndReadBack(const std::string& strPath, const CSamples& samples)
     EXPECT_TRUE(pWriter && pWriter->Close());
     CFd fd;
     struct stat status = {};
-    EXPECT_TRUE(OpenAudioFile(strPath, fd, status, strError)) << strError;
+    EXPECT_TRUE(OpenAudioFile(strPath, O_RDONLY, fd, status, strError)) << strError;
     const auto pReader = CAudioReader::Open(std::move(fd), strPath, strError);
     if (!pReader)
     {

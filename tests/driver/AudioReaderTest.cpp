@@ -4,6 +4,7 @@
 #include "G711.h"
 #include "SndFile.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -21,7 +22,7 @@ bool Load(const std::string& strPath, CSamples& samples, std::string& strError)
     CFd fd;
     struct stat status = {};
     const auto pReader =
-        OpenAudioFile(strPath, fd, status, strError) ? CAudioReader::Open(std::move(fd), strPath, strError) : nullptr;
+        OpenAudioFile(strPath, O_RDONLY, fd, status, strError) ? CAudioReader::Open(std::move(fd), strPath, strError) : nullptr;
     if (!pReader)
     {
         return false;

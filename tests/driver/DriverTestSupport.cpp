@@ -402,6 +402,16 @@ void CDriverInMemory::Send(const structMICMD& cmd)
     m_registry.Sweep();
 }
 
+std::uint32_t CDriverInMemory::SendPlayFile(int nStreamID, const std::string& strPath)
+{
+    structMICMD cmd = Next(MICMD_PLAYFILE);
+    cmd.playFile.nStreamID = nStreamID;
+    SetText(cmd.playFile.szFileName, strPath);
+    cmd.playFile.nStartPos = 0;
+    Send(cmd);
+    return cmd.nSequenceNo;
+}
+
 void CDriverInMemory::Pass(std::chrono::milliseconds time)
 {
     m_clock.m_now += time;

@@ -171,6 +171,9 @@ public:
 
     // Hands over a request and lets everything due happen, whether it is answered or not.
     void Send(const structMICMD& cmd);
+
+    // The same for a play of a file from its start. Returns the request's number.
+    std::uint32_t SendPlayFile(int nStreamID, const std::string& strPath);
     void Ticks(int nTicks);
 
     // Lets time pass for late answers and events.

@@ -42,12 +42,7 @@ protected:
 
     std::uint32_t SendPlay()
     {
-        structMICMD cmd = m_driver.Next(MICMD_PLAYFILE);
-        cmd.playFile.nStreamID = m_nStreamID;
-        SetText(cmd.playFile.szFileName, m_driver.Path("clip.wav"));
-        cmd.playFile.nStartPos = 0;
-        m_driver.Send(cmd);
-        return cmd.nSequenceNo;
+        return m_driver.SendPlayFile(m_nStreamID, m_driver.Path("clip.wav"));
     }
 
     std::uint32_t SendRecord(const std::string& strName)
