@@ -1,12 +1,14 @@
+// CLogFile::CWriter: what a log file hides: where its lines go, how fast, and lines that were lost.
 #include "LogWriter.h"
 
+#include "LogFormat.h"
+
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <new>
-#include <sys/resource.h>
-#include <sys/stat.h>
+#include <ctime>
+#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -15,24 +17,19 @@ namespace OrvLogLib
 
 namespace
 {
-constexpr uint64_t BYTES_PER_MEGABYTE = 1048576;
-
-const char* textOr(const char* pszText, const char* pszDefault)
-{
-    return pszText ? pszText : pszDefault;
-}
+// Who follows a log sees each line at once unless there are more than anybody could read. A write
+// costs about a microsecond, so this is at most one percent of a processor.
+constexpr uint64_t DIRECT_LINES = 10000; // in one go
+constexpr uint64_t DIRECT_LINES_PER_MS = 8;
+constexpr uint64_t PENDING_MS = 32;         // for which a line waits while others follow
+constexpr uint64_t PENDING_IDLE_MS = 10000; // for which the pending file is kept
+constexpr size_t PENDING_ROOM = 2048;       // that a line should find
 
 uint64_t milliseconds()
 {
     timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
-}
-
-uint64_t fileSizeLimit()
-{
-    rlimit limit;
-    return getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY ? limit.rlim_cur : UINT64_MAX;
 }
 
 // A write into a pipe that nobody reads must not raise SIGPIPE in the application.
@@ -62,52 +59,221 @@ void writeToStandardError(const char* pLine, size_t nLength)
 }
 } // namespace
 
-CLogFile::CWriter::CWriter(const char* pszName, const char* pszFileName, bool bTruncate, bool bProcessID, bool bSyslog)
-    : m_bTruncate(bTruncate), m_bProcessID(bProcessID), m_bSyslog(bSyslog)
+// Every writer of the process: pending lines are moved when it ends, and a child process must leave
+// those of its parent alone.
+struct CLogFile::CWriter::CAllWriters
 {
-    snprintf(m_szName, sizeof(m_szName), "%s", textOr(pszName, ""));
-    snprintf(m_szFileName, sizeof(m_szFileName), "%s", textOr(pszFileName, ""));
-    const CLogHold hold(m_mutex);
-    m_szPath[0] = m_szSecond[0] = '\0';
-    copySettings(CLogSettings());
+    CLogMutex mutex;
+    CWriter* pFirst GUARDED_BY(mutex) = nullptr;
+
+    void add(CWriter* pWriter);
+    void remove(const CWriter* pWriter);
+
+    static void beforeFork() NO_THREAD_SAFETY_ANALYSIS;
+    static void afterForkInParent() NO_THREAD_SAFETY_ANALYSIS;
+    static void afterForkInChild() NO_THREAD_SAFETY_ANALYSIS;
+    static void atEnd() NO_THREAD_SAFETY_ANALYSIS;
+};
+
+constinit CLogFile::CWriter::CAllWriters CLogFile::CWriter::s_all;
+
+void CLogFile::CWriter::CAllWriters::add(CWriter* pWriter)
+{
+    // Made by the first log file, so that it ends after all objects that were made later.
+    static const struct CRegistration
+    {
+        CRegistration() { pthread_atfork(beforeFork, afterForkInParent, afterForkInChild); }
+        ~CRegistration() { atEnd(); }
+    } s_registration;
+    const CLogHold hold(mutex);
+    pWriter->m_pNext = pFirst;
+    pFirst = pWriter;
+}
+
+void CLogFile::CWriter::CAllWriters::remove(const CWriter* pWriter)
+{
+    const CLogHold hold(mutex);
+    CWriter** pp = &pFirst;
+    while (*pp != pWriter)
+        pp = &(*pp)->m_pNext;
+    *pp = pWriter->m_pNext;
+}
+
+void CLogFile::CWriter::CAllWriters::beforeFork()
+{
+    s_all.mutex.lock();
+    for (CWriter* pWriter = s_all.pFirst; pWriter; pWriter = pWriter->m_pNext)
+        pWriter->m_mutex.lock();
+}
+
+void CLogFile::CWriter::CAllWriters::afterForkInParent()
+{
+    for (CWriter* pWriter = s_all.pFirst; pWriter; pWriter = pWriter->m_pNext)
+        pWriter->m_mutex.unlock();
+    s_all.mutex.unlock();
+}
+
+void CLogFile::CWriter::CAllWriters::afterForkInChild()
+{
+    forgetThreadIDs();
+    for (CWriter* pWriter = s_all.pFirst; pWriter; pWriter = pWriter->m_pNext)
+    {
+        pWriter->m_bCollecting = false;
+        pWriter->m_pending.abandon();
+    }
+    afterForkInParent();
+}
+
+// Other threads may still be running, and write their lines one by one from here on. A lock that is
+// not to be had belongs to a thread that was interrupted for good: its lines stay in the pending file.
+void CLogFile::CWriter::CAllWriters::atEnd()
+{
+    const CLogHold hold(s_all.mutex);
+    for (CWriter* pWriter = s_all.pFirst; pWriter; pWriter = pWriter->m_pNext)
+    {
+        bool bLocked = pWriter->m_mutex.tryLock();
+        for (int nTry = 0; !bLocked && nTry < 100; ++nTry)
+        {
+            const timespec pause = {0, 1000000};
+            nanosleep(&pause, nullptr);
+            bLocked = pWriter->m_mutex.tryLock();
+        }
+        if (!bLocked)
+            continue;
+        pWriter->m_ullCollectAt = UINT64_MAX;
+        pWriter->movePending(milliseconds());
+        pWriter->stopCollecting();
+        pWriter->m_mutex.unlock();
+    }
+}
+
+CLogFile::CWriter::CWriter(const char* pszName, const char* pszFileName, bool bTruncate, bool bProcessID, bool bSyslog)
+    : m_bSyslog(bSyslog), m_target(pszFileName, bTruncate, bProcessID), m_ullDirectLeft(DIRECT_LINES)
+{
+    snprintf(m_szName, sizeof(m_szName), "%s", pszName ? pszName : "");
+    {
+        const CLogHold hold(m_mutex);
+        copySettings(CLogSettings());
+    }
+    s_all.add(this);
 }
 
 CLogFile::CWriter::~CWriter()
 {
+    s_all.remove(this);
     const CLogHold hold(m_mutex);
-    tellLost(milliseconds());
-    closeFile();
+    const uint64_t ullNow = milliseconds();
+    m_ullTryAt = 0;
+    if (movePending(ullNow))
+        tellLost(ullNow);
 }
 
 void CLogFile::CWriter::applySettings(const CLogSettings& settings)
 {
     const CLogHold hold(m_mutex);
-    const bool bSamePlace = strcmp(m_szFolder, textOr(settings.pszFolder, "")) == 0 &&
-                            strcmp(m_szExtension, textOr(settings.pszExtension, ".log")) == 0;
+    m_ullTryAt = 0;
+    movePending(milliseconds());
+    stopCollecting();
+    if (m_target.isElsewhere(settings))
+        m_target.forget();
     copySettings(settings);
-    m_ullTryAt = m_ullRotateAt = m_ullLookAt = 0;
-    m_tSecond = -1;
-    if (!bSamePlace && !strchr(m_szFileName, '/'))
-    {
-        closeFile();
-        m_bStarted = false;
-    }
 }
 
 void CLogFile::CWriter::copySettings(const CLogSettings& settings)
 {
     m_settings = settings;
     m_settings.pszFolder = m_settings.pszExtension = m_settings.pszLinePrefix = nullptr;
-    snprintf(m_szFolder, sizeof(m_szFolder), "%s", textOr(settings.pszFolder, ""));
-    snprintf(m_szExtension, sizeof(m_szExtension), "%s", textOr(settings.pszExtension, ".log"));
-    snprintf(m_szLinePrefix, sizeof(m_szLinePrefix), "%s", textOr(settings.pszLinePrefix, ""));
-    CLogText::blankControls(m_szLinePrefix, strlen(m_szLinePrefix));
-    if (m_szFileName[0] == '\0')
+    m_head.applySettings(settings);
+    m_target.applySettings(settings);
+    if (!m_target.hasName())
         m_settings.nFileEnabled = 0;
     m_uMaxLineLength = settings.nMaxLineLength;
     m_uSyslogMask = settings.nSyslogMask;
     m_bSyslogAlarms = m_bSyslog && settings.nSyslogAlarms != 0;
-    m_uWanted = settings.nSyslogMask | settings.nStderrMask | (m_settings.nFileEnabled ? settings.nFileMask : 0);
+    const unsigned int uFileMask = m_settings.nFileEnabled ? settings.nFileMask : 0;
+    m_uWanted = settings.nSyslogMask | settings.nStderrMask | uFileMask;
+    m_uCollected = settings.nSyncEachLine ? 0 : uFileMask & ~(settings.nSyslogMask | settings.nStderrMask);
+    m_ullTryAt = 0;
+    if (m_ullCollectAt != UINT64_MAX)
+        m_ullCollectAt = 0;
+}
+
+int CLogFile::CWriter::collectLine(LogLib_Priority priority, const char* pszFormat, va_list arguments)
+{
+    if (!m_bCollecting.load(std::memory_order_relaxed))
+        return 0;
+    const CErrnoKeeper keeper;
+    const CLogHold hold(m_mutex);
+    if (!m_bCollecting || (m_uCollected & priority) == 0 || m_ullLost > 0)
+        return 0;
+    const uint64_t ullNow = milliseconds();
+    const bool bOld = m_pending.length() > 0 && ullNow - m_ullPendingAt >= PENDING_MS;
+    if (bOld || m_pending.room() < PENDING_ROOM)
+    {
+        if (!movePending(ullNow))
+            return 0;
+        m_bCollecting = !bOld || !takeDirectTurn(ullNow);
+        if (!m_bCollecting)
+            return 0;
+    }
+    if (m_pending.length() == 0)
+        m_ullPendingAt = ullNow;
+
+    char* const pLine = m_pending.end();
+    char* const pText = pLine + m_head.write(pLine, priority);
+    const size_t nRoom = m_pending.room() - static_cast<size_t>(pText - pLine) - 1;
+    keeper.restore();
+    const int nFormatted = formatText(pText, nRoom, pszFormat, arguments);
+    if (nFormatted < 0)
+        return 0;
+    const size_t nMaxLength = m_settings.nMaxLineLength ? m_settings.nMaxLineLength : nRoom;
+    const size_t nText = std::min(static_cast<size_t>(nFormatted), nMaxLength);
+    blankControls(pText, nText);
+    pText[nText] = '\n';
+    const size_t nLine = static_cast<size_t>(pText - pLine) + nText + 1;
+    m_pending.add(nLine);
+    return static_cast<int>(nLine);
+}
+
+// Counts a line that is to be written by itself, unless there were too many of them.
+bool CLogFile::CWriter::takeDirectTurn(uint64_t ullNow)
+{
+    m_ullDirectLeft = std::min(DIRECT_LINES, m_ullDirectLeft + (ullNow - m_ullDirectAt) * DIRECT_LINES_PER_MS);
+    m_ullDirectAt = ullNow;
+    if (m_ullDirectLeft == 0)
+        return false;
+    --m_ullDirectLeft;
+    return true;
+}
+
+void CLogFile::CWriter::startCollecting(uint64_t ullNow)
+{
+    if (m_bCollecting || m_uCollected == 0 || ullNow < m_ullCollectAt)
+        return;
+    m_bCollecting = m_pending.isOpen() || m_pending.open(m_target.path());
+    if (!m_bCollecting)
+        m_ullCollectAt = ullNow + m_settings.nRetryMilliseconds;
+}
+
+void CLogFile::CWriter::stopCollecting()
+{
+    m_bCollecting = false;
+    m_pending.close();
+}
+
+// False when some are left; they are tried again later, and no other line overtakes them.
+bool CLogFile::CWriter::movePending(uint64_t ullNow)
+{
+    const size_t nPending = m_pending.length();
+    if (nPending == 0)
+        return true;
+    if (ullNow < m_ullTryAt)
+        return false;
+    const bool bMoved = m_target.makeRoom(nPending + 1, ullNow) && m_pending.moveInto(m_target.descriptor());
+    if (!bMoved)
+        failed(ullNow);
+    m_target.grown(nPending - m_pending.length());
+    return bMoved;
 }
 
 int CLogFile::CWriter::writeLine(LogLib_Priority priority, CLogText& text)
@@ -120,8 +286,8 @@ int CLogFile::CWriter::writeLine(LogLib_Priority priority, CLogText& text)
             nWritten = writeToFile(priority, text);
         if (m_settings.nStderrMask & priority)
         {
-            char szHead[CLogText::HEAD_ROOM];
-            const size_t nHead = formatHead(szHead, priority);
+            char szHead[CLogHead::MAX_LENGTH];
+            const size_t nHead = m_head.write(szHead, priority);
             writeToStandardError(text.asLine(szHead, nHead), nHead + text.length() + 1);
         }
     }
@@ -141,166 +307,25 @@ bool CLogFile::CWriter::writeAlarm(CLogText& text)
     return bSyslog || bFile;
 }
 
-bool CLogFile::CWriter::buildPath()
+void CLogFile::CWriter::flush()
 {
-    int nLength;
-    if (strchr(m_szFileName, '/'))
-    {
-        nLength = snprintf(m_szPath, sizeof(m_szPath), "%s", m_szFileName);
-    }
-    else
-    {
-        static constexpr char szSystemFolder[] = "/var/log/zelmedia";
-        const char* pszFolder = m_szFolder;
-        struct stat status;
-        if (*pszFolder == '\0')
-            pszFolder = stat(szSystemFolder, &status) == 0 && S_ISDIR(status.st_mode) &&
-                                faccessat(AT_FDCWD, szSystemFolder, W_OK | X_OK, AT_EACCESS) == 0
-                            ? szSystemFolder
-                            : "/tmp";
-        char szProcess[16] = "";
-        if (m_bProcessID)
-            snprintf(szProcess, sizeof(szProcess), "-p%d", static_cast<int>(getpid()));
-        nLength = snprintf(m_szPath, sizeof(m_szPath), "%s/%s%s%s", pszFolder, m_szFileName, szProcess, m_szExtension);
-    }
-    errno = ENAMETOOLONG;
-    return nLength > 0 && nLength < static_cast<int>(sizeof(m_szPath));
-}
-
-bool CLogFile::CWriter::openFile()
-{
-    if (!buildPath())
-        return false;
-    // Without O_NONBLOCK a FIFO in place of the file would hold up the caller here.
-    const int nFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-    const int nFile = open(m_szPath, nFlags, 0640);
-    if (nFile < 0)
-        return false;
-    struct stat status;
-    if (fstat(nFile, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
-        (status.st_uid != geteuid() && status.st_uid != 0))
-    {
-        close(nFile);
-        errno = EPERM;
-        return false;
-    }
-    m_nFile = nFile;
-    m_device = status.st_dev;
-    m_inode = status.st_ino;
-    m_ullSize = static_cast<uint64_t>(status.st_size);
-    m_bBrokenLine = false;
-    return true;
-}
-
-void CLogFile::CWriter::closeFile()
-{
-    if (m_nFile >= 0)
-        close(m_nFile);
-    m_nFile = -1;
-}
-
-bool CLogFile::CWriter::isStillThere()
-{
-    struct stat status;
-    if (lstat(m_szPath, &status) != 0 || status.st_dev != m_device || status.st_ino != m_inode)
-        return false;
-    m_ullSize = static_cast<uint64_t>(status.st_size); // someone may have cut it
-    return true;
-}
-
-void CLogFile::CWriter::lookForFile(uint64_t ullNow)
-{
-    if (m_nFile < 0 || m_settings.nReopenMilliseconds == 0 || ullNow < m_ullLookAt)
-        return;
-    if (!isStillThere())
-        closeFile();
-    m_ullLookAt = ullNow + m_settings.nReopenMilliseconds;
-}
-
-// Leaves the file closed and its name free, or the file open and empty; false when the names could
-// not be moved, with the file as it was.
-bool CLogFile::CWriter::rotate()
-{
-    if (!isStillThere())
-    {
-        closeFile();
-        return true;
-    }
-    if (m_settings.nRotatedFiles == 0)
-    {
-        if (ftruncate(m_nFile, 0) != 0)
-            return false;
-        m_ullSize = 0;
-        m_bBrokenLine = false;
-        return true;
-    }
-
-    char szFrom[PATH_MAX + 16];
-    char szTo[PATH_MAX + 16];
-    struct stat status;
-    unsigned int n = 1;
-    for (; n < m_settings.nRotatedFiles; ++n)
-    {
-        snprintf(szTo, sizeof(szTo), "%s.%u", m_szPath, n);
-        if (lstat(szTo, &status) != 0)
-            break;
-    }
-    for (; n > 1; --n)
-    {
-        snprintf(szFrom, sizeof(szFrom), "%s.%u", m_szPath, n - 1);
-        snprintf(szTo, sizeof(szTo), "%s.%u", m_szPath, n);
-        if (rename(szFrom, szTo) != 0)
-            return false;
-    }
-    snprintf(szTo, sizeof(szTo), "%s.1", m_szPath);
-    if (rename(m_szPath, szTo) != 0)
-        return false;
-    closeFile();
-    return true;
-}
-
-// Makes sure of an open file that may take nBytes more. False, with errno, when there is none.
-bool CLogFile::CWriter::makeRoom(size_t nBytes, uint64_t ullNow)
-{
-    lookForFile(ullNow);
-    if (m_nFile < 0 && !openFile())
-        return false;
-    const uint64_t ullLimit = fileSizeLimit();
-    bool bRotate = false;
-    if (!m_bStarted)
-    {
-        bRotate = m_settings.nStartFresh != 0;
-        if (!bRotate && m_bTruncate && m_ullSize > 0 && ftruncate(m_nFile, 0) == 0)
-            m_ullSize = 0;
-        m_bStarted = true;
-    }
-    if (m_settings.nMaxFileMegabytes > 0 && ullNow >= m_ullRotateAt)
-    {
-        const uint64_t ullMax = m_settings.nMaxFileMegabytes * BYTES_PER_MEGABYTE;
-        bRotate = bRotate || m_ullSize + nBytes > (ullMax < ullLimit ? ullMax : ullLimit);
-    }
-    if (bRotate && m_ullSize > 0)
-    {
-        // The file goes on growing when its names cannot be moved: better long than lost.
-        if (!rotate())
-            m_ullRotateAt = ullNow + m_settings.nRetryMilliseconds;
-        if (m_nFile < 0 && !openFile())
-            return false;
-    }
-    // A write beyond the limit of the process would raise SIGXFSZ.
-    errno = EFBIG;
-    return m_ullSize + nBytes <= ullLimit;
+    const CLogHold hold(m_mutex);
+    const uint64_t ullNow = milliseconds();
+    if (movePending(ullNow) && m_pending.isOpen() && ullNow - m_ullPendingAt >= PENDING_IDLE_MS)
+        stopCollecting();
 }
 
 int CLogFile::CWriter::writeToFile(LogLib_Priority priority, CLogText& text)
 {
     const uint64_t ullNow = milliseconds();
-    const int nTold = ullNow < m_ullTryAt ? -1 : tellLost(ullNow);
+    if (!takeDirectTurn(ullNow))
+        startCollecting(ullNow);
+    const int nTold = ullNow < m_ullTryAt || !movePending(ullNow) ? -1 : tellLost(ullNow);
     if (nTold >= 0)
     {
         const int nWritten = append(priority, text, ullNow);
         // Else the last bytes of a disk would fill up with lines that tell of one lost line each.
-        const bool bTakenBack = nWritten < 0 && nTold > 0 && takeBack(static_cast<size_t>(nTold));
+        const bool bTakenBack = nWritten < 0 && nTold > 0 && m_target.takeBack(static_cast<size_t>(nTold));
         if (!bTakenBack)
             m_ullLost = 0;
         if (nWritten > 0)
@@ -325,85 +350,23 @@ int CLogFile::CWriter::tellLost(uint64_t ullNow)
 
 int CLogFile::CWriter::append(LogLib_Priority priority, CLogText& text, uint64_t ullNow)
 {
-    char szHead[CLogText::HEAD_ROOM];
-    const size_t nHead = formatHead(szHead, priority);
+    char szHead[CLogHead::MAX_LENGTH];
+    const size_t nHead = m_head.write(szHead, priority);
     const size_t nBytes = nHead + text.length() + 1;
-    if (!makeRoom(nBytes + 1, ullNow) || !endBrokenLine() || !writeBytes(text.asLine(szHead, nHead), nBytes))
+    if (!m_target.makeRoom(nBytes + 1, ullNow) || !m_target.write(text.asLine(szHead, nHead), nBytes))
     {
-        m_nLostReason = errno;
-        m_ullTryAt = ullNow + m_settings.nRetryMilliseconds;
+        failed(ullNow);
         return -1;
     }
     if (m_settings.nSyncEachLine)
-        fdatasync(m_nFile);
+        m_target.sync();
     return static_cast<int>(nBytes);
 }
 
-bool CLogFile::CWriter::endBrokenLine()
+void CLogFile::CWriter::failed(uint64_t ullNow)
 {
-    if (m_bBrokenLine && !writeBytes("\n", 1))
-        return false;
-    m_bBrokenLine = false;
-    return true;
-}
-
-// All bytes or none, but for m_bBrokenLine.
-bool CLogFile::CWriter::writeBytes(const char* pBytes, size_t nBytes)
-{
-    size_t nDone = 0;
-    while (nDone < nBytes)
-    {
-        const ssize_t nWritten = write(m_nFile, pBytes + nDone, nBytes - nDone);
-        if (nWritten > 0)
-        {
-            nDone += static_cast<size_t>(nWritten);
-        }
-        else if (nWritten == 0 || errno != EINTR)
-        {
-            const int nError = nWritten == 0 ? ENOSPC : errno;
-            if (nDone > 0 && !takeBack(nDone))
-            {
-                m_bBrokenLine = true;
-                m_ullSize += nDone;
-            }
-            errno = nError;
-            return false;
-        }
-    }
-    m_ullSize += nBytes;
-    return true;
-}
-
-// Cuts off the last nBytes that were written; false, with the file as it was, when that is refused or
-// another process has appended since.
-bool CLogFile::CWriter::takeBack(size_t nBytes)
-{
-    const off_t nEnd = lseek(m_nFile, 0, SEEK_CUR);
-    const off_t nNewEnd = nEnd - static_cast<off_t>(nBytes);
-    struct stat status;
-    if (nNewEnd < 0 || fstat(m_nFile, &status) != 0 || status.st_size != nEnd || ftruncate(m_nFile, nNewEnd) != 0)
-        return false;
-    lseek(m_nFile, nNewEnd, SEEK_SET); // appending does not need it, the next call of this does
-    m_ullSize = static_cast<uint64_t>(nNewEnd);
-    return true;
-}
-
-size_t CLogFile::CWriter::formatHead(char (&szHead)[CLogText::HEAD_ROOM], LogLib_Priority priority)
-{
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != m_tSecond)
-    {
-        tm parts;
-        if (m_settings.nUtc ? gmtime_r(&now.tv_sec, &parts) : localtime_r(&now.tv_sec, &parts))
-            strftime(m_szSecond, sizeof(m_szSecond), "%Y-%m-%d %H:%M:%S", &parts);
-        m_tSecond = now.tv_sec;
-    }
-    const bool bMicroseconds = m_settings.nMicroseconds != 0;
-    const int nLength = snprintf(szHead, sizeof(szHead), "%s.%0*ld p%d t%d %d %s", m_szSecond, bMicroseconds ? 6 : 3,
-                                 now.tv_nsec / (bMicroseconds ? 1000 : 1000000), static_cast<int>(getpid()),
-                                 static_cast<int>(gettid()), static_cast<int>(priority), m_szLinePrefix);
-    return static_cast<size_t>(nLength);
+    m_nLostReason = errno;
+    m_ullTryAt = ullNow + m_settings.nRetryMilliseconds;
 }
 
 } // namespace OrvLogLib

@@ -1,17 +1,19 @@
-// CLogFile::CWriter: what a log file hides: the open file, its rotation, and lines that were lost.
+// CLogFile::CWriter: what a log file hides: where its lines go, how fast, and lines that were lost.
 #ifndef LOG_WRITER_H
 #define LOG_WRITER_H
 
+#include "LogHead.h"
+#include "LogPending.h"
+#include "LogTarget.h"
+#include "LogText.h"
 #include "OrvLogLib.h"
 #include "ThreadSafety.h"
 
+#include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <mutex>
-#include <sys/types.h>
 
 namespace OrvLogLib
 {
@@ -21,52 +23,14 @@ class CErrnoKeeper
 {
 public:
     CErrnoKeeper() : m_nErrno(errno) {}
-    ~CErrnoKeeper() { errno = m_nErrno; }
+    ~CErrnoKeeper() { restore(); }
     CErrnoKeeper(const CErrnoKeeper&) = delete;
     CErrnoKeeper& operator=(const CErrnoKeeper&) = delete;
 
+    void restore() const { errno = m_nErrno; }
+
 private:
     const int m_nErrno;
-};
-
-// The text of one line, with room before it for the head of the line. Usual lines need no memory
-// from the heap.
-class CLogText
-{
-public:
-    static constexpr size_t HEAD_ROOM = 320;
-
-    CLogText() = default;
-    CLogText(const CLogText&) = delete;
-    CLogText& operator=(const CLogText&) = delete;
-
-    // Appends formatted text. The whole text is cut at nMaxLength bytes unless that is 0, and at
-    // what the stack holds when the heap is empty.
-    void append(size_t nMaxLength, const char* pszFormat, ...) __attribute__((format(printf, 3, 4)));
-    void appendArgList(size_t nMaxLength, const char* pszFormat, va_list arguments)
-        __attribute__((format(printf, 3, 0)));
-
-    // Puts blanks for control characters.
-    void makeOneLine();
-    static void blankControls(char* pText, size_t nLength);
-
-    // Puts the head before the text, at most HEAD_ROOM bytes, and a line end after it. Returns
-    // where the line begins; its length is nHead + length() + 1.
-    const char* asLine(const char* pHead, size_t nHead);
-
-    const char* text() const { return m_pBuffer + HEAD_ROOM; }
-    size_t length() const { return m_nLength; }
-
-private:
-    bool reserve(size_t nLength);
-
-    static constexpr size_t STACK_ROOM = 1024;
-
-    char m_szStack[HEAD_ROOM + STACK_ROOM]; // the last byte is for the terminating 0 or the line end
-    std::unique_ptr<char[]> m_pHeap;
-    char* m_pBuffer = m_szStack;
-    size_t m_nRoom = STACK_ROOM;
-    size_t m_nLength = 0;
 };
 
 // std::mutex under the names that the thread-safety analysis knows.
@@ -74,6 +38,7 @@ class CAPABILITY("mutex") CLogMutex
 {
 public:
     void lock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS { m_mutex.lock(); }
+    bool tryLock() NO_THREAD_SAFETY_ANALYSIS { return m_mutex.try_lock(); }
     void unlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
 
 private:
@@ -92,6 +57,8 @@ private:
     CLogMutex& m_mutex;
 };
 
+// Lines are written into the file one by one as long as they are not too many; beyond that they are
+// collected in a CLogPending and moved into the file together.
 class CLogFile::CWriter
 {
 public:
@@ -106,35 +73,35 @@ public:
     bool wants(LogLib_Priority priority) const { return (m_uWanted.load(std::memory_order_relaxed) & priority) != 0; }
     size_t maxLineLength() const { return m_uMaxLineLength.load(std::memory_order_relaxed); }
 
+    // Collects a line, if lines are being collected now and this one can be: it is formatted where it
+    // is kept. Returns its length, or 0 when it is writeLine's. Leaves errno as it was.
+    int collectLine(LogLib_Priority priority, const char* pszFormat, va_list arguments)
+        __attribute__((format(printf, 3, 0))) EXCLUDES(m_mutex);
     // Writes a line wherever the settings send it. Returns as LogStringArgListX does.
     int writeLine(LogLib_Priority priority, CLogText& text) EXCLUDES(m_mutex);
 
     // Raises an alarm. Returns whether it was given to the syslog or is in the file.
     bool writeAlarm(CLogText& text) EXCLUDES(m_mutex);
 
-private:
-    void copySettings(const CLogSettings& settings) REQUIRES(m_mutex);
-    bool buildPath() REQUIRES(m_mutex);
-    bool openFile() REQUIRES(m_mutex);
-    void closeFile() REQUIRES(m_mutex);
-    bool isStillThere() REQUIRES(m_mutex);
-    void lookForFile(uint64_t ullNow) REQUIRES(m_mutex);
-    bool rotate() REQUIRES(m_mutex);
-    bool makeRoom(size_t nBytes, uint64_t ullNow) REQUIRES(m_mutex);
+    // Moves collected lines into the file.
+    void flush() EXCLUDES(m_mutex);
 
+private:
+    struct CAllWriters;
+    static CAllWriters s_all;
+
+    void copySettings(const CLogSettings& settings) REQUIRES(m_mutex);
+    bool takeDirectTurn(uint64_t ullNow) REQUIRES(m_mutex);
+    void startCollecting(uint64_t ullNow) REQUIRES(m_mutex);
+    void stopCollecting() REQUIRES(m_mutex);
+    bool movePending(uint64_t ullNow) REQUIRES(m_mutex);
     int writeToFile(LogLib_Priority priority, CLogText& text) REQUIRES(m_mutex);
     int tellLost(uint64_t ullNow) REQUIRES(m_mutex);
     int append(LogLib_Priority priority, CLogText& text, uint64_t ullNow) REQUIRES(m_mutex);
-    bool endBrokenLine() REQUIRES(m_mutex);
-    bool writeBytes(const char* pBytes, size_t nBytes) REQUIRES(m_mutex);
-    bool takeBack(size_t nBytes) REQUIRES(m_mutex);
-    size_t formatHead(char (&szHead)[CLogText::HEAD_ROOM], LogLib_Priority priority) REQUIRES(m_mutex);
+    void failed(uint64_t ullNow) REQUIRES(m_mutex);
 
     // Constant after construction.
     char m_szName[64];
-    char m_szFileName[PATH_MAX];
-    const bool m_bTruncate;
-    const bool m_bProcessID;
     const bool m_bSyslog;
 
     // What is asked for each line before the lock is taken.
@@ -142,27 +109,25 @@ private:
     std::atomic<unsigned int> m_uMaxLineLength{0};
     std::atomic<unsigned int> m_uSyslogMask{0};
     std::atomic<bool> m_bSyslogAlarms{false};
+    std::atomic<bool> m_bCollecting{false};
 
     CLogMutex m_mutex;
-    CLogSettings m_settings GUARDED_BY(m_mutex); // its texts are in the three members below
-    char m_szFolder[PATH_MAX] GUARDED_BY(m_mutex);
-    char m_szExtension[64] GUARDED_BY(m_mutex);
-    char m_szLinePrefix[201] GUARDED_BY(m_mutex);
+    CLogSettings m_settings GUARDED_BY(m_mutex);       // without its texts
+    unsigned int m_uCollected GUARDED_BY(m_mutex) = 0; // priorities of lines that may be collected
+    CLogHead m_head GUARDED_BY(m_mutex);
+    CLogTarget m_target GUARDED_BY(m_mutex);
+    CLogPending m_pending GUARDED_BY(m_mutex);
 
-    char m_szPath[PATH_MAX] GUARDED_BY(m_mutex); // of the open file
-    int m_nFile GUARDED_BY(m_mutex) = -1;
-    dev_t m_device GUARDED_BY(m_mutex) = 0;
-    ino_t m_inode GUARDED_BY(m_mutex) = 0;
-    uint64_t m_ullSize GUARDED_BY(m_mutex) = 0;
-    bool m_bStarted GUARDED_BY(m_mutex) = false;    // the file was once opened and emptied or rotated as asked
-    bool m_bBrokenLine GUARDED_BY(m_mutex) = false; // the file ends within a line
-    uint64_t m_ullLookAt GUARDED_BY(m_mutex) = 0;   // when to look whether the file was moved away
-    uint64_t m_ullRotateAt GUARDED_BY(m_mutex) = 0; // when a refused rotation may be tried again
-    uint64_t m_ullTryAt GUARDED_BY(m_mutex) = 0;    // when a failed write may be tried again
-    uint64_t m_ullLost GUARDED_BY(m_mutex) = 0;     // lines lost since the last that was written
-    int m_nLostReason GUARDED_BY(m_mutex) = 0;      // errno of the last failure
-    time_t m_tSecond GUARDED_BY(m_mutex) = -1;      // second that m_szSecond shows
-    char m_szSecond[32] GUARDED_BY(m_mutex);
+    uint64_t m_ullDirectLeft GUARDED_BY(m_mutex);    // lines that may be written one by one
+    uint64_t m_ullDirectAt GUARDED_BY(m_mutex) = 0;  // when that was counted
+    uint64_t m_ullPendingAt GUARDED_BY(m_mutex) = 0; // when the first of the pending lines came
+    uint64_t m_ullCollectAt GUARDED_BY(m_mutex) = 0; // when collecting may be tried again
+    uint64_t m_ullTryAt GUARDED_BY(m_mutex) = 0;     // when a failed write may be tried again
+    uint64_t m_ullLost GUARDED_BY(m_mutex) = 0;      // lines lost since the last that was written
+    int m_nLostReason GUARDED_BY(m_mutex) = 0;       // errno of the last failure
+
+    // Guarded by the lock of all writers.
+    CWriter* m_pNext = nullptr;
 };
 
 } // namespace OrvLogLib

@@ -4,9 +4,7 @@
 #include "LogWriter.h"
 
 #include <cstdio>
-#include <cstring>
 #include <new>
-#include <utility>
 
 namespace OrvLogLib
 {
@@ -18,69 +16,6 @@ unsigned int notNegative(int nNumber)
     return nNumber < 0 ? 0 : static_cast<unsigned int>(nNumber);
 }
 } // namespace
-
-void CLogText::append(size_t nMaxLength, const char* pszFormat, ...)
-{
-    va_list arguments;
-    va_start(arguments, pszFormat);
-    appendArgList(nMaxLength, pszFormat, arguments);
-    va_end(arguments);
-}
-
-void CLogText::appendArgList(size_t nMaxLength, const char* pszFormat, va_list arguments)
-{
-    if (!pszFormat)
-        return;
-    va_list again;
-    va_copy(again, arguments);
-    const int nAll = vsnprintf(m_pBuffer + HEAD_ROOM + m_nLength, m_nRoom - m_nLength, pszFormat, arguments);
-    size_t nLength = m_nLength + (nAll > 0 ? static_cast<size_t>(nAll) : 0);
-    if (nMaxLength > 0 && nLength > nMaxLength)
-        nLength = nMaxLength;
-    if (nLength >= m_nRoom)
-    {
-        if (reserve(nLength))
-            vsnprintf(m_pBuffer + HEAD_ROOM + m_nLength, m_nRoom - m_nLength, pszFormat, again);
-        else
-            nLength = m_nRoom - 1;
-    }
-    va_end(again);
-    m_nLength = nLength;
-    m_pBuffer[HEAD_ROOM + m_nLength] = '\0';
-}
-
-bool CLogText::reserve(size_t nLength)
-{
-    const size_t nRoom = nLength + 1;
-    std::unique_ptr<char[]> pHeap(new (std::nothrow) char[HEAD_ROOM + nRoom]);
-    if (!pHeap)
-        return false;
-    memcpy(pHeap.get() + HEAD_ROOM, m_pBuffer + HEAD_ROOM, m_nLength);
-    m_pHeap = std::move(pHeap);
-    m_pBuffer = m_pHeap.get();
-    m_nRoom = nRoom;
-    return true;
-}
-
-void CLogText::makeOneLine()
-{
-    blankControls(m_pBuffer + HEAD_ROOM, m_nLength);
-}
-
-void CLogText::blankControls(char* p, size_t nLength)
-{
-    for (char* const pEnd = p + nLength; p < pEnd; ++p)
-        if ((*p >= 0 && *p < ' ') || *p == '\x7f')
-            *p = ' ';
-}
-
-const char* CLogText::asLine(const char* pHead, size_t nHead)
-{
-    char* const pLine = m_pBuffer + HEAD_ROOM - nHead;
-    memcpy(pLine, pHead, nHead);
-    m_pBuffer[HEAD_ROOM + m_nLength] = '\n';
-    return pLine;
-}
 
 CLogFile::CLogFile(const char* pszName, const char* pszFileName, bool bTruncate, bool bProcessID, bool bSyslog)
     : m_ulTraceMask(CLogSettings().nTraceMask),
@@ -117,11 +52,15 @@ int CLogFile::TraceStringArgList(unsigned long ulMask, LogLib_Priority priority,
 int CLogFile::LogStringArgListX(LogLib_Priority priority, const char* pszFormat, const char* pszSource,
                                 va_list arguments)
 {
-    const CErrnoKeeper keeper;
     if (!m_pWriter)
         return -1;
     if (!m_pWriter->wants(priority))
         return 0;
+    const int nCollected = pszSource ? 0 : m_pWriter->collectLine(priority, pszFormat, arguments);
+    if (nCollected > 0)
+        return nCollected;
+
+    const CErrnoKeeper keeper;
     CLogText text;
     const size_t nMaxLength = m_pWriter->maxLineLength();
     if (pszSource)
@@ -144,6 +83,13 @@ long CLogFile::ReportEventToWIN32Log(long nEventID, unsigned short nStrings, uns
     if (ulDataSize > 0)
         text.append(nMaxLength, " (%lu bytes of data)", ulDataSize);
     return m_pWriter->writeAlarm(text) ? 1 : 0;
+}
+
+void CLogFile::flush()
+{
+    const CErrnoKeeper keeper;
+    if (m_pWriter)
+        m_pWriter->flush();
 }
 
 void CLogFile::applySettings(const CLogSettings& settings)

@@ -47,11 +47,17 @@ struct CLogSettings
 //   2026-11-21 04:05:06.123456 p4711 t4715 2 CMIntf::initialize
 //
 // date and time, process id, thread id, priority, text. Every operation may be called from any
-// thread, not from a signal handler, and leaves errno as it was. A line is in the file when the
-// call returns, so a killed process loses none. No operation throws, fails because the disk is
-// full, or waits for anything but the disk (and standard error and syslog, where settings send
-// lines there). Lines that cannot be written are lost; how many is told by a line of its own,
-// "5 lines lost: No space left on device", once writing works again.
+// thread, not from a signal handler, and leaves errno as it was. Lines stand in the order of the
+// calls. A line is safe when the call returns: a killed process loses none. No operation throws, fails
+// because the disk is full, or waits for anything but the disk (and standard error and syslog, where
+// settings send lines there). Lines that cannot be written are lost; how many is told by a line of its
+// own, "5 lines lost: No space left on device", once writing works again.
+//
+// A line is in the file when the call returns, too, unless more than 10000 came at once or 8 each
+// millisecond: then lines are collected in "<file>.pending", 64 KiB at most, and moved into the file
+// together, after 32 ms if other lines follow, at the next flush() otherwise, and when the process
+// ends. What a killed process left there is put into its log file by the first line of the next
+// process that logs to the same folder and name.
 //
 // An application subclasses this to take lines and alarms into a log of its own.
 class ORVLOG_API CLogFile
@@ -96,6 +102,10 @@ public:
     // The trace classes that are on, one bit each.
     unsigned long traceMask() const { return m_ulTraceMask.load(std::memory_order_relaxed); }
     void setTraceMask(unsigned long ulMask) { m_ulTraceMask.store(ulMask, std::memory_order_relaxed); }
+
+    // Moves lines that were collected into the file. To be called about once a second where lines
+    // may cease.
+    void flush();
 
     // Puts settings into force; the texts are copied. A file that is open stays open unless folder
     // or extension changed.
