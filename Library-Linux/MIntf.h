@@ -164,8 +164,10 @@ public:
     // Writes one line into the log, if there is one. Never throws, whatever the log file does.
     int trace(unsigned long ulMask, OrvLogLib::LogLib_Priority priority, const char* pszFormat, ...) noexcept
         __attribute__((format(printf, 4, 5)));
-    int traceArgList(unsigned long ulMask, OrvLogLib::LogLib_Priority priority, const char* pszFormat,
-                     va_list arguments) noexcept __attribute__((format(printf, 4, 0)));
+    static int traceInto(OrvLogLib::CLogFile& logFile, unsigned long ulMask, OrvLogLib::LogLib_Priority priority,
+                         const char* pszFormat, va_list arguments) noexcept __attribute__((format(printf, 4, 0)));
+    // Has lines that the log file collected written into the file.
+    void flushLog() noexcept;
     // Raises the operator alarm with this text.
     long raiseAlarm(const char* pszText) noexcept;
     // Puts another log file, which may be null, in place of the current one and deletes that, once
@@ -211,6 +213,7 @@ public:
 private:
     struct CSide;
     struct CExchangeResult;
+    typedef std::map<int, CCommand*> CActiveMap;
     typedef std::map<int, CCommandList*> CQueueMap;
     typedef std::unique_ptr<CCommand> CCommandOwner;
 
@@ -233,13 +236,15 @@ private:
     // Bookkeeping
     int processActiveCommand(const CSide& side, CCommand* pcommand, int& bSend) REQUIRES(m_pCritSecCMIntf);
     void queueCommand(const CSide& side, CCommand* pcommand, const CCommand* pcommandActive) REQUIRES(m_pCritSecCMIntf);
-    void activateCommand(const CSide& side, CCommand* pcommand) REQUIRES(m_pCritSecCMIntf);
+    void activateCommand(const CSide& side, CCommand* pcommand, CActiveMap::iterator itNext) REQUIRES(m_pCritSecCMIntf);
     void enterDeadline(CCommand* pcommand) REQUIRES(m_pCritSecCMIntf);
     bool eraseDeadline(const CCommand* pcommand, const char* pszFormatBefore) REQUIRES(m_pCritSecCMIntf);
-    void remActiveCommand(int nStreamID, uint32_t nSequenceNo, int bDelete, const CCommand* pcommandOnly)
+    CActiveMap::iterator findActive(const CSide& side, int nStreamID, uint32_t nSequenceNo,
+                                    const CCommand* pcommandOnly) REQUIRES(m_pCritSecCMIntf);
+    void removeFound(int nStreamID, uint32_t nSequenceNo, int bDelete, CActiveMap::iterator itPlay,
+                     CActiveMap::iterator itRecord) REQUIRES(m_pCritSecCMIntf);
+    void removeFoundOfSide(const CSide& side, int nStreamID, int bDelete, CActiveMap::iterator it)
         REQUIRES(m_pCritSecCMIntf);
-    void remActiveCommandOfSide(const CSide& side, int nStreamID, uint32_t nSequenceNo, int bDelete,
-                                const CCommand* pcommandOnly) REQUIRES(m_pCritSecCMIntf);
     // Does what remActiveCommand does with the command's number and bDelete 0, for this command
     // alone: no other one is unlinked with it, and its deadline entry is gone afterwards.
     void unlinkActiveCommand(CCommand* pcommand) REQUIRES(m_pCritSecCMIntf);
@@ -265,7 +270,7 @@ private:
     std::vector<CCommandOwner> takeOverdueCommands(uint64_t ullNow) REQUIRES(m_pCritSecCMIntf);
     CCommandOwner retireCompleted(const structMIEVT& evt, MCSTATUS mcstatus, bool& bNotify) REQUIRES(m_pCritSecCMIntf);
     void dropAfterFatalStatus(int nStreamID, CCommandOwner& pcommandCompleted) REQUIRES(m_pCritSecCMIntf);
-    void updateStreamTiming(int nStreamID) REQUIRES(m_pCritSecCMIntf);
+    static void updateStreamTiming(CZelMediaStreamImpl* pStreamImpl);
     CCommandOwner takeNextCommand(const CSide& side, int nStreamID) REQUIRES(m_pCritSecCMIntf);
     void startNextCommand(const CSide& side, CCommandOwner pcommand, bool bStreamWasOpen);
     bool reportCompletion(const CCommand& command, MCSTATUS mcstatus, const char* pszFormat);

@@ -75,13 +75,15 @@ int CMIntf::processActiveCommand(const CSide& side, CCommand* pcommand, int& bSe
     trace(TRACE_OPERATION, LogLib_Normal, side.pszEntering, pcommand->m_nStreamID);
     try
     {
-        if (const CCommand* const pcommandActive = activeCommand(side, pcommand->m_nStreamID))
+        CActiveMap& mapActive = this->*side.pmapActive;
+        const auto it = mapActive.lower_bound(pcommand->m_nStreamID);
+        if (it != mapActive.end() && it->first == pcommand->m_nStreamID)
         {
-            queueCommand(side, pcommand, pcommandActive);
+            queueCommand(side, pcommand, it->second);
             return MCS_OK;
         }
         trace(TRACE_OPERATION, LogLib_Normal, side.pszCurrentActive, pcommand->m_nStreamID);
-        activateCommand(side, pcommand);
+        activateCommand(side, pcommand, it);
         bSend = 1;
         return MCS_OK;
     }
@@ -104,26 +106,28 @@ void CMIntf::queueCommand(const CSide& side, CCommand* pcommand, const CCommand*
     }
 
     CQueueMap& mapQueue = this->*side.pmapQueue;
-    auto it = mapQueue.find(pcommand->m_nStreamID);
-    if (it == mapQueue.end())
+    auto it = mapQueue.lower_bound(pcommand->m_nStreamID);
+    if (it == mapQueue.end() || it->first != pcommand->m_nStreamID)
     {
         auto plistNew = std::make_unique<CCommandList>();
-        it = mapQueue.emplace(pcommand->m_nStreamID, plistNew.get()).first;
+        it = mapQueue.emplace_hint(it, pcommand->m_nStreamID, plistNew.get());
         plistNew.release();
     }
     it->second->push_back(pcommand);
 }
 
-// Throws std::bad_alloc with the command in no container and no number used up.
-void CMIntf::activateCommand(const CSide& side, CCommand* pcommand)
+// itNext is where the stream's entry belongs. Throws std::bad_alloc with the command in no container
+// and no number used up.
+void CMIntf::activateCommand(const CSide& side, CCommand* pcommand, CActiveMap::iterator itNext)
 {
     pcommand->m_cmd.nSequenceNo = m_nNextSequenceNo++;
     trace(TRACE_INFO, LogLib_Normal, side.pszCalled, sequenceNo(pcommand), pcommand->m_nStreamID,
           commandName(pcommand));
-    auto& mapActive = this->*side.pmapActive;
+    CActiveMap& mapActive = this->*side.pmapActive;
+    CActiveMap::iterator itEntered = mapActive.end();
     try
     {
-        mapActive[pcommand->m_nStreamID] = pcommand;
+        itEntered = mapActive.emplace_hint(itNext, pcommand->m_nStreamID, pcommand);
         if (side.bPlay)
         {
             trace(TRACE_INFO, LogLib_Normal,
@@ -134,7 +138,8 @@ void CMIntf::activateCommand(const CSide& side, CCommand* pcommand)
     }
     catch (const std::bad_alloc&)
     {
-        mapActive.erase(pcommand->m_nStreamID);
+        if (itEntered != mapActive.end())
+            mapActive.erase(itEntered);
         --m_nNextSequenceNo;
         throw;
     }
@@ -182,8 +187,8 @@ bool CMIntf::eraseDeadline(const CCommand* pcommand, const char* pszFormatBefore
 {
     if (pcommand->m_ullTimeoutTick == 0)
         return false;
-    const auto range = m_mmapActiveCommandByTimeout.equal_range(pcommand->m_ullTimeoutTick);
-    for (auto it = range.first; it != range.second; ++it)
+    for (auto it = m_mmapActiveCommandByTimeout.lower_bound(pcommand->m_ullTimeoutTick);
+         it != m_mmapActiveCommandByTimeout.end() && it->first == pcommand->m_ullTimeoutTick; ++it)
     {
         if (it->second != pcommand)
             continue;
@@ -200,37 +205,46 @@ bool CMIntf::eraseDeadline(const CCommand* pcommand, const char* pszFormatBefore
 
 void CMIntf::remActiveCommand(int nStreamID, int nSequenceIDParam, int bDelete)
 {
-    remActiveCommand(nStreamID, static_cast<uint32_t>(nSequenceIDParam), bDelete, nullptr);
+    const uint32_t nSequenceNo = static_cast<uint32_t>(nSequenceIDParam);
+    removeFound(nStreamID, nSequenceNo, bDelete, findActive(s_sidePlay, nStreamID, nSequenceNo, nullptr),
+                findActive(s_sideRecord, nStreamID, nSequenceNo, nullptr));
 }
 
-// The number that means any can be a command's own, once in 2^32: pcommandOnly, unless null, keeps
-// other commands where they are.
-void CMIntf::remActiveCommand(int nStreamID, uint32_t nSequenceNo, int bDelete, const CCommand* pcommandOnly)
+// The stream's active command of that number, else the end of the map. The number that means any can be
+// a command's own, once in 2^32: with pcommandOnly no other command is found.
+CMIntf::CActiveMap::iterator CMIntf::findActive(const CSide& side, int nStreamID, uint32_t nSequenceNo,
+                                                const CCommand* pcommandOnly)
+{
+    CActiveMap& mapActive = this->*side.pmapActive;
+    const auto it = mapActive.find(nStreamID);
+    if (it == mapActive.end() || (nSequenceNo != ANY_SEQUENCE_NO && nSequenceNo != it->second->m_cmd.nSequenceNo) ||
+        (pcommandOnly && pcommandOnly != it->second))
+        return mapActive.end();
+    return it;
+}
+
+// Does what remActiveCommand does, with what the maps are known to have.
+void CMIntf::removeFound(int nStreamID, uint32_t nSequenceNo, int bDelete, CActiveMap::iterator itPlay,
+                         CActiveMap::iterator itRecord)
 {
     const int nSequenceIDParam = static_cast<int>(nSequenceNo);
     trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::CMIntf::remActiveCommand called, sid = %d, nSequenceIDParam = %d",
           nStreamID, nSequenceIDParam);
-    remActiveCommandOfSide(s_sidePlay, nStreamID, nSequenceNo, bDelete, pcommandOnly);
+    removeFoundOfSide(s_sidePlay, nStreamID, bDelete, itPlay);
     trace(TRACE_INFO, LogLib_Normal,
           " (Info) CMIntf::CMIntf::remActiveCommand  before active record,sid = %d, nSequenceIDParam = %d", nStreamID,
           nSequenceIDParam);
-    remActiveCommandOfSide(s_sideRecord, nStreamID, nSequenceNo, bDelete, pcommandOnly);
+    removeFoundOfSide(s_sideRecord, nStreamID, bDelete, itRecord);
     trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = %d, nSequenceIDParam = %d",
           nStreamID, nSequenceIDParam);
 }
 
-void CMIntf::remActiveCommandOfSide(const CSide& side, int nStreamID, uint32_t nSequenceNo, int bDelete,
-                                    const CCommand* pcommandOnly)
+void CMIntf::removeFoundOfSide(const CSide& side, int nStreamID, int bDelete, CActiveMap::iterator it)
 {
-    auto& mapActive = this->*side.pmapActive;
-    const auto it = mapActive.find(nStreamID);
+    CActiveMap& mapActive = this->*side.pmapActive;
     if (it == mapActive.end())
         return;
     CCommand* const pcommand = it->second;
-    if (nSequenceNo != ANY_SEQUENCE_NO && nSequenceNo != pcommand->m_cmd.nSequenceNo)
-        return;
-    if (pcommandOnly && pcommandOnly != pcommand)
-        return;
 
     // The play side tells of the map entry after it is gone and of the deadline entry before, the
     // record side the other way round.
@@ -256,8 +270,15 @@ void CMIntf::remActiveCommandOfSide(const CSide& side, int nStreamID, uint32_t n
 
 void CMIntf::unlinkActiveCommand(CCommand* pcommand)
 {
-    remActiveCommand(pcommand->m_nStreamID, pcommand->m_cmd.nSequenceNo, 0, pcommand);
-    eraseDeadline(pcommand, nullptr);
+    const int nStreamID = pcommand->m_nStreamID;
+    const uint32_t nSequenceNo = pcommand->m_cmd.nSequenceNo;
+    const auto itPlay = findActive(s_sidePlay, nStreamID, nSequenceNo, pcommand);
+    const auto itRecord = findActive(s_sideRecord, nStreamID, nSequenceNo, pcommand);
+    const bool bFound =
+        itPlay != m_mapActiveCommandByStreamIDPlay.end() || itRecord != m_mapActiveCommandByStreamIDRecord.end();
+    removeFound(nStreamID, nSequenceNo, 0, itPlay, itRecord);
+    if (!bFound)
+        eraseDeadline(pcommand, nullptr);
 }
 
 CMIntf::CCommand* CMIntf::activeCommand(const CSide& side, int nStreamID)

@@ -105,6 +105,7 @@ void CMIntf::eventLoop()
 
 void CMIntf::idlePass()
 {
+    flushLog(); // before anything that may have to wait
     const bool bJustOpened = openRequestPipe();
     if (pingDue(CPortable::GetTickCountULL()))
         ping();
@@ -252,14 +253,16 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
     bool bStreamOpen;
     {
         CCritSecHold hold(m_pCritSecCMIntf);
-        bStreamOpen = m_mapStreamByStreamID.count(nStreamID) != 0;
+        const auto itStream = m_mapStreamByStreamID.find(nStreamID);
+        bStreamOpen = itStream != m_mapStreamByStreamID.end();
+        CZelMediaStreamImpl* const pStreamImpl = bStreamOpen ? itStream->second : nullptr;
         pcommandCompleted = retireCompleted(evt, mcstatus, bNotify);
         if (mcstatus == MCS_OK)
         {
             pcommandNextPlay = takeNextCommand(s_sidePlay, nStreamID);
             pcommandNextRecord = takeNextCommand(s_sideRecord, nStreamID);
             if (!pcommandNextPlay && !pcommandNextRecord)
-                updateStreamTiming(nStreamID);
+                updateStreamTiming(pStreamImpl);
         }
         else
         {
@@ -268,7 +271,7 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
             if (driverFatalError(mcstatus))
                 dropAfterFatalStatus(nStreamID, pcommandCompleted);
             else if (mcstatus == MCS_CANCELLED)
-                updateStreamTiming(nStreamID);
+                updateStreamTiming(pStreamImpl);
         }
     }
 
@@ -296,9 +299,10 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
 // bNotify: whether its end is to be reported.
 CMIntf::CCommandOwner CMIntf::retireCompleted(const structMIEVT& evt, MCSTATUS mcstatus, bool& bNotify)
 {
-    CCommand* const pcommand = activeCommand(s_sidePlay, evt.nStreamID);
-    if (!pcommand || pcommand->m_cmd.nSequenceNo != evt.nSequenceID)
+    const auto it = m_mapActiveCommandByStreamIDPlay.find(evt.nStreamID);
+    if (it == m_mapActiveCommandByStreamIDPlay.end() || it->second->m_cmd.nSequenceNo != evt.nSequenceID)
         return nullptr;
+    CCommand* const pcommand = it->second;
     const int nSequenceNo = static_cast<int>(pcommand->m_cmd.nSequenceNo);
     trace(TRACE_INFO, LogLib_Normal,
           "801(Info) CMIntf::eventThreadFunc:: pcommandCompleted is set for all active cmd, cmd seq %d, done seq %d : "
@@ -306,7 +310,7 @@ CMIntf::CCommandOwner CMIntf::retireCompleted(const structMIEVT& evt, MCSTATUS m
           nSequenceNo, nSequenceNo, addressForLog(pcommand));
     bNotify = pcommand->m_bDone != 0 || mcstatus != MCS_OK;
     trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc:: calling remActiveCommand");
-    unlinkActiveCommand(pcommand);
+    removeFound(evt.nStreamID, evt.nSequenceID, 0, it, m_mapActiveCommandByStreamIDRecord.end());
     return CCommandOwner(pcommand);
 }
 
@@ -328,11 +332,10 @@ void CMIntf::dropAfterFatalStatus(int nStreamID, CCommandOwner& pcommandComplete
           "test124 (Error) CMIntf::eventThreadFunc, driverFatalError, setting mcstatus = MCS_INVALIDHANDLE");
 }
 
-void CMIntf::updateStreamTiming(int nStreamID)
+void CMIntf::updateStreamTiming(CZelMediaStreamImpl* pStreamImpl)
 {
-    const auto it = m_mapStreamByStreamID.find(nStreamID);
-    if (it != m_mapStreamByStreamID.end())
-        it->second->freezePlayTime(CPortable::GetTickCountULL());
+    if (pStreamImpl)
+        pStreamImpl->freezePlayTime(CPortable::GetTickCountULL());
 }
 
 CMIntf::CCommandOwner CMIntf::takeNextCommand(const CSide& side, int nStreamID)

@@ -233,23 +233,26 @@ long CMIntf::markStreamInvalid(int nStreamID)
     return raiseAlarm("ZelMediaServices CMIntf::markStreamInvalid, cannot open/create/read/write pipe");
 }
 
+// Most calls of a process that does not trace end at the mask.
 int CMIntf::trace(unsigned long ulMask, LogLib_Priority priority, const char* pszFormat, ...) noexcept
 {
+    const CReadSection section;
+    CLogFile* const pLogFile = loadUnlocked(m_pLogFile);
+    if (!pLogFile || (pLogFile->traceMask() & ulMask) == 0)
+        return 0;
     va_list arguments;
     va_start(arguments, pszFormat);
-    const int nResult = traceArgList(ulMask, priority, pszFormat, arguments);
+    const int nResult = traceInto(*pLogFile, ulMask, priority, pszFormat, arguments);
     va_end(arguments);
     return nResult;
 }
 
-int CMIntf::traceArgList(unsigned long ulMask, LogLib_Priority priority, const char* pszFormat,
-                         va_list arguments) noexcept
+int CMIntf::traceInto(CLogFile& logFile, unsigned long ulMask, LogLib_Priority priority, const char* pszFormat,
+                      va_list arguments) noexcept
 {
-    CReadSection section;
-    CLogFile* const pLogFile = loadUnlocked(m_pLogFile);
     try
     {
-        return pLogFile ? pLogFile->TraceStringArgList(ulMask, priority, pszFormat, arguments) : 0;
+        return logFile.TraceStringArgList(ulMask, priority, pszFormat, arguments);
     }
     catch (...)
     {
@@ -261,12 +264,21 @@ int CMIntf::traceArgList(unsigned long ulMask, LogLib_Priority priority, const c
 void traceOperation(const char* pszFormat, ...) noexcept
 {
     CMIntf* const pmintf = driverInterface();
-    if (!pmintf)
+    const CReadSection section;
+    CLogFile* const pLogFile = pmintf ? loadUnlocked(pmintf->m_pLogFile) : nullptr;
+    if (!pLogFile || (pLogFile->traceMask() & TRACE_OPERATION) == 0)
         return;
     va_list arguments;
     va_start(arguments, pszFormat);
-    pmintf->traceArgList(TRACE_OPERATION, LogLib_Normal, pszFormat, arguments);
+    CMIntf::traceInto(*pLogFile, TRACE_OPERATION, LogLib_Normal, pszFormat, arguments);
     va_end(arguments);
+}
+
+void CMIntf::flushLog() noexcept
+{
+    const CReadSection section;
+    if (CLogFile* const pLogFile = loadUnlocked(m_pLogFile))
+        pLogFile->flush();
 }
 
 long CMIntf::raiseAlarm(const char* pszText) noexcept

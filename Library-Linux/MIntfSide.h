@@ -7,7 +7,7 @@
 
 struct CMIntf::CSide
 {
-    std::map<int, CCommand*> CMIntf::*pmapActive;
+    CActiveMap CMIntf::*pmapActive;
     CQueueMap CMIntf::*pmapQueue;
     bool bPlay;
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 // Works for descriptors of any number. Signals neither end a wait nor stretch the budget, which
-// runs on the monotonic clock from construction on.
+// runs on the monotonic clock from construction on and is kept to about 10 ms.
 class CPipeWait
 {
 public:
@@ -16,8 +16,11 @@ public:
     int waitReadable();
 
 private:
+    int nextTimeout();
+
     const int m_nDescriptor;
-    const int64_t m_llDeadline; // nanoseconds of the monotonic clock
+    const int64_t m_llDeadline; // ms
+    int m_nWholeBudget;         // ms, until the first wait
 };
 
 #endif

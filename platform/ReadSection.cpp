@@ -11,18 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// What other threads see of one thread's sections. Records are never freed; the next thread takes
-// over the record of one that ended.
-struct CReadSection::CThread
-{
-    explicit CThread(bool bBarrier) : m_bBarrier(bBarrier) {}
-
-    alignas(64) std::atomic<unsigned int> m_uCounter{0}; // odd while the thread is inside a section
-    unsigned int m_uDepth = 0;                           // of the owning thread only
-    const bool m_bBarrier;                               // waitForReaders has barriers for both sides
-    std::atomic<bool> m_bOwned{true};
-    CThread* m_pNext = nullptr;
-};
+constinit thread_local CReadSection::CThread* CReadSection::CThread::t_pThread = nullptr;
 
 namespace
 {
@@ -34,8 +23,6 @@ std::atomic<CThread*> s_pFirst{nullptr};
 std::atomic<unsigned int> s_uUnrecorded{0};
 thread_local unsigned int t_uUnrecorded = 0; // of this thread
 
-// Trivially destructible, so that sections of later destructors of the thread still find them.
-thread_local CThread* t_pThread = nullptr;
 thread_local bool t_bEnded = false;
 
 struct CThreadEnd
@@ -43,9 +30,9 @@ struct CThreadEnd
     ~CThreadEnd()
     {
         t_bEnded = true;
-        if (t_pThread)
-            t_pThread->m_bOwned.store(false, std::memory_order_release);
-        t_pThread = nullptr;
+        if (CThread::t_pThread)
+            CThread::t_pThread->m_bOwned.store(false, std::memory_order_release);
+        CThread::t_pThread = nullptr;
     }
 };
 
@@ -59,7 +46,7 @@ void forgetOtherThreads()
 {
     for (CThread* pThread = s_pFirst.load(); pThread; pThread = pThread->m_pNext)
     {
-        if (pThread == t_pThread)
+        if (pThread == CThread::t_pThread)
             continue;
         pThread->m_uDepth = 0;
         pThread->m_uCounter = (pThread->m_uCounter + 1) & ~1U;
@@ -110,13 +97,13 @@ CThread* claimRecord()
 
 CThread* threadRecord()
 {
-    if (t_pThread || t_bEnded)
-        return t_pThread;
+    if (CThread::t_pThread || t_bEnded)
+        return CThread::t_pThread;
     static thread_local CThreadEnd t_end; // for its destructor, which runs when the thread ends
     const int nErrno = errno;
-    t_pThread = claimRecord();
+    CThread::t_pThread = claimRecord();
     errno = nErrno;
-    return t_pThread;
+    return CThread::t_pThread;
 }
 
 void pauseBeforeTry(unsigned int uTry)
@@ -128,42 +115,25 @@ void pauseBeforeTry(unsigned int uTry)
 }
 } // namespace
 
-CReadSection::CReadSection() noexcept : m_pThread(threadRecord())
+// The thread's first section, and all that cannot rely on the barriers of the other side.
+void CReadSection::enterSlowly() noexcept
 {
+    m_pThread = threadRecord();
     if (!m_pThread)
     {
         ++t_uUnrecorded;
         s_uUnrecorded.fetch_add(1);
-        return;
     }
-    if (m_pThread->m_uDepth++ != 0)
-        return;
-    const unsigned int uInside = m_pThread->m_uCounter.load(std::memory_order_relaxed) + 1;
-    if (m_pThread->m_bBarrier)
+    else if (m_pThread->m_uDepth++ == 0)
     {
-        // Releases what the previous section did, for a thread that waits for that one and finds
-        // this one.
-        m_pThread->m_uCounter.store(uInside, std::memory_order_release);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-    }
-    else
-    {
-        m_pThread->m_uCounter.exchange(uInside);
+        m_pThread->m_uCounter.exchange(m_pThread->counter() + 1);
     }
 }
 
-CReadSection::~CReadSection()
+void CReadSection::leaveSlowly() noexcept
 {
-    if (!m_pThread)
-    {
-        s_uUnrecorded.fetch_sub(1);
-        --t_uUnrecorded;
-        return;
-    }
-    if (--m_pThread->m_uDepth != 0)
-        return;
-    const unsigned int uOutside = m_pThread->m_uCounter.load(std::memory_order_relaxed) + 1;
-    m_pThread->m_uCounter.store(uOutside, std::memory_order_release);
+    s_uUnrecorded.fetch_sub(1);
+    --t_uUnrecorded;
 }
 
 void CReadSection::waitForReaders() noexcept
@@ -175,7 +145,7 @@ void CReadSection::waitForReaders() noexcept
     CThread* pThread = s_pFirst.fetch_add(0);
     for (; pThread; pThread = pThread->m_pNext)
     {
-        if (pThread == t_pThread)
+        if (pThread == CThread::t_pThread)
             continue;
         const unsigned int uCounter = pThread->m_uCounter.fetch_add(0);
         if ((uCounter & 1U) == 0)

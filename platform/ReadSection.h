@@ -8,13 +8,51 @@
 #ifndef READ_SECTION_H
 #define READ_SECTION_H
 
+#include <atomic>
+
 class CReadSection
 {
 public:
+    // What other threads see of one thread's sections. Records are never freed; the next thread takes
+    // over the record of one that ended.
+    struct CThread
+    {
+        explicit CThread(bool bBarrier) : m_bBarrier(bBarrier) {}
+        unsigned int counter() const { return m_uCounter.load(std::memory_order_relaxed); }
+
+        alignas(64) std::atomic<unsigned int> m_uCounter{0}; // odd while the thread is inside a section
+        unsigned int m_uDepth = 0;                           // of the owning thread only
+        const bool m_bBarrier;                               // waitForReaders has barriers for both sides
+        std::atomic<bool> m_bOwned{true};
+        CThread* m_pNext = nullptr;
+
+        // Of the calling thread, null before its first section and after its end. Trivially
+        // destructible, so that sections of later destructors of the thread still find it. The model
+        // spares a call for each access.
+        static constinit thread_local CThread* t_pThread __attribute__((tls_model("initial-exec")));
+    };
+
     // Enters a section on the calling thread; sections nest, and end on the thread that began them.
     // Not for signal handlers. Leaves errno as it was.
-    CReadSection() noexcept;
-    ~CReadSection();
+    CReadSection() noexcept : m_pThread(CThread::t_pThread)
+    {
+        if (!m_pThread || !m_pThread->m_bBarrier)
+            enterSlowly();
+        else if (m_pThread->m_uDepth++ == 0)
+        {
+            // Releases what the previous section did, for a thread that waits for that one and finds
+            // this one.
+            m_pThread->m_uCounter.store(m_pThread->counter() + 1, std::memory_order_release);
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        }
+    }
+    ~CReadSection()
+    {
+        if (!m_pThread)
+            leaveSlowly();
+        else if (--m_pThread->m_uDepth == 0)
+            m_pThread->m_uCounter.store(m_pThread->counter() + 1, std::memory_order_release);
+    }
     CReadSection(const CReadSection&) = delete;
     CReadSection& operator=(const CReadSection&) = delete;
 
@@ -23,10 +61,11 @@ public:
     // section wait for each other for ever. Leaves errno as it was.
     static void waitForReaders() noexcept;
 
-    struct CThread;
-
 private:
-    CThread* const m_pThread;
+    void enterSlowly() noexcept;
+    static void leaveSlowly() noexcept;
+
+    CThread* m_pThread;
 };
 
 #endif
