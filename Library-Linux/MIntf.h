@@ -3,8 +3,10 @@
 #define MINTF_H
 
 #include "MediaProtocol.h"
+#include "NodePool.h"
 #include "OrvLogLib.h"
 #include "Portable.h"
+#include "ReadSection.h"
 #include "Unlocked.h"
 #include "ZelCritSec.h"
 #include "ZelMediaServices.h"
@@ -51,6 +53,10 @@ public:
     virtual void OnCMIntfCompletion(int nStreamID, MCSTATUS mcstatus,
                                     CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON reason) = 0;
 };
+
+// CMIntf::trace for the lines of every command: where they are masked, not even their arguments are
+// looked at.
+#define ZEL_TRACE(mask, priority, ...) (isTraced(mask) ? trace(mask, priority, __VA_ARGS__) : 0)
 
 class CMIntf
 {
@@ -161,6 +167,13 @@ public:
     static MCSTATUS getEventMCCSTATUS(structMIEVT* psevt);
     static bool driverFatalError(MCSTATUS mcstatus);
 
+    // Whether lines of these trace classes go anywhere at the moment.
+    bool isTraced(unsigned long ulMask) const noexcept
+    {
+        const CReadSection section;
+        const OrvLogLib::CLogFile* const pLogFile = loadUnlocked(m_pLogFile);
+        return pLogFile && (pLogFile->traceMask() & ulMask) != 0;
+    }
     // Writes one line into the log, if there is one. Never throws, whatever the log file does.
     int trace(unsigned long ulMask, OrvLogLib::LogLib_Priority priority, const char* pszFormat, ...) noexcept
         __attribute__((format(printf, 4, 5)));
@@ -214,11 +227,17 @@ private:
     struct CSide;
     struct CExchangeResult;
     typedef std::map<int, CCommand*> CActiveMap;
+    typedef std::multimap<uint64_t, CCommand*> CDeadlineMap;
     typedef std::map<int, CCommandList*> CQueueMap;
     typedef std::unique_ptr<CCommand> CCommandOwner;
 
     static const CSide s_sidePlay;
     static const CSide s_sideRecord;
+
+    // Entries of earlier commands, for later ones: a command costs one allocation, its own.
+    CNodePool<CActiveMap> m_poolActive GUARDED_BY(m_pCritSecCMIntf);
+    CNodePool<CDeadlineMap> m_poolDeadline GUARDED_BY(m_pCritSecCMIntf);
+    CCommandList m_listSpareEntries GUARDED_BY(m_pCritSecCMIntf);
 
     // Lifecycle
     bool createPipe(const char* pszPath, const char* pszErrorFormat);
@@ -262,6 +281,7 @@ private:
 
     // Event thread
     void eventLoop();
+    void eventRead(const structMIEVT& evt);
     bool openRequestPipe();
     bool pingDue(uint64_t ullNow);
     bool connectDriver(int& nConnectID);

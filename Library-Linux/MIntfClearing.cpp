@@ -17,7 +17,7 @@ bool byStreamID(const CMIntf::CCommand* pleft, const CMIntf::CCommand* pright)
 
 void CMIntf::clearActiveCommands(MIRESULT result)
 {
-    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY");
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY");
     const std::vector<CCommand*> vPlays = injectCompletions(s_sidePlay, result);
     const std::vector<CCommand*> vRecords = injectCompletions(s_sideRecord, result);
     for (CCommand* const pcommand : vPlays)
@@ -59,11 +59,11 @@ std::vector<CMIntf::CCommand*> CMIntf::injectCompletions(const CSide& side, MIRE
 void CMIntf::destroyUntold(CCommand* pcommand, const std::vector<CCommand*>& vRecordsToCome)
 {
     unlinkActiveCommand(pcommand);
-    trace(TRACE_INFO, LogLib_Normal,
-          "test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands");
-    trace(TRACE_INFO, LogLib_Normal,
-          "801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
-          addressForLog(pcommand));
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              "test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands");
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              "801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+              addressForLog(pcommand));
     for (const CSide* const pside : {&s_sidePlay, &s_sideRecord})
     {
         CCommand* const pcommandOther = eraseActive(*pside, pcommand->m_nStreamID);
@@ -74,7 +74,7 @@ void CMIntf::destroyUntold(CCommand* pcommand, const std::vector<CCommand*>& vRe
             delete pcommandOther;
         }
     }
-    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand");
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand");
     delete pcommand;
 }
 
@@ -131,7 +131,7 @@ void CMIntf::destroyList(CCommandList* plist, int bRecordOnly)
 // Looks at the play side alone, for both types: a recording without a play before it goes on.
 MCSTATUS CMIntf::cancel(int nStreamID, unsigned long nCancelType)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::cancel, id %d", nStreamID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::cancel, id %d", nStreamID);
     CCritSecHold hold(m_pCritSecCMIntf);
 
     clearCommandQueuePlay(nStreamID, 0);

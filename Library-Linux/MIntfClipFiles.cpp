@@ -24,7 +24,7 @@ int CMIntf::openFile(char* name, int* pFileID)
         if (*pFileID == -1)
             mcstatus = addClipFile(strName, *pFileID);
     }
-    trace(TRACE_OPERATION, LogLib_Normal, "<<<CMIntf::openFile %s, id %d", name, *pFileID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "<<<CMIntf::openFile %s, id %d", name, *pFileID);
     return mcstatus;
 }
 
@@ -55,7 +55,7 @@ MCSTATUS CMIntf::requestOpenFile(CClipFile& clipFile)
 
 int CMIntf::closeFile(int fileID)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::closeFile, id %d", fileID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::closeFile, id %d", fileID);
     CCritSecHold hold(m_pCritSecClipFiles);
     const auto it = m_mapClipFileByID.find(fileID);
     if (it == m_mapClipFileByID.end() || --it->second->m_nUseCount > 0)
@@ -84,9 +84,9 @@ int CMIntf::mapFileIDToCMIntfFileID(int fileID)
 
 void CMIntf::reopenClipFiles()
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::reopenClipFiles");
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::reopenClipFiles");
     CCritSecHold hold(m_pCritSecClipFiles);
-    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::reopenClipFiles, m_nConnectID= \"%d\" ", connectID());
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::reopenClipFiles, m_nConnectID= \"%d\" ", connectID());
     for (const auto& entry : m_mapClipFileByID)
     {
         if (requestOpenFile(*entry.second) != MCS_OK)
@@ -95,8 +95,8 @@ void CMIntf::reopenClipFiles()
                 entryLost.second->m_nCMIntfFileID = -1;
             return;
         }
-        trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::reopenClipFiles, m_nCMIntfFileID= \"%d\" ",
-              entry.second->m_nCMIntfFileID);
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::reopenClipFiles, m_nCMIntfFileID= \"%d\" ",
+                  entry.second->m_nCMIntfFileID);
     }
 }
 
@@ -116,21 +116,21 @@ int CMIntf::openStream(CZelMediaStreamImpl* pImpl, int* pStreamID, char* callID,
         CCritSecHold hold(m_pCritSecCMIntf);
         m_mapStreamByStreamID[*pStreamID] = pImpl;
     }
-    trace(TRACE_OPERATION, LogLib_Normal, "<<<CMIntf::openConferenceStream (callid %s, legid %u), streamid %d", callID,
-          static_cast<unsigned int>(legID), *pStreamID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "<<<CMIntf::openConferenceStream (callid %s, legid %u), streamid %d",
+              callID, static_cast<unsigned int>(legID), *pStreamID);
     return mcstatus;
 }
 
 int CMIntf::closeStream(int streamID)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::closeStream, id %d", streamID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::closeStream, id %d", streamID);
     {
         CCritSecHold hold(m_pCritSecCMIntf);
         clearCommandQueuePlay(streamID, 0);
         clearCommandQueueRecord(streamID);
         m_mapStreamByStreamID.erase(streamID);
-        trace(TRACE_OPERATION, LogLib_Normal, "Brudel702 CMIntf::closeStream, calling remActiveCommand id %d",
-              streamID);
+        ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "Brudel702 CMIntf::closeStream, calling remActiveCommand id %d",
+                  streamID);
         remActiveCommand(streamID, static_cast<int>(ANY_SEQUENCE_NO), 1);
     }
     structMICMD cmd = {};

@@ -24,13 +24,15 @@ const char* commandName(const CMIntf::CCommand* pcommand)
 
 CMIntf::CCommand::CCommand()
 {
-    if (CMIntf* const pmintf = driverInterface())
+    CMIntf* const pmintf = driverInterface();
+    if (pmintf && pmintf->isTraced(TRACE_INFO))
         pmintf->trace(TRACE_INFO, LogLib_Normal, "(Info) CCommand::CCommand this = 0x%x", addressForLog(this));
 }
 
 CMIntf::CCommand::~CCommand()
 {
-    if (CMIntf* const pmintf = driverInterface())
+    CMIntf* const pmintf = driverInterface();
+    if (pmintf && pmintf->isTraced(TRACE_INFO))
         pmintf->trace(TRACE_INFO, LogLib_Normal, "(Info) CCommand::~CCommand this = 0x%x", addressForLog(this));
 }
 
@@ -72,7 +74,7 @@ int CMIntf::processRecordActiveCommand(CCommand* pcommand, int& bSend)
 
 int CMIntf::processActiveCommand(const CSide& side, CCommand* pcommand, int& bSend)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, side.pszEntering, pcommand->m_nStreamID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, side.pszEntering, pcommand->m_nStreamID);
     try
     {
         CActiveMap& mapActive = this->*side.pmapActive;
@@ -82,7 +84,7 @@ int CMIntf::processActiveCommand(const CSide& side, CCommand* pcommand, int& bSe
             queueCommand(side, pcommand, it->second);
             return MCS_OK;
         }
-        trace(TRACE_OPERATION, LogLib_Normal, side.pszCurrentActive, pcommand->m_nStreamID);
+        ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, side.pszCurrentActive, pcommand->m_nStreamID);
         activateCommand(side, pcommand, it);
         bSend = 1;
         return MCS_OK;
@@ -95,14 +97,14 @@ int CMIntf::processActiveCommand(const CSide& side, CCommand* pcommand, int& bSe
 
 void CMIntf::queueCommand(const CSide& side, CCommand* pcommand, const CCommand* pcommandActive)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, side.pszQueueing, pcommand->m_nStreamID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, side.pszQueueing, pcommand->m_nStreamID);
     if (side.bPlay)
     {
-        trace(TRACE_INFO, LogLib_Normal,
-              "Brudel (Info) CMIntf::processPlayActiveCommand, queueing because, SequenceNo = %lu, sid = %d, "
-              "cmd = %s, pcommand->m_nStreamID = %d",
-              sequenceNo(pcommandActive), pcommandActive->m_nStreamID, commandName(pcommandActive),
-              pcommand->m_nStreamID);
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+                  "Brudel (Info) CMIntf::processPlayActiveCommand, queueing because, SequenceNo = %lu, sid = %d, "
+                  "cmd = %s, pcommand->m_nStreamID = %d",
+                  sequenceNo(pcommandActive), pcommandActive->m_nStreamID, commandName(pcommandActive),
+                  pcommand->m_nStreamID);
     }
 
     CQueueMap& mapQueue = this->*side.pmapQueue;
@@ -113,7 +115,16 @@ void CMIntf::queueCommand(const CSide& side, CCommand* pcommand, const CCommand*
         it = mapQueue.emplace_hint(it, pcommand->m_nStreamID, plistNew.get());
         plistNew.release();
     }
-    it->second->push_back(pcommand);
+    CCommandList& listQueue = *it->second;
+    if (m_listSpareEntries.empty())
+    {
+        listQueue.push_back(pcommand);
+    }
+    else
+    {
+        m_listSpareEntries.front() = pcommand;
+        listQueue.splice(listQueue.end(), m_listSpareEntries, m_listSpareEntries.begin());
+    }
 }
 
 // itNext is where the stream's entry belongs. Throws std::bad_alloc with the command in no container
@@ -121,54 +132,55 @@ void CMIntf::queueCommand(const CSide& side, CCommand* pcommand, const CCommand*
 void CMIntf::activateCommand(const CSide& side, CCommand* pcommand, CActiveMap::iterator itNext)
 {
     pcommand->m_cmd.nSequenceNo = m_nNextSequenceNo++;
-    trace(TRACE_INFO, LogLib_Normal, side.pszCalled, sequenceNo(pcommand), pcommand->m_nStreamID,
-          commandName(pcommand));
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, side.pszCalled, sequenceNo(pcommand), pcommand->m_nStreamID,
+              commandName(pcommand));
     CActiveMap& mapActive = this->*side.pmapActive;
     CActiveMap::iterator itEntered = mapActive.end();
     try
     {
-        itEntered = mapActive.emplace_hint(itNext, pcommand->m_nStreamID, pcommand);
+        itEntered = m_poolActive.insert(mapActive, itNext, pcommand->m_nStreamID, pcommand);
         if (side.bPlay)
         {
-            trace(TRACE_INFO, LogLib_Normal,
-                  "801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
-                  addressForLog(pcommand));
+            ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+                      "801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+                      addressForLog(pcommand));
         }
         enterDeadline(pcommand);
     }
     catch (const std::bad_alloc&)
     {
         if (itEntered != mapActive.end())
-            mapActive.erase(itEntered);
+            m_poolActive.erase(mapActive, itEntered);
         --m_nNextSequenceNo;
         throw;
     }
     if (side.bPlay)
     {
-        trace(TRACE_INFO, LogLib_Normal, "CMIntf::processPlayActiveCommand TimeOut %d",
-              static_cast<int>(pcommand->m_ullTimeoutTick));
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, "CMIntf::processPlayActiveCommand TimeOut %d",
+                  static_cast<int>(pcommand->m_ullTimeoutTick));
     }
 }
 
 void CMIntf::addActiveCommand(CCommand* pcommand)
 {
-    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::addActiveCommand called, SequenceNo = %lu, sid = %d, cmd = %s",
-          sequenceNo(pcommand), pcommand->m_nStreamID, commandName(pcommand));
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              " (Info) CMIntf::addActiveCommand called, SequenceNo = %lu, sid = %d, cmd = %s", sequenceNo(pcommand),
+              pcommand->m_nStreamID, commandName(pcommand));
     const MICMD micmd = pcommand->m_cmd.s_micmd;
     if (micmd == MICMD_PLAYCLIP || micmd == MICMD_PLAYFILE)
     {
         m_mapActiveCommandByStreamIDPlay[pcommand->m_nStreamID] = pcommand;
-        trace(TRACE_INFO, LogLib_Normal,
-              "801(Info) CMIntf::addActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
-              addressForLog(pcommand));
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+                  "801(Info) CMIntf::addActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
+                  addressForLog(pcommand));
     }
     else
     {
         m_mapActiveCommandByStreamIDRecord[pcommand->m_nStreamID] = pcommand;
     }
     enterDeadline(pcommand);
-    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::addActiveCommand TimeOut %d",
-          static_cast<int>(pcommand->m_ullTimeoutTick));
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::addActiveCommand TimeOut %d",
+              static_cast<int>(pcommand->m_ullTimeoutTick));
 }
 
 void CMIntf::enterDeadline(CCommand* pcommand)
@@ -178,7 +190,7 @@ void CMIntf::enterDeadline(CCommand* pcommand)
                                       ? DEFAULT_TIMEOUT_MS
                                       : static_cast<uint32_t>(pcommand->m_nTimeout * MS_PER_SECOND);
     pcommand->m_ullTimeoutTick = CPortable::GetTickCountULL() + ullTimeoutMs;
-    m_mmapActiveCommandByTimeout.emplace(pcommand->m_ullTimeoutTick, pcommand);
+    m_poolDeadline.insert(m_mmapActiveCommandByTimeout, pcommand->m_ullTimeoutTick, pcommand);
 }
 
 // Removes the command's own entry from the deadline index, never another one of the same deadline.
@@ -194,10 +206,10 @@ bool CMIntf::eraseDeadline(const CCommand* pcommand, const char* pszFormatBefore
             continue;
         if (pszFormatBefore)
         {
-            trace(TRACE_INFO, LogLib_Normal, pszFormatBefore, sequenceNo(pcommand), pcommand->m_nStreamID,
-                  commandName(pcommand));
+            ZEL_TRACE(TRACE_INFO, LogLib_Normal, pszFormatBefore, sequenceNo(pcommand), pcommand->m_nStreamID,
+                      commandName(pcommand));
         }
-        m_mmapActiveCommandByTimeout.erase(it);
+        m_poolDeadline.erase(m_mmapActiveCommandByTimeout, it);
         return true;
     }
     return false;
@@ -228,15 +240,17 @@ void CMIntf::removeFound(int nStreamID, uint32_t nSequenceNo, int bDelete, CActi
                          CActiveMap::iterator itRecord)
 {
     const int nSequenceIDParam = static_cast<int>(nSequenceNo);
-    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::CMIntf::remActiveCommand called, sid = %d, nSequenceIDParam = %d",
-          nStreamID, nSequenceIDParam);
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              " (Info) CMIntf::CMIntf::remActiveCommand called, sid = %d, nSequenceIDParam = %d", nStreamID,
+              nSequenceIDParam);
     removeFoundOfSide(s_sidePlay, nStreamID, bDelete, itPlay);
-    trace(TRACE_INFO, LogLib_Normal,
-          " (Info) CMIntf::CMIntf::remActiveCommand  before active record,sid = %d, nSequenceIDParam = %d", nStreamID,
-          nSequenceIDParam);
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              " (Info) CMIntf::CMIntf::remActiveCommand  before active record,sid = %d, nSequenceIDParam = %d",
+              nStreamID, nSequenceIDParam);
     removeFoundOfSide(s_sideRecord, nStreamID, bDelete, itRecord);
-    trace(TRACE_INFO, LogLib_Normal, " (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = %d, nSequenceIDParam = %d",
-          nStreamID, nSequenceIDParam);
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              " (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = %d, nSequenceIDParam = %d", nStreamID,
+              nSequenceIDParam);
 }
 
 void CMIntf::removeFoundOfSide(const CSide& side, int nStreamID, int bDelete, CActiveMap::iterator it)
@@ -249,21 +263,21 @@ void CMIntf::removeFoundOfSide(const CSide& side, int nStreamID, int bDelete, CA
     // The play side tells of the map entry after it is gone and of the deadline entry before, the
     // record side the other way round.
     if (!side.bPlay)
-        trace(TRACE_INFO, LogLib_Normal, side.pszEraseActive, addressForLog(pcommand));
-    mapActive.erase(it);
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, side.pszEraseActive, addressForLog(pcommand));
+    m_poolActive.erase(mapActive, it);
     if (side.bPlay)
-        trace(TRACE_INFO, LogLib_Normal, side.pszEraseActive, addressForLog(pcommand));
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, side.pszEraseActive, addressForLog(pcommand));
 
     const bool bErased = eraseDeadline(pcommand, side.bPlay ? side.pszEraseDeadline : nullptr);
     if (bErased && !side.bPlay)
     {
-        trace(TRACE_INFO, LogLib_Normal, side.pszEraseDeadline, sequenceNo(pcommand), pcommand->m_nStreamID,
-              commandName(pcommand));
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, side.pszEraseDeadline, sequenceNo(pcommand), pcommand->m_nStreamID,
+                  commandName(pcommand));
     }
 
     if (bDelete)
     {
-        trace(TRACE_INFO, LogLib_Normal, side.pszDeleting, nStreamID, addressForLog(pcommand));
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, side.pszDeleting, nStreamID, addressForLog(pcommand));
         delete pcommand;
     }
 }
@@ -290,7 +304,7 @@ CMIntf::CCommand* CMIntf::activeCommand(const CSide& side, int nStreamID)
 
 int CMIntf::setDone(int nStreamID, CMIntfCompletionHandler* pcomplHandler)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::setDone, id %d", nStreamID);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::setDone, id %d", nStreamID);
     CCritSecHold hold(m_pCritSecCMIntf);
 
     bool bCreate = true;
@@ -325,9 +339,9 @@ int CMIntf::injectCompletion(int nStreamID, CMIntfCompletionHandler* pcomplHandl
     pcommand->m_ullTimeoutTick = 0;
     pcommand->m_pcomplHandler = pcomplHandler;
     pcommand->m_cmd = structMICMD();
-    trace(TRACE_INFO, LogLib_Normal,
-          "(Info) CMIntf::setDone calling addActiveCommand called RECORD, seqno = %d, sid = %d",
-          static_cast<int>(pcommand->m_cmd.nSequenceNo), nStreamID);
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              "(Info) CMIntf::setDone calling addActiveCommand called RECORD, seqno = %d, sid = %d",
+              static_cast<int>(pcommand->m_cmd.nSequenceNo), nStreamID);
 
     int bSend = 0;
     const int nStatus = processPlayActiveCommand(pcommand.get(), bSend);

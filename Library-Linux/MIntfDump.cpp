@@ -22,42 +22,43 @@ int CMIntf::dump()
 void CMIntf::dumpClipFiles()
 {
     CCritSecHold hold(m_pCritSecClipFiles);
-    trace(TRACE_INFO, LogLib_High, "-- m_mapClipFileByID");
+    ZEL_TRACE(TRACE_INFO, LogLib_High, "-- m_mapClipFileByID");
     for (const auto& entry : m_mapClipFileByID)
     {
         const CClipFile& clipFile = *entry.second;
-        trace(TRACE_INFO, LogLib_High, "   fid %d, cmfid %d, name %s, usecount %d", entry.first,
-              clipFile.m_nCMIntfFileID, clipFile.m_strName.c_str(), clipFile.m_nUseCount);
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "   fid %d, cmfid %d, name %s, usecount %d", entry.first,
+                  clipFile.m_nCMIntfFileID, clipFile.m_strName.c_str(), clipFile.m_nUseCount);
     }
 }
 
 void CMIntf::dumpStreams()
 {
-    trace(TRACE_INFO, LogLib_High, "-- m_mapStreamByStreamID");
+    ZEL_TRACE(TRACE_INFO, LogLib_High, "-- m_mapStreamByStreamID");
     for (const auto& entry : m_mapStreamByStreamID)
     {
         const CZelMediaStreamImpl& stream = *entry.second;
-        trace(TRACE_INFO, LogLib_High, "   sid %d, impl 0x%08X, stream 0x%08X, valid %d, canflag %d", entry.first,
-              addressForLog(&stream), addressForLog(stream.m_pStream), stream.m_bInitialized, stream.m_bPlayCancelled);
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "   sid %d, impl 0x%08X, stream 0x%08X, valid %d, canflag %d", entry.first,
+                  addressForLog(&stream), addressForLog(stream.m_pStream), stream.m_bInitialized,
+                  stream.m_bPlayCancelled);
     }
 }
 
 void CMIntf::dumpCommands()
 {
-    trace(TRACE_INFO, LogLib_High, "-- m_mapActiveCommandByStreamIDPlay");
+    ZEL_TRACE(TRACE_INFO, LogLib_High, "-- m_mapActiveCommandByStreamIDPlay");
     for (const auto& entry : m_mapActiveCommandByStreamIDPlay)
         dumpCommand(entry.first, *entry.second);
 
-    trace(TRACE_INFO, LogLib_High, "-- m_mmapActiveCommandByTimeout");
+    ZEL_TRACE(TRACE_INFO, LogLib_High, "-- m_mmapActiveCommandByTimeout");
     for (const auto& entry : m_mmapActiveCommandByTimeout)
     {
         const CCommand& command = *entry.second;
-        trace(TRACE_INFO, LogLib_High, "   sid %d, cmd 0x%08X, cmd %s, done %d, timeout %s", command.m_nStreamID,
-              addressForLog(&command), MICMDToString(command.m_cmd.s_micmd), command.m_bDone,
-              CPortable::ulltos(entry.first).c_str());
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "   sid %d, cmd 0x%08X, cmd %s, done %d, timeout %s", command.m_nStreamID,
+                  addressForLog(&command), MICMDToString(command.m_cmd.s_micmd), command.m_bDone,
+                  CPortable::ulltos(entry.first).c_str());
     }
 
-    trace(TRACE_INFO, LogLib_High, "-- m_mapCommandQueue");
+    ZEL_TRACE(TRACE_INFO, LogLib_High, "-- m_mapCommandQueue");
     for (const auto& entry : m_mapCommandQueue)
     {
         for (const CCommand* const pcommand : *entry.second)
@@ -74,7 +75,7 @@ void CMIntf::dumpCommands()
 
 void CMIntf::dumpCommand(int nStreamIDShown, const CCommand& command)
 {
-    trace(TRACE_INFO, LogLib_High, "   sid %d, cmd 0x%08X, cmd %s, done %d, timeout %d", nStreamIDShown,
-          addressForLog(&command), MICMDToString(command.m_cmd.s_micmd), command.m_bDone,
-          static_cast<int>(command.m_nTimeout));
+    ZEL_TRACE(TRACE_INFO, LogLib_High, "   sid %d, cmd 0x%08X, cmd %s, done %d, timeout %d", nStreamIDShown,
+              addressForLog(&command), MICMDToString(command.m_cmd.s_micmd), command.m_bDone,
+              static_cast<int>(command.m_nTimeout));
 }

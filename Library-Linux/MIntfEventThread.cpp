@@ -19,6 +19,7 @@ const unsigned int WAIT_MS = 1000;
 const uint64_t PING_AFTER_MS = 20000;
 const uint64_t ALARM_OVERDUE_MS = 300000;
 const int IDLE_LINE_PASSES = 60;
+const size_t MAX_SPARE_ENTRIES = 256;
 
 CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON completionReason(MICMD micmd)
 {
@@ -48,6 +49,24 @@ bool canTimeOut(MICMD micmd)
 {
     return micmd > MICMD_NULL && micmd <= MICMD_RECORDGETSTATUS;
 }
+
+// Whether another event is likely to be there already: reading it at once saves a wait, which costs as
+// much as the read. Where events come one by one, few reads are in vain.
+class CBurstGuess
+{
+public:
+    bool expected() { return m_bBurst || ++m_nWaits >= WAITS_BETWEEN_TRIES; }
+    void seen(bool bRead)
+    {
+        m_bBurst = bRead;
+        m_nWaits = 0;
+    }
+
+private:
+    static const int WAITS_BETWEEN_TRIES = 16;
+    bool m_bBurst = false;
+    int m_nWaits = 0;
+};
 } // namespace
 
 void* CMIntf::eventThread(void* pCMIntf)
@@ -59,16 +78,16 @@ void* CMIntf::eventThread(void* pCMIntf)
 int CMIntf::eventThreadFunc()
 {
     storeUnlocked(m_bEventThreadRunning, 1);
-    trace(TRACE_INFO, LogLib_Normal, "CMIntf::eventThreadFunc - starting");
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "CMIntf::eventThreadFunc - starting");
     try
     {
         eventLoop();
     }
     catch (...)
     {
-        trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc had an exception");
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc had an exception");
     }
-    const int nResult = trace(TRACE_INFO, LogLib_Normal, "CMIntf::eventThreadFunc - stopping");
+    const int nResult = ZEL_TRACE(TRACE_INFO, LogLib_Normal, "CMIntf::eventThreadFunc - stopping");
     // From here on finalize may destroy everything.
     storeUnlocked(m_bEventThreadRunning, 0);
     return nResult;
@@ -77,30 +96,42 @@ int CMIntf::eventThreadFunc()
 void CMIntf::eventLoop()
 {
     unsigned int nWaitMs = FIRST_WAIT_MS;
+    CBurstGuess burst;
     structMIEVT evt = {};
-    for (;; nWaitMs = WAIT_MS)
+    for (;;)
     {
+        if (burst.expected())
+        {
+            if (loadUnlocked(m_bEventThreadStop))
+                return;
+            const bool bRead = read(m_npipeEvt, &evt, sizeof(evt)) > 0;
+            burst.seen(bRead);
+            if (bRead)
+            {
+                eventRead(evt);
+                continue;
+            }
+        }
         const int nReady = CPipeWait(m_npipeEvt, nWaitMs).waitReadable();
         const int nError = errno;
+        nWaitMs = WAIT_MS;
         if (loadUnlocked(m_bEventThreadStop))
             return;
         if (nReady < 0)
-        {
-            trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc - error %d", nError);
-        }
+            ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc - error %d", nError);
         else if (nReady == 0)
-        {
             idlePass();
-        }
-        else if (read(m_npipeEvt, &evt, sizeof(evt)) <= 0)
-        {
-            trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc, error reading event pipe %d", errno);
-        }
-        else if (evt.s_mievt == MIEVT_DONE)
-        {
-            doneEventPass(evt);
-        }
+        else if (read(m_npipeEvt, &evt, sizeof(evt)) > 0)
+            eventRead(evt);
+        else
+            ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc, error reading event pipe %d", errno);
     }
+}
+
+void CMIntf::eventRead(const structMIEVT& evt)
+{
+    if (evt.s_mievt == MIEVT_DONE)
+        doneEventPass(evt);
 }
 
 void CMIntf::idlePass()
@@ -119,8 +150,8 @@ void CMIntf::idlePass()
     sweepOverdueCommands();
     if (m_nIdleCount > IDLE_LINE_PASSES)
     {
-        trace(TRACE_OPERATION, LogLib_Low,
-              "(Info) CMIntf::eventThreadFunc - select on m_npipeEvt timed out, no data to read ");
+        ZEL_TRACE(TRACE_OPERATION, LogLib_Low,
+                  "(Info) CMIntf::eventThreadFunc - select on m_npipeEvt timed out, no data to read ");
     }
 }
 
@@ -132,13 +163,13 @@ bool CMIntf::openRequestPipe()
         if (m_npipeReq != -1)
             return false;
     }
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::eventThreadFunc, about to open request pipe \"%s\"\n",
-          MI_REQUEST_PIPE);
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::eventThreadFunc, about to open request pipe \"%s\"\n",
+              MI_REQUEST_PIPE);
     const int npipeReq = openPipeForWriting(MI_REQUEST_PIPE);
     if (npipeReq == -1)
     {
-        trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc, can't open request pipe \"%s\" (%d)",
-              MI_REQUEST_PIPE, errno);
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc, can't open request pipe \"%s\" (%d)",
+                  MI_REQUEST_PIPE, errno);
         return false;
     }
     CCritSecHold hold(m_pCritSecCMIntf);
@@ -162,9 +193,9 @@ bool CMIntf::connectDriver(int& nConnectID)
     if (sendImmediate(&cmd, &rsp) != MCS_OK)
         return false;
     nConnectID = rsp.s_nConnectID;
-    trace(TRACE_INFO, LogLib_Normal,
-          "(Info) CMIntf::eventThreadFunc, MICMD_CONNECT returned s_nConnectID = \"%d\", : fileid = (%d)", nConnectID,
-          nConnectID);
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              "(Info) CMIntf::eventThreadFunc, MICMD_CONNECT returned s_nConnectID = \"%d\", : fileid = (%d)",
+              nConnectID, nConnectID);
     return true;
 }
 
@@ -176,7 +207,7 @@ void CMIntf::countIdlePass(bool bConnected, int nConnectID)
         storeUnlocked(m_nConnectID, nConnectID);
     if (m_nIdleCount++ > IDLE_LINE_PASSES)
     {
-        trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc, m_nConnectID= \"%d\" ", m_nConnectID);
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc, m_nConnectID= \"%d\" ", m_nConnectID);
         m_nIdleCount = 0;
     }
 }
@@ -197,9 +228,9 @@ void CMIntf::sweepOverdueCommands()
     {
         const MICMD micmd = pcommand->m_cmd.s_micmd;
         sendCancel(pcommand->m_nStreamID, micmd == MICMD_RECORDFILE ? MICANCEL_RECORD : MICANCEL_PLAY);
-        trace(TRACE_OPERATION, LogLib_Normal,
-              "CMIntf::eventThreadFunc - Sending MICMD_CANCEL, m_nConnectID = %d, m_nStreamID = %d", connectID(),
-              pcommand->m_nStreamID);
+        ZEL_TRACE(TRACE_OPERATION, LogLib_Normal,
+                  "CMIntf::eventThreadFunc - Sending MICMD_CANCEL, m_nConnectID = %d, m_nStreamID = %d", connectID(),
+                  pcommand->m_nStreamID);
         reportCompletion(*pcommand, MCS_TIMEDOUT,
                          " (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion-4 ,sid = %d, nSequenceID = %d");
         pcommand.reset();
@@ -240,9 +271,9 @@ std::vector<CMIntf::CCommandOwner> CMIntf::takeOverdueCommands(uint64_t ullNow)
 void CMIntf::doneEventPass(const structMIEVT& evt)
 {
     const int nStreamID = evt.nStreamID;
-    trace(TRACE_INFO, LogLib_Normal,
-          "CMIntf::eventThreadFunc, read event, nSequenceID = (%d), nStreamID = (%d), evt %s, stat %d\n",
-          static_cast<int>(evt.nSequenceID), nStreamID, MIEVTToString(evt.s_mievt), evt.s_mcstatus);
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+              "CMIntf::eventThreadFunc, read event, nSequenceID = (%d), nStreamID = (%d), evt %s, stat %d\n",
+              static_cast<int>(evt.nSequenceID), nStreamID, MIEVTToString(evt.s_mievt), evt.s_mcstatus);
 
     structMIEVT evtDone = evt;
     const MCSTATUS mcstatus = getEventMCCSTATUS(&evtDone);
@@ -278,16 +309,18 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
     if (pcommandCompleted && bNotify)
     {
         const int nSequenceID = static_cast<int>(pcommandCompleted->m_cmd.nSequenceNo);
-        trace(TRACE_INFO, LogLib_Normal,
-              " (Info) CMIntf::eventThreadFunc before OnCMIntfCompletion,m_pcomplHandler ,sid = %d, nSequenceID = %d",
-              pcommandCompleted->m_nStreamID, nSequenceID);
+        ZEL_TRACE(
+            TRACE_INFO, LogLib_Normal,
+            " (Info) CMIntf::eventThreadFunc before OnCMIntfCompletion,m_pcomplHandler ,sid = %d, nSequenceID = %d",
+            pcommandCompleted->m_nStreamID, nSequenceID);
         if (!reportCompletion(*pcommandCompleted, mcstatus,
                               " (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion ,sid = %d, nSequenceID = %d"))
         {
-            trace(TRACE_INFO, LogLib_Normal,
-                  "Brudel502 (Info) CMIntf::eventThreadFunc OnCMIntfCompletion, pcommandCompleted->m_pcomplHandler is "
-                  "NULL ,sid = %d, nSequenceID = %d",
-                  pcommandCompleted->m_nStreamID, nSequenceID);
+            ZEL_TRACE(
+                TRACE_INFO, LogLib_Normal,
+                "Brudel502 (Info) CMIntf::eventThreadFunc OnCMIntfCompletion, pcommandCompleted->m_pcomplHandler is "
+                "NULL ,sid = %d, nSequenceID = %d",
+                pcommandCompleted->m_nStreamID, nSequenceID);
         }
     }
     pcommandCompleted.reset();
@@ -304,12 +337,13 @@ CMIntf::CCommandOwner CMIntf::retireCompleted(const structMIEVT& evt, MCSTATUS m
         return nullptr;
     CCommand* const pcommand = it->second;
     const int nSequenceNo = static_cast<int>(pcommand->m_cmd.nSequenceNo);
-    trace(TRACE_INFO, LogLib_Normal,
-          "801(Info) CMIntf::eventThreadFunc:: pcommandCompleted is set for all active cmd, cmd seq %d, done seq %d : "
-          "pcommandCompleted=0x%x",
-          nSequenceNo, nSequenceNo, addressForLog(pcommand));
+    ZEL_TRACE(
+        TRACE_INFO, LogLib_Normal,
+        "801(Info) CMIntf::eventThreadFunc:: pcommandCompleted is set for all active cmd, cmd seq %d, done seq %d : "
+        "pcommandCompleted=0x%x",
+        nSequenceNo, nSequenceNo, addressForLog(pcommand));
     bNotify = pcommand->m_bDone != 0 || mcstatus != MCS_OK;
-    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc:: calling remActiveCommand");
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc:: calling remActiveCommand");
     removeFound(evt.nStreamID, evt.nSequenceID, 0, it, m_mapActiveCommandByStreamIDRecord.end());
     return CCommandOwner(pcommand);
 }
@@ -320,16 +354,16 @@ void CMIntf::dropAfterFatalStatus(int nStreamID, CCommandOwner& pcommandComplete
     markStreamInvalid(nStreamID);
     if (pcommandCompleted)
     {
-        trace(TRACE_INFO, LogLib_Normal,
-              "(Info) CMIntf::eventThreadFunc:: pcommandCompleted->m_pcomplHandler is set to NULL");
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+                  "(Info) CMIntf::eventThreadFunc:: pcommandCompleted->m_pcomplHandler is set to NULL");
         pcommandCompleted->m_pcomplHandler = nullptr;
         // The play side was retired before; a record still active is unlinked now and has no owner.
         const CCommandOwner pcommandRecord(activeCommand(s_sideRecord, nStreamID));
         remActiveCommand(nStreamID, static_cast<int>(ANY_SEQUENCE_NO), 0);
         pcommandCompleted.reset();
     }
-    trace(TRACE_INFO, LogLib_High,
-          "test124 (Error) CMIntf::eventThreadFunc, driverFatalError, setting mcstatus = MCS_INVALIDHANDLE");
+    ZEL_TRACE(TRACE_INFO, LogLib_High,
+              "test124 (Error) CMIntf::eventThreadFunc, driverFatalError, setting mcstatus = MCS_INVALIDHANDLE");
 }
 
 void CMIntf::updateStreamTiming(CZelMediaStreamImpl* pStreamImpl)
@@ -344,8 +378,12 @@ CMIntf::CCommandOwner CMIntf::takeNextCommand(const CSide& side, int nStreamID)
     const auto it = mapQueue.find(nStreamID);
     if (it == mapQueue.end() || it->second->empty())
         return nullptr;
-    CCommandOwner pcommand(it->second->front());
-    it->second->pop_front();
+    CCommandList& listQueue = *it->second;
+    CCommandOwner pcommand(listQueue.front());
+    if (m_listSpareEntries.size() < MAX_SPARE_ENTRIES)
+        m_listSpareEntries.splice(m_listSpareEntries.end(), listQueue, listQueue.begin());
+    else
+        listQueue.pop_front();
     return pcommand;
 }
 
@@ -377,7 +415,7 @@ bool CMIntf::reportCompletion(const CCommand& command, MCSTATUS mcstatus, const 
 {
     if (!command.m_pcomplHandler)
         return false;
-    trace(TRACE_INFO, LogLib_Normal, pszFormat, command.m_nStreamID, static_cast<int>(command.m_cmd.nSequenceNo));
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, pszFormat, command.m_nStreamID, static_cast<int>(command.m_cmd.nSequenceNo));
     command.m_pcomplHandler->OnCMIntfCompletion(command.m_nStreamID, mcstatus, completionReason(command.m_cmd.s_micmd));
     return true;
 }

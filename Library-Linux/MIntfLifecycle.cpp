@@ -69,7 +69,7 @@ MCSTATUS CMIntf::initialize() NO_THREAD_SAFETY_ANALYSIS
         m_pLogFileRegistry = createOrNull<CLogFileRegistry>(m_pLogFile, "Media", pszNone, pszNone, pszNone, 0, 1, 100,
                                                             1000, 3, 1023, 0, 1023, 0, 10000, 0, 1, 40000, 1, 0);
     }
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::initialize");
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::initialize");
 
     signal(SIGPIPE, SIG_IGN);
     m_ullLastResponseTick = CPortable::GetTickCountULL();
@@ -111,8 +111,8 @@ MCSTATUS CMIntf::initialize() NO_THREAD_SAFETY_ANALYSIS
     if (!CPortable::CreateThread(eventThread, this, nullptr, ""))
     {
         storeUnlocked(m_bEventThreadRunning, 0);
-        trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::initialize, CPortable::CreateThread - 0x%08X",
-              static_cast<unsigned int>(MCS_THREADFAILED));
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::initialize, CPortable::CreateThread - 0x%08X",
+                  static_cast<unsigned int>(MCS_THREADFAILED));
         return MCS_THREADFAILED;
     }
     return MCS_OK;
@@ -123,7 +123,7 @@ bool CMIntf::createPipe(const char* pszPath, const char* pszErrorFormat)
 {
     if (mknod(pszPath, S_IFIFO | 0666, 0) == 0)
         return true;
-    trace(TRACE_INFO, LogLib_High, pszErrorFormat, m_szRspPipe, errno);
+    ZEL_TRACE(TRACE_INFO, LogLib_High, pszErrorFormat, m_szRspPipe, errno);
     return false;
 }
 
@@ -134,7 +134,7 @@ bool CMIntf::openPipe(const char* pszPath, const char* pszErrorFormat, int& nDes
     nDescriptor = open(pszPath, O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
     if (nDescriptor >= 0)
         return true;
-    trace(TRACE_INFO, LogLib_High, pszErrorFormat, m_szRspPipe, errno);
+    ZEL_TRACE(TRACE_INFO, LogLib_High, pszErrorFormat, m_szRspPipe, errno);
     return false;
 }
 
@@ -147,7 +147,7 @@ void CMIntf::closeDescriptor(int& nDescriptor)
 
 MCSTATUS CMIntf::finalize() NO_THREAD_SAFETY_ANALYSIS
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::finalize");
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::finalize");
     storeUnlocked(m_bEventThreadStop, 1);
 
     if (m_npipeEvt != -1)
@@ -198,13 +198,13 @@ MCSTATUS CMIntf::finalize() NO_THREAD_SAFETY_ANALYSIS
 
 MCSTATUS CMIntf::sendEvent(structMIEVT* evt)
 {
-    trace(TRACE_INFO, LogLib_Normal, "CMIntf::sendEvent, evt %d", static_cast<int>(evt->s_mievt));
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "CMIntf::sendEvent, evt %d", static_cast<int>(evt->s_mievt));
     if (m_npipeEvt == -1)
         return MCS_PIPEWRITE;
     if (write(m_npipeEvt, evt, sizeof(*evt)) < 0)
     {
         const int nError = errno;
-        trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendEvent, error writing event pipe %d", nError);
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendEvent, error writing event pipe %d", nError);
         errno = nError;
         return MCS_PIPEWRITE;
     }
@@ -227,8 +227,8 @@ long CMIntf::markStreamInvalid(int nStreamID)
     if (it != m_mapStreamByStreamID.end())
     {
         it->second->invalidate();
-        trace(TRACE_INFO, LogLib_High,
-              "(Error) CMIntf::markStreamInvalid, cannot open/create/read/write pipe, errrno= %d", nError);
+        ZEL_TRACE(TRACE_INFO, LogLib_High,
+                  "(Error) CMIntf::markStreamInvalid, cannot open/create/read/write pipe, errrno= %d", nError);
     }
     return raiseAlarm("ZelMediaServices CMIntf::markStreamInvalid, cannot open/create/read/write pipe");
 }

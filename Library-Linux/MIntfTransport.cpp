@@ -56,8 +56,8 @@ MCSTATUS CMIntf::sendCommand(int nStreamID, structMICMD* psmicmd, structMIRSP* p
     CCommand* const pcommand = new (std::nothrow) CCommand;
     if (!pcommand)
         return MCS_OUTOFMEMORY;
-    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::sendCommand nStreamID = %d, pcommand = 0x%x", nStreamID,
-          addressForLog(pcommand));
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::sendCommand nStreamID = %d, pcommand = 0x%x", nStreamID,
+              addressForLog(pcommand));
 
     pcommand->m_nStreamID = nStreamID;
     pcommand->m_bDone = nNoDone == 0;
@@ -69,9 +69,9 @@ MCSTATUS CMIntf::sendCommand(int nStreamID, structMICMD* psmicmd, structMIRSP* p
     const MCSTATUS mcstatus = sendCommand(pcommand, psrsp, bUsePlayQueue);
     if (mcstatus != MCS_OK)
     {
-        trace(TRACE_INFO, LogLib_Normal,
-              "(Info) CMIntf::sendCommand nStreamID = %d, mcstatus=%d : DELETING pcommand = 0x%x", nStreamID, mcstatus,
-              addressForLog(pcommand));
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+                  "(Info) CMIntf::sendCommand nStreamID = %d, mcstatus=%d : DELETING pcommand = 0x%x", nStreamID,
+                  mcstatus, addressForLog(pcommand));
         delete pcommand;
     }
     return mcstatus;
@@ -88,7 +88,7 @@ MCSTATUS CMIntf::sendCommand(CCommand* pcommand, structMIRSP* psrsp, int bUsePla
     const MICMD micmd = pcommand->m_cmd.s_micmd;
 
     int bSend = 0;
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand (%d), cmd %s", nStreamID, MICMDToString(micmd));
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand (%d), cmd %s", nStreamID, MICMDToString(micmd));
     memset(psrsp, 0, sizeof(*psrsp));
     CCritSecHold hold(m_pCritSecCMIntf);
 
@@ -119,8 +119,8 @@ MCSTATUS CMIntf::sendCommand(CCommand* pcommand, structMIRSP* psrsp, int bUsePla
 
     if (isImmediate(micmd))
     {
-        trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand deleting pcommand  pcommand=0X%x : cmd %s",
-              addressForLog(pcommand), MICMDToString(micmd));
+        ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand deleting pcommand  pcommand=0X%x : cmd %s",
+                  addressForLog(pcommand), MICMDToString(micmd));
         delete pcommand;
     }
     return MCS_OK;
@@ -134,7 +134,8 @@ MCSTATUS CMIntf::admitCommand(CCommand* pcommand, int bUsePlayQueue, int& bSend)
 
     if (!bConnected && micmd != MICMD_CONNECT)
     {
-        trace(TRACE_INFO, LogLib_Normal, " (Error) CMIntf::sendCommand - media driver not running or not connected");
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal,
+                  " (Error) CMIntf::sendCommand - media driver not running or not connected");
         return MCS_NOTCONNECTED;
     }
     if (bConnected && (bUsePlayQueue || micmd == MICMD_PLAYCLIP || micmd == MICMD_PLAYFILE))
@@ -150,14 +151,14 @@ MCSTATUS CMIntf::admitCommand(CCommand* pcommand, int bUsePlayQueue, int& bSend)
 // Writes the request and reads its response. psrsp is left as the last response read made it.
 CMIntf::CExchangeResult CMIntf::exchange(const structMICMD& cmd, structMIRSP* psrsp, int nStreamID)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand - sending");
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand - sending");
     m_ullLastResponseTick = 0;
-    trace(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d",
-          MICMDToString(cmd.s_micmd), static_cast<unsigned long>(cmd.nSequenceNo), nStreamID);
+    ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d",
+              MICMDToString(cmd.s_micmd), static_cast<unsigned long>(cmd.nSequenceNo), nStreamID);
 
     if (write(m_npipeReq, &cmd, sizeof(cmd)) != static_cast<ssize_t>(sizeof(cmd)))
     {
-        trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand, error writing request pipe %d", errno);
+        ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand, error writing request pipe %d", errno);
         return {MCS_PIPEWRITE, true};
     }
     return awaitResponse(cmd.nSequenceNo, psrsp);
@@ -174,17 +175,17 @@ CMIntf::CExchangeResult CMIntf::awaitResponse(uint32_t nSequenceNo, structMIRSP*
         const int nReady = wait.waitReadable();
         if (nReady == 0)
         {
-            trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand, timeout reading response pipe %d", errno);
+            ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand, timeout reading response pipe %d", errno);
             return {MCS_NORESPONSE, true};
         }
         if (nReady < 0)
         {
-            trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand.2, error reading response pipe %d", errno);
+            ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand.2, error reading response pipe %d", errno);
             return {MCS_PIPEREAD, true};
         }
         if (read(m_npipeRsp, psrsp, sizeof(*psrsp)) != static_cast<ssize_t>(sizeof(*psrsp)))
         {
-            trace(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand, error reading response pipe %d", errno);
+            ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::sendCommand, error reading response pipe %d", errno);
             return {MCS_PIPEREAD, true};
         }
         m_ullLastResponseTick = CPortable::GetTickCountULL();
@@ -198,25 +199,26 @@ CMIntf::CExchangeResult CMIntf::awaitResponse(uint32_t nSequenceNo, structMIRSP*
         {
             memset(psrsp, 0, sizeof(*psrsp));
             mcstatus = MCS_NORESPONSE;
-            trace(TRACE_INFO, LogLib_High,
-                  "(Error) CMIntf::sendCommand, got response for the previous issued cmd, ignoring it trycount = %d, "
-                  "psrsp->nRespSequenceNo = %lu, psrsp->s_mirsp = %s",
-                  nTryCount, static_cast<unsigned long>(psrsp->nRespSequenceNo), MIRSPToString(psrsp->s_mirsp));
+            ZEL_TRACE(
+                TRACE_INFO, LogLib_High,
+                "(Error) CMIntf::sendCommand, got response for the previous issued cmd, ignoring it trycount = %d, "
+                "psrsp->nRespSequenceNo = %lu, psrsp->s_mirsp = %s",
+                nTryCount, static_cast<unsigned long>(psrsp->nRespSequenceNo), MIRSPToString(psrsp->s_mirsp));
         }
         ++nTryCount;
     }
-    trace(TRACE_OPERATION, LogLib_High,
-          "(Info) CMIntf::sendCommand, tried to get correct response, trycount = %d, psrsp->nRespSequenceNo = %lu, "
-          "psrsp->s_mirsp = %s",
-          nTryCount, static_cast<unsigned long>(psrsp->nRespSequenceNo), MIRSPToString(psrsp->s_mirsp));
+    ZEL_TRACE(TRACE_OPERATION, LogLib_High,
+              "(Info) CMIntf::sendCommand, tried to get correct response, trycount = %d, psrsp->nRespSequenceNo = %lu, "
+              "psrsp->s_mirsp = %s",
+              nTryCount, static_cast<unsigned long>(psrsp->nRespSequenceNo), MIRSPToString(psrsp->s_mirsp));
     return {mcstatus, false};
 }
 
 // Takes a command that failed after it was numbered out of the active tables; its caller keeps it.
 void CMIntf::withdrawCommand(CCommand* pcommand)
 {
-    trace(TRACE_OPERATION, LogLib_Normal,
-          "CMIntf::sendCommand - removing from active command, calling remActiveCommand");
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal,
+              "CMIntf::sendCommand - removing from active command, calling remActiveCommand");
     unlinkActiveCommand(pcommand);
 }
 
@@ -224,19 +226,19 @@ void CMIntf::clearAfterTransportFailure(MCSTATUS mcstatus)
 {
     if (mcstatus != MCS_NORESPONSE)
     {
-        trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand - closing request pipe");
+        ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand - closing request pipe");
         closeDescriptor(m_npipeReq);
         storeUnlocked(m_nConnectID, -1);
         clearCommandQueues();
         clearActiveCommands(mcstatus);
     }
-    trace(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand - oops timeout clear cmd");
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::sendCommand - oops timeout clear cmd");
     clearCommandQueues();
     clearActiveCommands(mcstatus);
 }
 
 void CMIntf::traceResult(int nStreamID, const structMIRSP* psrsp, MCSTATUS mcstatus)
 {
-    trace(TRACE_OPERATION, LogLib_Normal, "<<<CMIntf::sendCommand (%d), rsp %s, mcstatus 0x%08X", nStreamID,
-          MIRSPToString(psrsp->s_mirsp), static_cast<unsigned int>(mcstatus));
+    ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "<<<CMIntf::sendCommand (%d), rsp %s, mcstatus 0x%08X", nStreamID,
+              MIRSPToString(psrsp->s_mirsp), static_cast<unsigned int>(mcstatus));
 }

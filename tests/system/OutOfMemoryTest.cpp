@@ -61,8 +61,12 @@ protected:
                      const std::function<int(CZelMediaStream*)>& operation)
     {
         CAttempts attempts(GetParam());
+        std::vector<CZelMediaStream*> vpBusy;
+        while (vpBusy.size() < m_nBusyBefore)
+            vpBusy.push_back(openBusyStream());
         while (attempts.next())
         {
+            vpBusy.push_back(openBusyStream());
             CZelMediaStream* const pStream = openStream();
             prepare(pStream);
             const int nStatus = attempts.run([&] { return operation(pStream); });
@@ -70,8 +74,20 @@ protected:
             EXPECT_EQ(MCS_OK, operation(pStream)) << "after allocation " << attempts.nth();
             m_pServices->closeMediaStream(pStream);
         }
+        for (CZelMediaStream* const pStream : vpBusy)
+            m_pServices->closeMediaStream(pStream);
+        m_nBusyBefore = vpBusy.size() + 1;
         expectNoCommandLeft();
         return attempts.nth() - 1;
+    }
+    // Uses up the entries that the commands of a stream closed before have left for reuse.
+    CZelMediaStream* openBusyStream()
+    {
+        CZelMediaStream* const pStream = openStream();
+        startPlay(pStream);
+        startPlay(pStream);
+        startRecord(pStream);
+        return pStream;
     }
     static void nothing(CZelMediaStream*) {}
     static void startPlay(CZelMediaStream* pStream)
@@ -90,6 +106,7 @@ protected:
     int playPhrase(CZelMediaStream* pStream) const { return pStream->playAddPhrase(m_ulFileID, 0, 1, 60, 0, 0); }
 
     unsigned long m_ulFileID = 0;
+    size_t m_nBusyBefore = 0;
 };
 
 INSTANTIATE_TEST_SUITE_P(Allocation, OutOfMemory, testing::Values(Failing::Once, Failing::FromThenOn),
