@@ -209,6 +209,44 @@ TEST_F(MIntfEventThreadLoop, ExceptionThatIsNoClassEndsItToo)
     expectNothingLeft();
 }
 
+// Events that come together are read without a wait for each after the first few of them.
+TEST_F(MIntfEventThreadLoop, BurstIsWorkedOffInItsOrderToItsLastEvent)
+{
+    CReports vExpected;
+    for (int nStreamID = 1; nStreamID <= 200; ++nStreamID)
+    {
+        play(nStreamID);
+        writeEvent({MIEVT_DONE, nStreamID, static_cast<uint32_t>(nStreamID), 1000 + nStreamID});
+        vExpected.push_back({nStreamID, 1000 + nStreamID, PLAY});
+    }
+    runUntil("stat 1200");
+    EXPECT_EQ(vExpected, m_handler.m_vReports);
+    EXPECT_TRUE(takeEvents().empty());
+    expectNothingLeft();
+}
+
+TEST_F(MIntfEventThreadLoop, StopFlagEndsItInTheMiddleOfABurst)
+{
+    for (int n = 0; n < 100; ++n)
+        writeEvent({MIEVT_DONE, n, 1, 0});
+    runUntil("nStreamID = (50)");
+    EXPECT_EQ(49u, takeEvents().size());
+}
+
+TEST_F(MIntfEventThreadLoop, EndOfABurstIsNoError)
+{
+    for (int n = 0; n < 40; ++n)
+        writeEvent({MIEVT_NULL, n, 1, 0});
+    m_newLines.beginHere();
+    std::thread thread([this] { m_pmintf->eventThreadFunc(); });
+    EXPECT_TRUE(eventPipeIsDrained());
+    writeEvent({MIEVT_DONE, 5, 1, 0}); // read after a wait again
+    EXPECT_TRUE(eventPipeIsDrained());
+    stop();
+    thread.join();
+    EXPECT_EQ(CLogLines{m_lineStarting} + readLines(5, 1, 0) + CLogLines{m_lineStopping}, m_newLines.get());
+}
+
 // Waits are never shorter than said; how much longer they are is the machine's affair.
 class MIntfEventThreadWaits : public MIntfEventThreadLoop
 {

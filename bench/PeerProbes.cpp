@@ -1,0 +1,204 @@
+// The exchange of a request and a response record by other means: a D-Bus daemon, ZeroMQ.
+#include "BareClient.h"
+#include "ChildProcess.h"
+#include "Probe.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <zmq.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+using CRecord = std::vector<std::uint8_t>;
+
+constexpr std::size_t REQUEST_SIZE = sizeof(structMICMD);
+constexpr std::size_t RESPONSE_SIZE = sizeof(structMIRSP);
+
+void Require(bool bOk, const char* pWhat)
+{
+    if (!bOk)
+        throw std::runtime_error(pWhat);
+}
+
+// The peer in another process; the exchange must have been carried out once before it is measured.
+class CForeignExchangeProbe : public CProbe
+{
+public:
+    std::chrono::nanoseconds Run(std::int64_t nOperations) final
+    {
+        const auto start = MonotonicNow();
+        for (std::int64_t n = 0; n < nOperations; ++n)
+            Exchange();
+        return MonotonicNow() - start;
+    }
+
+protected:
+    virtual void Exchange() = 0;
+};
+
+constexpr const char* BUS_ADDRESS = "unix:path=/tmp/bench-bus";
+constexpr const char* BUS_SETTINGS = "/tmp/bench-bus.conf";
+constexpr const char* BUS_NAME = "bench.Peer";
+constexpr const char* BUS_OBJECT = "/bench/peer";
+constexpr const char* BUS_METHOD = "Exchange";
+
+// A bus of our own: nothing is started by it and nobody else is on it. It complains of limits that do not matter here.
+void RunBusDaemon()
+{
+    std::ofstream(BUS_SETTINGS) << "<busconfig><listen>" << BUS_ADDRESS << "</listen><policy context='default'>"
+                                << "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
+                                << "<allow own='*'/></policy></busconfig>\n";
+    const CFd fdNull(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    ::dup2(fdNull.Get(), STDERR_FILENO);
+    ::execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--config-file", BUS_SETTINGS, nullptr);
+}
+
+// The daemon is only just starting.
+template <class ATTEMPT> auto Persistently(const ATTEMPT& attempt)
+{
+    const auto limit = MonotonicNow() + std::chrono::seconds(5);
+    for (;;)
+    {
+        try
+        {
+            return attempt();
+        }
+        catch (const sdbus::Error&)
+        {
+            if (MonotonicNow() > limit)
+                throw;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+}
+
+std::unique_ptr<sdbus::IConnection> ConnectToBus()
+{
+    return Persistently([] { return sdbus::createSessionBusConnectionWithAddress(BUS_ADDRESS); });
+}
+
+void RunBusPeer()
+{
+    const auto pConnection = ConnectToBus();
+    const auto pObject = sdbus::createObject(*pConnection, BUS_OBJECT);
+    const CRecord response(RESPONSE_SIZE);
+    pObject->registerMethod(BUS_METHOD).onInterface(BUS_NAME).implementedAs([&response](const CRecord& request) {
+        Require(request.size() == REQUEST_SIZE, "a request of another size");
+        return response;
+    });
+    pObject->finishRegistration();
+    pConnection->requestName(BUS_NAME);
+    pConnection->enterEventLoop();
+}
+
+class CBusProbe : public CForeignExchangeProbe
+{
+public:
+    CBusProbe()
+    {
+        Persistently([this] { Exchange(); });
+    }
+
+private:
+    void Exchange() override
+    {
+        CRecord response;
+        m_pProxy->callMethod(BUS_METHOD).onInterface(BUS_NAME).withArguments(m_request).storeResultsTo(response);
+        Require(response.size() == RESPONSE_SIZE, "a response of another size");
+    }
+
+    const CChildProcess m_daemon{RunBusDaemon};
+    const CChildProcess m_peer{RunBusPeer};
+    const std::unique_ptr<sdbus::IConnection> m_pConnection = ConnectToBus();
+    const std::unique_ptr<sdbus::IProxy> m_pProxy = sdbus::createProxy(*m_pConnection, BUS_NAME, BUS_OBJECT);
+    const CRecord m_request = CRecord(REQUEST_SIZE);
+};
+
+// A ZeroMQ socket in a context of its own.
+class CZeroMqSocket
+{
+public:
+    explicit CZeroMqSocket(int nType) : m_pContext(::zmq_ctx_new()), m_pSocket(::zmq_socket(m_pContext, nType))
+    {
+        Require(m_pSocket != nullptr, "no ZeroMQ socket");
+    }
+    ~CZeroMqSocket()
+    {
+        const int nLinger = 0;
+        ::zmq_setsockopt(m_pSocket, ZMQ_LINGER, &nLinger, sizeof(nLinger));
+        ::zmq_close(m_pSocket);
+        ::zmq_ctx_term(m_pContext);
+    }
+    CZeroMqSocket(const CZeroMqSocket&) = delete;
+    CZeroMqSocket& operator=(const CZeroMqSocket&) = delete;
+
+    void* Get() const { return m_pSocket; }
+
+    template <std::size_t SIZE> void Send(const std::array<std::uint8_t, SIZE>& record)
+    {
+        Require(::zmq_send(m_pSocket, record.data(), SIZE, 0) == static_cast<int>(SIZE), "ZeroMQ cannot send");
+    }
+
+    template <std::size_t SIZE> void Receive(std::array<std::uint8_t, SIZE>& record)
+    {
+        Require(::zmq_recv(m_pSocket, record.data(), SIZE, 0) == static_cast<int>(SIZE), "ZeroMQ cannot receive");
+    }
+
+private:
+    void* m_pContext;
+    void* m_pSocket;
+};
+
+constexpr const char* ZEROMQ_ADDRESS = "ipc:///tmp/bench-zeromq";
+
+void RunZeroMqPeer()
+{
+    CZeroMqSocket socket(ZMQ_REP);
+    Require(::zmq_bind(socket.Get(), ZEROMQ_ADDRESS) == 0, "ZeroMQ cannot bind");
+    std::array<std::uint8_t, REQUEST_SIZE> request;
+    const std::array<std::uint8_t, RESPONSE_SIZE> response = {};
+    for (;;)
+    {
+        socket.Receive(request);
+        socket.Send(response);
+    }
+}
+
+class CZeroMqProbe : public CForeignExchangeProbe
+{
+public:
+    CZeroMqProbe()
+    {
+        Require(::zmq_connect(m_socket.Get(), ZEROMQ_ADDRESS) == 0, "ZeroMQ cannot connect");
+        Exchange();
+    }
+
+private:
+    void Exchange() override
+    {
+        m_socket.Send(m_request);
+        m_socket.Receive(m_response);
+    }
+
+    const CChildProcess m_peer{RunZeroMqPeer}; // before this process has threads of ZeroMQ
+    CZeroMqSocket m_socket{ZMQ_REQ};
+    const std::array<std::uint8_t, REQUEST_SIZE> m_request = {};
+    std::array<std::uint8_t, RESPONSE_SIZE> m_response;
+};
+} // namespace
+
+void AddPeerProbes(CProbeTable& table)
+{
+    // Of the group of the bare exchange, which is their limit.
+    table.Add("exchange/dbus", [] { return std::make_unique<CBusProbe>(); });
+    table.Add("exchange/zeromq", [] { return std::make_unique<CZeroMqProbe>(); });
+}

@@ -1,0 +1,27 @@
+// A semaphore: how one thread of a probe tells another that something has come.
+#ifndef SEMAPHORE_H
+#define SEMAPHORE_H
+
+#include <semaphore.h>
+
+class CSemaphore
+{
+public:
+    CSemaphore() { ::sem_init(&m_semaphore, 0, 0); }
+    ~CSemaphore() { ::sem_destroy(&m_semaphore); }
+    CSemaphore(const CSemaphore&) = delete;
+    CSemaphore& operator=(const CSemaphore&) = delete;
+
+    void Post() { ::sem_post(&m_semaphore); }
+    void Wait()
+    {
+        while (::sem_wait(&m_semaphore) != 0)
+        {
+        }
+    }
+
+private:
+    sem_t m_semaphore;
+};
+
+#endif
