@@ -13,7 +13,7 @@
 
 #include <cstdarg>
 #include <cstdint>
-#include <cstdio>
+#include <cstring>
 #include <list>
 #include <map>
 #include <memory>
@@ -41,7 +41,9 @@ inline unsigned int addressForLog(const void* p)
 // Copies a text into a fixed field: cut if need be, always terminated.
 template <size_t SIZE> void copyText(char (&szField)[SIZE], const char* pszText)
 {
-    snprintf(szField, SIZE, "%s", pszText);
+    const size_t nLength = strnlen(pszText, SIZE - 1);
+    memcpy(szField, pszText, nLength);
+    szField[nLength] = '\0';
 }
 
 // Whom CMIntf tells when a play or record command has ended. Called on the event thread, with no

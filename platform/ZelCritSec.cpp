@@ -15,11 +15,7 @@ pid_t threadID()
 
 ZelCritSec::ZelCritSec(const char* pszName, int nKeepOwner) : m_pszName(pszName), m_bKeepOwner(nKeepOwner != 0)
 {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&m_mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
+    pthread_mutex_init(&m_mutex, nullptr);
 }
 
 ZelCritSec::~ZelCritSec()
@@ -29,21 +25,24 @@ ZelCritSec::~ZelCritSec()
 
 void ZelCritSec::enter(long nTag) NO_THREAD_SAFETY_ANALYSIS
 {
-    pthread_mutex_lock(&m_mutex);
-    if (!m_bKeepOwner)
-        return;
-    m_nOwner = threadID();
+    const pid_t nThread = threadID();
+    // Only this thread can have stored its own id.
+    if (m_nOwner.load(std::memory_order_relaxed) != nThread)
+    {
+        pthread_mutex_lock(&m_mutex);
+        m_nOwner.store(nThread, std::memory_order_relaxed);
+    }
     ++m_nDepth;
-    m_nEnterTag = nTag;
+    if (m_bKeepOwner)
+        m_nEnterTag = nTag;
 }
 
 void ZelCritSec::leave(long nTag) NO_THREAD_SAFETY_ANALYSIS
 {
     if (m_bKeepOwner)
-    {
         m_nLeaveTag = nTag;
-        if (--m_nDepth == 0)
-            m_nOwner = 0;
-    }
+    if (--m_nDepth > 0)
+        return;
+    m_nOwner.store(0, std::memory_order_relaxed);
     pthread_mutex_unlock(&m_mutex);
 }

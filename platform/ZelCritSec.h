@@ -4,6 +4,7 @@
 
 #include "ThreadSafety.h"
 
+#include <atomic>
 #include <pthread.h>
 #include <sys/types.h>
 
@@ -25,8 +26,8 @@ public:
 
     // What a debugger wants to see. Exact only for the thread that has the lock.
     const char* name() const { return m_pszName; }
-    pid_t owner() const { return m_nOwner; } // kernel thread id, 0 while free
-    int depth() const { return m_nDepth; }
+    pid_t owner() const { return m_bKeepOwner ? m_nOwner.load(std::memory_order_relaxed) : 0; } // 0 while free
+    int depth() const { return m_bKeepOwner ? m_nDepth : 0; }
     long enterTag() const { return m_nEnterTag; } // of the last enter
     long leaveTag() const { return m_nLeaveTag; } // of the last leave
 
@@ -36,7 +37,7 @@ private:
     pthread_mutex_t m_mutex;
 
     // Written by the thread that has the lock.
-    pid_t m_nOwner = 0;
+    std::atomic<pid_t> m_nOwner{0}; // kernel thread id, read by who asks whether it is his own
     int m_nDepth = 0;
     long m_nEnterTag = 0;
     long m_nLeaveTag = 0;
