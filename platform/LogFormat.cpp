@@ -1,6 +1,7 @@
 // Texts of log lines: the printf conversions that lines use most, without what all others cost.
 #include "LogFormat.h"
 
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -145,17 +146,16 @@ private:
     CArguments m_arguments;
 };
 
+// Has a bit of HIGH_BITS set if a byte of the word is a control character; for bytes of 0xFF and next to
+// them it may have one without.
 constexpr unsigned long ONES = ~0UL / 255;
 constexpr unsigned long HIGH_BITS = ONES * 0x80;
 
-// Has a bit of HIGH_BITS set if a byte of the word is a control character, and only then: a borrow can
-// only come from a byte that is one.
 unsigned long controls(const char* pText)
 {
     unsigned long ulWord;
     memcpy(&ulWord, pText, sizeof(ulWord));
-    const unsigned long ulDelete = ulWord ^ (ONES * 0x7F);
-    return ((ulWord - ONES * 0x20) & ~ulWord) | ((ulDelete - ONES) & ~ulDelete);
+    return ((ulWord - ONES * 0x20) | (ulWord + ONES)) & ~ulWord;
 }
 
 void blankBytes(char* pText, size_t nLength)
@@ -198,12 +198,21 @@ void blankControls(char* pText, size_t nLength)
     blankBytes(pText + n, nLength - n);
 }
 
-void writeDigits(char* p, unsigned int uNumber, int nDigits)
+void writeDigits(char* p, unsigned int uNumber, int nPairs)
 {
-    while (nDigits-- > 0)
+    static constexpr auto PAIRS = [] {
+        std::array<char, 200> pairs = {};
+        for (size_t n = 0; n < 100; ++n)
+        {
+            pairs[2 * n] = static_cast<char>('0' + n / 10);
+            pairs[2 * n + 1] = static_cast<char>('0' + n % 10);
+        }
+        return pairs;
+    }();
+    for (char* pPair = p + 2 * nPairs; pPair > p; uNumber /= 100)
     {
-        p[nDigits] = static_cast<char>('0' + uNumber % 10);
-        uNumber /= 10;
+        pPair -= 2;
+        memcpy(pPair, &PAIRS[uNumber % 100 * 2], 2);
     }
 }
 

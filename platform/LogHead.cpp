@@ -19,7 +19,7 @@ struct CThreadIDs
     char szText[32];
     size_t nLength;
 };
-thread_local CThreadIDs t_ids = {};
+constinit thread_local CThreadIDs t_ids __attribute__((tls_model("initial-exec"))) = {};
 
 const CThreadIDs& threadIDs()
 {
@@ -64,10 +64,8 @@ size_t CLogHead::write(char* p, LogLib_Priority priority)
 
     const char* const pBegin = p;
     p = copy(p, m_szSecond, m_nSecond);
-    const unsigned int uMicroseconds = static_cast<unsigned int>(now.tv_nsec) / 1000;
-    const int nDigits = m_bMicroseconds ? 6 : 3;
-    writeDigits(p, m_bMicroseconds ? uMicroseconds : uMicroseconds / 1000, nDigits);
-    p += nDigits;
+    writeDigits(p, static_cast<unsigned int>(now.tv_nsec) / 1000, 3);
+    p += m_bMicroseconds ? 6 : 3;
     const CThreadIDs& ids = threadIDs();
     p = copy(p, ids.szText, ids.nLength);
     p = std::to_chars(p, p + 12, static_cast<int>(priority)).ptr;

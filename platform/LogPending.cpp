@@ -11,6 +11,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <memory>
+#include <new>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -53,15 +56,29 @@ bool keepsAllocatedSpace(int nFile)
     return nType == EXT4_SUPER_MAGIC || nType == XFS_MAGIC || nType == TMPFS_MAGIC;
 }
 
-bool beginsWith(const char* pszText, const char* pszBegin)
+bool hasNumberBetween(std::string_view name, std::string_view begin, std::string_view end)
 {
-    return strncmp(pszText, pszBegin, strlen(pszBegin)) == 0;
+    if (name.size() <= begin.size() + end.size() || !name.starts_with(begin) || !name.ends_with(end))
+        return false;
+    return std::all_of(name.begin() + begin.size(), name.end() - end.size(),
+                       [](char c) { return c >= '0' && c <= '9'; });
 }
 
-bool endsWith(const char* pszText, size_t nText, const char* pszEnd)
+// Returns how many bytes were written; errno tells why not all.
+uint32_t writeAll(int nFile, const char* pBytes, uint32_t uBytes)
 {
-    const size_t nEnd = strlen(pszEnd);
-    return nText >= nEnd && memcmp(pszText + nText - nEnd, pszEnd, nEnd) == 0;
+    uint32_t uDone = 0;
+    while (uDone < uBytes)
+    {
+        const ssize_t nWritten = write(nFile, pBytes + uDone, uBytes - uDone);
+        if (nWritten > 0)
+            uDone += static_cast<uint32_t>(nWritten);
+        else if (nWritten == 0)
+            errno = ENOSPC;
+        if (nWritten == 0 || (nWritten < 0 && errno != EINTR))
+            break;
+    }
+    return uDone;
 }
 
 // The process may be killed between any two instructions: what was stored before is there then.
@@ -78,17 +95,29 @@ bool CLogPending::attach(const char* pszLogPath, int nCreate)
     close();
     snprintf(m_szPath, sizeof(m_szPath), "%s%s", pszLogPath, SUFFIX);
     m_nFile = ::open(m_szPath, O_RDWR | nCreate | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
-    if (m_nFile >= 0 && isOurs() && keepsAllocatedSpace(m_nFile) &&
-        (nCreate ? fallocate(m_nFile, 0, 0, sizeof(CFile)) == 0 : hasContent()))
+    if (m_nFile >= 0 && isOurs() && (hasContent() || (nCreate && isBlank())))
     {
-        void* const pMapped =
-            mmap(nullptr, sizeof(CFile), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, m_nFile, 0);
-        if (pMapped != MAP_FAILED)
-            m_pFile = static_cast<CFile*>(pMapped);
+        if (keepsAllocatedSpace(m_nFile) && (!nCreate || allocate()))
+            map();
+        if (!m_pFile && isBlank())
+            unlink(m_szPath);
     }
     if (!m_pFile)
         abandon();
     return m_pFile != nullptr;
+}
+
+bool CLogPending::allocate() const
+{
+    // Beyond the limit of the process this would raise SIGXFSZ.
+    return sizeof(CFile) <= fileSizeLimit() && fallocate(m_nFile, 0, 0, sizeof(CFile)) == 0;
+}
+
+void CLogPending::map()
+{
+    void* const pMapped = mmap(nullptr, sizeof(CFile), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, m_nFile, 0);
+    if (pMapped != MAP_FAILED)
+        m_pFile = static_cast<CFile*>(pMapped);
 }
 
 // A plain file of this user that no other process uses. Locks it.
@@ -110,6 +139,14 @@ bool CLogPending::hasContent() const
            pread(m_nFile, szMagic, sizeof(szMagic), 0) == sizeof(szMagic) && memcmp(szMagic, MAGIC, sizeof(MAGIC)) == 0;
 }
 
+// Just made, by this process or one that was killed then.
+bool CLogPending::isBlank() const
+{
+    char szMagic[sizeof(MAGIC)];
+    const ssize_t nRead = pread(m_nFile, szMagic, sizeof(szMagic), 0);
+    return nRead >= 0 && std::all_of(szMagic, szMagic + nRead, [](char c) { return c == '\0'; });
+}
+
 bool CLogPending::open(const char* pszLogPath)
 {
     if (!attach(pszLogPath, O_CREAT))
@@ -127,7 +164,8 @@ bool CLogPending::open(const char* pszLogPath)
 
 void CLogPending::close()
 {
-    if (isOpen() && length() == 0)
+    // Someone may have removed the file, and another process may have one there now.
+    if (isOpen() && length() == 0 && isOurs())
         unlink(m_szPath);
     abandon();
 }
@@ -170,38 +208,61 @@ bool CLogPending::moveInto(int nLogFile)
     m_pFile->uMovedFrom = m_pFile->uBegin;
     m_pFile->ullLogSize = static_cast<uint64_t>(status.st_size);
     m_pFile->ullLogInode = status.st_ino;
+    errno = EFBIG;
+    if (m_pFile->ullLogSize + length() > fileSizeLimit())
+        return false;
     storeInOrder(m_pFile->bMoving, 1);
     uint32_t uDone = m_pFile->uBegin;
-    while (uDone < m_pFile->uEnd)
-    {
-        const ssize_t nWritten = write(nLogFile, m_pFile->szText + uDone, m_pFile->uEnd - uDone);
-        if (nWritten > 0)
-            uDone += static_cast<uint32_t>(nWritten);
-        else if (nWritten == 0)
-            errno = ENOSPC;
-        if (nWritten == 0 || (nWritten < 0 && errno != EINTR))
-            break;
-    }
+    uDone += writeAll(nLogFile, m_pFile->szText + uDone, static_cast<uint32_t>(length()));
     const bool bAll = uDone >= m_pFile->uEnd;
     if (bAll)
     {
         storeInOrder(m_pFile->uEnd, 0);
         uDone = 0;
     }
+    else
+    {
+        uDone = takeBackPart(nLogFile, uDone);
+    }
     storeInOrder(m_pFile->uBegin, uDone);
     storeInOrder(m_pFile->bMoving, 0);
     return bAll;
 }
 
-// How many bytes had reached the log file when the process was killed while it moved them.
-uint32_t CLogPending::arrivedBytes(int nLogFile) const
+// After a move that failed: cuts off the part of a line that the log file ends with, unless that is
+// refused or another process has appended since. Returns up to where bytes are moved now.
+uint32_t CLogPending::takeBackPart(int nLogFile, uint32_t uDone) const
 {
+    const int nError = errno;
+    uint32_t uLines = uDone;
+    while (uLines > m_pFile->uBegin && m_pFile->szText[uLines - 1] != '\n')
+        --uLines;
+    const uint64_t ullEnd = m_pFile->ullLogSize + (uDone - m_pFile->uBegin);
     struct stat status;
-    if (!m_pFile->bMoving || fstat(nLogFile, &status) != 0 || status.st_ino != m_pFile->ullLogInode ||
-        static_cast<uint64_t>(status.st_size) < m_pFile->ullLogSize)
-        return 0;
-    return static_cast<uint32_t>(
-        std::min<uint64_t>(static_cast<uint64_t>(status.st_size) - m_pFile->ullLogSize, CAPACITY));
+    if (fstat(nLogFile, &status) != 0 || static_cast<uint64_t>(status.st_size) != ullEnd ||
+        ftruncate(nLogFile, static_cast<off_t>(ullEnd - (uDone - uLines))) != 0)
+        uLines = uDone;
+    errno = nError;
+    return uLines;
+}
+
+// How many bytes had reached the log file when the process was killed while it moved them. They are
+// compared, as other processes may have appended since.
+uint32_t CLogPending::arrivedBytes(const char* pszLogPath) const
+{
+    const std::unique_ptr<char[]> pLog(new (std::nothrow) char[CAPACITY]);
+    const int nLogFile = ::open(pszLogPath, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    struct stat status;
+    ssize_t nRead = 0;
+    if (pLog && nLogFile >= 0 && fstat(nLogFile, &status) == 0 && status.st_ino == m_pFile->ullLogInode)
+        nRead = pread(nLogFile, pLog.get(), CAPACITY, static_cast<off_t>(m_pFile->ullLogSize));
+    if (nLogFile >= 0)
+        ::close(nLogFile);
+    const char* const pMoved = m_pFile->szText + m_pFile->uMovedFrom;
+    const char* const pEnd = m_pFile->szText + m_pFile->uEnd;
+    const char* const pRead = pLog.get();
+    return static_cast<uint32_t>(std::mismatch(pMoved, pEnd, pRead, pRead + std::max<ssize_t>(nRead, 0)).first -
+                                 pMoved);
 }
 
 void CLogPending::recover(const char* pszLogPath)
@@ -217,9 +278,10 @@ void CLogPending::recover(const char* pszLogPath)
         return;
     }
     file.uEnd = std::min<uint32_t>(file.uEnd, CAPACITY);
+    file.uMovedFrom = std::min(file.uMovedFrom, file.uEnd);
     if (file.bMoving)
     {
-        storeInOrder(file.uBegin, std::min(file.uMovedFrom, file.uEnd) + left.arrivedBytes(nLogFile));
+        storeInOrder(file.uBegin, file.uMovedFrom + left.arrivedBytes(pszLogPath));
         storeInOrder(file.bMoving, 0);
     }
     if (left.length() == 0 || left.moveInto(nLogFile))
@@ -236,15 +298,14 @@ void CLogPending::recoverAll(const char* pszFolder, const char* pszNameBegin, co
         return;
     while (const dirent* const pEntry = readdir(pFolder))
     {
-        const char* const pszName = pEntry->d_name;
-        const size_t nName = strlen(pszName);
-        if (!endsWith(pszName, nName, SUFFIX) || !beginsWith(pszName, pszNameBegin))
+        const std::string_view name(pEntry->d_name);
+        if (!name.ends_with(SUFFIX))
             continue;
-        const size_t nLogName = nName - strlen(SUFFIX);
+        const std::string_view logName = name.substr(0, name.size() - strlen(SUFFIX));
         char szLogPath[PATH_MAX];
-        const int nLength =
-            snprintf(szLogPath, sizeof(szLogPath), "%s/%.*s", pszFolder, static_cast<int>(nLogName), pszName);
-        if (endsWith(pszName, nLogName, pszNameEnd) && nLength < static_cast<int>(sizeof(szLogPath)))
+        const int nLength = snprintf(szLogPath, sizeof(szLogPath), "%s/%.*s", pszFolder,
+                                     static_cast<int>(logName.size()), logName.data());
+        if (hasNumberBetween(logName, pszNameBegin, pszNameEnd) && nLength < static_cast<int>(sizeof(szLogPath)))
             recover(szLogPath);
     }
     closedir(pFolder);

@@ -15,7 +15,8 @@ namespace OrvLogLib
 //
 // The file is locked while its process lives. One without a lock is what a killed process left: its
 // lines are put into the log file by recover(), each once, also when the process was killed while it
-// moved them itself.
+// moved them itself. (Once or twice, when another process rotated the log file or wrote into it at
+// that very moment.)
 //
 // Not for two threads at a time.
 class CLogPending
@@ -44,12 +45,12 @@ public:
     void add(size_t nBytes);
 
     // Writes what is pending to the end of the log file; what was written is no longer pending. False,
-    // with errno, when something is left.
+    // with errno, when lines are left.
     bool moveInto(int nLogFile);
 
     // Puts what killed processes left into their log files and removes their pending files: of this log
-    // file, or of the log files in a folder whose names begin and end so. Files in use and files of
-    // other users are left alone; so are lines for which there is no room on the disk.
+    // file, or of the log files in a folder whose names begin and end so, with a number between. Files
+    // in use and files of other users are left alone; so are lines for which there is no room on the disk.
     static void recover(const char* pszLogPath);
     static void recoverAll(const char* pszFolder, const char* pszNameBegin, const char* pszNameEnd);
 
@@ -57,9 +58,13 @@ private:
     struct CFile;
 
     bool attach(const char* pszLogPath, int nCreate);
+    bool allocate() const;
+    void map();
     bool isOurs() const;
     bool hasContent() const;
-    uint32_t arrivedBytes(int nLogFile) const;
+    bool isBlank() const;
+    uint32_t takeBackPart(int nLogFile, uint32_t uDone) const;
+    uint32_t arrivedBytes(const char* pszLogPath) const;
 
     char m_szPath[PATH_MAX + 16] = "";
     int m_nFile = -1;

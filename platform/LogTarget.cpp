@@ -23,12 +23,6 @@ const char* textOr(const char* pszText, const char* pszDefault)
     return pszText ? pszText : pszDefault;
 }
 
-uint64_t fileSizeLimit()
-{
-    rlimit limit;
-    return getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY ? limit.rlim_cur : UINT64_MAX;
-}
-
 bool isLogFile(int nFile)
 {
     struct stat status;
@@ -46,6 +40,12 @@ const char* defaultFolder()
                : "/tmp";
 }
 } // namespace
+
+uint64_t fileSizeLimit()
+{
+    rlimit limit;
+    return getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY ? limit.rlim_cur : UINT64_MAX;
+}
 
 int openLogFile(const char* pszPath)
 {

@@ -16,6 +16,9 @@ namespace OrvLogLib
 // need be. Returns the descriptor, -1 with errno when there is none.
 int openLogFile(const char* pszPath);
 
+// Beyond which a write of this process would raise SIGXFSZ.
+uint64_t fileSizeLimit();
+
 // Not for two threads at a time.
 class CLogTarget
 {

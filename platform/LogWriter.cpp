@@ -99,11 +99,17 @@ void CLogFile::CWriter::CAllWriters::remove(const CWriter* pWriter)
     *pp = pWriter->m_pNext;
 }
 
+// The parent may end at once without cleaning up, as one that starts a daemon does: its lines come
+// before those of the child.
 void CLogFile::CWriter::CAllWriters::beforeFork()
 {
+    const CErrnoKeeper keeper;
     s_all.mutex.lock();
     for (CWriter* pWriter = s_all.pFirst; pWriter; pWriter = pWriter->m_pNext)
+    {
         pWriter->m_mutex.lock();
+        pWriter->movePending(milliseconds());
+    }
 }
 
 void CLogFile::CWriter::CAllWriters::afterForkInParent()
@@ -172,9 +178,11 @@ void CLogFile::CWriter::applySettings(const CLogSettings& settings)
 {
     const CLogHold hold(m_mutex);
     m_ullTryAt = 0;
-    movePending(milliseconds());
-    stopCollecting();
-    if (m_target.isElsewhere(settings))
+    const bool bElsewhere = m_target.isElsewhere(settings);
+    // Lines for which there is no room now go before those that follow, unless they go elsewhere.
+    if (movePending(milliseconds()) || bElsewhere)
+        stopCollecting();
+    if (bElsewhere)
         m_target.forget();
     copySettings(settings);
 }
@@ -207,7 +215,7 @@ int CLogFile::CWriter::collectLine(LogLib_Priority priority, const char* pszForm
     if (!m_bCollecting || (m_uCollected & priority) == 0 || m_ullLost > 0)
         return 0;
     const uint64_t ullNow = milliseconds();
-    const bool bOld = m_pending.length() > 0 && ullNow - m_ullPendingAt >= PENDING_MS;
+    const bool bOld = ullNow - m_ullPendingAt >= PENDING_MS;
     if (bOld || m_pending.room() < PENDING_ROOM)
     {
         if (!movePending(ullNow))
@@ -250,6 +258,9 @@ void CLogFile::CWriter::startCollecting(uint64_t ullNow)
 {
     if (m_bCollecting || m_uCollected == 0 || ullNow < m_ullCollectAt)
         return;
+    // There may have been no room for what a killed process left when the log file was opened.
+    if (!m_pending.isOpen())
+        CLogPending::recover(m_target.path());
     m_bCollecting = m_pending.isOpen() || m_pending.open(m_target.path());
     if (!m_bCollecting)
         m_ullCollectAt = ullNow + m_settings.nRetryMilliseconds;
@@ -318,8 +329,7 @@ void CLogFile::CWriter::flush()
 int CLogFile::CWriter::writeToFile(LogLib_Priority priority, CLogText& text)
 {
     const uint64_t ullNow = milliseconds();
-    if (!takeDirectTurn(ullNow))
-        startCollecting(ullNow);
+    const bool bTooMany = !takeDirectTurn(ullNow);
     const int nTold = ullNow < m_ullTryAt || !movePending(ullNow) ? -1 : tellLost(ullNow);
     if (nTold >= 0)
     {
@@ -328,6 +338,8 @@ int CLogFile::CWriter::writeToFile(LogLib_Priority priority, CLogText& text)
         const bool bTakenBack = nWritten < 0 && nTold > 0 && m_target.takeBack(static_cast<size_t>(nTold));
         if (!bTakenBack)
             m_ullLost = 0;
+        if (bTooMany && nWritten > 0)
+            startCollecting(ullNow); // only here it is sure where the file is
         if (nWritten > 0)
             return nWritten;
     }

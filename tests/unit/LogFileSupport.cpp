@@ -4,15 +4,18 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <linux/magic.h>
 #include <mutex>
 #include <sched.h>
 #include <sstream>
 #include <sys/mount.h>
-#include <unistd.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
 
 namespace
 {
@@ -20,6 +23,14 @@ std::mutex s_mutex;
 std::vector<logtest::CSyslogCall> s_vSyslogCalls;
 std::atomic<int> s_nSyncCalls{0};
 std::atomic<bool> s_bFailTruncation{false};
+std::atomic<uint64_t> s_ullStoppedClock{0}; // in milliseconds, 0: it runs
+std::atomic<logtest::CWriteHook> s_writeHook{nullptr};
+
+int readClock(clockid_t nClock, timespec* pTime)
+{
+    static const auto pReal = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    return pReal(nClock, pTime);
+}
 
 void keepSyslogCall(int nPriority, const char* pszFormat, va_list arguments)
 {
@@ -66,6 +77,22 @@ STAND_IN int ftruncate64(int nFile, off64_t nLength) noexcept
     return pReal(nFile, nLength);
 }
 
+STAND_IN int clock_gettime(clockid_t nClock, timespec* pTime) noexcept
+{
+    const uint64_t ullStopped = s_ullStoppedClock;
+    if (nClock != CLOCK_MONOTONIC_COARSE || ullStopped == 0)
+        return readClock(nClock, pTime);
+    pTime->tv_sec = static_cast<time_t>(ullStopped / 1000);
+    pTime->tv_nsec = static_cast<long>(ullStopped % 1000 * 1000000);
+    return 0;
+}
+
+STAND_IN ssize_t write(int nFile, const void* pBytes, size_t nBytes)
+{
+    const logtest::CWriteHook hook = s_writeHook;
+    return hook ? hook(nFile, pBytes, nBytes) : logtest::reallyWrite(nFile, pBytes, nBytes);
+}
+
 namespace logtest
 {
 std::vector<CSyslogCall> syslogCalls()
@@ -82,6 +109,29 @@ int syncCalls()
 void failTruncation(bool bFail)
 {
     s_bFailTruncation = bFail;
+}
+
+void stopClock()
+{
+    timespec now;
+    readClock(CLOCK_MONOTONIC_COARSE, &now);
+    s_ullStoppedClock = static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+void advanceClock(unsigned int uMilliseconds)
+{
+    s_ullStoppedClock += uMilliseconds;
+}
+
+void interceptWrites(CWriteHook hook)
+{
+    s_writeHook = hook;
+}
+
+ssize_t reallyWrite(int nFile, const void* pBytes, size_t nBytes)
+{
+    static const auto pReal = reinterpret_cast<ssize_t (*)(int, const void*, size_t)>(dlsym(RTLD_NEXT, "write"));
+    return pReal(nFile, pBytes, nBytes);
 }
 
 OrvLogLib::CLogFileRegistry registryOf(OrvLogLib::CLogFile* pLogFile, const OrvLogLib::CLogSettings& settings)
@@ -141,9 +191,26 @@ int descriptorOf(const std::string& strPath)
     return -1;
 }
 
+bool keepsAllocatedSpace(const std::string& strFolder)
+{
+    constexpr long XFS_MAGIC = 0x58465342;
+    struct statfs system;
+    const int nResult = statfs(strFolder.c_str(), &system);
+    return nResult == 0 &&
+           (system.f_type == EXT4_SUPER_MAGIC || system.f_type == XFS_MAGIC || system.f_type == TMPFS_MAGIC);
+}
+
 bool ownMounts()
 {
     return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+int signalOf(pid_t nChild)
+{
+    int nStatus = 0;
+    EXPECT_EQ(waitpid(nChild, &nStatus, 0), nChild);
+    EXPECT_TRUE(WIFSIGNALED(nStatus) || WEXITSTATUS(nStatus) == 0) << "the child process failed";
+    return WIFSIGNALED(nStatus) ? WTERMSIG(nStatus) : 0;
 }
 } // namespace logtest
 
@@ -163,6 +230,8 @@ LogFileTest::LogFileTest()
 LogFileTest::~LogFileTest()
 {
     logtest::failTruncation(false);
+    logtest::interceptWrites(nullptr);
+    s_ullStoppedClock = 0;
     std::error_code error;
     std::filesystem::remove_all(m_strFolder, error);
 }

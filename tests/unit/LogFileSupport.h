@@ -6,6 +6,8 @@
 #include "OrvLogLib.h"
 
 #include <string>
+#include <sys/types.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,6 +27,19 @@ std::vector<CSyslogCall> syslogCalls();
 int syncCalls();
 void failTruncation(bool bFail); // ftruncate fails with EPERM
 
+// Stops the clock that pauses and rates are measured with; from there on only this moves it.
+void stopClock();
+void advanceClock(unsigned int uMilliseconds);
+
+// Every write of this process goes here; null: into the file.
+using CWriteHook = ssize_t (*)(int nFile, const void* pBytes, size_t nBytes);
+void interceptWrites(CWriteHook hook);
+ssize_t reallyWrite(int nFile, const void* pBytes, size_t nBytes);
+
+// Runs an operation in a child process that ends without any cleaning up, as if it was killed then.
+// Returns the signal that killed it earlier, or 0; failures of the test in there count here.
+template <class OPERATION> int inChild(OPERATION operation);
+
 // Registers the settings through the constructor that an application calls.
 OrvLogLib::CLogFileRegistry registryOf(OrvLogLib::CLogFile* pLogFile, const OrvLogLib::CLogSettings& settings);
 
@@ -34,8 +49,24 @@ std::string textOf(const std::string& strLine);               // without date, i
 bool exists(const std::string& strPath);
 int descriptorOf(const std::string& strPath); // of this process, -1: none has the file open
 
+// Whether a full disk never takes back what was allocated ahead there.
+bool keepsAllocatedSpace(const std::string& strFolder);
+
 // Gives this process mounts of its own. False where that is forbidden.
 bool ownMounts();
+
+int signalOf(pid_t nChild); // waits for a child of inChild
+
+template <class OPERATION> int inChild(OPERATION operation)
+{
+    const pid_t nChild = fork();
+    if (nChild == 0)
+    {
+        operation();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    return signalOf(nChild);
+}
 } // namespace logtest
 
 class LogFileTest : public testing::Test
