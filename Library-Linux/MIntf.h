@@ -79,6 +79,11 @@ public:
         uint64_t m_ullTimeoutTick;                // deadline; 0 while the command is not in the deadline index
         CMIntfCompletionHandler* m_pcomplHandler; // may be null
         structMICMD m_cmd;
+
+    private:
+        friend class CMIntf;
+        bool m_bEntered = false; // into the deadline index, as this entry of it
+        std::multimap<uint64_t, CCommand*>::iterator m_itDeadline;
     };
     typedef std::list<CCommand*> CCommandList;
 
@@ -239,6 +244,7 @@ private:
     // Entries of earlier commands, for later ones: a command costs one allocation, its own.
     CNodePool<CActiveMap> m_poolActive GUARDED_BY(m_pCritSecCMIntf);
     CNodePool<CDeadlineMap> m_poolDeadline GUARDED_BY(m_pCritSecCMIntf);
+    size_t m_nDeadlines GUARDED_BY(m_pCritSecCMIntf) = 0; // entered and not erased again
     CCommandList m_listSpareEntries GUARDED_BY(m_pCritSecCMIntf);
 
     // Lifecycle
@@ -259,7 +265,8 @@ private:
     void queueCommand(const CSide& side, CCommand* pcommand, const CCommand* pcommandActive) REQUIRES(m_pCritSecCMIntf);
     void activateCommand(const CSide& side, CCommand* pcommand, CActiveMap::iterator itNext) REQUIRES(m_pCritSecCMIntf);
     void enterDeadline(CCommand* pcommand) REQUIRES(m_pCritSecCMIntf);
-    bool eraseDeadline(const CCommand* pcommand, const char* pszFormatBefore) REQUIRES(m_pCritSecCMIntf);
+    bool eraseDeadline(CCommand* pcommand, const char* pszFormatBefore) REQUIRES(m_pCritSecCMIntf);
+    CDeadlineMap::iterator findDeadline(const CCommand* pcommand) REQUIRES(m_pCritSecCMIntf);
     CActiveMap::iterator findActive(const CSide& side, int nStreamID, uint32_t nSequenceNo,
                                     const CCommand* pcommandOnly) REQUIRES(m_pCritSecCMIntf);
     void removeFound(int nStreamID, uint32_t nSequenceNo, int bDelete, CActiveMap::iterator itPlay,

@@ -190,29 +190,46 @@ void CMIntf::enterDeadline(CCommand* pcommand)
                                       ? DEFAULT_TIMEOUT_MS
                                       : static_cast<uint32_t>(pcommand->m_nTimeout * MS_PER_SECOND);
     pcommand->m_ullTimeoutTick = CPortable::GetTickCountULL() + ullTimeoutMs;
-    m_poolDeadline.insert(m_mmapActiveCommandByTimeout, pcommand->m_ullTimeoutTick, pcommand);
+    pcommand->m_itDeadline = m_poolDeadline.insert(m_mmapActiveCommandByTimeout, pcommand->m_ullTimeoutTick, pcommand);
+    pcommand->m_bEntered = true;
+    ++m_nDeadlines;
 }
 
 // Removes the command's own entry from the deadline index, never another one of the same deadline.
 // pszFormatBefore, if any, is traced before the entry goes.
-bool CMIntf::eraseDeadline(const CCommand* pcommand, const char* pszFormatBefore)
+bool CMIntf::eraseDeadline(CCommand* pcommand, const char* pszFormatBefore)
 {
-    if (pcommand->m_ullTimeoutTick == 0)
+    const auto it = findDeadline(pcommand);
+    if (it == m_mmapActiveCommandByTimeout.end())
         return false;
-    for (auto it = m_mmapActiveCommandByTimeout.lower_bound(pcommand->m_ullTimeoutTick);
-         it != m_mmapActiveCommandByTimeout.end() && it->first == pcommand->m_ullTimeoutTick; ++it)
+    if (pszFormatBefore)
     {
-        if (it->second != pcommand)
-            continue;
-        if (pszFormatBefore)
-        {
-            ZEL_TRACE(TRACE_INFO, LogLib_Normal, pszFormatBefore, sequenceNo(pcommand), pcommand->m_nStreamID,
-                      commandName(pcommand));
-        }
-        m_poolDeadline.erase(m_mmapActiveCommandByTimeout, it);
-        return true;
+        ZEL_TRACE(TRACE_INFO, LogLib_Normal, pszFormatBefore, sequenceNo(pcommand), pcommand->m_nStreamID,
+                  commandName(pcommand));
     }
-    return false;
+    m_poolDeadline.erase(m_mmapActiveCommandByTimeout, it);
+    m_nDeadlines -= pcommand->m_bEntered;
+    pcommand->m_bEntered = false;
+    return true;
+}
+
+// Plays that start in the same millisecond end in the same one: hundreds of them may share a deadline,
+// and walking to one of those costs more than all else. What each remembers is good as long as nobody
+// else changed the index.
+CMIntf::CDeadlineMap::iterator CMIntf::findDeadline(const CCommand* pcommand)
+{
+    const uint64_t ullTick = pcommand->m_ullTimeoutTick;
+    CDeadlineMap& mmap = m_mmapActiveCommandByTimeout;
+    if (ullTick == 0)
+        return mmap.end();
+    if (pcommand->m_bEntered && m_nDeadlines == mmap.size() && pcommand->m_itDeadline->first == ullTick)
+        return pcommand->m_itDeadline;
+    for (auto it = mmap.lower_bound(ullTick); it != mmap.end() && it->first == ullTick; ++it)
+    {
+        if (it->second == pcommand)
+            return it;
+    }
+    return mmap.end();
 }
 
 void CMIntf::remActiveCommand(int nStreamID, int nSequenceIDParam, int bDelete)

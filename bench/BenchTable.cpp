@@ -23,6 +23,7 @@ struct COptions
     std::string m_strJson;
     std::string m_strOnly;
     bool m_bQuick = false;
+    int m_nRepetitions = 25;
 };
 
 // What is run of one section, for each width.
@@ -125,7 +126,7 @@ void SetInterleaving(bool bRandom)
 
 void Measure(const CSection& section, std::vector<CWidth>& vWidths, const COptions& options)
 {
-    int nRepetitions = options.m_bQuick ? 7 : 25;
+    int nRepetitions = options.m_bQuick ? std::min(options.m_nRepetitions, 7) : options.m_nRepetitions;
     if (section.m_nRepetitions > 0)
         nRepetitions = std::min(nRepetitions, section.m_nRepetitions);
     std::vector<std::unique_ptr<CWorkerProcess>> vpWorkers;
@@ -220,6 +221,7 @@ int main(int nArguments, char** ppArguments)
         ->required();
     app.add_option("--json", options.m_strJson, "file that all figures are written to");
     app.add_option("--only", options.m_strOnly, "measure only sections whose first probe's name begins so");
+    app.add_option("--repetitions", options.m_nRepetitions, "of each measurement")->check(CLI::Range(1, 1000));
     app.add_flag("--quick", options.m_bQuick, "fewer and shorter measurements");
     CLI11_PARSE(app, nArguments, ppArguments);
     try

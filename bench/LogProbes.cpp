@@ -273,9 +273,13 @@ public:
         const auto start = Clock::now();
         for (std::int64_t n = 0; n < nLines; ++n)
         {
-            mintf.trace(TRACE_CLASS, OrvLogLib::LogLib_Normal,
-                        "(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d", COMMAND,
-                        static_cast<unsigned long>(n), STREAM_ID);
+            // As ZEL_TRACE does.
+            if (mintf.isTraced(TRACE_CLASS))
+            {
+                mintf.trace(TRACE_CLASS, OrvLogLib::LogLib_Normal,
+                            "(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d", COMMAND,
+                            static_cast<unsigned long>(n), STREAM_ID);
+            }
         }
         return Clock::now() - start;
     }
