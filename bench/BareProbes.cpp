@@ -10,6 +10,14 @@
 
 namespace
 {
+template <class TOnce> std::chrono::nanoseconds Timed(std::int64_t nOperations, TOnce once)
+{
+    const auto start = MonotonicNow();
+    for (std::int64_t n = 0; n < nOperations; ++n)
+        once();
+    return MonotonicNow() - start;
+}
+
 class CBareExchangeProbe : public CProbe
 {
 public:
@@ -17,13 +25,10 @@ public:
     {
         structMICMD cmd = m_client.Request(MICMD_PING);
         structMIRSP rsp;
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
-        {
+        return Timed(nOperations, [&] {
             m_client.Write(cmd);
             m_client.ReadResponse(rsp);
-        }
-        return MonotonicNow() - start;
+        });
     }
 
 private:
@@ -38,15 +43,12 @@ public:
     {
         structMICMD cmd = m_client.Request(MICMD_PING);
         structMIRSP rsp;
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
-        {
+        return Timed(nOperations, [&] {
             m_client.Write(cmd);
             pollfd entry = {m_client.ResponseFd(), POLLIN, 0};
             ::poll(&entry, 1, 10000);
             m_client.ReadResponse(rsp);
-        }
-        return MonotonicNow() - start;
+        });
     }
 
 private:
@@ -62,14 +64,11 @@ public:
         structMICMD cmd = m_client.Play(m_nStreamID, PEER_PLAY_AT_ONCE);
         structMIRSP rsp;
         structMIEVT evt;
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
-        {
+        return Timed(nOperations, [&] {
             m_client.Write(cmd);
             m_client.ReadResponse(rsp);
             m_client.ReadEvent(evt);
-        }
-        return MonotonicNow() - start;
+        });
     }
 
 private:

@@ -25,34 +25,6 @@ class LogCollectedLines : public LogCollectingFixture
 {
 };
 
-int logFrom(CLogFile& log, const char* pszSource, const char* pszFormat, ...)
-{
-    va_list arguments;
-    va_start(arguments, pszFormat);
-    const int nResult = log.LogStringArgListX(LogLib_Normal, pszFormat, pszSource, arguments);
-    va_end(arguments);
-    return nResult;
-}
-
-class CStandardErrorClosed
-{
-public:
-    CStandardErrorClosed() : m_nBefore(dup(STDERR_FILENO))
-    {
-        const int nNull = open("/dev/null", O_WRONLY);
-        dup2(nNull, STDERR_FILENO);
-        close(nNull);
-    }
-    ~CStandardErrorClosed()
-    {
-        dup2(m_nBefore, STDERR_FILENO);
-        close(m_nBefore);
-    }
-
-private:
-    const int m_nBefore;
-};
-
 std::atomic<int> s_nWrites{0};
 
 ssize_t countWrites(int nFile, const void* pBytes, size_t nBytes)
@@ -64,7 +36,9 @@ ssize_t countWrites(int nFile, const void* pBytes, size_t nBytes)
 
 TEST_F(LogCollectedLines, LinesThatCannotBeCollectedNeitherOvertakeNorAreOvertaken)
 {
-    const CStandardErrorClosed quiet;
+    const int nNull = open("/dev/null", O_WRONLY);
+    const CStderrInto quiet(nNull);
+    close(nNull);
     m_settings.nStderrMask = LogLib_Low;
     m_settings.nSyslogMask = LogLib_High;
     m_settings.nMaxLineLength = 80000;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -198,6 +199,15 @@ bool keepsAllocatedSpace(const std::string& strFolder)
     const int nResult = statfs(strFolder.c_str(), &system);
     return nResult == 0 &&
            (system.f_type == EXT4_SUPER_MAGIC || system.f_type == XFS_MAGIC || system.f_type == TMPFS_MAGIC);
+}
+
+int logFrom(OrvLogLib::CLogFile& log, const char* pszSource, const char* pszFormat, ...)
+{
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    const int nResult = log.LogStringArgListX(OrvLogLib::LogLib_Normal, pszFormat, pszSource, arguments);
+    va_end(arguments);
+    return nResult;
 }
 
 bool ownMounts()

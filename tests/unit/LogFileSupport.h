@@ -52,6 +52,26 @@ int descriptorOf(const std::string& strPath); // of this process, -1: none has t
 // Whether a full disk never takes back what was allocated ahead there.
 bool keepsAllocatedSpace(const std::string& strFolder);
 
+// One line by the operation that lines of every kind go through.
+int logFrom(OrvLogLib::CLogFile& log, const char* pszSource, const char* pszFormat, ...);
+
+// Sends standard error into a file while it lives.
+class CStderrInto
+{
+public:
+    explicit CStderrInto(int nFile) : m_nBefore(dup(STDERR_FILENO)) { dup2(nFile, STDERR_FILENO); }
+    ~CStderrInto()
+    {
+        dup2(m_nBefore, STDERR_FILENO);
+        close(m_nBefore);
+    }
+    CStderrInto(const CStderrInto&) = delete;
+    CStderrInto& operator=(const CStderrInto&) = delete;
+
+private:
+    const int m_nBefore;
+};
+
 // Gives this process mounts of its own. False where that is forbidden.
 bool ownMounts();
 

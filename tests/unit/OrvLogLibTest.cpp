@@ -48,30 +48,6 @@ public:
     std::vector<std::string> m_vAlarms;
 };
 
-int logFrom(CLogFile& log, const char* pszSource, const char* pszFormat, ...)
-{
-    va_list arguments;
-    va_start(arguments, pszFormat);
-    const int nResult = log.LogStringArgListX(LogLib_Normal, pszFormat, pszSource, arguments);
-    va_end(arguments);
-    return nResult;
-}
-
-// Sends standard error into a file while it lives.
-class CStderrInto
-{
-public:
-    explicit CStderrInto(int nFile) : m_nBefore(dup(STDERR_FILENO)) { dup2(nFile, STDERR_FILENO); }
-    ~CStderrInto()
-    {
-        dup2(m_nBefore, STDERR_FILENO);
-        close(m_nBefore);
-    }
-
-private:
-    const int m_nBefore;
-};
-
 class OrvLogLibTest : public LogFileTest
 {
 };
