@@ -295,6 +295,7 @@ private:
     bool pingDue(uint64_t ullNow);
     bool connectDriver(int& nConnectID);
     void countIdlePass(bool bConnected, int nConnectID);
+    void forgetSpareEntries() REQUIRES(m_pCritSecCMIntf);
     void sweepOverdueCommands();
     std::vector<CCommandOwner> takeOverdueCommands(uint64_t ullNow) REQUIRES(m_pCritSecCMIntf);
     CCommandOwner retireCompleted(const structMIEVT& evt, MCSTATUS mcstatus, bool& bNotify) REQUIRES(m_pCritSecCMIntf);

@@ -203,6 +203,7 @@ bool CMIntf::connectDriver(int& nConnectID)
 void CMIntf::countIdlePass(bool bConnected, int nConnectID)
 {
     CCritSecHold hold(m_pCritSecCMIntf);
+    forgetSpareEntries();
     if (bConnected)
         storeUnlocked(m_nConnectID, nConnectID);
     if (m_nIdleCount++ > IDLE_LINE_PASSES)
@@ -210,6 +211,14 @@ void CMIntf::countIdlePass(bool bConnected, int nConnectID)
         ZEL_TRACE(TRACE_INFO, LogLib_Normal, "(Info) CMIntf::eventThreadFunc, m_nConnectID= \"%d\" ", m_nConnectID);
         m_nIdleCount = 0;
     }
+}
+
+// A quiet process has the memory that it began with.
+void CMIntf::forgetSpareEntries()
+{
+    m_poolActive.clear();
+    m_poolDeadline.clear();
+    m_listSpareEntries.clear();
 }
 
 void CMIntf::sweepOverdueCommands()

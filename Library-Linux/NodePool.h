@@ -14,6 +14,7 @@ public:
     typedef typename MAP::iterator iterator;
     typedef typename MAP::key_type key_type;
     typedef typename MAP::mapped_type mapped_type;
+    typedef typename MAP::node_type node_type;
 
     // Enters a pair, before itNext where that fits, after all of its key otherwise. Throws
     // std::bad_alloc with the map as it was.
@@ -34,8 +35,14 @@ public:
             map.erase(it);
     }
 
+    // Frees what is kept.
+    void clear()
+    {
+        while (m_nNodes > 0)
+            m_aNodes[--m_nNodes] = node_type();
+    }
+
 private:
-    typedef typename MAP::node_type node_type;
 
     node_type take(key_type key, mapped_type value)
     {

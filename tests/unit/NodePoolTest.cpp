@@ -72,3 +72,16 @@ TEST(NodePool, NoMoreThan256EntriesAreKept)
     pool.insert(map, map.end(), 1000, "a new one");
     EXPECT_EQ(257u, map.size());
 }
+
+TEST(NodePool, ClearedPoolFreesAllThatItKept)
+{
+    CMap map;
+    CNodePool<CMap> pool;
+    pool.insert(map, map.end(), 1, "kept");
+    const auto itOther = pool.insert(map, map.end(), 2, "stays");
+    pool.erase(map, map.begin());
+    pool.clear(); // the leak check looks after the rest
+    pool.insert(map, map.end(), 3, "a new one");
+    EXPECT_EQ(2u, map.size());
+    EXPECT_STREQ("stays", itOther->second);
+}
