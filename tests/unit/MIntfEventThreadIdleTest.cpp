@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -367,4 +368,33 @@ TEST_F(MIntfEventThreadIdle, ConnectIDLineShowsTheNewIDBeforeTheReopening)
                          infoLine("(Info) CMIntf::reopenClipFiles, m_nConnectID= \"1234\" ")}),
               CLogLines(vLines.end() - 3, vLines.end()));
     EXPECT_EQ(0, m_pmintf->m_nIdleCount);
+}
+
+// The log file moves what it collected with its next line, which may never come.
+TEST_F(MIntfEventThreadIdle, CollectedLinesAreInTheLogFileAfterIt)
+{
+    const std::string strPath = "/tmp/collected";
+    m_pmintf->replaceLogFile(new OrvLogLib::CLogFile("Media", strPath.c_str(), false, false, false));
+    const auto hasLine = [&](const std::string& strText) {
+        std::ifstream file(strPath);
+        for (std::string strLine; std::getline(file, strLine);)
+            if (strLine.ends_with(strText))
+                return true;
+        return false;
+    };
+
+    std::string strLast;
+    bool bCollected = false;
+    for (int n = 0; n < 100 && !bCollected; ++n)
+    {
+        for (int nLine = 0; nLine < 11000; ++nLine)
+            m_pmintf->trace(TRACE_INFO, OrvLogLib::LogLib_Normal, "line %d", nLine);
+        strLast = text("last line of burst %d", n);
+        m_pmintf->trace(TRACE_INFO, OrvLogLib::LogLib_Normal, "%s", strLast.c_str());
+        bCollected = !hasLine(strLast);
+    }
+    if (!bCollected)
+        GTEST_SKIP() << "lines are not collected on this file system";
+    m_pmintf->idlePass();
+    EXPECT_TRUE(hasLine(strLast));
 }
