@@ -113,7 +113,7 @@ void CMIntf::queueCommand(const CSide& side, CCommand* pcommand, const CCommand*
     {
         auto plistNew = std::make_unique<CCommandList>();
         it = mapQueue.emplace_hint(it, pcommand->m_nStreamID, plistNew.get());
-        plistNew.release();
+        static_cast<void>(plistNew.release()); // the map has it
     }
     CCommandList& listQueue = *it->second;
     if (m_listSpareEntries.empty())

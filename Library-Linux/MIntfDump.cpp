@@ -38,8 +38,8 @@ void CMIntf::dumpStreams()
     {
         const CZelMediaStreamImpl& stream = *entry.second;
         ZEL_TRACE(TRACE_INFO, LogLib_High, "   sid %d, impl 0x%08X, stream 0x%08X, valid %d, canflag %d", entry.first,
-                  addressForLog(&stream), addressForLog(stream.m_pStream), stream.m_bInitialized,
-                  stream.m_bPlayCancelled);
+                  addressForLog(&stream), addressForLog(stream.m_pStream), loadUnlocked(stream.m_bInitialized),
+                  loadUnlocked(stream.m_bPlayCancelled));
     }
 }
 

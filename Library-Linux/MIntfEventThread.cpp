@@ -406,7 +406,7 @@ void CMIntf::startNextCommand(const CSide& side, CCommandOwner pcommand, bool bS
     {
         CCritSecHold hold(m_pCritSecCMIntf);
         const int nStreamID = pcommand->m_nStreamID;
-        if (bStreamWasOpen && m_mapStreamByStreamID.count(nStreamID) == 0)
+        if (bStreamWasOpen && !m_mapStreamByStreamID.contains(nStreamID))
             return;
         structMIRSP rsp;
         CCommand* const pcommandSent = pcommand.release();

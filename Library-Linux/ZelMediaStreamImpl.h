@@ -62,8 +62,8 @@ public:
     CZelMediaServicesImpl* m_pServices;
     CZelMediaStream* m_pStream;  // owns this object
     int m_nStreamID;             // the driver's id, -1 for none
-    int m_bInitialized;          // cleared by invalidate()
-    int m_bPlayCancelled;        // the application's
+    int m_bInitialized;          // cleared by invalidate(), shown by a dump from any thread
+    int m_bPlayCancelled;        // the application's, shown likewise
     uint64_t m_ullPlayStartTick; // 0 while no play is timed
     uint64_t m_ullPlayElapsed;   // ms, 0 until a first play has completed
 

@@ -43,7 +43,7 @@ int CZelMediaStreamImpl::openAndRegister(CZelMediaServicesImpl* pServices, CZelM
         return nStatus;
     const int nAdded = m_pServices->addStream(m_pStream, m_nStreamID);
     if (nAdded == MCS_OK)
-        m_bInitialized = 1;
+        storeUnlocked(m_bInitialized, 1);
     return nAdded;
 }
 
@@ -174,7 +174,7 @@ int CZelMediaStreamImpl::playSetCancelled(int nCancelled)
     traceOperation("CZelMediaStreamImpl::playSetCancelled (0x%08X) %d", addressForLog(m_pStream), nCancelled);
     if (!m_bInitialized)
         return MCS_NOTINITIALIZED;
-    m_bPlayCancelled = nCancelled;
+    storeUnlocked(m_bPlayCancelled, nCancelled);
     return MCS_OK;
 }
 

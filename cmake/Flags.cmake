@@ -1,4 +1,5 @@
-# Flags for every target, and the warnings that our own targets ask for by linking zelmedia_warnings.
+# Flags for every target, and the warnings that our own targets ask for by linking zelmedia_warnings or,
+# what is delivered, zelmedia_product_warnings. scripts/static-checks looks at what they make.
 
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 
@@ -10,7 +11,7 @@ if(ZELMEDIA_SANITIZE)
   endif()
 elseif(NOT ZELMEDIA_COVERAGE)
   add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
-  add_compile_options(-fstack-protector-strong)
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
 
@@ -23,14 +24,34 @@ if(ZELMEDIA_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-add_library(zelmedia_warnings INTERFACE)
-target_compile_options(zelmedia_warnings INTERFACE
+set(ZELMEDIA_WARNINGS
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
-  -Woverloaded-virtual -Wnull-dereference -Wconversion -Wno-sign-conversion -Wdouble-promotion -Wformat=2
-  -Wno-format-nonliteral -Werror
+  -Woverloaded-virtual -Wnull-dereference -Wconversion -Wdouble-promotion -Wformat=2 -Wno-format-nonliteral -Werror
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # gcc 12 finds overlaps in std::string where there are none
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+# Left out: -Wuseless-cast, as types that are the same in one width differ in the other; -Wswitch-enum and
+# -Wswitch-default, as a default is meant where it stands, and -Wall tells of values without one.
+set(ZELMEDIA_PRODUCT_WARNINGS
+  -Wsign-conversion -Wcast-qual -Wundef -Wredundant-decls -Wextra-semi -Wmissing-declarations
+  -Wzero-as-null-pointer-constant -Wunused-macros -Wvla -Wdate-time -Wimplicit-fallthrough -Wmismatched-tags
+  -Wctor-dtor-privacy -Wdeprecated-copy-dtor)
+list(APPEND ZELMEDIA_PRODUCT_WARNINGS "$<$<CXX_COMPILER_ID:GNU>:-Wlogical-op;-Wduplicated-cond;-Wduplicated-branches;\
+-Walloca;-Warith-conversion;-Wcast-align=strict;-Wcatch-value=3;-Wcomma-subscript;\
+-Wformat-overflow=2;-Wformat-signedness;-Wimplicit-fallthrough=5;-Wplacement-new=2;-Wredundant-tags;\
+-Wshift-overflow=2;-Wsign-promo;-Wstrict-null-sentinel;-Wsuggest-override;-Wtrampolines;-Wvolatile>")
+list(APPEND ZELMEDIA_PRODUCT_WARNINGS "$<$<CXX_COMPILER_ID:Clang>:-Wassign-enum;-Wcomma;-Wconditional-uninitialized;\
+-Wextra-semi-stmt;-Wloop-analysis;-Wmissing-noreturn;-Wmissing-variable-declarations;\
+-Wnewline-eof;-Wshadow-all;-Wshift-sign-overflow;-Wsuggest-destructor-override;-Wsuggest-override;\
+-Wtautological-compare;-Wthread-safety-beta;-Wunreachable-code-aggressive;-Wunused-member-function;\
+-Wunused-template>")
+
+add_library(zelmedia_warnings INTERFACE)
+target_compile_options(zelmedia_warnings INTERFACE ${ZELMEDIA_WARNINGS} -Wno-sign-conversion)
+add_library(zelmedia_product_warnings INTERFACE)
+target_compile_options(zelmedia_product_warnings INTERFACE ${ZELMEDIA_WARNINGS} ${ZELMEDIA_PRODUCT_WARNINGS})
 if(ZELMEDIA_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   # Instrumented code confuses these; the plain builds have them.
-  target_compile_options(zelmedia_warnings INTERFACE -Wno-maybe-uninitialized -Wno-null-dereference)
+  foreach(warnings zelmedia_warnings zelmedia_product_warnings)
+    target_compile_options(${warnings} INTERFACE -Wno-maybe-uninitialized -Wno-null-dereference)
+  endforeach()
 endif()

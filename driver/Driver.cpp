@@ -179,8 +179,8 @@ CStatistics CDriver::Statistics() const
         now.m_nWaitingEvents += pClient->WaitingEvents();
         for (const auto& [nStreamID, pStream] : pClient->m_mapStreamByID)
         {
-            now.m_nPlaying += pStream->IsPlaying() ? 1 : 0;
-            now.m_nRecording += pStream->IsRecording() ? 1 : 0;
+            now.m_nPlaying += pStream->IsPlaying() ? 1U : 0U;
+            now.m_nRecording += pStream->IsRecording() ? 1U : 0U;
         }
     }
     now.m_nClips = m_clipStore.Count();

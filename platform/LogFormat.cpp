@@ -209,10 +209,10 @@ void writeDigits(char* p, unsigned int uNumber, int nPairs)
         }
         return pairs;
     }();
-    for (char* pPair = p + 2 * nPairs; pPair > p; uNumber /= 100)
+    for (char* pPair = p + 2 * static_cast<size_t>(nPairs); pPair > p; uNumber /= 100)
     {
         pPair -= 2;
-        memcpy(pPair, &PAIRS[uNumber % 100 * 2], 2);
+        memcpy(pPair, &PAIRS[2 * size_t{uNumber % 100}], 2);
     }
 }
 

@@ -95,9 +95,9 @@ bool CLogPending::attach(const char* pszLogPath, int nCreate)
     close();
     snprintf(m_szPath, sizeof(m_szPath), "%s%s", pszLogPath, SUFFIX);
     m_nFile = ::open(m_szPath, O_RDWR | nCreate | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
-    if (m_nFile >= 0 && isOurs() && (hasContent() || (nCreate && isBlank())))
+    if (m_nFile >= 0 && isOurs() && (hasContent() || isBlank()))
     {
-        if (keepsAllocatedSpace(m_nFile) && (!nCreate || allocate()))
+        if (keepsAllocatedSpace(m_nFile) && (nCreate ? allocate() : hasContent()))
             map();
         if (!m_pFile && isBlank())
             unlink(m_szPath);

@@ -22,7 +22,7 @@ namespace OrvLogLib
 class CLogPending
 {
 public:
-    static constexpr size_t CAPACITY = 64 * 1024; // bytes of lines
+    static constexpr size_t CAPACITY = size_t{64} * 1024; // bytes of lines
 
     CLogPending() = default;
     ~CLogPending() { close(); }

@@ -114,11 +114,13 @@ bool CLogTarget::open()
         return false;
     if (!m_bStarted)
         recoverLines(pszFolder);
-    const int nFile = openLogFile(m_szPath);
+    m_nFile = openLogFile(m_szPath);
     struct stat status;
-    if (nFile < 0 || fstat(nFile, &status) != 0)
+    if (m_nFile < 0 || fstat(m_nFile, &status) != 0)
+    {
+        close();
         return false;
-    m_nFile = nFile;
+    }
     m_device = status.st_dev;
     m_inode = status.st_ino;
     m_ullSize = static_cast<uint64_t>(status.st_size);
@@ -187,8 +189,11 @@ bool CLogTarget::rotate()
     for (; n < m_settings.nRotatedFiles; ++n)
     {
         snprintf(szTo, sizeof(szTo), "%s.%u", m_szPath, n);
-        if (lstat(szTo, &status) != 0)
-            break;
+        if (lstat(szTo, &status) == 0)
+            continue;
+        if (errno != ENOENT)
+            return false; // there may be a file that would be overwritten
+        break;
     }
     for (; n > 1; --n)
     {

@@ -212,7 +212,7 @@ int CLogFile::CWriter::collectLine(LogLib_Priority priority, const char* pszForm
         return 0;
     const CErrnoKeeper keeper;
     const CLogHold hold(m_mutex);
-    if (!m_bCollecting || (m_uCollected & priority) == 0 || m_ullLost > 0)
+    if (!m_bCollecting || !contains(m_uCollected, priority) || m_ullLost > 0)
         return 0;
     const uint64_t ullNow = milliseconds();
     const bool bOld = ullNow - m_ullPendingAt >= PENDING_MS;
@@ -293,16 +293,16 @@ int CLogFile::CWriter::writeLine(LogLib_Priority priority, CLogText& text)
     text.makeOneLine();
     {
         const CLogHold hold(m_mutex);
-        if (m_settings.nFileEnabled && (m_settings.nFileMask & priority))
+        if (m_settings.nFileEnabled && contains(m_settings.nFileMask, priority))
             nWritten = writeToFile(priority, text);
-        if (m_settings.nStderrMask & priority)
+        if (contains(m_settings.nStderrMask, priority))
         {
             char szHead[CLogHead::MAX_LENGTH];
             const size_t nHead = m_head.write(szHead, priority);
             writeToStandardError(text.asLine(szHead, nHead), nHead + text.length() + 1);
         }
     }
-    if (m_uSyslogMask & priority)
+    if (contains(m_uSyslogMask, priority))
         syslog(LOG_INFO | LOG_DAEMON, "%s: %.*s", m_szName, static_cast<int>(text.length()), text.text());
     return nWritten;
 }

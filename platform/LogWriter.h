@@ -70,7 +70,7 @@ public:
     void applySettings(const CLogSettings& settings) EXCLUDES(m_mutex);
 
     // False when a line of this priority goes nowhere and need not be formatted.
-    bool wants(LogLib_Priority priority) const { return (m_uWanted.load(std::memory_order_relaxed) & priority) != 0; }
+    bool wants(LogLib_Priority priority) const { return contains(m_uWanted.load(std::memory_order_relaxed), priority); }
     size_t maxLineLength() const { return m_uMaxLineLength.load(std::memory_order_relaxed); }
 
     // Collects a line, if lines are being collected now and this one can be: it is formatted where it
@@ -90,6 +90,10 @@ private:
     struct CAllWriters;
     static CAllWriters s_all;
 
+    static bool contains(unsigned int uMask, LogLib_Priority priority)
+    {
+        return (uMask & static_cast<unsigned int>(priority)) != 0;
+    }
     void copySettings(const CLogSettings& settings) REQUIRES(m_mutex);
     bool takeDirectTurn(uint64_t ullNow) REQUIRES(m_mutex);
     void startCollecting(uint64_t ullNow) REQUIRES(m_mutex);

@@ -77,7 +77,7 @@ long CLogFile::ReportEventToWIN32Log(long nEventID, unsigned short nStrings, uns
         return 0;
     CLogText text;
     const size_t nMaxLength = m_pWriter->maxLineLength();
-    text.append(nMaxLength, "event 0x%08X:", static_cast<unsigned int>(nEventID & 0xFFFFFFFFL));
+    text.append(nMaxLength, "event 0x%08X:", static_cast<unsigned int>(nEventID));
     for (unsigned short n = 0; ppszStrings && n < nStrings; ++n)
         text.append(nMaxLength, " %s", ppszStrings[n] ? ppszStrings[n] : "");
     if (ulDataSize > 0)

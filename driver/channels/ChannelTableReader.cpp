@@ -79,7 +79,7 @@ json ParseJson(std::string_view text)
         if (event == json::parse_event_t::object_start)
         {
             vKeys.emplace_back();
-            nEntry += vKeys.size() == 2 ? 1 : 0;
+            nEntry += vKeys.size() == 2 ? 1U : 0U;
         }
         else if (event == json::parse_event_t::object_end)
         {

@@ -168,7 +168,7 @@ void CJitterBuffer::Fetch(std::size_t nWanted)
     {
         m_counters.m_ullLost += std::exchange(m_ullGaps, 0);
         m_nMissesInARow = 0;
-        m_pPlaying = reinterpret_cast<CSlot*>(packet.data);
+        m_pPlaying = static_cast<CSlot*>(static_cast<void*>(packet.data));
         m_playingLeft = std::span(m_pPlaying->m_samples).first(packet.len);
         // The packet begins after now, or before it where it overlaps with what was played.
         m_nSilenceLeft = static_cast<std::size_t>(std::max(nOffset, 0));

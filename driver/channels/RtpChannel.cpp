@@ -102,7 +102,7 @@ void CRtpChannel::SendPacket()
     }
     m_pPort->Send(packet, m_remote);
     ++m_header.m_nSequence;
-    m_header.m_nTimestamp += RTP_SAMPLES;
+    m_header.m_nTimestamp += std::uint32_t{RTP_SAMPLES};
     m_nSamples = 0;
     m_bSent = true;
     m_ullSentTick = m_ports.Tick();

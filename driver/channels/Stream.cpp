@@ -77,10 +77,14 @@ void CStream::StartRecord(const std::string& strPath, std::uint32_t nMaxSamples,
         CRecord{nullptr, strPath, std::min<std::uint64_t>(nMaxSamples, MAX_RECORD_SAMPLES), nSequenceNo, {}, false, {}};
     m_pChannel->BeginListening(
         [pWeak = weak_from_this(), done = std::move(done)](bool bOk, const std::string& strError) mutable {
-            if (const auto pThis = pWeak.lock())
+            const auto pThis = pWeak.lock();
+            if (pThis && bOk && !pThis->m_bHungUp)
             {
-                bOk && !pThis->m_bHungUp ? pThis->OpenRecordFile(std::move(done))
-                                         : pThis->AbandonRecord(bOk ? HANGUP_TEXT : strError, done);
+                pThis->OpenRecordFile(std::move(done));
+            }
+            else if (pThis)
+            {
+                pThis->AbandonRecord(bOk ? HANGUP_TEXT : strError, done);
             }
         });
 }

@@ -284,6 +284,20 @@ TEST_F(MIntfEventThreadWaits, FirstIdlePassComesSoonerThanTheOthers)
     EXPECT_TRUE(bFirstIsShorter);
 }
 
+TEST_F(MIntfEventThreadWaits, OtherIdlePassesComeOneSecondApart)
+{
+    disconnect();
+    unlink(MI_REQUEST_PIPE);
+    bool bOneSecond = false;
+    for (int nTry = 0; nTry < 3 && !bOneSecond; ++nTry)
+    {
+        const std::vector<Clock::time_point> vTimes = run(2);
+        ASSERT_EQ(3u, vTimes.size());
+        bOneSecond = vTimes[2] - vTimes[1] < std::chrono::milliseconds(2000);
+    }
+    EXPECT_TRUE(bOneSecond);
+}
+
 TEST_F(MIntfEventThreadWaits, EventMakesTheNextWaitALongOne)
 {
     disconnect();

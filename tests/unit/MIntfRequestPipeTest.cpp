@@ -43,6 +43,12 @@ TEST_F(MIntfRequestPipe, FileBehindALinkIsNotWritten)
     expectRefused("/tmp/victim");
 }
 
+TEST_F(MIntfRequestPipe, OwnPipesAreOpenedWithoutFollowingALink)
+{
+    EXPECT_NE(0, fcntl(m_pmintf->m_npipeRsp, F_GETFL) & O_NOFOLLOW);
+    EXPECT_NE(0, fcntl(m_pmintf->m_npipeEvt, F_GETFL) & O_NOFOLLOW);
+}
+
 TEST_F(MIntfRequestPipe, RefusedFileLeavesNoDescriptorOpen)
 {
     writeFile(MI_REQUEST_PIPE);

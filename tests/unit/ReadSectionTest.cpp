@@ -169,6 +169,22 @@ TEST(ReadSectionTest, ThreadThatEndedIsNotWaitedFor)
     EXPECT_TRUE(waiter.returns());
 }
 
+TEST(ReadSectionTest, RecordOfAThreadThatEndedIsTakenOverByTheNext)
+{
+    const auto recordOfAThread = [] {
+        return std::async(std::launch::async,
+                          [] {
+                              const CReadSection section;
+                              return CReadSection::CThread::t_pThread;
+                          })
+            .get();
+    };
+    const CReadSection::CThread* const pRecord = recordOfAThread();
+    ASSERT_NE(nullptr, pRecord);
+    EXPECT_EQ(pRecord, recordOfAThread());
+    EXPECT_EQ(pRecord, recordOfAThread());
+}
+
 TEST(ReadSectionTest, SectionsOfAnEndingThreadAreWaitedFor)
 {
     std::promise<void> entered;
