@@ -159,7 +159,7 @@ TEST_F(LogCollectingLoss, ProcessThatStartsOnAFullDiskRecoversTheLinesOfAnotherW
         const auto pLog = makeCollectingLog();
         fillDisk();
         logNumbers(*pLog, 0, 100);
-        _exit(0);
+        endChild(0);
     });
     const auto pLog = makeLog();
     EXPECT_EQ(logNumber(*pLog, 100), -1);

@@ -3,11 +3,11 @@
 #ifndef LOG_FILE_SUPPORT_H
 #define LOG_FILE_SUPPORT_H
 
+#include "EndChild.h"
 #include "OrvLogLib.h"
 
 #include <string>
 #include <sys/types.h>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -83,7 +83,7 @@ template <class OPERATION> int inChild(OPERATION operation)
     if (nChild == 0)
     {
         operation();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
+        endChild(testing::Test::HasFailure() ? 1 : 0);
     }
     return signalOf(nChild);
 }

@@ -60,7 +60,7 @@ TEST_F(LogFork, LinesOfAParentThatEndsLikeADaemonAreInTheFile)
         logNumbers(*pLog, 0, 10);
         const pid_t nParent = getpid();
         if (fork() != 0)
-            _exit(0);
+            endChild(0);
         while (getppid() == nParent)
             sched_yield();
         logNumbers(*pLog, 10, 10);

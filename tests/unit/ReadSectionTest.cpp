@@ -1,5 +1,6 @@
 // Tests of the sections in which threads use an object that another thread replaces.
 #include "ReadSection.h"
+#include "EndChild.h"
 
 #include <atomic>
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <memory>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -73,8 +75,7 @@ struct CObject
     volatile int m_nTwice;
 };
 
-// Opens a section when its thread is past the end of its own record: the destructor runs after
-// everything that the thread made later.
+// Opens a section when its thread ends.
 struct CLateReader
 {
     ~CLateReader()
@@ -202,6 +203,34 @@ TEST(ReadSectionTest, SectionsOfAnEndingThreadAreWaitedFor)
     ending.join();
 }
 
+// Past the end of its own record: what threads have by a key ends in the order in which the keys were made.
+TEST(ReadSectionTest, SectionsOfAThreadWhoseRecordIsGoneAreWaitedFor)
+{
+    {
+        const CReadSection section;
+    }
+    pthread_key_t nKey = 0;
+    ASSERT_EQ(0, pthread_key_create(&nKey, [](void* p) {
+                  static_cast<CLateReader*>(p)->~CLateReader();
+                  EXPECT_EQ(nullptr, CReadSection::CThread::t_pThread);
+              }));
+    std::promise<void> entered;
+    std::promise<void> leave;
+    alignas(CLateReader) unsigned char abReader[sizeof(CLateReader)];
+    auto* const pReader = new (abReader) CLateReader{&entered, &leave};
+    std::thread ending([&] {
+        const CReadSection section;
+        pthread_setspecific(nKey, pReader);
+    });
+    entered.get_future().wait();
+    CWaiter waiter;
+    EXPECT_TRUE(waiter.waits());
+    leave.set_value();
+    EXPECT_TRUE(waiter.returns());
+    ending.join();
+    pthread_key_delete(nKey);
+}
+
 TEST(ReadSectionTest, ErrnoIsKept)
 {
     std::thread([] {
@@ -227,7 +256,7 @@ TEST(ReadSectionTest, ChildProcessDoesNotWaitForThreadsOfItsParent)
             const CReadSection section;
             CReadSection::waitForReaders();
         }
-        _exit(0);
+        endChild(0);
     }
     int nStatus = -1;
     ASSERT_EQ(waitpid(nChild, &nStatus, 0), nChild);

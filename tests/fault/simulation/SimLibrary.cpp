@@ -15,7 +15,7 @@ class CSimLibrary::CLog : public OrvLogLib::CLogFile
 public:
     explicit CLog(CSimLibrary& library) : CLogFile("Simulation", nullptr, false, false, false), m_library(library)
     {
-        setTraceMask(TRACE_INFO);
+        setTraceMask(library.m_bTraced ? unsigned{TRACE_INFO} : 0);
     }
 
     int LogStringArgListX(OrvLogLib::LogLib_Priority, const char* pszFormat, const char*, va_list) override
@@ -39,7 +39,7 @@ private:
     CSimLibrary& m_library;
 };
 
-CSimLibrary::CSimLibrary(uint64_t ullTick)
+CSimLibrary::CSimLibrary(uint64_t ullTick, bool bTraced) : m_bTraced(bTraced)
 {
     seams::setThreads(seams::Threads::Pretend);
     seams::freezeTick(ullTick);

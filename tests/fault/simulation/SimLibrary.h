@@ -15,7 +15,8 @@
 class CSimLibrary : private CSimSystem, private CMIntfCompletionHandler
 {
 public:
-    explicit CSimLibrary(uint64_t ullTick);
+    // Only what writes its trace lines can tell how many commands are alive.
+    CSimLibrary(uint64_t ullTick, bool bTraced);
     ~CSimLibrary() override;
     CSimLibrary(const CSimLibrary&) = delete;
     CSimLibrary& operator=(const CSimLibrary&) = delete;
@@ -64,6 +65,7 @@ private:
     void compareFiles(const CSimModel& model);
     void expectEqual(int64_t llExpected, int64_t llFound, const char* pszWhat);
 
+    const bool m_bTraced;
     CMIntf* m_pmintf = nullptr;
     int m_nDriver = -1; // the reading end of the request pipe, while a driver is there
     std::vector<std::unique_ptr<CZelMediaStreamImpl>> m_vObjects;

@@ -30,7 +30,7 @@ CSimOutcome runSimulation(const CSimPlan& plan, bool bTell)
     static const unsigned int anFaults[] = {0, 0, 20, 60, 200};
     static const unsigned int anCallBacks[] = {0, 250, 700};
     CSimRandom random(~plan.ullSeed);
-    CSimLibrary library(FIRST_TICK);
+    CSimLibrary library(FIRST_TICK, !random.oneIn(16));
     CSimModel model(library.responsePipe(), library.eventPipe(), FIRST_TICK);
     model.setMood(random.pick(anFaults), random.pick(anCallBacks), 1 + random.below(6));
     if (random.oneIn(8)) // the numbers begin anew within the run
