@@ -234,6 +234,23 @@ TEST(AudioReader, RefusesAudioThatIsTooLong)
     EXPECT_THAT(ErrorOf(folder.Path("long.ul")), HasSubstr("two hours"));
 }
 
+TEST(AudioReader, RefusesOggFilesAlsoBehindTags)
+{
+    const CTempFolder folder;
+    const std::string strOgg = "OggS and more";
+    const std::string strTag = std::string("ID3\x04\0\0\0\0\0\x03", 10) + "tag";
+    std::string strTags;
+    while (strTags.size() < 10000)
+        strTags += strTag;
+    for (const std::string& strContent : {strOgg, strTag + strOgg, strTag + strTag + strOgg, strTags})
+    {
+        WriteBytes(folder.Path("prompt.wav"), CSamples(strContent.begin(), strContent.end()));
+        EXPECT_EQ(ErrorOf(folder.Path("prompt.wav")), "Ogg files are not read");
+    }
+    WriteBytes(folder.Path("prompt.wav"), CSamples(strTag.begin(), strTag.end()));
+    EXPECT_NE(ErrorOf(folder.Path("prompt.wav")), "Ogg files are not read");
+}
+
 TEST(AudioReader, SurvivesDamagedFilesOfEveryKind)
 {
     const CTempFolder folder;
