@@ -167,6 +167,8 @@ public:
     void reopenClipFiles();
     int openStream(CZelMediaStreamImpl* pImpl, int* pStreamID, char* callID, unsigned long legID);
     int closeStream(int streamID);
+    // Leaves nothing of a stream and its commands, without a word to the driver.
+    void forgetStream(int streamID);
 
     int dump();
 

@@ -1,5 +1,6 @@
 // CMIntf's registries that tie the library's handles to the driver's: clip files and streams.
 #include "MIntf.h"
+#include "MIntfSide.h"
 
 #include <memory>
 
@@ -139,4 +140,14 @@ int CMIntf::closeStream(int streamID)
     cmd.nConnectID = connectID();
     cmd.stream.nStreamID = streamID;
     return sendImmediate(&cmd, &rsp);
+}
+
+void CMIntf::forgetStream(int streamID)
+{
+    CCritSecHold hold(m_pCritSecCMIntf);
+    clearCommandQueuePlay(streamID, 0);
+    clearCommandQueueRecord(streamID);
+    m_mapStreamByStreamID.erase(streamID);
+    if (activeCommand(s_sidePlay, streamID) || activeCommand(s_sideRecord, streamID))
+        remActiveCommand(streamID, static_cast<int>(ANY_SEQUENCE_NO), 1);
 }

@@ -60,6 +60,15 @@ int CZelMediaServicesImpl::remStream(int nStreamID)
     return driverInterface()->closeStream(nStreamID);
 }
 
+void CZelMediaServicesImpl::forgetStream(int nStreamID)
+{
+    {
+        CCritSecHold hold(m_pCritSec);
+        m_mapStreamByID.erase(nStreamID);
+    }
+    driverInterface()->forgetStream(nStreamID);
+}
+
 void CZelMediaServicesImpl::OnCMIntfCompletion(int nStreamID, MCSTATUS mcstatus,
                                                CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON reason)
 {

@@ -35,6 +35,8 @@ public:
     int addStream(CZelMediaStream* pStream, int nStreamID);
     // Unregisters a stream and closes it at the driver, registered or not. The driver's status.
     int remStream(int nStreamID);
+    // Unregisters a stream that the driver knows nothing of, or under an id that it cannot be closed by.
+    void forgetStream(int nStreamID);
 
 private:
     ZelCritSec* m_pCritSec; // never held while calling out

@@ -12,8 +12,13 @@ CZelMediaStreamImpl::~CZelMediaStreamImpl()
 {
     traceOperation("CZelMediaStreamImpl::~CZelMediaStreamImpl, m_nStreamID =%d", m_nStreamID);
     // Without services the object was never initialised, whatever its id.
-    if (m_pServices && m_nStreamID >= 0)
+    if (!m_pServices)
+        return;
+    // A driver out of its mind may have given a negative id: commands and events would outlive this object.
+    if (m_nStreamID >= 0)
         m_pServices->remStream(m_nStreamID);
+    else
+        m_pServices->forgetStream(m_nStreamID);
 }
 
 int CZelMediaStreamImpl::initialize(CZelMediaServicesImpl* pServices, CZelMediaStream* pStream, std::string strInDev,

@@ -157,6 +157,33 @@ TEST_F(MediaStreamLife, StreamZeroOfTheDriverIsClosedLikeAnyOther)
     EXPECT_EQ(MICMD_CLOSESTREAM, takeOnlyRequest().s_micmd);
 }
 
+// Of a stream that the driver gave a negative id nothing is closed there, but nothing of it may be left here:
+// an event for that id would be for an object that is gone.
+TEST_F(MediaStreamLife, StreamWithANegativeIDIsForgottenWithItsCommandsWhenItIsDestroyed)
+{
+    respondNext(MIRSP_OPENSTREAM, -5);
+    ASSERT_EQ(0, m_pStream->initialize(&m_services, publicStream(), "call-1", 1UL));
+    respondNext();
+    EXPECT_EQ(0, m_pStream->playAddFile(chars("/p/a.wav"), 0, 60, 0, 0, 0));
+    EXPECT_EQ(0, m_pStream->playAddFile(chars("/p/b.wav"), 0, 60, 0, 0, 0));
+    respondNext();
+    EXPECT_EQ(0, m_pStream->recordToFile(chars("/r/a.wav"), 0, 5, 60, 0));
+    takeRequests();
+    takeEvents();
+
+    m_pStream.reset();
+    EXPECT_TRUE(takeRequests().empty());
+    EXPECT_TRUE(m_pmintf->m_mapStreamByStreamID.empty());
+    EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDPlay.empty());
+    EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDRecord.empty());
+    EXPECT_TRUE(m_pmintf->m_mmapActiveCommandByTimeout.empty());
+    EXPECT_TRUE(m_pmintf->m_mapCommandQueue.empty());
+    EXPECT_EQ(0, commandsAlive());
+    m_pmintf->doneEventPass(structMIEVT{MIEVT_DONE, -5, 1, MCS_PIPEREAD});
+    m_services.OnCMIntfCompletion(-5, 0, CZelMediaStreamCompletionHandler::MCCR_PLAY);
+    EXPECT_EQ(0u, m_completions.count());
+}
+
 TEST_F(MediaStreamLife, InvalidStreamRefusesEverythingButIsStillClosedAtTheDriver)
 {
     open();
