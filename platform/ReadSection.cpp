@@ -25,16 +25,22 @@ thread_local unsigned int t_uUnrecorded = 0; // of this thread
 
 thread_local bool t_bEnded = false;
 
-struct CThreadEnd
+void threadEnds(void*)
 {
-    ~CThreadEnd()
-    {
-        t_bEnded = true;
-        if (CThread::t_pThread)
-            CThread::t_pThread->m_bOwned.store(false, std::memory_order_release);
-        CThread::t_pThread = nullptr;
-    }
-};
+    t_bEnded = true;
+    if (CThread::t_pThread)
+        CThread::t_pThread->m_bOwned.store(false, std::memory_order_release);
+    CThread::t_pThread = nullptr;
+}
+
+// Has threadEnds called when this thread ends; false when there is no memory for that. Not left to the
+// destructor of a thread_local object: where the C library has no memory to note one, it ends the process.
+bool hearOfThreadEnd()
+{
+    static pthread_key_t s_key;
+    static const bool s_bKey = pthread_key_create(&s_key, threadEnds) == 0;
+    return s_bKey && pthread_setspecific(s_key, &s_key) == 0;
+}
 
 int membarrier(int nCommand)
 {
@@ -99,9 +105,9 @@ CThread* threadRecord()
 {
     if (CThread::t_pThread || t_bEnded)
         return CThread::t_pThread;
-    static thread_local CThreadEnd t_end; // for its destructor, which runs when the thread ends
     const int nErrno = errno;
-    CThread::t_pThread = claimRecord();
+    if (hearOfThreadEnd())
+        CThread::t_pThread = claimRecord();
     errno = nErrno;
     return CThread::t_pThread;
 }

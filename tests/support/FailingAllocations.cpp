@@ -1,7 +1,21 @@
 #include "FailingAllocations.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <new>
+#include <sys/prctl.h>
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define REPLACES_MALLOC
+extern "C"
+{
+    void* __libc_malloc(size_t);
+    void* __libc_calloc(size_t, size_t);
+    void* __libc_realloc(void*, size_t);
+}
+#endif
 
 namespace
 {
@@ -9,6 +23,13 @@ thread_local int t_nUntilFailure = 0; // 0: none is going to fail
 thread_local bool t_bFromThenOn = false;
 thread_local bool t_bHappened = false;
 thread_local int t_nSpared = 0;
+
+std::atomic<bool> s_bArmed{false};
+std::atomic<int> s_nth{0};
+std::atomic<bool> s_bFromThenOn{false};
+std::atomic<int> s_nCounted{0};
+std::atomic<bool> s_bHappened{false};
+std::atomic<long> s_nBlocks{0};
 
 bool failsNow()
 {
@@ -25,14 +46,56 @@ bool failsNow()
     return true;
 }
 
+bool isLibraryThread()
+{
+    char szName[16];
+    return prctl(PR_GET_NAME, szName) == 0 && strcmp(szName, "ZelMedia") == 0;
+}
+
+bool failsInLibrary()
+{
+    if (!s_bArmed || t_nSpared > 0 || !(CInsideLibrary::isInside() || isLibraryThread()))
+        return false;
+    const int nth = ++s_nCounted;
+    if (s_nth == 0 || nth < s_nth || (nth > s_nth && !s_bFromThenOn))
+        return false;
+    s_bHappened = true;
+    errno = ENOMEM;
+    return true;
+}
+
+// Without being asked again whether it fails.
+void* memory(size_t nBytes)
+{
+#ifdef REPLACES_MALLOC
+    return __libc_malloc(nBytes);
+#else
+    return malloc(nBytes);
+#endif
+}
+
+void* counted(void* p)
+{
+    s_nBlocks += p != nullptr;
+    return p;
+}
+
 void* allocate(size_t nBytes)
 {
-    return failsNow() ? nullptr : malloc(nBytes ? nBytes : 1);
+    return failsNow() || failsInLibrary() ? nullptr : counted(memory(nBytes ? nBytes : 1));
 }
 
 void* allocateAligned(size_t nBytes, size_t nAlignment)
 {
-    return failsNow() ? nullptr : aligned_alloc(nAlignment, (nBytes + nAlignment - 1) / nAlignment * nAlignment);
+    return failsNow() || failsInLibrary()
+               ? nullptr
+               : counted(aligned_alloc(nAlignment, (nBytes + nAlignment - 1) / nAlignment * nAlignment));
+}
+
+void release(void* p)
+{
+    s_nBlocks -= p != nullptr;
+    free(p);
 }
 } // namespace
 
@@ -63,6 +126,40 @@ CAllocationsSpared::~CAllocationsSpared()
     --t_nSpared;
 }
 
+void CLibraryAllocations::arm(int nth, Failing failing)
+{
+    s_nth = nth;
+    s_bFromThenOn = failing == Failing::FromThenOn;
+    s_nCounted = 0;
+    s_bHappened = false;
+    s_bArmed = true;
+}
+
+void CLibraryAllocations::disarm()
+{
+    s_bArmed = false;
+}
+
+bool CLibraryAllocations::isArmed()
+{
+    return s_bArmed;
+}
+
+int CLibraryAllocations::counted()
+{
+    return s_nCounted;
+}
+
+bool CLibraryAllocations::happened()
+{
+    return s_bHappened;
+}
+
+long CLibraryAllocations::blocks()
+{
+    return s_nBlocks;
+}
+
 void* operator new(size_t nBytes)
 {
     if (void* const p = allocate(nBytes))
@@ -89,32 +186,32 @@ void* operator new(size_t nBytes, std::align_val_t alignment, const std::nothrow
 
 void operator delete(void* p) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void operator delete(void* p, size_t) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void operator delete(void* p, const std::nothrow_t&) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void operator delete(void* p, std::align_val_t) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void operator delete(void* p, size_t, std::align_val_t) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void* operator new[](size_t nBytes)
@@ -129,15 +226,36 @@ void* operator new[](size_t nBytes, const std::nothrow_t& nothrow) noexcept
 
 void operator delete[](void* p) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void operator delete[](void* p, size_t) noexcept
 {
-    free(p);
+    release(p);
 }
 
 void operator delete[](void* p, const std::nothrow_t&) noexcept
 {
-    free(p);
+    release(p);
 }
+
+#ifdef REPLACES_MALLOC
+// What the system's own libraries allocate on the library's behalf.
+extern "C"
+{
+    void* malloc(size_t nBytes) noexcept
+    {
+        return failsInLibrary() ? nullptr : __libc_malloc(nBytes);
+    }
+
+    void* calloc(size_t nMembers, size_t nBytes) noexcept
+    {
+        return failsInLibrary() ? nullptr : __libc_calloc(nMembers, nBytes);
+    }
+
+    void* realloc(void* p, size_t nBytes) noexcept
+    {
+        return failsInLibrary() ? nullptr : __libc_realloc(p, nBytes);
+    }
+}
+#endif

@@ -38,6 +38,34 @@ public:
     CAllocationsSpared& operator=(const CAllocationsSpared&) = delete;
 };
 
+// The same for the library as a whole: the allocations of all threads that are inside it, those that its calls
+// of the system make included where no sanitizer replaces malloc. Armed by one thread.
+class CLibraryAllocations
+{
+public:
+    // From now on the nth (from 1) fails; with 0 they are only counted.
+    static void arm(int nth, Failing failing);
+    static void disarm();
+    static bool isArmed();
+    static int counted();   // since the last arm
+    static bool happened(); // since the last arm
+    static long blocks();   // of the whole process, that operator new gave and nobody deleted
+};
+
+// The calling thread is inside the library meanwhile. The library's own thread always is.
+class CInsideLibrary
+{
+public:
+    CInsideLibrary() { ++t_nDepth; }
+    ~CInsideLibrary() { --t_nDepth; }
+    CInsideLibrary(const CInsideLibrary&) = delete;
+    CInsideLibrary& operator=(const CInsideLibrary&) = delete;
+    static bool isInside() { return t_nDepth > 0; }
+
+private:
+    static inline thread_local int t_nDepth = 0;
+};
+
 // Counts attempts, each with the next allocation failing, until one needs no more:
 //
 //   for (CAttempts attempts(Failing::Once); attempts.next();)
