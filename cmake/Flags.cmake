@@ -1,7 +1,8 @@
 # Flags for every target, and the warnings that our own targets ask for by linking zelmedia_warnings or,
 # what is delivered, zelmedia_product_warnings. scripts/static-checks looks at what they make.
 
-add_compile_definitions(_FILE_OFFSET_BITS=64)
+# Files of more than 2 GiB, and times after 2038, in 32 bits too.
+add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
 
 if(ZELMEDIA_SANITIZE)
   add_compile_options(-fsanitize=${ZELMEDIA_SANITIZE} -fno-omit-frame-pointer)

@@ -27,9 +27,15 @@ std::atomic<bool> s_bFailTruncation{false};
 std::atomic<uint64_t> s_ullStoppedClock{0}; // in milliseconds, 0: it runs
 std::atomic<logtest::CWriteHook> s_writeHook{nullptr};
 
+#ifdef __i386__
+constexpr char CLOCK_CALL[] = "__clock_gettime64"; // with times after 2038
+#else
+constexpr char CLOCK_CALL[] = "clock_gettime";
+#endif
+
 int readClock(clockid_t nClock, timespec* pTime)
 {
-    static const auto pReal = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    static const auto pReal = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, CLOCK_CALL));
     return pReal(nClock, pTime);
 }
 

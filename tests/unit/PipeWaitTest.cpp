@@ -16,12 +16,17 @@
 namespace
 {
 std::atomic<long> s_nTimeOfDayAhead{0}; // s
+#ifdef SYS_clock_gettime64
+const long CLOCK_CALL = SYS_clock_gettime64; // in 32 bits the other one ends in 2038
+#else
+const long CLOCK_CALL = SYS_clock_gettime;
+#endif
 } // namespace
 
 // In place of the C library's: the time of day can be moved.
 extern "C" int clock_gettime(clockid_t clock, timespec* pNow) noexcept
 {
-    const int nResult = static_cast<int>(syscall(SYS_clock_gettime, clock, pNow));
+    const int nResult = static_cast<int>(syscall(CLOCK_CALL, clock, pNow));
     if (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE)
         pNow->tv_sec += s_nTimeOfDayAhead;
     return nResult;

@@ -2,6 +2,7 @@
 //
 // The linker's --wrap turns each reference to a call into one to __wrap_CALL, and __real_CALL into the call.
 #include "CallFaults.h"
+#include "CallNames.h"
 #include "CallTally.h"
 #include "MediaProtocol.h"
 

@@ -1,4 +1,5 @@
 // The library's clock and waits, made as fast as a test wants them; and the end of the library.
+#include "CallNames.h"
 #include "CallTally.h"
 #include "MIntf.h"
 
