@@ -6,6 +6,7 @@
 // ZELMEDIA_ALLOCATIONS_JOBS  processes at a time
 #include "ChildRun.h"
 #include "FailingAllocations.h"
+#include "RandomRun.h"
 #include "ZelMediaServices.h"
 
 #include <algorithm>
@@ -35,16 +36,9 @@ constexpr int RUNS_WITHOUT_A_FAILURE = 3;
 constexpr int LEAKS_TO_BELIEVE = 3;
 constexpr long MAX_RECORDS = 4;
 
-unsigned long numberFromEnvironment(const char* pszName, unsigned long ulDefault)
-{
-    const char* const psz = getenv(pszName);
-    return psz && *psz ? strtoul(psz, nullptr, 10) : ulDefault;
-}
-
 bool wantsAll()
 {
-    const char* const psz = getenv("ZELMEDIA_ALLOCATIONS");
-    return psz && strcmp(psz, "all") == 0;
+    return settingIsAll("ZELMEDIA_ALLOCATIONS");
 }
 
 std::vector<CScenarioEntry> allScenarios()
@@ -59,7 +53,7 @@ std::vector<CScenarioEntry> allScenarios()
 class Allocations : public testing::TestWithParam<CScenarioEntry>
 {
 protected:
-    void SetUp() override { m_ulSeed = numberFromEnvironment("ZELMEDIA_SEED", std::random_device()()); }
+    void SetUp() override { m_ulSeed = setting<unsigned long>("ZELMEDIA_SEED", std::random_device()()); }
 
     // Without a fault: how many allocations there are, and what a scenario leaves in any case.
     void runDry()
@@ -107,7 +101,7 @@ protected:
             vPlans.push_back(planFor(nth, true));
         }
         std::shuffle(vPlans.begin(), vPlans.end(), random);
-        vPlans.resize(std::min<size_t>(vPlans.size(), numberFromEnvironment("ZELMEDIA_ALLOCATIONS", DEFAULT_RUNS)));
+        vPlans.resize(std::min<size_t>(vPlans.size(), setting<unsigned long>("ZELMEDIA_ALLOCATIONS", DEFAULT_RUNS)));
         runAll(vPlans);
     }
 
@@ -129,7 +123,7 @@ private:
             m_vAgain.pop_back();
             return true;
         };
-        CChildRun::runMany(GetParam(), numberFromEnvironment("ZELMEDIA_ALLOCATIONS_JOBS", 4), nextOrAgain,
+        CChildRun::runMany(GetParam(), setting<unsigned long>("ZELMEDIA_ALLOCATIONS_JOBS", 4), nextOrAgain,
                            [this](const CChildRun& run) { ended(run); });
     }
 

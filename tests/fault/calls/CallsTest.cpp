@@ -5,6 +5,7 @@
 // ZELMEDIA_CALLS_ONLY  only runs of which the description contains this text
 // ZELMEDIA_CALLS_JOBS  processes at a time
 #include "ChildRun.h"
+#include "RandomRun.h"
 
 #include <algorithm>
 #include <array>
@@ -29,16 +30,9 @@ constexpr unsigned long DEFAULT_RUNS = 10;
 constexpr unsigned int MAX_FAILURES = 20;
 constexpr unsigned int MAX_MISSED = 6; // runs that did not come to their call
 
-unsigned long numberFromEnvironment(const char* pszName, unsigned long ulDefault)
-{
-    const char* const psz = getenv(pszName);
-    return psz && *psz ? strtoul(psz, nullptr, 10) : ulDefault;
-}
-
 bool wantsAll()
 {
-    const char* const psz = getenv("ZELMEDIA_CALLS");
-    return psz && strcmp(psz, "all") == 0;
+    return settingIsAll("ZELMEDIA_CALLS");
 }
 
 std::string errorName(int nError)
@@ -128,10 +122,10 @@ protected:
 
     void SetUp() override
     {
-        m_ulSeed = numberFromEnvironment("ZELMEDIA_SEED", std::random_device()());
+        m_ulSeed = setting<unsigned long>("ZELMEDIA_SEED", std::random_device()());
         m_random.seed(static_cast<std::mt19937::result_type>(m_ulSeed));
         m_bAll = wantsAll();
-        m_ulRunsLeft = numberFromEnvironment("ZELMEDIA_CALLS", DEFAULT_RUNS);
+        m_ulRunsLeft = setting<unsigned long>("ZELMEDIA_CALLS", DEFAULT_RUNS);
     }
 
     // Without a fault; tells which calls there are.
@@ -237,7 +231,7 @@ protected:
             }
             return false;
         };
-        CChildRun::runMany(m_scenario, numberFromEnvironment("ZELMEDIA_CALLS_JOBS", 8), next,
+        CChildRun::runMany(m_scenario, setting<unsigned long>("ZELMEDIA_CALLS_JOBS", 8), next,
                            [this](const CChildRun& run) { ended(run); });
     }
 

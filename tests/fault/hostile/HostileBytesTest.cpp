@@ -6,9 +6,9 @@
 //
 // A seed that fails: ZELMEDIA_SEED=<seed> ZELMEDIA_RECORDS=1 tests/support/private-tmp .../hostile_test
 #include "HostileRun.h"
+#include "RandomRun.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <gtest/gtest.h>
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
@@ -17,23 +17,9 @@ static const uint64_t RECORDS = 50000;
 static const uint64_t RECORDS = 200000;
 #endif
 
-// What a sanitizer calls before it ends the program.
-extern "C" void __sanitizer_set_death_callback(void (*pCallBack)()) __attribute__((weak));
-
 namespace
 {
 uint64_t s_ullSeed = 0;
-
-uint64_t setting(const char* pszName, uint64_t ullDefault)
-{
-    const char* const psz = getenv(pszName);
-    return psz ? strtoull(psz, nullptr, 0) : ullDefault;
-}
-
-void tellSeed()
-{
-    fprintf(stderr, "hostile bytes: seed %llu\n", static_cast<unsigned long long>(s_ullSeed));
-}
 
 struct CTotal
 {
@@ -69,12 +55,11 @@ void live(uint64_t ullSeed, CTotal& total)
 
 TEST(HostileBytes, GiveNoRequestAnotherOnesAnswerAndNoCommandAnotherOnesEnd)
 {
-    const uint64_t ullFirst = setting("ZELMEDIA_SEED", 1);
+    const uint64_t ullFirst = setting("ZELMEDIA_SEED", uint64_t{1});
     const uint64_t ullRecords = setting("ZELMEDIA_RECORDS", RECORDS);
     printf("hostile bytes: from seed %llu\n", static_cast<unsigned long long>(ullFirst));
     fflush(stdout);
-    if (__sanitizer_set_death_callback)
-        __sanitizer_set_death_callback(tellSeed);
+    tellSeedIfItCrashes(s_ullSeed);
     CTotal total;
     for (s_ullSeed = ullFirst; total.ullRecords < ullRecords && !HasFatalFailure(); ++s_ullSeed)
         live(s_ullSeed, total);

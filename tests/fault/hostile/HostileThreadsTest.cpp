@@ -5,11 +5,11 @@
 // ZELMEDIA_RECORDS  five times as many as the driver writes here
 #include "HostilePeer.h"
 #include "OrvLogLib.h"
+#include "RandomRun.h"
 #include "ZelMediaServices.h"
 
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <gtest/gtest.h>
 
 using std::chrono::milliseconds;
@@ -19,12 +19,6 @@ namespace
 const int THREADS = 4;
 const std::chrono::seconds LIMIT(60);
 const uint32_t REQUESTS_PER_TEAR = 10000;
-
-uint64_t setting(const char* pszName, uint64_t ullDefault)
-{
-    const char* const psz = getenv(pszName);
-    return psz ? strtoull(psz, nullptr, 0) : ullDefault;
-}
 
 // Keeps the completions of each stream until they are taken.
 class CHostileCompletions : public CZelMediaStreamCompletionHandler
@@ -85,11 +79,11 @@ protected:
     bool expectFate(CCall& call, MICMD micmd, int nStatus, CHostilePeer::CFate& fate);
     bool waitConnected() const;
 
-    const uint64_t m_ullSeed = setting("ZELMEDIA_SEED", 1);
+    const uint64_t m_ullSeed = setting("ZELMEDIA_SEED", uint64_t{1});
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-    const uint64_t m_ullRecords = setting("ZELMEDIA_RECORDS", 100000) / 5;
+    const uint64_t m_ullRecords = setting("ZELMEDIA_RECORDS", uint64_t{100000}) / 5;
 #else
-    const uint64_t m_ullRecords = setting("ZELMEDIA_RECORDS", 400000) / 5;
+    const uint64_t m_ullRecords = setting("ZELMEDIA_RECORDS", uint64_t{400000}) / 5;
 #endif
     CHostileCompletions m_completions;
     CHostilePeer m_peer{m_ullSeed, REQUESTS_PER_TEAR};

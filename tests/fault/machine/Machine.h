@@ -1,8 +1,9 @@
-// What the tests of a difficult machine share: settings, descriptors that run out, other users.
+// What the tests of a difficult machine share: sizes, descriptors that run out, other users.
 #ifndef MACHINE_H
 #define MACHINE_H
 
 #include "../../system/SystemFixture.h"
+#include "RandomRun.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -15,13 +16,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
-
-// How much of something there is to be, from the environment.
-inline int setting(const char* pszName, int nDefault)
-{
-    const char* const pszValue = getenv(pszName);
-    return pszValue ? atoi(pszValue) : nDefault;
-}
 
 inline std::string contentOf(const std::string& strPath)
 {

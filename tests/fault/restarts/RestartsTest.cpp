@@ -2,26 +2,17 @@
 //
 // ZELMEDIA_KILLS: how often; ZELMEDIA_WORLDS: in how many processes at a time; ZELMEDIA_SEED: the random
 // numbers, as an earlier run has printed them. The second process has the seed that follows, and so on.
+#include "RandomRun.h"
 #include "World.h"
 #include "Worlds.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <iostream>
 
-namespace
-{
-unsigned int setting(const char* pszName, unsigned int nDefault)
-{
-    const char* const pszValue = getenv(pszName);
-    return pszValue ? static_cast<unsigned int>(strtoul(pszValue, nullptr, 10)) : nDefault;
-}
-} // namespace
-
 TEST(Restarts, EveryAcceptedCommandEndsExactlyOnceWhereverTheDriverIsKilled)
 {
-    const unsigned int nKills = setting("ZELMEDIA_KILLS", 6);
+    const unsigned int nKills = setting("ZELMEDIA_KILLS", 6U);
     const unsigned int nWorlds = setting("ZELMEDIA_WORLDS", std::clamp(nKills / 50, 1U, 5U));
     const unsigned int nSeed = setting("ZELMEDIA_SEED", std::random_device()());
     std::cout << "ZELMEDIA_SEED=" << nSeed << ", " << nWorlds << " at a time" << std::endl;

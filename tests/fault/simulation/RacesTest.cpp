@@ -6,6 +6,7 @@
 // ZELMEDIA_SEED          what they draw from (random, printed)
 #include "RacesDriver.h"
 #include "RacesLedger.h"
+#include "RandomRun.h"
 
 #include <chrono>
 #include <cstdio>
@@ -22,12 +23,6 @@ namespace
 {
 typedef std::chrono::steady_clock CClock;
 const unsigned int THREADS = 16;
-
-unsigned long setting(const char* pszName, unsigned long ulDefault)
-{
-    const char* const psz = getenv(pszName);
-    return psz ? strtoul(psz, nullptr, 0) : ulDefault;
-}
 
 size_t entriesIn(const char* pszFolder)
 {
@@ -81,7 +76,7 @@ protected:
     static void ask(CZelMediaStream& stream, CSimRandom& random);
     void end();
 
-    const unsigned long m_ulSeed = setting("ZELMEDIA_SEED", std::random_device()());
+    const unsigned long m_ulSeed = setting<unsigned long>("ZELMEDIA_SEED", std::random_device()());
     CRaceHandler m_aHandlers[2];
     std::unique_ptr<CZelMediaServices> m_apServices[2];
     std::unique_ptr<CRacesDriver> m_pDriver;
@@ -274,7 +269,7 @@ void Races::end()
 
 TEST_F(Races, NothingIsLostDoubledOrStuckWhenManyThreadsDoEverythingAtOnce)
 {
-    const unsigned long ulSeconds = setting("ZELMEDIA_RACE_SECONDS", 3);
+    const unsigned long ulSeconds = setting("ZELMEDIA_RACE_SECONDS", 3UL);
     printf("seed %lu, %lu s\n", m_ulSeed, ulSeconds);
     fflush(stdout);
     ASSERT_TRUE(waitUntil([this] { return m_apServices[0]->dump() == MCS_OK; }));

@@ -4,11 +4,10 @@
 // ZELMEDIA_RUNS    how many seeds
 //
 // A seed that fails: ZELMEDIA_SEED=<seed> ZELMEDIA_RUNS=1 tests/support/private-tmp .../simulation_test
+#include "RandomRun.h"
 #include "SimRun.h"
 
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <gtest/gtest.h>
 
 #if defined(__SANITIZE_THREAD__) // there is one thread
@@ -19,48 +18,19 @@ static const uint64_t RUNS = 2000;
 static const uint64_t RUNS = 10000;
 #endif
 
-// What a sanitizer calls before it ends the program.
-extern "C" void __sanitizer_set_death_callback(void (*pCallBack)()) __attribute__((weak));
-
 namespace
 {
 uint64_t s_ullSeed = 0;
-
-uint64_t setting(const char* pszName, uint64_t ullDefault)
-{
-    const char* const psz = getenv(pszName);
-    return psz ? strtoull(psz, nullptr, 0) : ullDefault;
-}
-
-void tellSeed()
-{
-    fprintf(stderr, "simulation: seed %llu\n", static_cast<unsigned long long>(s_ullSeed));
-}
-
-void onCrash(int nSignal)
-{
-    tellSeed();
-    signal(nSignal, SIG_DFL);
-    raise(nSignal);
-}
-
-void tellSeedIfItCrashes()
-{
-    if (__sanitizer_set_death_callback)
-        return __sanitizer_set_death_callback(tellSeed);
-    for (const int nSignal : {SIGABRT, SIGBUS, SIGFPE, SIGSEGV})
-        signal(nSignal, onCrash);
-}
 } // namespace
 
 TEST(Simulation, TheLibraryDoesStepByStepWhatTheModelOfTheRulesForetells)
 {
-    const uint64_t ullFirst = setting("ZELMEDIA_SEED", 1);
+    const uint64_t ullFirst = setting("ZELMEDIA_SEED", uint64_t{1});
     const uint64_t ullRuns = setting("ZELMEDIA_RUNS", RUNS);
     printf("seeds %llu to %llu\n", static_cast<unsigned long long>(ullFirst),
            static_cast<unsigned long long>(ullFirst + ullRuns - 1));
     fflush(stdout);
-    tellSeedIfItCrashes();
+    tellSeedIfItCrashes(s_ullSeed);
     uint64_t ullSteps = 0;
     for (s_ullSeed = ullFirst; s_ullSeed < ullFirst + ullRuns; ++s_ullSeed)
     {

@@ -7,6 +7,7 @@
 #include "HeapGauge.h"
 #include "Load.h"
 #include "OrvLogLib.h"
+#include "RandomRun.h"
 #include "Usage.h"
 
 #include <algorithm>
@@ -36,12 +37,6 @@ const bool MEMORY_TELLS = true;
 const int64_t ROUNDING = 1024;
 // Pages that are touched for the first time, holes between blocks: no more of them after more commands.
 const long RESIDENT_SLACK_KB = 4096;
-
-long setting(const char* pszName, long nDefault)
-{
-    const char* const pszValue = getenv(pszName);
-    return pszValue ? atol(pszValue) : nDefault;
-}
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(60))
 {
@@ -245,9 +240,9 @@ private:
 
 TEST(Soak, EverythingReturnsToWhereItWas)
 {
-    const long nReconnects = setting("ZELMEDIA_RECONNECTS", 2);
-    const long nCommands = setting("ZELMEDIA_COMMANDS", 20000);
-    const auto until = CClock::now() + std::chrono::seconds(setting("ZELMEDIA_SECONDS", 0));
+    const long nReconnects = setting("ZELMEDIA_RECONNECTS", 2L);
+    const long nCommands = setting("ZELMEDIA_COMMANDS", 20000L);
+    const auto until = CClock::now() + std::chrono::seconds(setting("ZELMEDIA_SECONDS", 0L));
     const long nWorlds = setting("ZELMEDIA_WORLDS", std::clamp(nReconnects / 50, 1L, 4L));
 
     CShared<CDone> worlds(static_cast<size_t>(nWorlds));
