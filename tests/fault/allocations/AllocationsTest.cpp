@@ -1,9 +1,8 @@
 // Every allocation of the library fails in turn, that one alone and then all from it on, until a scenario
 // comes to its end without a failure.
 //
-// ZELMEDIA_ALLOCATIONS       runs of each scenario, "all" for every allocation; a few by default
-// ZELMEDIA_SEED              chooses which
-// ZELMEDIA_ALLOCATIONS_JOBS  processes at a time
+// ZELMEDIA_ALLOCATIONS  runs of each scenario, "all" for every allocation; a few by default
+// ZELMEDIA_SEED         chooses which
 #include "ChildRun.h"
 #include "FailingAllocations.h"
 #include "RandomRun.h"
@@ -29,6 +28,7 @@ constexpr unsigned long DEFAULT_RUNS = 1; // of which each takes long
 #else
 constexpr unsigned long DEFAULT_RUNS = 6;
 #endif
+constexpr unsigned long ALL_JOBS = 4; // processes at a time; a few runs are made beside other tests
 constexpr int MAX_FAILURES = 20;
 constexpr int MAX_ALLOCATIONS = 2000;
 // A thread may come to fewer allocations than another time.
@@ -123,7 +123,7 @@ private:
             m_vAgain.pop_back();
             return true;
         };
-        CChildRun::runMany(GetParam(), setting<unsigned long>("ZELMEDIA_ALLOCATIONS_JOBS", 4), nextOrAgain,
+        CChildRun::runMany(GetParam(), wantsAll() ? ALL_JOBS : 1, nextOrAgain,
                            [this](const CChildRun& run) { ended(run); });
     }
 

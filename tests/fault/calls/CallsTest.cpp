@@ -3,7 +3,6 @@
 // ZELMEDIA_CALLS       runs of each scenario, "all" for every call in every way; a few by default
 // ZELMEDIA_SEED        chooses which
 // ZELMEDIA_CALLS_ONLY  only runs of which the description contains this text
-// ZELMEDIA_CALLS_JOBS  processes at a time
 #include "ChildRun.h"
 #include "RandomRun.h"
 
@@ -27,6 +26,7 @@ constexpr unsigned long DEFAULT_RUNS = 2; // which take ten times as long
 #else
 constexpr unsigned long DEFAULT_RUNS = 10;
 #endif
+constexpr unsigned long ALL_JOBS = 8; // processes at a time; a few runs are made beside other tests
 constexpr unsigned int MAX_FAILURES = 20;
 constexpr unsigned int MAX_MISSED = 6; // runs that did not come to their call
 
@@ -231,7 +231,7 @@ protected:
             }
             return false;
         };
-        CChildRun::runMany(m_scenario, setting<unsigned long>("ZELMEDIA_CALLS_JOBS", 8), next,
+        CChildRun::runMany(m_scenario, wantsAll() ? ALL_JOBS : 1, next,
                            [this](const CChildRun& run) { ended(run); });
     }
 
