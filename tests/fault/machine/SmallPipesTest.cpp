@@ -171,6 +171,7 @@ TEST_F(FullEventPipe, EventsThatDoNotFitWaitInTheDriverAndAllComplete)
     startLibrary();
     ASSERT_TRUE(startDriver());
     ASSERT_TRUE(waitConnected());
+    const size_t nErrorsBefore = m_pLog->count("(Error)"); // until the driver was there
     const CPipeEnd event(eventPipe());
     CBarrier filled;
     holdUpFirstCompletion([&] {
@@ -200,5 +201,5 @@ TEST_F(FullEventPipe, EventsThatDoNotFitWaitInTheDriverAndAllComplete)
     for (const CCompletion& completion : m_completions.all())
         ++mapCount[completion.pStream];
     EXPECT_EQ(STREAMS + 20, mapCount.size()) << "each once";
-    EXPECT_EQ(0u, m_pLog->count("(Error)"));
+    EXPECT_EQ(nErrorsBefore, m_pLog->count("(Error)"));
 }
