@@ -96,11 +96,7 @@ MCSTATUS CMIntf::sendCommand(CCommand* pcommand, structMIRSP* psrsp, int bUsePla
     if (mcstatusAdmitted != MCS_OK || !bSend)
         traceResult(nStreamID, psrsp, mcstatusAdmitted);
     if (mcstatusAdmitted != MCS_OK)
-    {
-        if (bSend)
-            withdrawCommand(pcommand);
         return mcstatusAdmitted;
-    }
 
     if (bSend)
     {
@@ -126,7 +122,8 @@ MCSTATUS CMIntf::sendCommand(CCommand* pcommand, structMIRSP* psrsp, int bUsePla
     return MCS_OK;
 }
 
-// Decides whether a command goes out now (bSend 1, numbered), waits in a queue, or fails.
+// Decides whether a command goes out now (bSend 1, numbered), waits in a queue, or fails, and is in no
+// container then.
 MCSTATUS CMIntf::admitCommand(CCommand* pcommand, int bUsePlayQueue, int& bSend)
 {
     const MICMD micmd = pcommand->m_cmd.s_micmd;

@@ -23,11 +23,7 @@ using namespace faults;
 
 namespace
 {
-#if defined(__SANITIZE_THREAD__)
-constexpr unsigned long DEFAULT_RUNS = 1; // of which each takes long
-#else
 constexpr unsigned long DEFAULT_RUNS = 6;
-#endif
 constexpr unsigned long ALL_JOBS = 4; // processes at a time; a few runs are made beside other tests
 constexpr int MAX_FAILURES = 20;
 constexpr int MAX_ALLOCATIONS = 2000;
