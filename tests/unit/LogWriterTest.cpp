@@ -249,6 +249,35 @@ TEST_F(LogWriter, FileGrowsOnWhenRotationIsRefused)
     EXPECT_THAT(linesOf(path("Media.log")), SizeIs(1));
 }
 
+TEST_F(LogWriter, FileGrowsOnWhenAnOlderOneCannotBeMoved)
+{
+    CLogFile log("Media", "Media", false, false, false);
+    m_settings.nMaxFileMegabytes = 1;
+    m_settings.nRotatedFiles = 2;
+    const CLogFileRegistry registry = registryOf(&log, m_settings);
+    fill(log, 0, 120);
+    ASSERT_TRUE(exists(path("Media.log.1")));
+    ASSERT_EQ(mkdir(path("Media.log.2").c_str(), 0700), 0);
+    fill(log, 120, 130);
+    const size_t nLines = linesOf(path("Media.log")).size();
+    EXPECT_EQ(linesOf(path("Media.log.1")).size() + nLines, 250u);
+    EXPECT_GT(nLines, 120u);
+}
+
+TEST_F(LogWriter, FileGrowsOnWhenItCannotBeEmptied)
+{
+    CLogFile log("Media", "Media", false, false, false);
+    m_settings.nMaxFileMegabytes = 1;
+    m_settings.nRotatedFiles = 0;
+    const CLogFileRegistry registry = registryOf(&log, m_settings);
+    failTruncation(true);
+    fill(log, 0, 130);
+    failTruncation(false);
+    EXPECT_THAT(linesOf(path("Media.log")), SizeIs(130));
+    fill(log, 130, 1);
+    EXPECT_THAT(linesOf(path("Media.log")), SizeIs(1));
+}
+
 TEST_F(LogWriter, FileThatWasMovedAwayIsMadeAnew)
 {
     CLogFile log("Media", "Media", false, false, false);

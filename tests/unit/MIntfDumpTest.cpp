@@ -213,3 +213,12 @@ TEST_F(MIntfDump, LocksAreHeldOneAfterTheOtherAndNeitherAcrossTheStartOfTheReque
     EXPECT_EQ((CDepths{{1, 0}, {1, 0}, {0, 1}, {0, 1}, {0, 1}, {0, 1}, {0, 1}, {0, 1}, {0, 0}, {0, 0}, {0, 0}}),
               vDepths);
 }
+
+TEST_F(MIntfDump, LineOfAClassThatIsOffIsNoLineAlsoWhenItIsTurnedOffOnTheWay)
+{
+    m_pmintf->m_pLogFile->setTraceMask(TRACE_OPERATION);
+    EXPECT_EQ(0, m_pmintf->trace(TRACE_INFO, OrvLogLib::LogLib_High, "too late"));
+    EXPECT_TRUE(m_pLog->lines().empty());
+    m_pmintf->replaceLogFile(nullptr);
+    EXPECT_EQ(0, m_pmintf->trace(TRACE_OPERATION, OrvLogLib::LogLib_High, "too late"));
+}

@@ -293,3 +293,20 @@ TEST_F(MIntfEventThreadQueue, CommandWithoutHandlerThatCannotBeSentIsDestroyedWi
     EXPECT_EQ(0u, m_pLog->count("OnCMIntfCompletion"));
     expectNothingLeft();
 }
+
+TEST_F(MIntfEventThreadQueue, LongQueueIsPlayedToItsEnd)
+{
+    const uint32_t PLAYS = 300; // more than there are spare entries of the queue
+    for (uint32_t n = 0; n < PLAYS; ++n)
+        play(5);
+    for (uint32_t nSequenceNo = 1; nSequenceNo <= PLAYS; ++nSequenceNo)
+    {
+        EXPECT_EQ(nSequenceNo, m_pmintf->m_mapActiveCommandByStreamIDPlay.at(5)->m_cmd.nSequenceNo);
+        if (nSequenceNo < PLAYS)
+            respondNext();
+        done(5, nSequenceNo, 0);
+        takeRequests();
+    }
+    EXPECT_EQ(PLAYS, m_handler.m_vReports.size());
+    expectNothingLeft();
+}

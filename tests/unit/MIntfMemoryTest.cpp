@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -96,6 +97,56 @@ TEST_F(MIntfMemory, PlayThatCannotBeQueuedLeavesTheActiveOne)
     }
     EXPECT_EQ(MCS_OK, play(5, 3));
     EXPECT_EQ(1u, m_pmintf->m_mapCommandQueue.at(5)->size());
+}
+
+TEST_F(MIntfMemory, SetDoneWithoutMemoryReportsNothing)
+{
+    CHandlerRecorder handler;
+    for (const int nth : {1, 2, 3}) // the command, its entry by stream, its entry by deadline
+    {
+        CAllocationFailure failure(nth, Failing::Once);
+        EXPECT_EQ(MCS_OUTOFMEMORY, m_pmintf->setDone(5, &handler));
+        EXPECT_EQ(0, commandsAlive());
+        EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDPlay.empty());
+        EXPECT_TRUE(m_pmintf->m_mmapActiveCommandByTimeout.empty());
+        EXPECT_TRUE(takeEvents().empty());
+    }
+    EXPECT_EQ(MCS_OK, m_pmintf->setDone(5, &handler));
+}
+
+TEST_F(MIntfMemory, ActiveCommandThatCannotEvenBeNotedAsUntoldStaysActiveUntilItsDeadline)
+{
+    const CMIntf::CCommand* const pactive = sendCommand(5);
+    const int nEventPipe = std::exchange(m_pmintf->m_npipeEvt, -1);
+    {
+        CAllocationFailure failure(1, Failing::Once);
+        m_pmintf->clearActiveCommands(MCS_PIPEWRITE);
+    }
+    m_pmintf->m_npipeEvt = nEventPipe;
+    EXPECT_EQ(pactive, m_pmintf->m_mapActiveCommandByStreamIDPlay.at(5));
+    EXPECT_EQ(1u, m_pmintf->m_mmapActiveCommandByTimeout.size());
+}
+
+TEST(LogMemory, LongLineWithoutMemoryIsCut)
+{
+    const std::string strPath = "/tmp/cut-" + std::to_string(getpid());
+    OrvLogLib::CLogFile log("Media", strPath.c_str(), false, false, false);
+    const std::string strLong(5000, 'x');
+    {
+        CAllocationFailure failure(1, Failing::FromThenOn);
+        EXPECT_GT(log.TraceString(1, OrvLogLib::LogLib_Normal, "%s", strLong.c_str()), 0);
+    }
+    EXPECT_GT(log.TraceString(1, OrvLogLib::LogLib_Normal, "%s", strLong.c_str()), 5000);
+    log.flush();
+    std::ifstream file(strPath);
+    std::string strCut;
+    std::string strWhole;
+    std::getline(file, strCut);
+    std::getline(file, strWhole);
+    EXPECT_LT(strCut.size(), 5000u);
+    EXPECT_GT(strCut.size(), 500u);
+    EXPECT_TRUE(strWhole.ends_with(strLong));
+    unlink(strPath.c_str());
 }
 
 // Fails each allocation of a start in turn: two of them are the locks, those before are the log's.

@@ -1,13 +1,18 @@
 // Tests of what an application sees of the log: masks, line shape, alarms, overriding, settings.
 #include "LogFileSupport.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <memory>
+#include <optional>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace logtest;
@@ -76,6 +81,15 @@ TEST_F(OrvLogLibTest, TraceClassThatIsOffIsNotFormatted)
     EXPECT_EQ(log.TraceString(1, LogLib_Normal, "off"), 0);
     EXPECT_EQ(log.TraceString(9, LogLib_Normal, "on"), 77);
     EXPECT_THAT(log.m_vLines, ElementsAre("2 on"));
+}
+
+TEST_F(OrvLogLibTest, ArgumentListOfATraceClassThatIsOffIsNotFormatted)
+{
+    CLogFile log("Media", path("Media").c_str(), false, false, false);
+    log.setTraceMask(~TRACE);
+    va_list none = {};
+    EXPECT_EQ(log.TraceStringArgList(TRACE, LogLib_Normal, "%n is not looked at", none), 0);
+    EXPECT_FALSE(exists(path("Media.log")));
 }
 
 TEST_F(OrvLogLibTest, AllTenTraceClassesAreOnInANewLogFile)
@@ -273,6 +287,97 @@ TEST_F(OrvLogLibTest, BrokenStandardErrorRaisesNoSignal)
     signal(SIGPIPE, before);
     EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
     EXPECT_THAT(linesOf(path("Media.log")), SizeIs(1));
+}
+
+namespace
+{
+// Standard error that nobody reads for now, so that who writes there waits.
+class CFullStandardError
+{
+public:
+    CFullStandardError()
+    {
+        EXPECT_EQ(pipe2(m_anEnds, O_CLOEXEC | O_NONBLOCK), 0);
+        while (write(m_anEnds[1], "", 1) > 0)
+        {
+        }
+        fcntl(m_anEnds[1], F_SETFL, 0);
+        m_redirected.emplace(m_anEnds[1]);
+    }
+    ~CFullStandardError()
+    {
+        m_redirected.reset();
+        close(m_anEnds[0]);
+        close(m_anEnds[1]);
+    }
+    std::string readAll() const
+    {
+        std::string strAll;
+        char szBytes[4096];
+        for (ssize_t nRead; (nRead = read(m_anEnds[0], szBytes, sizeof(szBytes))) > 0;)
+            strAll.append(szBytes, static_cast<size_t>(nRead));
+        return strAll;
+    }
+    static bool waits(pid_t nThread)
+    {
+        std::string strID;
+        std::string strName;
+        std::string strState;
+        std::ifstream("/proc/self/task/" + std::to_string(nThread) + "/stat") >> strID >> strName >> strState;
+        return strState == "S";
+    }
+
+private:
+    int m_anEnds[2];
+    std::optional<CStderrInto> m_redirected;
+};
+} // namespace
+
+TEST_F(OrvLogLibTest, SignalDoesNotKeepALineFromStandardError)
+{
+    CLogFile log("Media", "Media", false, false, false);
+    m_settings.nStderrMask = LogLib_Normal;
+    const CLogFileRegistry registry = registryOf(&log, m_settings);
+    struct sigaction action = {};
+    static std::atomic<int> s_nSignals;
+    s_nSignals = 0;
+    action.sa_handler = [](int) { ++s_nSignals; };
+    sigaction(SIGUSR1, &action, nullptr);
+    const CFullStandardError full;
+    std::atomic<pid_t> nThread{0};
+    std::thread writer([&] {
+        nThread = gettid();
+        EXPECT_GT(log.TraceString(TRACE, LogLib_Normal, "in spite of a signal"), 0);
+    });
+    while (nThread == 0 || !CFullStandardError::waits(nThread))
+        std::this_thread::yield();
+    pthread_kill(writer.native_handle(), SIGUSR1);
+    while (s_nSignals == 0 || !CFullStandardError::waits(nThread))
+        std::this_thread::yield();
+    std::string strSeen = full.readAll();
+    writer.join();
+    strSeen += full.readAll();
+    EXPECT_THAT(strSeen, testing::EndsWith("in spite of a signal\n"));
+}
+
+TEST_F(OrvLogLibTest, ProcessEndsWhileAThreadIsStuckInItsLog)
+{
+    const int nSignal = inChild([&] {
+        alarm(30);
+        CLogFile& log = *new CLogFile("Media", "Media", false, false, false); // nobody destroys it
+        m_settings.nStderrMask = LogLib_Normal;
+        const CLogFileRegistry registry = registryOf(&log, m_settings);
+        const CFullStandardError full;
+        std::atomic<pid_t> nThread{0};
+        std::thread stuck([&] {
+            nThread = gettid();
+            log.TraceString(TRACE, LogLib_Normal, "nobody reads this");
+        });
+        while (nThread == 0 || !CFullStandardError::waits(nThread))
+            std::this_thread::yield();
+        exit(0);
+    });
+    EXPECT_EQ(nSignal, 0);
 }
 
 TEST_F(OrvLogLibTest, DisabledFileIsNeverMade)

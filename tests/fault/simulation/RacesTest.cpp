@@ -15,6 +15,8 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <random>
+#include <string>
+#include <unistd.h>
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -23,6 +25,18 @@ namespace
 {
 typedef std::chrono::steady_clock CClock;
 const unsigned int THREADS = 16;
+
+std::string descriptors()
+{
+    std::string strAll;
+    for (int n = 0; n < 100; ++n)
+    {
+        char szTarget[256] = "";
+        if (readlink(("/proc/self/fd/" + std::to_string(n)).c_str(), szTarget, sizeof(szTarget) - 1) > 0)
+            strAll += std::to_string(n) + " " + szTarget + ", ";
+    }
+    return strAll;
+}
 
 size_t entriesIn(const char* pszFolder)
 {
@@ -297,7 +311,8 @@ TEST_F(Races, NothingIsLostDoubledOrStuckWhenManyThreadsDoEverythingAtOnce)
     m_apServices[0]->dump();
 
     EXPECT_EQ(0u, m_nLost);
-    EXPECT_TRUE(waitUntil([&] { return entriesIn("/proc/self/fd") == nDescriptors; }, seconds(10)));
+    EXPECT_TRUE(waitUntil([&] { return entriesIn("/proc/self/fd") == nDescriptors; }, seconds(10)))
+        << nDescriptors << " before, now: " << descriptors();
     EXPECT_TRUE(waitUntil([&] { return entriesIn("/proc/self/task") == nThreads; }, seconds(10)));
     printf("%llu rounds, %llu requests, %llu completions, %u drivers, %u log files\n",
            static_cast<unsigned long long>(m_ullRounds), static_cast<unsigned long long>(m_pDriver->requests()),
