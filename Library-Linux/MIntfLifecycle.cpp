@@ -22,7 +22,7 @@ const long ALARM_EVENT_ID = static_cast<long>(0xC1030190);
 
 // The constructors of platform objects may run out of memory in ways of their own; to the
 // interface each of them is an object that could not be had.
-template <class T, class... ARGUMENTS> T* createOrNull(ARGUMENTS&&... arguments)
+template <class T, class... ARGUMENTS> T* createOrNull(ARGUMENTS&&... arguments) noexcept
 {
     try
     {

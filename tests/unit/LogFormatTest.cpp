@@ -118,6 +118,10 @@ TEST(LogFormat, ConversionsThatAreLeftToTheCLibrary)
     for (const char* const pszFormat : {"%5s", "%-9s|", "%.2s", "%08s"})
         compare(pszFormat, "text");
     compare("%.*s|%*d", 3, "abcdef", 6, 42);
+    compare("%ls|%d", L"wide", 42);
+    compare("%0s|%d", "text", 42);
+    compare("%l%|%d", 42);
+    compare("%0%|%d", 42);
     compare("%lld %llu %zu %jd", LLONG_MIN, ULLONG_MAX, size_t{7}, intmax_t{-1});
     compare("%f %.1f %g %e", 1.5, -0.25, 1e100, 12345.678);
     compare("%2$s %1$d", 5, "positions");

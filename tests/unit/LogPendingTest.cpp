@@ -139,6 +139,17 @@ TEST_F(LogPending, IsAFileOfItsOwnUntilItIsMovedAndClosed)
     EXPECT_EQ(descriptorOf(m_strPending), -1);
 }
 
+TEST_F(LogPending, LinesStayWhereTheyAreWhenTheLogFileIsLost)
+{
+    CLogPending pending;
+    ASSERT_TRUE(pending.open(m_strLog.c_str()));
+    put(pending, LINES);
+    EXPECT_FALSE(pending.moveInto(-1));
+    EXPECT_EQ(pending.length(), strlen(LINES));
+    EXPECT_TRUE(move(pending));
+    EXPECT_EQ(contentOf(m_strLog), LINES);
+}
+
 TEST_F(LogPending, HasItsDiskSpaceFromTheBeginningAndIsForItsUserOnly)
 {
     CLogPending pending;

@@ -236,6 +236,20 @@ TEST_F(MIntfCommands, AddedPlayIsActiveUnderItsOwnNumber)
     EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDRecord.empty());
 }
 
+TEST_F(MIntfCommands, AddedCommandIsActiveWithoutALineWhenLinesAreOff)
+{
+    m_pmintf->m_pLogFile->setTraceMask(0);
+    CMIntf::CCommand* const pplay = newCommand(5, MICMD_PLAYFILE, 10);
+    CMIntf::CCommand* const precord = newCommand(5, MICMD_RECORDFILE, 10);
+    m_pLog->clear();
+    m_pmintf->addActiveCommand(pplay);
+    m_pmintf->addActiveCommand(precord);
+    EXPECT_TRUE(m_pLog->lines().empty());
+    EXPECT_EQ(pplay, m_pmintf->m_mapActiveCommandByStreamIDPlay.at(5));
+    EXPECT_EQ(precord, m_pmintf->m_mapActiveCommandByStreamIDRecord.at(5));
+    EXPECT_EQ(2u, deadlineIndex().size());
+}
+
 TEST_F(MIntfCommands, AddedCommandOfAnyOtherCodeIsOnTheRecordSide)
 {
     for (const MICMD micmd : {MICMD_RECORDFILE, MICMD_NULL, MICMD_CANCEL})

@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <unistd.h>
+#include <optional>
 #include <utility>
 
 namespace
@@ -147,6 +148,20 @@ TEST(LogMemory, LongLineWithoutMemoryIsCut)
     EXPECT_GT(strCut.size(), 500u);
     EXPECT_TRUE(strWhole.ends_with(strLong));
     unlink(strPath.c_str());
+}
+
+TEST(LogMemory, LogFileThatWasMadeWithoutMemoryIsSilent)
+{
+    std::optional<OrvLogLib::CLogFile> log;
+    {
+        CAllocationFailure failure(1, Failing::FromThenOn);
+        log.emplace("Media", "/tmp/silent", false, false, false);
+    }
+    const char* apszTexts[] = {"alarm"};
+    EXPECT_GE(0, log->TraceString(1, OrvLogLib::LogLib_Normal, "line"));
+    EXPECT_EQ(0, log->ReportEventToWIN32Log(7, 1, 0, apszTexts, nullptr));
+    log->flush();
+    EXPECT_NE(0, access("/tmp/silent", F_OK));
 }
 
 // Fails each allocation of a start in turn: two of them are the locks, those before are the log's.

@@ -22,7 +22,7 @@ public:
     CRacesDriver(const CRacesDriver&) = delete;
     CRacesDriver& operator=(const CRacesDriver&) = delete;
 
-    void stopRestarts() { m_bRestarts = false; }
+    void allowRestarts(bool bAllowed) { m_bRestarts = bAllowed; }
     unsigned int restarts() const { return m_nRestarts; }
     unsigned int connects() const { return m_nConnects; }
     uint64_t requests() const { return m_ullRequests; }
@@ -55,7 +55,7 @@ private:
     std::vector<CPlay> m_vPlays;
     CClock::time_point m_restart = CClock::time_point::max();
     std::atomic<bool> m_bStop{false};
-    std::atomic<bool> m_bRestarts{true};
+    std::atomic<bool> m_bRestarts{false};
     std::atomic<unsigned int> m_nRestarts{0};
     std::atomic<unsigned int> m_nConnects{0};
     std::atomic<uint64_t> m_ullRequests{0};

@@ -29,7 +29,7 @@ const unsigned int THREADS = 16;
 std::string descriptors()
 {
     std::string strAll;
-    for (int n = 0; n < 100; ++n)
+    for (int n = 0; n < 1024; ++n)
     {
         char szTarget[256] = "";
         if (readlink(("/proc/self/fd/" + std::to_string(n)).c_str(), szTarget, sizeof(szTarget) - 1) > 0)
@@ -263,7 +263,7 @@ void Races::housekeeping(CZelMediaServices& services, CSimRandom& random)
 // Without new work and with a driver that stays, everything ends by itself.
 void Races::end()
 {
-    m_pDriver->stopRestarts();
+    m_pDriver->allowRestarts(false);
     const bool bEnded = waitUntil([this] {
         std::this_thread::sleep_for(milliseconds(20));
         return m_apServices[0]->dump() == MCS_OK && CRaceLog::commandsAlive() == 0;
@@ -291,6 +291,7 @@ TEST_F(Races, NothingIsLostDoubledOrStuckWhenManyThreadsDoEverythingAtOnce)
     m_apServices[0]->dump();
     const size_t nDescriptors = entriesIn("/proc/self/fd");
     const size_t nThreads = entriesIn("/proc/self/task");
+    m_pDriver->allowRestarts(true);
 
     std::vector<std::thread> vThreads;
     m_nRunning = THREADS;
@@ -312,7 +313,7 @@ TEST_F(Races, NothingIsLostDoubledOrStuckWhenManyThreadsDoEverythingAtOnce)
 
     EXPECT_EQ(0u, m_nLost);
     EXPECT_TRUE(waitUntil([&] { return entriesIn("/proc/self/fd") == nDescriptors; }, seconds(10)))
-        << nDescriptors << " before, now: " << descriptors();
+        << nDescriptors << " before, now " << entriesIn("/proc/self/fd") << ": " << descriptors();
     EXPECT_TRUE(waitUntil([&] { return entriesIn("/proc/self/task") == nThreads; }, seconds(10)));
     printf("%llu rounds, %llu requests, %llu completions, %u drivers, %u log files\n",
            static_cast<unsigned long long>(m_ullRounds), static_cast<unsigned long long>(m_pDriver->requests()),
