@@ -31,6 +31,9 @@ constexpr std::chrono::seconds LIMIT(60);
 
 bool mountTmp()
 {
+#ifdef ZELMEDIA_COVERAGE
+    return false; // it may hide where the counts are written
+#endif
     return unshare(CLONE_NEWNS) == 0 && mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=128m") == 0;
 }
 
