@@ -138,7 +138,7 @@ void CLogFile::CWriter::CAllWriters::atEnd()
     for (CWriter* pWriter = s_all.pFirst; pWriter; pWriter = pWriter->m_pNext)
     {
         bool bLocked = pWriter->m_mutex.tryLock();
-        for (int nTry = 0; !bLocked && nTry < 100; ++nTry)
+        for (int nTry = 0; !bLocked && nTry < 1000; ++nTry)
         {
             const timespec pause = {0, 1000000};
             nanosleep(&pause, nullptr);
