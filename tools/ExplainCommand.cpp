@@ -1,0 +1,4 @@
+// The subcommand explain of zelmedia.
+#include "Tool.h"
+
+void addExplainCommand(CTool&) {}

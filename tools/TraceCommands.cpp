@@ -1,0 +1,4 @@
+// The subcommands trace, timeline of zelmedia.
+#include "Tool.h"
+
+void addTraceCommands(CTool&) {}

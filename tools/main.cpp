@@ -1,0 +1,13 @@
+// zelmedia: the command for people who test a line, look after a machine, or debug an application.
+#include "Tool.h"
+
+int main(int nArguments, char** ppArguments)
+{
+    CTool tool;
+    addMediaCommands(tool);
+    addPhrasesCommands(tool);
+    addMachineCommands(tool);
+    addTraceCommands(tool);
+    addExplainCommand(tool);
+    return tool.run(nArguments, ppArguments);
+}
