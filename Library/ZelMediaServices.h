@@ -23,6 +23,7 @@
 
 #include <string>
 
+// Marks what libZelMediaLib exports.
 #define ZELMEDIA_API __attribute__((visibility("default")))
 
 namespace OrvLogLib
@@ -98,11 +99,12 @@ class CZelMediaStream;
 class ZELMEDIA_API CZelMediaStreamCompletionHandler
 {
 public:
+    // What has ended.
     enum MCCOMPLETION_REASON
     {
-        MCCR_OTHER = 0,
-        MCCR_PLAY = 1,
-        MCCR_RECORD = 2
+        MCCR_OTHER = 0, // neither of these
+        MCCR_PLAY = 1,  // a play
+        MCCR_RECORD = 2 // a recording
     };
 
     CZelMediaStreamCompletionHandler();
@@ -140,6 +142,8 @@ public:
 
     // Not for applications: CZelMediaServices::openMediaStream calls these.
     int initialize(CZelMediaServicesImpl* pServices, std::string strInDev, std::string strOutDev);
+
+    // The same for the leg of a call. Not for applications either.
     int initialize(CZelMediaServicesImpl* pServices, std::string strCallID, unsigned long ulLegID);
 
     // Plays a file, or queues it behind what this stream is playing.
@@ -180,8 +184,10 @@ public:
     // completed, afterwards always of the play that completed last.
     int playGetMilliSeconds(unsigned long* pulMilliSeconds);
 
-    // A flag for the application's own use; the library never acts on it.
+    // Sets a flag for the application's own use; the library never acts on it.
     int playSetCancelled(int nCancelled);
+
+    // What playSetCancelled set last; 0 before.
     int playGetCancelled(int* pnCancelled);
 
     // Tells only whether the stream is usable; *pInfo is neither read nor written.
@@ -209,6 +215,8 @@ public:
 
     // Not supported: always MCS_NOTSUPPORTED.
     int recordToBuffer(unsigned char* pBuffer, unsigned long ulSize, unsigned long ulTimeout, int nFlag);
+
+    // Not supported: always MCS_NOTSUPPORTED.
     int recordToBufferWithPromptPhrase(unsigned long ulFileID, unsigned long ulOffset, unsigned long ulLength,
                                        unsigned char* pBuffer, unsigned long ulSize, unsigned long ulTimeout,
                                        int nFlag);

@@ -6,16 +6,19 @@
 #include <cstdarg>
 #include <memory>
 
+// Marks what libOrvLogLib exports.
 #define ORVLOG_API __attribute__((visibility("default")))
 
+// The log of the library, and of applications that want one like it.
 namespace OrvLogLib
 {
 
+// How important a line is: one bit each, so that masks can choose among them.
 enum LogLib_Priority : int
 {
-    LogLib_Normal = 2,
-    LogLib_Low = 4,
-    LogLib_High = 64
+    LogLib_Normal = 2, // what happened
+    LogLib_Low = 4,    // details
+    LogLib_High = 64   // failures, alarms, listings
 };
 
 // What a CLogFileRegistry says of a log file. The values here hold for a log file without registry.
@@ -74,6 +77,8 @@ public:
     // symbolic links are not followed, mode 0640 less the umask. Anything else at its path is left
     // alone, and lines are lost until it is gone. All trace classes are on (mask 1023).
     CLogFile(const char* pszName, const char* pszFileName, bool bTruncate, bool bProcessID, bool bSyslog);
+
+    // Moves collected lines into the file and closes it. No other thread may be writing a line.
     virtual ~CLogFile();
     CLogFile(const CLogFile&) = delete;
     CLogFile& operator=(const CLogFile&) = delete;
@@ -82,6 +87,8 @@ public:
     // formats nothing. Returns what LogStringArgListX returned.
     int TraceString(unsigned long ulMask, LogLib_Priority priority, const char* pszFormat, ...)
         __attribute__((format(printf, 4, 5)));
+
+    // The same for arguments that were taken from a list before.
     int TraceStringArgList(unsigned long ulMask, LogLib_Priority priority, const char* pszFormat, va_list arguments)
         __attribute__((format(printf, 4, 0)));
 
@@ -101,6 +108,8 @@ public:
 
     // The trace classes that are on, one bit each.
     unsigned long traceMask() const { return m_ulTraceMask.load(std::memory_order_relaxed); }
+
+    // Switches trace classes on and off, for lines that are written from now on.
     void setTraceMask(unsigned long ulMask) { m_ulTraceMask.store(ulMask, std::memory_order_relaxed); }
 
     // Moves lines that were collected into the file. To be called about once a second where lines
@@ -131,10 +140,13 @@ public:
                      int nRetryMilliseconds, int nRotatedFiles, int nTraceMask, int nSyslogMask, int nFileMask,
                      int nStderrMask, int nMaxLineLength, int nSyncEachLine, int nSyslogAlarms, int nReopenMilliseconds,
                      int nMicroseconds, int nUtc);
+
+    // Leaves the log file as it is.
     virtual ~CLogFileRegistry();
     CLogFileRegistry(const CLogFileRegistry&) = delete;
     CLogFileRegistry& operator=(const CLogFileRegistry&) = delete;
 
+    // The name that was given. Owned by the registry.
     const char* name() const;
 
 private:
