@@ -2,6 +2,8 @@
 #include "LogHead.h"
 
 #include <climits>
+#include <cstring>
+#include <ctime>
 #include <gtest/gtest.h>
 #include <regex>
 #include <string>
@@ -34,6 +36,34 @@ TEST(LogHead, HasDateTimeProcessThreadPriorityAndPrefix)
     settings.nMicroseconds = 0;
     EXPECT_TRUE(
         std::regex_match(headOf(settings, LogLib_High), std::regex(strTime + "3}" + strIDs + "64 \\[here\\] ")));
+}
+
+TEST(LogHead, TimeGoesOnFromSecondToSecond)
+{
+    CLogSettings settings;
+    settings.nUtc = 1;
+    CLogHead head;
+    head.applySettings(settings);
+    char szBuffer[CLogHead::MAX_LENGTH];
+    const auto second = [&] {
+        head.write(szBuffer, LogLib_Normal);
+        return std::string(szBuffer, strlen("2026-11-21 04:05:06"));
+    };
+    const auto now = [] {
+        timespec time;
+        clock_gettime(CLOCK_REALTIME, &time);
+        char szTime[32] = "";
+        tm parts;
+        strftime(szTime, sizeof(szTime), "%Y-%m-%d %H:%M:%S", gmtime_r(&time.tv_sec, &parts));
+        return std::string(szTime);
+    };
+    const std::string strFirst = second();
+    while (now() == strFirst)
+        std::this_thread::yield();
+    const std::string strBefore = now();
+    const std::string strSecond = second();
+    EXPECT_LE(strBefore, strSecond);
+    EXPECT_LE(strSecond, now());
 }
 
 TEST(LogHead, LongestOneFitsIntoItsRoom)
