@@ -68,5 +68,6 @@ void addPhrasesCommands(CTool& tool); // phrases build, list, check
 void addMachineCommands(CTool& tool); // status, clean, dump
 void addTraceCommands(CTool& tool);   // trace, timeline
 void addExplainCommand(CTool& tool);  // explain
+void addCompletionCommand(CTool& tool);
 
 #endif

@@ -9,5 +9,6 @@ int main(int nArguments, char** ppArguments)
     addMachineCommands(tool);
     addTraceCommands(tool);
     addExplainCommand(tool);
+    addCompletionCommand(tool);
     return tool.run(nArguments, ppArguments);
 }

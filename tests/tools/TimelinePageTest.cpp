@@ -1,0 +1,213 @@
+// The subcommand timeline: what it writes, and the page in a browser.
+#include "SampleLog.h"
+#include "ToolRun.h"
+
+#include <gmock/gmock.h>
+#include <png.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <unistd.h>
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace
+{
+const char LOG[] = "/tmp/sample.log";
+const char PAGE[] = "/tmp/page.html";
+
+std::string contentOf(const char* pszPath)
+{
+    std::ostringstream content;
+    content << std::ifstream(pszPath, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+json timeline(const char* pszFormat = "html")
+{
+    CToolRun run({"timeline", LOG, "--json", "--format", pszFormat, "-o", PAGE});
+    EXPECT_EQ(run.waitExit(), 0) << run.output() << run.errors();
+    return run.json();
+}
+
+// Starts the browser on the page; virtual time lets it finish however slow the machine is.
+bool browse(const std::string& strOptions)
+{
+    const std::string strCommand = "timeout -k 1 200 chromium --headless --no-sandbox --disable-gpu "
+                                   "--user-data-dir=/tmp/browser --window-size=1300,760 "
+                                   "--virtual-time-budget=120000 --timeout=150000 " +
+                                   strOptions + " file://" + PAGE + " </dev/null 2>/tmp/browser.err";
+    return std::system(strCommand.c_str()) == 0;
+}
+
+std::string browsedPage()
+{
+    EXPECT_TRUE(browse("--dump-dom >/tmp/dom.html")) << contentOf("/tmp/browser.err");
+    return contentOf("/tmp/dom.html");
+}
+
+// How many colours the picture of the page has.
+size_t coloursOfScreenshot()
+{
+    EXPECT_TRUE(browse("--screenshot=/tmp/page.png >/tmp/browser.out")) << contentOf("/tmp/browser.err");
+    png_image image = {};
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_file(&image, "/tmp/page.png"))
+        return 0;
+    image.format = PNG_FORMAT_RGBA;
+    std::vector<uint32_t> vPixels(PNG_IMAGE_SIZE(image) / sizeof(uint32_t));
+    if (!png_image_finish_read(&image, nullptr, vPixels.data(), 0, nullptr))
+        return 0;
+    return std::set<uint32_t>(vPixels.begin(), vPixels.end()).size();
+}
+
+class TimelinePage : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (access("/usr/bin/chromium", X_OK) != 0)
+            GTEST_SKIP() << "there is no chromium here";
+    }
+};
+
+void writePlays(int nStreams, int nPlaysOfEach)
+{
+    CSampleLog log(LOG);
+    log.connect();
+    for (int nStream = 1; nStream <= nStreams; ++nStream)
+        log.openStream(nStream, ("call-" + std::to_string(nStream)).c_str());
+    std::vector<unsigned int> vNumbers(static_cast<size_t>(nStreams) + 1);
+    for (int nPlay = 0; nPlay < nPlaysOfEach; ++nPlay)
+    {
+        for (int nStream = 1; nStream <= nStreams; ++nStream)
+            vNumbers[static_cast<size_t>(nStream)] = log.play(nStream, "/prompts/hello.wav");
+        log.pass(2000000);
+        for (int nStream = 1; nStream <= nStreams; ++nStream)
+            log.complete(nStream, vNumbers[static_cast<size_t>(nStream)], nStream % 7 == 0 ? 46 : 0);
+        log.pass(500000);
+    }
+}
+} // namespace
+
+TEST_F(TimelinePage, AnEmptyLogSaysSo)
+{
+    std::ofstream(LOG).close();
+    EXPECT_EQ(timeline()["plays"], 0);
+    const std::string strPage = browsedPage();
+    EXPECT_THAT(strPage, HasSubstr("data-ready=\"true\""));
+    EXPECT_THAT(strPage, HasSubstr("<p id=\"empty\">"));
+}
+
+TEST_F(TimelinePage, ShowsWhatHappened)
+{
+    writePlays(7, 3);
+    EXPECT_EQ(timeline()["plays"], 21);
+    const std::string strPage = browsedPage();
+    EXPECT_THAT(strPage, HasSubstr("data-ready=\"true\""));
+    EXPECT_THAT(strPage, HasSubstr("<td>7</td><td>21</td><td>0</td><td>0</td><td>18</td><td>0</td><td>3</td>"));
+    EXPECT_THAT(strPage, HasSubstr("<td>7: call-7, leg 1</td><td>3</td>"));
+    EXPECT_THAT(strPage, HasSubstr("<canvas"));
+    EXPECT_THAT(strPage, HasSubstr("<p id=\"empty\" hidden=\"\">"));
+}
+
+TEST_F(TimelinePage, IsDrawnInColours)
+{
+    writePlays(7, 3);
+    timeline();
+    EXPECT_GT(coloursOfScreenshot(), 20U);
+}
+
+TEST_F(TimelinePage, TextsOfTheLogStayTexts)
+{
+    {
+        CSampleLog log(LOG);
+        log.connect();
+        const char* const pszEvil = "</script><script>document.title='broken'</script><!--<b>\"'&{{data}}\xFF\xC3\x1B";
+        log.openStream(1, pszEvil);
+        log.complete(1, log.play(1, pszEvil), 0);
+    }
+    timeline();
+    const std::string strPage = browsedPage();
+    EXPECT_THAT(strPage, HasSubstr("data-ready=\"true\""));
+    EXPECT_THAT(strPage, Not(HasSubstr("<title>broken")));
+    EXPECT_THAT(strPage, HasSubstr("1: &lt;/script&gt;&lt;script&gt;"));
+}
+
+TEST_F(TimelinePage, TwoHundredStreamsAreAllThere)
+{
+    writePlays(200, 5);
+    EXPECT_EQ(timeline()["streams"], 200);
+    const std::string strPage = browsedPage();
+    // A stream is open, and plays and is told five times; the driver is away, then connected.
+    EXPECT_THAT(strPage, HasSubstr("data-items=\"2202\""));
+    EXPECT_THAT(strPage, HasSubstr("<td>200: call-200, leg 1</td>"));
+}
+
+TEST_F(TimelinePage, AHundredThousandCommandsOpen)
+{
+    writePlays(100, 1000);
+    const json summary = timeline();
+    EXPECT_EQ(summary["plays"], 100000);
+    EXPECT_EQ(summary["otherLines"], 0);
+    const std::string strPage = browsedPage();
+    EXPECT_THAT(strPage, HasSubstr("data-ready=\"true\""));
+    EXPECT_THAT(strPage, HasSubstr("data-items=\"200102\""));
+}
+
+TEST(TimelineFile, NeedsNoNetwork)
+{
+    writePlays(1, 1);
+    timeline();
+    const std::string strPage = contentOf(PAGE);
+    EXPECT_THAT(strPage, HasSubstr("default-src 'none'"));
+    EXPECT_THAT(strPage, Not(HasSubstr("<script src")));
+    EXPECT_THAT(strPage, Not(HasSubstr("<link")));
+    EXPECT_THAT(strPage, HasSubstr("Apache License 2.0"));
+}
+
+TEST(TimelineFile, PerfettoGetsNamesSlicesAndMarks)
+{
+    writePlays(2, 3);
+    timeline("perfetto");
+    const json trace = json::parse(contentOf(PAGE));
+    size_t nPlays = 0, nCompletions = 0;
+    std::set<std::string> names;
+    for (const json& event : trace["traceEvents"])
+    {
+        ASSERT_TRUE(event["pid"].is_number_integer() && event["tid"].is_number_integer());
+        if (event["ph"] == "M")
+        {
+            names.insert(event["args"]["name"]);
+            continue;
+        }
+        ASSERT_TRUE(event["ts"].is_number_integer());
+        nPlays += event["ph"] == "X" && event["name"] == "play";
+        nCompletions += event["ph"] == "i" && event["name"] == "completion";
+        if (event["name"] == "play")
+        {
+            EXPECT_NEAR(event["dur"].get<double>(), 2e6, 1e4);
+        }
+    }
+    EXPECT_EQ(nPlays, 6U);
+    EXPECT_EQ(nCompletions, 6U);
+    EXPECT_THAT(names, testing::IsSupersetOf({"process 4711", "media driver", "stream 2 call-2, leg 1, plays"}));
+}
+
+TEST(TimelineFile, APlaceThatCannotBeWrittenIsSaid)
+{
+    writePlays(1, 1);
+    CToolRun run({"timeline", LOG, "-o", "/nowhere/page.html"});
+    EXPECT_NE(run.waitExit(), 0);
+    EXPECT_THAT(run.errors(), HasSubstr("/nowhere/page.html"));
+}
+
+TEST(TimelineFile, AnUnknownFormatIsWrongUsage)
+{
+    CToolRun run({"timeline", LOG, "--format", "svg", "-o", PAGE});
+    EXPECT_EQ(run.waitExit(), 2);
+}
