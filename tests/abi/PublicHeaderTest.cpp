@@ -1,4 +1,4 @@
-// Compiled as C++11, never run: what an application's compiler makes of a public header.
+// Compiled as each C++ from 11 to 20, never run: what an application's compiler makes of a public header.
 //
 // PUBLIC_HEADER is the header. It must stand alone and may be included twice.
 #include PUBLIC_HEADER
