@@ -9,7 +9,7 @@ function(zelmedia_test NAME)
   list(LENGTH ARG_UNPARSED_ARGUMENTS count)
   if(count GREATER 4) # the headers of GoogleTest take longer than most test files
     target_precompile_headers(${NAME} PRIVATE <gmock/gmock.h>)
-    if(ZELMEDIA_SANITIZE) # the plain builds show that each file stands on its own
+    if(ZELMEDIA_SANITIZE OR ZELMEDIA_M32 OR ZELMEDIA_COVERAGE) # the plain build shows that each file stands on its own
       set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
       target_compile_options(${NAME} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>) # fixtures without a name
     endif()

@@ -9,10 +9,10 @@
 namespace
 {
 const char* const COMPLETION_EXAMPLES = "  source <(zelmedia completion bash)\n"
-                             "  source <(zelmedia completion zsh)\n"
-                             "  zelmedia completion fish | source\n"
-                             "\n"
-                             "The packages install these scripts where the shells look for them.";
+                                        "  source <(zelmedia completion zsh)\n"
+                                        "  zelmedia completion fish | source\n"
+                                        "\n"
+                                        "The packages install these scripts where the shells look for them.";
 
 int runCompletion(const CTool& tool, const std::string& strShell)
 {
@@ -44,8 +44,8 @@ void addCompletionCommand(CTool& tool)
 {
     const auto pShell = std::make_shared<std::string>();
     CLI::App* pCommand =
-        tool.addCommand(tool.app(), "completion", "Print the script that makes a shell complete zelmedia", COMPLETION_EXAMPLES,
-                        [&tool, pShell] { return runCompletion(tool, *pShell); });
+        tool.addCommand(tool.app(), "completion", "Print the script that makes a shell complete zelmedia",
+                        COMPLETION_EXAMPLES, [&tool, pShell] { return runCompletion(tool, *pShell); });
     pCommand->add_option("shell", *pShell, "The shell")->required()->check(CLI::IsMember({"bash", "zsh", "fish"}));
 
     const auto pWords = std::make_shared<std::vector<std::string>>();

@@ -10,11 +10,11 @@
 namespace
 {
 const char* const EXPLAIN_EXAMPLES = "  zelmedia explain MCS_NORESPONSE\n"
-                             "  zelmedia explain noresponse 46\n"
-                             "  zelmedia explain 0x00000010        (as in the library's log)\n"
-                             "  zelmedia explain --json\n"
-                             "\n"
-                             "Without a status all are listed.";
+                                     "  zelmedia explain noresponse 46\n"
+                                     "  zelmedia explain 0x00000010        (as in the library's log)\n"
+                                     "  zelmedia explain --json\n"
+                                     "\n"
+                                     "Without a status all are listed.";
 
 // Decimal, or hexadecimal as in log lines.
 std::optional<MCSTATUS> numberOf(const std::string& strText)
@@ -140,7 +140,7 @@ void addExplainCommand(CTool& tool)
 {
     const auto pStatuses = std::make_shared<std::vector<std::string>>();
     CLI::App* const pCommand =
-        tool.addCommand(tool.app(), "explain", "Tell what a status means, when it arises, and what to do", EXPLAIN_EXAMPLES,
-                        [&tool, pStatuses] { return runExplain(tool, *pStatuses); });
+        tool.addCommand(tool.app(), "explain", "Tell what a status means, when it arises, and what to do",
+                        EXPLAIN_EXAMPLES, [&tool, pStatuses] { return runExplain(tool, *pStatuses); });
     pCommand->add_option("status", *pStatuses, "Numbers or names")->type_name("STATUS");
 }

@@ -19,9 +19,8 @@ unsigned long playTimeout(const std::optional<std::chrono::seconds>& wanted, std
 {
     if (wanted)
         return static_cast<unsigned long>(wanted->count());
-    return total
-               ? static_cast<unsigned long>((std::chrono::ceil<std::chrono::seconds>(*total) + PLAY_MARGIN).count())
-               : ZELMEDIA_DEFAULT_TIMEOUT;
+    return total ? static_cast<unsigned long>((std::chrono::ceil<std::chrono::seconds>(*total) + PLAY_MARGIN).count())
+                 : ZELMEDIA_DEFAULT_TIMEOUT;
 }
 
 CPlayer::CPlayer(CMediaSession& session, const std::vector<CPlayItem>& vItems, bool bJson)

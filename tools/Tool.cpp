@@ -54,6 +54,16 @@ int CTool::fail(int nExitCode, const char* pszText) const
     return nExitCode;
 }
 
+void addAllCommands(CTool& tool)
+{
+    addMediaCommands(tool);
+    addPhrasesCommands(tool);
+    addMachineCommands(tool);
+    addTraceCommands(tool);
+    addExplainCommand(tool);
+    addCompletionCommand(tool);
+}
+
 void printJson(const nlohmann::json& json)
 {
     // Names of files and calls need not be UTF-8.

@@ -62,7 +62,10 @@ private:
 void printJson(const nlohmann::json& json);
 void printLine(const std::string& strLine);
 
-// Each declares some subcommands.
+// Declares every subcommand.
+void addAllCommands(CTool& tool);
+
+// Each declares some of them.
 void addMediaCommands(CTool& tool);   // play, record, phrase play
 void addPhrasesCommands(CTool& tool); // phrases build, list, check
 void addMachineCommands(CTool& tool); // status, clean, dump

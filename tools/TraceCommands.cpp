@@ -86,6 +86,30 @@ void printRaw(const CLogLine& line, std::string_view strvWhole, bool bJson)
         printLine(traceText(line, strvWhole));
 }
 
+// Calls see(line, the whole line), which may take parts out of the line, for each that is the library's. Tells
+// whether it was interrupted while it followed.
+template <class SEE>
+bool readLogs(const std::vector<std::string>& vFiles, bool bFollowLast, CLineCounts& counts, SEE see)
+{
+    bool bInterrupted = false;
+    for (const std::string& strFile : vFiles)
+    {
+        const bool bFollow = bFollowLast && &strFile == &vFiles.back();
+        CLogReader reader(strFile, bFollow ? CLogReader::FOLLOWING : CLogReader::NOT_FOLLOWING);
+        std::string_view strvLine;
+        CLogLine line;
+        while (reader.next(strvLine))
+        {
+            const bool bOwn = parseLogLine(strvLine, line);
+            counts.add(!bOwn);
+            if (bOwn)
+                see(line, strvLine);
+        }
+        bInterrupted = reader.wasInterrupted();
+    }
+    return bInterrupted;
+}
+
 int trace(CTraceOptions& options, bool bJson)
 {
     options.m_filter.prepare();
@@ -93,26 +117,13 @@ int trace(CTraceOptions& options, bool bJson)
     CNoListener nobody;
     CCommandLives lives(options.m_bRaw ? static_cast<CLogListener&>(nobody) : printer);
     CLineCounts counts;
-    bool bInterrupted = false;
-    for (const std::string& strFile : options.m_vFiles)
-    {
-        const bool bLast = &strFile == &options.m_vFiles.back();
-        CLogReader reader(strFile, options.m_bFollow && bLast ? CLogReader::FOLLOWING : CLogReader::NOT_FOLLOWING);
-        std::string_view strvLine;
-        CLogLine line;
-        while (reader.next(strvLine))
-        {
-            const bool bOwn = parseLogLine(strvLine, line);
-            counts.add(!bOwn);
-            if (!bOwn)
-                continue;
-            options.m_filter.see(line);
-            lives.add(line);
-            if (options.m_bRaw && options.m_filter.wants(line))
-                printRaw(line, strvLine, bJson);
-        }
-        bInterrupted = reader.wasInterrupted();
-    }
+    const auto see = [&](CLogLine& line, std::string_view strvLine) {
+        options.m_filter.see(line);
+        lives.add(line);
+        if (options.m_bRaw && options.m_filter.wants(line))
+            printRaw(line, strvLine, bJson);
+    };
+    const bool bInterrupted = readLogs(options.m_vFiles, options.m_bFollow, counts, see);
     lives.finish();
     if (bJson)
         printJson(counts.json());
@@ -126,21 +137,10 @@ int timeline(const CTimelineOptions& options, bool bJson)
     CTimeline timeline;
     CCommandLives lives(timeline);
     CLineCounts counts;
-    for (const std::string& strFile : options.m_vFiles)
-    {
-        CLogReader reader(strFile, CLogReader::NOT_FOLLOWING);
-        std::string_view strvLine;
-        CLogLine line;
-        while (reader.next(strvLine))
-        {
-            const bool bOwn = parseLogLine(strvLine, line);
-            counts.add(!bOwn);
-            if (!bOwn)
-                continue;
-            timeline.see(line);
-            lives.add(line);
-        }
-    }
+    readLogs(options.m_vFiles, false, counts, [&](CLogLine& line, std::string_view) {
+        timeline.see(line);
+        lives.add(line);
+    });
     lives.finish();
     timeline.finish();
     timeline.write(options.m_strOutput, options.m_strFormat == "perfetto", options.m_vFiles.back());

@@ -4,11 +4,6 @@
 int main(int nArguments, char** ppArguments)
 {
     CTool tool;
-    addMediaCommands(tool);
-    addPhrasesCommands(tool);
-    addMachineCommands(tool);
-    addTraceCommands(tool);
-    addExplainCommand(tool);
-    addCompletionCommand(tool);
+    addAllCommands(tool);
     return tool.run(nArguments, ppArguments);
 }

@@ -3,6 +3,7 @@
 #define SYSTEM_FIXTURE_H
 
 #include "ServicesFixture.h"
+#include "WaitUntil.h"
 
 #include <cerrno>
 #include <chrono>
@@ -16,20 +17,6 @@
 #include <vector>
 
 using CHandler = CZelMediaStreamCompletionHandler;
-
-// Looks again and again until the condition holds; false when that takes too long.
-inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds limit = std::chrono::seconds(60))
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 inline std::string responsePipe()
 {

@@ -4,6 +4,7 @@
 
 #include "MediaProtocol.h"
 #include "ToolRun.h"
+#include "WaitUntil.h"
 
 #include <algorithm>
 #include <chrono>
@@ -29,18 +30,6 @@ inline std::string contentOf(const std::string& strPath)
     std::ostringstream content;
     content << std::ifstream(strPath).rdbuf();
     return content.str();
-}
-
-template <class CONDITION> bool waitUntil(CONDITION condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
 }
 
 inline int bytesIn(int nPipe)

@@ -30,12 +30,7 @@ void collect(CLI::App& app, const std::string& strPath, COptionsByCommand& mapOp
 COptionsByCommand optionsOfProgram()
 {
     CTool tool;
-    addMediaCommands(tool);
-    addPhrasesCommands(tool);
-    addMachineCommands(tool);
-    addTraceCommands(tool);
-    addExplainCommand(tool);
-    addCompletionCommand(tool);
+    addAllCommands(tool);
     COptionsByCommand mapOptions;
     collect(tool.app(), "", mapOptions);
     return mapOptions;

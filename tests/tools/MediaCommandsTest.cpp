@@ -4,6 +4,7 @@
 #include "ReferenceDriver.h"
 #include "SampleFiles.h"
 #include "ToolRun.h"
+#include "WaitUntil.h"
 
 #include <gmock/gmock.h>
 
@@ -23,18 +24,6 @@ namespace
 {
 const char HEARD[] = "/tmp/calls/c-1.heard.wav";
 const char NO_PIPES[] = "no pipes";
-
-template <class CONDITION> bool waitUntil(CONDITION condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 // A pipe that a client process has left.
 std::string clientPipe()

@@ -1,6 +1,8 @@
 // CToolRun: the command zelmedia as a child process, as a user types it.
 #include "ToolRun.h"
 
+#include "WaitUntil.h"
+
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -29,18 +31,6 @@ void redirect(const std::string& strPath, int nDescriptor)
     const int nFile = open(strPath.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
     dup2(nFile, nDescriptor);
     close(nFile);
-}
-
-template <class CONDITION> bool waitFor(CONDITION condition, std::chrono::seconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 } // namespace
 
@@ -100,7 +90,7 @@ bool CToolRun::waitOutput(const std::string& strText)
                info.si_pid != 0;
     };
     bool bEnded = false;
-    waitFor([&] { return arrived() || (bEnded = m_bEnded || hasEnded()); }, std::chrono::seconds(30));
+    waitUntil([&] { return arrived() || (bEnded = m_bEnded || hasEnded()); }, std::chrono::seconds(30));
     return arrived();
 }
 
@@ -111,7 +101,7 @@ int CToolRun::waitExit()
         readTerminal(); // or it would wait for room
         return waitpid(m_nProcessID, &nStatus, WNOHANG) == m_nProcessID;
     };
-    if (!m_bEnded && waitFor(ended, std::chrono::seconds(60)))
+    if (!m_bEnded && waitUntil(ended, std::chrono::seconds(60)))
     {
         m_bEnded = true;
         m_nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);

@@ -22,18 +22,6 @@ int complaints()
     return s_nComplaints;
 }
 
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
-
 bool CScenario::failsFor(faults::Call call) const
 {
     for (unsigned int n = 0; n < m_plan.nFaults; ++n)

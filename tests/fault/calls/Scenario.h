@@ -3,6 +3,7 @@
 #define SCENARIO_H
 
 #include "CallFaults.h"
+#include "WaitUntil.h"
 
 #include <chrono>
 #include <functional>
@@ -41,8 +42,6 @@ protected:
 // A failure of the run that is going on; counted.
 void complain(const std::string& strText);
 int complaints();
-
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit);
 
 struct CScenarioEntry
 {

@@ -2,6 +2,7 @@
 #include "Application.h"
 #include "ReferenceDriver.h"
 #include "ResponseBudget.h"
+#include "WaitUntil.h"
 
 #include <chrono>
 #include <csignal>
@@ -11,20 +12,6 @@
 namespace
 {
 using EEnd = CLife::EEnd;
-const std::chrono::seconds LIMIT{60};
-
-bool waitUntil(const std::function<bool()>& condition)
-{
-    const auto end = std::chrono::steady_clock::now() + LIMIT;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 int below(std::mt19937& random, unsigned int nLimit)
 {
     return static_cast<int>(random() % nLimit);

@@ -7,6 +7,7 @@
 #include "RacesDriver.h"
 #include "RacesLedger.h"
 #include "RandomRun.h"
+#include "WaitUntil.h"
 
 #include <chrono>
 #include <cstdio>
@@ -53,18 +54,6 @@ size_t entriesIn(const char* pszFolder)
         ++nEntries;
     closedir(pFolder);
     return nEntries;
-}
-
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = seconds(90))
-{
-    const auto end = CClock::now() + limit;
-    while (!condition())
-    {
-        if (CClock::now() > end)
-            return false;
-        std::this_thread::sleep_for(milliseconds(2));
-    }
-    return true;
 }
 } // namespace
 

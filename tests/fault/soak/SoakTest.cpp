@@ -9,6 +9,7 @@
 #include "OrvLogLib.h"
 #include "RandomRun.h"
 #include "Usage.h"
+#include "WaitUntil.h"
 
 #include <algorithm>
 #include <chrono>
@@ -37,18 +38,6 @@ const bool MEMORY_TELLS = true;
 const int64_t ROUNDING = 1024;
 // Pages that are touched for the first time, holes between blocks: no more of them after more commands.
 const long RESIDENT_SLACK_KB = 4096;
-
-bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(60))
-{
-    const auto end = CClock::now() + limit;
-    while (!condition())
-    {
-        if (CClock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 // What the drivers count into: one at a time. A sanitizer wants to be the first library of its program.
 const CHeapGauge& heapGauge()
