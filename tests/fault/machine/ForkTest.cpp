@@ -45,13 +45,6 @@ void waitEnd(pid_t nChild, End end)
     EXPECT_EQ(end == End::Killed ? SIGKILL : 0, nStatus);
 }
 
-ino_t inodeOf(const std::string& strPath)
-{
-    struct stat status = {};
-    EXPECT_EQ(0, lstat(strPath.c_str(), &status)) << strPath;
-    return status.st_ino;
-}
-
 class ForkingProcess : public CSystemTest, public testing::WithParamInterface<End>
 {
 protected:

@@ -24,6 +24,14 @@ inline std::string contentOf(const std::string& strPath)
     return bytes.str();
 }
 
+// Of the name itself, also where it is a link.
+inline ino_t inodeOf(const std::string& strPath)
+{
+    struct stat status = {};
+    EXPECT_EQ(0, lstat(strPath.c_str(), &status)) << strPath;
+    return status.st_ino;
+}
+
 // The log that the library opens by itself.
 inline std::string defaultLog()
 {

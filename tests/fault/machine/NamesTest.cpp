@@ -57,13 +57,6 @@ void PrintTo(const CObstacle& obstacle, std::ostream* pStream)
     *pStream << obstacle.pszName;
 }
 
-ino_t inodeOf(const std::string& strPath)
-{
-    struct stat status = {};
-    EXPECT_EQ(0, lstat(strPath.c_str(), &status)) << strPath;
-    return status.st_ino;
-}
-
 class TakenLogName : public testing::TestWithParam<CObstacle>
 {
 };
