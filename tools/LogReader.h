@@ -29,7 +29,7 @@ public:
 
     // The next line, valid until the next call. Of a longer one than MAX_LINE bytes only the beginning.
     bool next(std::string_view& strvLine);
-    static const size_t MAX_LINE = 65536;
+    static constexpr size_t MAX_LINE = 65536;
 
     bool wasInterrupted() const { return m_bInterrupted; }
 
