@@ -223,6 +223,7 @@ TEST_F(TraceLog, ADriverThatIsKilledAndStartedAgainIsLostAndConnected)
     m_driver.stop(SIGKILL);
     EXPECT_EQ(m_pStream->playCancel(), MCS_PIPEWRITE);
     ASSERT_TRUE(startDriver());
+    m_pServices->closeMediaStream(m_pStream);
     openStream();
     playPhrase(openPhrases());
     ASSERT_TRUE(m_completions.waitCount(1));
