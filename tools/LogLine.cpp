@@ -100,9 +100,9 @@ bool takeSigned(std::string_view& strv, int& n)
 // The library writes numbers of 32 bits with and without a sign.
 bool takeUnsigned(std::string_view& strv, uint32_t& u, int nBase)
 {
-    int n = 0;
     if (nBase == 10 && !strv.empty() && strv.front() == '-')
     {
+        int n = 0;
         if (!takeSigned(strv, n))
             return false;
         u = static_cast<uint32_t>(n);

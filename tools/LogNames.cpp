@@ -16,8 +16,8 @@ const std::array<std::string_view, LAST_COMMAND + 1>& commandNames()
 {
     static const auto s_names = [] {
         std::array<std::string_view, LAST_COMMAND + 1> names;
-        for (int n = 0; n <= LAST_COMMAND; ++n)
-            names[static_cast<size_t>(n)] = MICMDToString(static_cast<MICMD>(n));
+        for (size_t n = 0; n < names.size(); ++n)
+            names[n] = MICMDToString(static_cast<MICMD>(n));
         return names;
     }();
     return s_names;

@@ -125,7 +125,7 @@ std::optional<CClientPipe> look(const CKind& kind, pid_t nProcessID)
     pipe.nDevice = makedev(status.stx_dev_major, status.stx_dev_minor);
     pipe.nInode = status.stx_ino;
     const double dUsed = std::max(secondsOf(status.stx_mtime), secondsOf(status.stx_ctime));
-    const double dMade = status.stx_mask & STATX_BTIME ? secondsOf(status.stx_btime) : dUsed;
+    const double dMade = (status.stx_mask & STATX_BTIME) != 0 ? secondsOf(status.stx_btime) : dUsed;
     const double dNow = secondsNow(CLOCK_REALTIME);
     pipe.dAge = std::max(dNow - dMade, 0.0);
     pipe.dIdle = std::max(dNow - dUsed, 0.0);

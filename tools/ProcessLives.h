@@ -88,7 +88,7 @@ private:
     void openStream(CThread& thread, const CLogLine& line);
 
     void readEvent(CThread& thread, const CLogLine& line);
-    void unlinked(CThread& thread, const CLogLine& line);
+    void unlinked(CThread& thread, const CLogLine& line) const;
     void complete(CThread& thread, const CLogLine& line);
     CLife completedLife(CThread& thread, const CLogLine& line);
     void destroyed(CThread& thread, const CLogLine& line);

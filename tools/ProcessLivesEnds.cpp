@@ -101,7 +101,7 @@ void CCommandLives::CProcessLives::readEvent(CThread& thread, const CLogLine& li
 }
 
 // An active command is taken out for no event and no failure: its time is over.
-void CCommandLives::CProcessLives::unlinked(CThread& thread, const CLogLine& line)
+void CCommandLives::CProcessLives::unlinked(CThread& thread, const CLogLine& line) const
 {
     if (std::exchange(thread.m_bWithdrawing, false))
         return;

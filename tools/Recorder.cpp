@@ -125,7 +125,7 @@ void CRecorder::showPrompt(const CRecordPrompt& prompt, Clock::time_point start)
                     durationOfSamples(prompt.m_ulLength), "");
 }
 
-void CRecorder::tellStarted(const char* pszEvent, const std::string& strName)
+void CRecorder::tellStarted(const char* pszEvent, const std::string& strName) const
 {
     if (m_bJson)
         printJson({{"event", pszEvent}, {"name", strName}});

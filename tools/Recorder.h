@@ -32,7 +32,7 @@ private:
     bool updateRecorded();
     void showPrompt(const CRecordPrompt& prompt, Clock::time_point start);
     bool cancelBehind(bool bPrompt, Clock::time_point& giveUp);
-    void tellStarted(const char* pszEvent, const std::string& strName);
+    void tellStarted(const char* pszEvent, const std::string& strName) const;
     int tellRecorded(MCSTATUS mcstatus);
     unsigned long timeout(CMilliseconds longest) const;
     void check(const std::string& strWhat, MCSTATUS mcstatus) const;
