@@ -2,6 +2,7 @@
 #include "Completions.h"
 #include "ReferenceDriver.h"
 #include "ToolRun.h"
+#include "WaitUntil.h"
 
 #include <gmock/gmock.h>
 
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
-#include <thread>
 #include <unistd.h>
 
 using nlohmann::json;
@@ -41,8 +41,7 @@ protected:
     // Waits for the connection.
     void openStream()
     {
-        while (m_pServices->openMediaStream(&m_pStream, "call-17", 2) != MCS_OK)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ASSERT_TRUE(waitUntil([this] { return m_pServices->openMediaStream(&m_pStream, "call-17", 2) == MCS_OK; }));
     }
 
     int play(const char* pszFile, unsigned long ulTimeout = TIMEOUT_S)
