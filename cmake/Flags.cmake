@@ -6,10 +6,17 @@ add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
 
 if(ZELMEDIA_SANITIZE)
   add_compile_options(-fsanitize=${ZELMEDIA_SANITIZE} -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=${ZELMEDIA_SANITIZE})
+  set(ZELMEDIA_SANITIZE_LINK -fsanitize=${ZELMEDIA_SANITIZE})
   if(ZELMEDIA_SANITIZE MATCHES undefined)
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
+  if(CMAKE_CXX_COMPILER_ID STREQUAL Clang AND ZELMEDIA_SANITIZE MATCHES address AND NOT ZELMEDIA_FUZZ)
+    # A library of its own is ready before programs that have an allocator of theirs.
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=lib/linux OUTPUT_VARIABLE sanitizers
+      OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    list(APPEND ZELMEDIA_SANITIZE_LINK -shared-libsan -Wl,-rpath,${sanitizers})
+  endif()
+  add_link_options(${ZELMEDIA_SANITIZE_LINK})
 elseif(NOT ZELMEDIA_COVERAGE)
   add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
   add_compile_options(-fstack-protector-strong -fstack-clash-protection)
@@ -28,8 +35,7 @@ endif()
 set(ZELMEDIA_WARNINGS
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
   -Woverloaded-virtual -Wnull-dereference -Wconversion -Wdouble-promotion -Wformat=2 -Wno-format-nonliteral -Werror
-  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # gcc 12 finds overlaps in std::string where there are none
-  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # gcc 12 finds overlaps in std::string where there are none
 # Left out: -Wuseless-cast, as types that are the same in one width differ in the other; -Wswitch-enum and
 # -Wswitch-default, as a default is meant where it stands, and -Wall tells of values without one.
 set(ZELMEDIA_PRODUCT_WARNINGS
@@ -43,7 +49,7 @@ list(APPEND ZELMEDIA_PRODUCT_WARNINGS "$<$<CXX_COMPILER_ID:GNU>:-Wlogical-op;-Wd
 list(APPEND ZELMEDIA_PRODUCT_WARNINGS "$<$<CXX_COMPILER_ID:Clang>:-Wassign-enum;-Wcomma;-Wconditional-uninitialized;\
 -Wextra-semi-stmt;-Wloop-analysis;-Wmissing-noreturn;-Wmissing-variable-declarations;\
 -Wnewline-eof;-Wshadow-all;-Wshift-sign-overflow;-Wsuggest-destructor-override;-Wsuggest-override;\
--Wtautological-compare;-Wthread-safety-beta;-Wunreachable-code-aggressive;-Wunused-member-function;\
+-Wtautological-compare;-Wthread-safety;-Wthread-safety-beta;-Wunreachable-code-aggressive;-Wunused-member-function;\
 -Wunused-template>")
 
 add_library(zelmedia_warnings INTERFACE)

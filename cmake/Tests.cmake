@@ -1,18 +1,29 @@
-# zelmedia_test(NAME SOURCE... [LIBS TARGET...]): a GoogleTest program of which every test case runs
-# in a process and a /tmp of its own.
 include(GoogleTest)
 
+# zelmedia_test_headers(NAME HEADER...): headers that are compiled once for several programs, as they take longer than
+# most test files. Of an executable, because libraries have other flags.
+function(zelmedia_test_headers NAME)
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/${NAME}.cpp)
+  file(CONFIGURE OUTPUT ${source} CONTENT "int main() {}\n")
+  add_executable(${NAME} EXCLUDE_FROM_ALL ${source})
+  target_link_libraries(${NAME} PRIVATE zelmedia_warnings GTest::gmock)
+  target_precompile_headers(${NAME} PRIVATE ${ARGN})
+endfunction()
+
+# zelmedia_test(NAME SOURCE... [HEADERS TARGET] [LIBS TARGET...]): a GoogleTest program of which every test case runs
+# in a process and a /tmp of its own. Its files are compiled several at once, but for coverage, which shows
+# that each of them stands on its own.
 function(zelmedia_test NAME)
-  cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "HEADERS" "LIBS" ${ARGN})
   add_executable(${NAME} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${NAME} PRIVATE zelmedia_warnings ${ARG_LIBS} GTest::gmock_main)
-  list(LENGTH ARG_UNPARSED_ARGUMENTS count)
-  if(count GREATER 4) # the headers of GoogleTest take longer than most test files
-    target_precompile_headers(${NAME} PRIVATE <gmock/gmock.h>)
-    if(ZELMEDIA_SANITIZE OR ZELMEDIA_M32 OR ZELMEDIA_COVERAGE) # the plain build shows that each file stands on its own
-      set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
-      target_compile_options(${NAME} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>) # fixtures without a name
-    endif()
+  if(NOT ARG_HEADERS)
+    set(ARG_HEADERS gmock_headers)
+  endif()
+  target_precompile_headers(${NAME} REUSE_FROM ${ARG_HEADERS})
+  if(ZELMEDIA_UNITY AND NOT ZELMEDIA_COVERAGE)
+    set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+    target_compile_options(${NAME} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>) # fixtures without a name
   endif()
   # ctest and the test discovery both start programs through this property.
   set_target_properties(${NAME} PROPERTIES

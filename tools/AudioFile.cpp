@@ -3,7 +3,7 @@
 
 #include "AudioFormat.h"
 #include "AudioReader.h"
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <fcntl.h>
 

@@ -4,7 +4,7 @@
 #include "Descriptor.h"
 #include "MediaProtocol.h"
 #include "OwnPipes.h"
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // CLogReader: the lines of a log file, and of what is appended to it.
 #include "LogReader.h"
 
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // CNewFile: a file that appears under its name only when it is complete.
 #include "NewFile.h"
 
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <cerrno>
 #include <cstdio>

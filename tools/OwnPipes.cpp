@@ -2,7 +2,7 @@
 #include "OwnPipes.h"
 #include "MediaProtocol.h"
 #include "PipeTable.h"
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <cerrno>
 #include <csignal>
@@ -14,7 +14,7 @@ namespace
 char s_szResponse[MI_PIPE_NAME_SIZE]; // for the signal handler
 char s_szEvent[MI_PIPE_NAME_SIZE];
 
-void removeAndEnd(int nSignal)
+[[noreturn]] void removeAndEnd(int nSignal)
 {
     unlink(s_szResponse);
     unlink(s_szEvent);

@@ -1,7 +1,7 @@
 // The C++ header with the constants of a phrase file, for applications.
 #include "PhraseHeader.h"
 
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <filesystem>
 #include <map>

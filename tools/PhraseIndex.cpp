@@ -1,7 +1,7 @@
 // CPhraseIndex: which phrases a phrase file holds, and where; kept as JSON beside it.
 #include "PhraseIndex.h"
 
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -1,7 +1,7 @@
 // The pipes of client processes in /tmp: whose they are, and which are left of processes that ended.
 #include "PipeTable.h"
 #include "MediaProtocol.h"
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <algorithm>
 #include <cerrno>

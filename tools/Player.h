@@ -39,7 +39,7 @@ private:
     bool wasCancelled() const { return m_session.interrupts() > 0; }
     void tellStarted();
     void completed(MCSTATUS mcstatus);
-    void failed(std::size_t nItem, MCSTATUS mcstatus);
+    [[noreturn]] void failed(std::size_t nItem, MCSTATUS mcstatus);
     void showProgress();
 
     CMediaSession& m_session;

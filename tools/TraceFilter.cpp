@@ -1,7 +1,7 @@
 // CTraceFilter: which commands, notes and lines of a log are wanted.
 #include "TraceFilter.h"
 
-#include "Tool.h"
+#include "ToolError.h"
 
 #include <algorithm>
 #include <cctype>

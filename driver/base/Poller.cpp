@@ -97,7 +97,8 @@ bool CPoller::Wait(int nTimeoutMs, std::string& strError)
     for (int nEvent = 0; nEvent < nEvents; ++nEvent)
     {
         const epoll_event& event = events[static_cast<std::size_t>(nEvent)];
-        const auto it = m_mapReadyByID.find(event.data.u64);
+        const std::uint64_t ullID = event.data.u64; // no reference: the system's struct is packed
+        const auto it = m_mapReadyByID.find(ullID);
         if (it != m_mapReadyByID.end())
         {
             // Held, because the function may end its own watch.

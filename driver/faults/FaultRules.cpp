@@ -196,7 +196,7 @@ std::size_t CFaultRules::RemoveAll()
 
 nlohmann::ordered_json CFaultRules::ToJson() const
 {
-    auto json = nlohmann::ordered_json::array();
+    auto rules = nlohmann::ordered_json::array();
     for (const CRule& rule : m_vRules)
     {
         nlohmann::ordered_json fields = {{"id", rule.m_nID}, {"do", rule.m_pKind->m_pName}, {"on", rule.m_strOn}};
@@ -222,9 +222,9 @@ nlohmann::ordered_json CFaultRules::ToJson() const
         }
         fields["matched"] = rule.m_ullMatched;
         fields["acted"] = rule.m_ullActed;
-        json.push_back(std::move(fields));
+        rules.push_back(std::move(fields));
     }
-    return json;
+    return rules;
 }
 
 bool CFaultRules::IsItsTurn(CRule& rule)

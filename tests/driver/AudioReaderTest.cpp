@@ -21,8 +21,9 @@ bool Load(const std::string& strPath, CSamples& samples, std::string& strError)
 {
     CFd fd;
     struct stat status = {};
-    const auto pReader =
-        OpenAudioFile(strPath, O_RDONLY, fd, status, strError) ? CAudioReader::Open(std::move(fd), strPath, strError) : nullptr;
+    const auto pReader = OpenAudioFile(strPath, O_RDONLY, fd, status, strError)
+                             ? CAudioReader::Open(std::move(fd), strPath, strError)
+                             : nullptr;
     if (!pReader)
     {
         return false;

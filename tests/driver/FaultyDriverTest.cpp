@@ -46,10 +46,7 @@ protected:
         return cmd.nSequenceNo;
     }
 
-    std::uint32_t Play()
-    {
-        return m_driver.SendPlayFile(m_nStreamID, m_driver.Path("clip.wav"));
-    }
+    std::uint32_t Play() { return m_driver.SendPlayFile(m_nStreamID, m_driver.Path("clip.wav")); }
 
     // The statuses of the responses so far, in words.
     std::vector<std::string> Answers()

@@ -40,10 +40,7 @@ protected:
         m_driver.Pass({});
     }
 
-    std::uint32_t SendPlay()
-    {
-        return m_driver.SendPlayFile(m_nStreamID, m_driver.Path("clip.wav"));
-    }
+    std::uint32_t SendPlay() { return m_driver.SendPlayFile(m_nStreamID, m_driver.Path("clip.wav")); }
 
     std::uint32_t SendRecord(const std::string& strName)
     {

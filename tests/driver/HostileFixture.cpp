@@ -15,7 +15,7 @@ namespace
 constexpr std::uint32_t PIECE = 160; // what the good client plays at a time
 
 // How much more memory the driver may have in use after a test. Sanitizers keep what was freed.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
 constexpr std::size_t MEMORY_SLACK = std::size_t{512} << 20;
 #else
 constexpr std::size_t MEMORY_SLACK = std::size_t{6} << 20;

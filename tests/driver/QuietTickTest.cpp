@@ -9,14 +9,8 @@
 
 #include <cstdlib>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
 #define TICK_IS_COUNTED 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define TICK_IS_COUNTED 0
-#else
-#define TICK_IS_COUNTED 1
-#endif
 #else
 #define TICK_IS_COUNTED 1
 #endif

@@ -91,16 +91,16 @@ TEST_F(Readiness, StoppingIsSentToTheServiceManager)
 
 TEST_F(Readiness, TheProgramTellsOfItsStartItsReloadsAndItsEnd)
 {
-    constexpr int DEADLINE_MS = 20000;
+    constexpr int PROGRAM_MS = 20000;
     ASSERT_TRUE(m_bBound);
     CDriverProgram driver({"--control", "none", "--log", "/dev/null"});
     EXPECT_TRUE(driver.WaitReady());
-    EXPECT_EQ(Notified(DEADLINE_MS), "READY=1");
+    EXPECT_EQ(Notified(PROGRAM_MS), "READY=1");
     driver.Signal(SIGHUP);
-    EXPECT_THAT(Notified(DEADLINE_MS), StartsWith("RELOADING=1\n"));
-    EXPECT_EQ(Notified(DEADLINE_MS), "READY=1");
+    EXPECT_THAT(Notified(PROGRAM_MS), StartsWith("RELOADING=1\n"));
+    EXPECT_EQ(Notified(PROGRAM_MS), "READY=1");
     driver.Signal(SIGTERM);
-    EXPECT_EQ(Notified(DEADLINE_MS), "STOPPING=1");
+    EXPECT_EQ(Notified(PROGRAM_MS), "STOPPING=1");
     EXPECT_EQ(driver.WaitExit(), 0);
 }
 

@@ -7,7 +7,7 @@
 #include <new>
 #include <sys/prctl.h>
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(ZELMEDIA_ASAN) && !defined(ZELMEDIA_TSAN)
 #define REPLACES_MALLOC
 extern "C"
 {

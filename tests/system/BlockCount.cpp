@@ -15,7 +15,7 @@ long blockCount()
     return s_nBlocks;
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(ZELMEDIA_ASAN) && !defined(ZELMEDIA_TSAN)
 
 void* operator new(size_t nBytes, const std::nothrow_t&) noexcept
 {

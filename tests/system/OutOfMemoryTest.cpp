@@ -252,7 +252,8 @@ TEST_P(OutOfMemory, DumpIsStatus4)
     startPlay(pStream);
     for (CAttempts attempts(GetParam()); attempts.next();)
     {
-        EXPECT_EQ(attempts.failed() ? MCS_OUTOFMEMORY : MCS_OK, attempts.run([&] { return m_pServices->dump(); }));
+        const MCSTATUS mcstatus = attempts.run([&] { return m_pServices->dump(); });
+        EXPECT_EQ(attempts.failed() ? MCS_OUTOFMEMORY : MCS_OK, mcstatus);
         EXPECT_EQ(MCS_OK, m_pServices->dump());
     }
     m_pServices->closeMediaStream(pStream);

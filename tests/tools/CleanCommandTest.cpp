@@ -148,7 +148,7 @@ TEST(Clean, RemovesWhatAForerunnerOfALivingProcessLeft)
         EXPECT_EQ(shell(strUnshare + "sh -c '" ZELMEDIA_PROGRAM " clean --process-id $$ > /tmp/out; true'"), 0);
         return clientPipes().empty();
     }));
-    EXPECT_THAT(contentOf("/tmp/out"), HasSubstr(pipePath("Evt", 1) + ": process 1, sh, is not its owner"));
+    EXPECT_THAT(readFile("/tmp/out"), HasSubstr(pipePath("Evt", 1) + ": process 1, sh, is not its owner"));
 }
 
 TEST(Clean, TellsWhatItMayNotRemove)
@@ -159,7 +159,7 @@ TEST(Clean, TellsWhatItMayNotRemove)
     if (shell(strOther + ZELMEDIA_PROGRAM " --version > /dev/null 2>&1") != 0)
         GTEST_SKIP() << "no other user here";
     EXPECT_EQ(shell(strOther + ZELMEDIA_PROGRAM " clean > /tmp/out 2> /tmp/err"), 1);
-    EXPECT_THAT(contentOf("/tmp/err"),
+    EXPECT_THAT(readFile("/tmp/err"),
                 HasSubstr("zelmedia: cannot remove " + pipePath("Rsp", nEnded) + ": Operation not permitted\n"));
     EXPECT_THAT(clientPipes(), SizeIs(2));
 }
@@ -217,5 +217,5 @@ TEST(OwnPipes, WhatIsInTheWayIsTold)
 {
     writeFile(pipePath("Evt", getpid()), "kept");
     EXPECT_THROW(COwnPipes(), CToolError);
-    EXPECT_EQ(contentOf(pipePath("Evt", getpid())), "kept");
+    EXPECT_EQ(readFile(pipePath("Evt", getpid())), "kept");
 }

@@ -3,6 +3,7 @@
 #define MACHINE_FIXTURE_H
 
 #include "MediaProtocol.h"
+#include "SampleFiles.h"
 #include "ToolRun.h"
 #include "WaitUntil.h"
 
@@ -11,26 +12,12 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-inline void writeFile(const std::string& strPath, const std::string& strText)
-{
-    std::ofstream(strPath) << strText;
-}
-
-inline std::string contentOf(const std::string& strPath)
-{
-    std::ostringstream content;
-    content << std::ifstream(strPath).rdbuf();
-    return content.str();
-}
 
 inline int bytesIn(int nPipe)
 {

@@ -1,4 +1,4 @@
-// Audio files for tests of the command zelmedia: samples that no two places have in common.
+// Files for tests of the command zelmedia, and audio for them: samples that no two places have in common.
 #ifndef SAMPLE_FILES_H
 #define SAMPLE_FILES_H
 

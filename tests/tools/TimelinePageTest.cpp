@@ -1,4 +1,5 @@
 // The subcommand timeline: what it writes, and the page in a browser.
+#include "SampleFiles.h"
 #include "SampleLog.h"
 #include "ToolRun.h"
 
@@ -8,7 +9,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <unistd.h>
 
 using nlohmann::json;
@@ -19,13 +19,6 @@ namespace
 {
 const char LOG[] = "/tmp/sample.log";
 const char PAGE[] = "/tmp/page.html";
-
-std::string contentOf(const char* pszPath)
-{
-    std::ostringstream content;
-    content << std::ifstream(pszPath, std::ios::binary).rdbuf();
-    return content.str();
-}
 
 json timeline(const char* pszFormat = "html")
 {
@@ -46,14 +39,14 @@ bool browse(const std::string& strOptions)
 
 std::string browsedPage()
 {
-    EXPECT_TRUE(browse("--dump-dom >/tmp/dom.html")) << contentOf("/tmp/browser.err");
-    return contentOf("/tmp/dom.html");
+    EXPECT_TRUE(browse("--dump-dom >/tmp/dom.html")) << readFile("/tmp/browser.err");
+    return readFile("/tmp/dom.html");
 }
 
 // How many colours the picture of the page has.
 size_t coloursOfScreenshot()
 {
-    EXPECT_TRUE(browse("--screenshot=/tmp/page.png >/tmp/browser.out")) << contentOf("/tmp/browser.err");
+    EXPECT_TRUE(browse("--screenshot=/tmp/page.png >/tmp/browser.out")) << readFile("/tmp/browser.err");
     png_image image = {};
     image.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_file(&image, "/tmp/page.png"))
@@ -163,7 +156,7 @@ TEST(TimelineFile, NeedsNoNetwork)
 {
     writePlays(1, 1);
     timeline();
-    const std::string strPage = contentOf(PAGE);
+    const std::string strPage = readFile(PAGE);
     EXPECT_THAT(strPage, HasSubstr("default-src 'none'"));
     EXPECT_THAT(strPage, Not(HasSubstr("<script src")));
     EXPECT_THAT(strPage, Not(HasSubstr("<link")));
@@ -174,7 +167,7 @@ TEST(TimelineFile, PerfettoGetsNamesSlicesAndMarks)
 {
     writePlays(2, 3);
     timeline("perfetto");
-    const json trace = json::parse(contentOf(PAGE));
+    const json trace = json::parse(readFile(PAGE));
     size_t nPlays = 0, nCompletions = 0;
     std::set<std::string> names;
     for (const json& event : trace["traceEvents"])

@@ -1,6 +1,7 @@
 // CToolRun: the command zelmedia as a child process, as a user types it.
 #include "ToolRun.h"
 
+#include "SampleFiles.h"
 #include "WaitUntil.h"
 
 #include <chrono>
@@ -8,9 +9,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <pty.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -19,13 +18,6 @@
 
 namespace
 {
-std::string contentOf(const std::string& strPath)
-{
-    std::ostringstream content;
-    content << std::ifstream(strPath, std::ios::binary).rdbuf();
-    return content.str();
-}
-
 void redirect(const std::string& strPath, int nDescriptor)
 {
     const int nFile = open(strPath.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
@@ -112,14 +104,14 @@ int CToolRun::waitExit()
 std::string CToolRun::output()
 {
     if (m_nTerminal < 0)
-        return contentOf(m_strFolder + "/out");
+        return readFile(m_strFolder + "/out");
     readTerminal();
     return m_strTerminal;
 }
 
 std::string CToolRun::errors() const
 {
-    return contentOf(m_strFolder + "/err");
+    return readFile(m_strFolder + "/err");
 }
 
 void CToolRun::readTerminal()

@@ -136,7 +136,7 @@ TEST(LogFormat, UnknownConversionsAfterKnownOnesStartAgainWithAllArguments)
 
 TEST(LogFormat, BrokenConversionsAreWhateverTheCLibraryMakesOfThem)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
     GTEST_SKIP() << "the sanitizers end a program that uses them";
 #endif
     for (const char* const pszFormat :

@@ -21,7 +21,7 @@ using namespace faults;
 
 namespace
 {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZELMEDIA_ASAN)
 constexpr unsigned long DEFAULT_RUNS = 2; // which take ten times as long
 #else
 constexpr unsigned long DEFAULT_RUNS = 10;

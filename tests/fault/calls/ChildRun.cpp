@@ -20,7 +20,7 @@
 
 using namespace faults;
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZELMEDIA_ASAN)
 extern "C" int __lsan_do_recoverable_leak_check();
 #endif
 
@@ -124,7 +124,7 @@ bool live(const CScenarioEntry& entry, const CPlan& plan, CBoard& board)
         complain("no /tmp");
     if (!CChildRun::havePrivateTmp())
         removePipesAndLogs();
-#if defined(__SANITIZE_THREAD__)
+#if defined(ZELMEDIA_TSAN)
     std::thread([] {}).join(); // with the first one the sanitizer starts one of its own
 #endif
     const CUsage before;
@@ -140,7 +140,7 @@ bool live(const CScenarioEntry& entry, const CPlan& plan, CBoard& board)
         checkNothingLeft(before, *pScenario);
     }
     board.nBlocksLeft = CLibraryAllocations::blocks() - nBlocks;
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZELMEDIA_ASAN)
     if (__lsan_do_recoverable_leak_check())
         complain("memory is left");
 #endif

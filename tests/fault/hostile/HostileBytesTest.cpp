@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#if defined(ZELMEDIA_TSAN) || defined(ZELMEDIA_ASAN)
 static const uint64_t RECORDS = 50000;
 #else
 static const uint64_t RECORDS = 200000;

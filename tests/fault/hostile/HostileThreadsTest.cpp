@@ -80,7 +80,7 @@ protected:
     bool waitConnected() const;
 
     const uint64_t m_ullSeed = setting("ZELMEDIA_SEED", uint64_t{1});
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#if defined(ZELMEDIA_TSAN) || defined(ZELMEDIA_ASAN)
     const uint64_t m_ullRecords = setting("ZELMEDIA_RECORDS", uint64_t{100000}) / 5;
 #else
     const uint64_t m_ullRecords = setting("ZELMEDIA_RECORDS", uint64_t{400000}) / 5;

@@ -27,7 +27,7 @@ void PrintTo(End end, std::ostream* pStream)
     switch (end)
     {
     case End::Exit:
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
         _exit(0); // what other threads of the parent own would count as leaks
 #else
         exit(0);

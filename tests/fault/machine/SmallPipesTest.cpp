@@ -92,10 +92,10 @@ TEST_F(SmallPipes, CarryEverythingOfManyThreads)
     const CPipeEnd event(eventPipe());
     endPlaysAtOnce();
     const size_t CALLS = 20;
-    const size_t THREADS = 4;
+    const size_t CALLERS = 4;
     const size_t PLAYS = 5;
     std::vector<std::thread> vThreads;
-    for (size_t nThread = 0; nThread < THREADS; ++nThread)
+    for (size_t nThread = 0; nThread < CALLERS; ++nThread)
         vThreads.emplace_back([&, nThread] {
             for (size_t nCall = 0; nCall < CALLS; ++nCall)
             {
@@ -110,7 +110,7 @@ TEST_F(SmallPipes, CarryEverythingOfManyThreads)
         });
     for (std::thread& thread : vThreads)
         thread.join();
-    EXPECT_EQ(THREADS * CALLS * PLAYS, m_completions.count());
+    EXPECT_EQ(CALLERS * CALLS * PLAYS, m_completions.count());
     EXPECT_EQ(0u, m_pLog->count("(Error)"));
 }
 

@@ -8,7 +8,7 @@ using std::chrono::milliseconds;
 
 namespace
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
 const milliseconds MARGIN{7500};
 #else
 const milliseconds MARGIN{0};

@@ -137,7 +137,6 @@ private:
     uint64_t m_ullNextEntry = 0;
     CSimRandom* m_pRandom = nullptr;
     CSimScript* m_pScript = nullptr;
-    bool m_bInHandler = false;
 };
 
 // What happens next, chosen for the state that the model is in. In a completion handler only what an

@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 
-#if defined(__SANITIZE_THREAD__) // there is one thread
+#if defined(ZELMEDIA_TSAN) // there is one thread
 static const uint64_t RUNS = 500;
-#elif defined(__SANITIZE_ADDRESS__)
+#elif defined(ZELMEDIA_ASAN)
 static const uint64_t RUNS = 2000;
 #else
 static const uint64_t RUNS = 10000;

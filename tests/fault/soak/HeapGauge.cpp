@@ -61,7 +61,7 @@ const CHeapGauge& ownHeapGauge()
     return *s_pGauge;
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(ZELMEDIA_ASAN) && !defined(ZELMEDIA_TSAN)
 
 EXPORTED void* malloc(size_t nBytes)
 {

@@ -29,7 +29,7 @@ using CClock = std::chrono::steady_clock;
 
 const int THREADS = 4;
 const char GAUGE_FILE[] = "/tmp/heap-gauge";
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
 const bool MEMORY_TELLS = false; // freed memory is kept to find its use
 #else
 const bool MEMORY_TELLS = true;
