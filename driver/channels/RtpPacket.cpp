@@ -42,7 +42,7 @@ bool Skip(std::span<const std::uint8_t>& bytes, std::size_t nCount)
 bool SkipExtension(std::span<const std::uint8_t>& bytes)
 {
     constexpr std::size_t PREFIX_SIZE = 4;
-    return bytes.size() >= PREFIX_SIZE && Skip(bytes, PREFIX_SIZE + 4 * BigEndian(bytes.subspan(2, 2)));
+    return bytes.size() >= PREFIX_SIZE && Skip(bytes, PREFIX_SIZE + std::size_t{4} * BigEndian(bytes.subspan(2, 2)));
 }
 
 bool DropPadding(std::span<const std::uint8_t>& bytes)
@@ -79,7 +79,7 @@ std::optional<CRtpPacket> ParseRtpPacket(std::span<const std::uint8_t> bytes)
     packet.m_header.m_nSource = BigEndian(bytes.subspan(8, 4));
 
     packet.m_payload = bytes.subspan(RTP_HEADER_SIZE);
-    if (!Skip(packet.m_payload, 4 * (bytes[0] & SOURCE_COUNT_MASK)) ||
+    if (!Skip(packet.m_payload, std::size_t{4} * (bytes[0] & SOURCE_COUNT_MASK)) ||
         ((bytes[0] & EXTENSION) != 0 && !SkipExtension(packet.m_payload)) ||
         ((bytes[0] & PADDING) != 0 && !DropPadding(packet.m_payload)))
     {

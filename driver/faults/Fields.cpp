@@ -116,7 +116,7 @@ bool CFieldReader::Finish(std::string& strError)
 {
     for (const auto& item : m_object.items())
     {
-        if (m_setAsked.count(item.key()) == 0)
+        if (!m_setAsked.contains(item.key()))
         {
             Fail(fmt::format("\"{}\" has no meaning here", Printable(item.key())));
         }

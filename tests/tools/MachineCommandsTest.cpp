@@ -176,7 +176,7 @@ TEST(Status, ListsLivingAndEndedClients)
     const nlohmann::json living = clientIn(json, holder.processID());
     EXPECT_EQ(living["alive"], true);
     EXPECT_EQ(living["state"], "in use");
-    EXPECT_THAT(living["command"].get<std::string>(), HasSubstr("tool_machine"));
+    EXPECT_THAT(living["command"].get<std::string>(), HasSubstr("tool_test"));
     ASSERT_THAT(living["pipes"], SizeIs(2));
     EXPECT_EQ(living["pipes"][0]["kind"], "response");
     EXPECT_EQ(living["pipes"][1]["path"], pipePath("Evt", holder.processID()));
