@@ -6,22 +6,22 @@
 namespace
 {
 constexpr CCommandName NAMES[] = {
-    {MICMD_CONNECT, "connect", false},
-    {MICMD_DISCONNECT, "disconnect", false},
-    {MICMD_OPENFILE, "openfile", false},
-    {MICMD_CLOSEFILE, "closefile", false},
-    {MICMD_OPENSTREAM, "openstream", true},
-    {MICMD_CLOSESTREAM, "closestream", true},
-    {MICMD_PLAYCLIP, "playclip", true},
-    {MICMD_PLAYFILE, "playfile", true},
-    {MICMD_RECORDFILE, "recordfile", true},
-    {MICMD_CANCEL, "cancel", true},
-    {MICMD_PLAYGETSTATS, "playgetstats", true},
-    {MICMD_RECORDGETSTATS, "recordgetstats", true},
-    {MICMD_PING, "ping", false},
-    {MICMD_DUMP, "dump", false},
-    {MICMD_RECORDGETTIME, "recordgettime", true},
-    {MICMD_RECORDGETSTATUS, "recordgetstatus", true},
+    {"connect", MICMD_CONNECT, false},
+    {"disconnect", MICMD_DISCONNECT, false},
+    {"openfile", MICMD_OPENFILE, false},
+    {"closefile", MICMD_CLOSEFILE, false},
+    {"openstream", MICMD_OPENSTREAM, true},
+    {"closestream", MICMD_CLOSESTREAM, true},
+    {"playclip", MICMD_PLAYCLIP, true},
+    {"playfile", MICMD_PLAYFILE, true},
+    {"recordfile", MICMD_RECORDFILE, true},
+    {"cancel", MICMD_CANCEL, true},
+    {"playgetstats", MICMD_PLAYGETSTATS, true},
+    {"recordgetstats", MICMD_RECORDGETSTATS, true},
+    {"ping", MICMD_PING, false},
+    {"dump", MICMD_DUMP, false},
+    {"recordgettime", MICMD_RECORDGETTIME, true},
+    {"recordgetstatus", MICMD_RECORDGETSTATUS, true},
 };
 
 constexpr bool HasNoGaps()

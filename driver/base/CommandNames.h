@@ -9,8 +9,8 @@
 
 struct CCommandName
 {
-    MICMD m_micmd;
     const char* m_pName; // "playfile"
+    MICMD m_micmd;
     bool m_bNamesStream; // the request is about one stream, and thereby about a call id
 };
 

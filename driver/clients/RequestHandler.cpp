@@ -114,9 +114,9 @@ void CRequestHandler::Freeze(bool bOn)
     }
     std::deque<CClient::CRequest> connects;
     connects.swap(m_connects);
-    for (CClient::CRequest& request : connects)
+    for (const CClient::CRequest& request : connects)
     {
-        Connect(std::move(request)); // which may freeze it again
+        Connect(request); // which may freeze it again
     }
     std::vector<int> vConnectIDs;
     for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
@@ -141,9 +141,9 @@ void CRequestHandler::Run(CClient& client)
     client.m_bRunning = true;
     while (client.m_ullTicket == 0 && !client.m_requests.empty() && !client.m_bGone && !m_bFrozen)
     {
-        CClient::CRequest request = std::move(client.m_requests.front());
+        const CClient::CRequest request = client.m_requests.front();
         client.m_requests.pop_front();
-        Execute(client, std::move(request));
+        Execute(client, request);
     }
     client.m_bRunning = false;
 }
@@ -193,7 +193,7 @@ bool CRequestHandler::ActOnFault(CClient& client, CClient::CRequest& request)
     }
     if (action.m_bFreeze)
     {
-        client.m_requests.push_front(std::move(request));
+        client.m_requests.push_front(request);
         m_hooks.m_freeze(action.m_freezeFor);
         return true;
     }
@@ -232,7 +232,7 @@ void CRequestHandler::Connect(CClient::CRequest request)
     }
     if (m_bFrozen && m_connects.size() < CClient::MAX_WAITING_REQUESTS)
     {
-        m_connects.push_back(std::move(request));
+        m_connects.push_back(request);
         return;
     }
     m_bFrozen ? DropConnect(request.m_cmd, "too many wait") : AddClient(request.m_cmd, *request.m_action);

@@ -63,6 +63,9 @@ class TimelinePage : public testing::Test
 protected:
     void SetUp() override
     {
+#ifdef ZELMEDIA_ASAN
+        GTEST_SKIP() << "the browser draws the same page for the other builds";
+#endif
         if (access("/usr/bin/chromium", X_OK) != 0)
             GTEST_SKIP() << "there is no chromium here";
     }
