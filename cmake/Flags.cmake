@@ -8,14 +8,13 @@ if(ZELMEDIA_SANITIZE)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL Clang)
     message(FATAL_ERROR "Sanitizers need -DCMAKE_CXX_COMPILER=clang++, which compiles with them in half the time")
   endif()
-  add_compile_options(-fsanitize=${ZELMEDIA_SANITIZE} -fno-omit-frame-pointer)
+  add_compile_options(-fsanitize=${ZELMEDIA_SANITIZE} -fno-omit-frame-pointer
+    -fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/tests/support/sanitizers.ignore)
   set(ZELMEDIA_SANITIZE_LINK -fsanitize=${ZELMEDIA_SANITIZE})
   if(ZELMEDIA_SANITIZE MATCHES undefined)
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
-  if(ZELMEDIA_SANITIZE STREQUAL thread)
-    add_compile_options(-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/tests/support/tsan.ignore)
-  elseif(NOT ZELMEDIA_FUZZ)
+  if(NOT ZELMEDIA_SANITIZE STREQUAL thread AND NOT ZELMEDIA_FUZZ)
     add_compile_options(-fno-sanitize=vptr) # needs a pipe for each look, and some tests leave no descriptor
     # A library of its own is ready before programs that have an allocator of theirs.
     execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=lib/linux OUTPUT_VARIABLE sanitizers

@@ -2,11 +2,15 @@
 #ifndef DURATION_H
 #define DURATION_H
 
-#include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <optional>
 #include <string>
+
+namespace CLI
+{
+class App;
+class Option;
+} // namespace CLI
 
 using CMilliseconds = std::chrono::milliseconds;
 

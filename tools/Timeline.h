@@ -8,7 +8,6 @@
 
 #include <map>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -121,11 +120,5 @@ private:
 // The whole page, and the whole trace.
 std::string timelinePage(const CTimeline& timeline, const std::string& strLogName);
 std::string perfettoTrace(const CTimeline& timeline);
-
-// What the build has put into the program: page.html, timeline.css, timeline.js, echarts.min.js.
-std::string_view timelineTemplate();
-std::string_view timelineStyle();
-std::string_view timelineScript();
-std::string_view timelineCharts();
 
 #endif

@@ -1,5 +1,5 @@
 // What the build puts into the program for the page of a timeline.
-#include "Timeline.h"
+#include "TimelineAssets.h"
 
 // Assembled, not compiled: half a megabyte as an array would take the compiler longer than all of this folder.
 #define ZELMEDIA_ASSET(NAME, FILE)                                                                                     \

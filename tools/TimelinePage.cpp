@@ -1,6 +1,7 @@
 // The page of a timeline: a template, filled with what was counted and what is to be drawn.
 #include "LogTime.h"
 #include "Timeline.h"
+#include "TimelineAssets.h"
 
 #include <algorithm>
 #include <array>
