@@ -69,7 +69,7 @@ bool CDriver::AddFaults(std::string& strError)
         std::string strReason;
         if (!ParseWordList(strFault, rule, strReason) || !m_faults.Add(rule, strReason))
         {
-            strError = "--fault " + strFault + ": " + strReason;
+            strError.assign("--fault ").append(strFault).append(": ").append(strReason);
             return false;
         }
     }

@@ -39,13 +39,33 @@ const char* const CTL_EXAMPLES = "Examples:\n"
                                  "  zelmedia-driver ctl fault do=refuse on=playfile nth=3\n"
                                  "  zelmedia-driver ctl --control /run/zelmedia/driver.sock clients";
 
-const std::map<std::string, ESpeed> SPEEDS = {{"realtime", ESpeed::RealTime}, {"max", ESpeed::Max}};
-const std::map<std::string, bool> CALLER_ENDS = {{"stop", false}, {"silence", true}};
-const std::map<std::string, ELogFormat> LOG_FORMATS = {{"text", ELogFormat::Text}, {"json", ELogFormat::Json}};
-const std::map<std::string, spdlog::level::level_enum> LOG_LEVELS = {
-    {"debug", spdlog::level::debug}, {"info", spdlog::level::info}, {"warning", spdlog::level::warn},
-    {"error", spdlog::level::err},   {"off", spdlog::level::off},
-};
+// Functions, as they take memory, which may fail before main is there to say so.
+const std::map<std::string, ESpeed>& Speeds()
+{
+    static const std::map<std::string, ESpeed> speeds = {{"realtime", ESpeed::RealTime}, {"max", ESpeed::Max}};
+    return speeds;
+}
+
+const std::map<std::string, bool>& CallerEnds()
+{
+    static const std::map<std::string, bool> ends = {{"stop", false}, {"silence", true}};
+    return ends;
+}
+
+const std::map<std::string, ELogFormat>& LogFormats()
+{
+    static const std::map<std::string, ELogFormat> formats = {{"text", ELogFormat::Text}, {"json", ELogFormat::Json}};
+    return formats;
+}
+
+const std::map<std::string, spdlog::level::level_enum>& LogLevels()
+{
+    static const std::map<std::string, spdlog::level::level_enum> levels = {
+        {"debug", spdlog::level::debug}, {"info", spdlog::level::info}, {"warning", spdlog::level::warn},
+        {"error", spdlog::level::err},   {"off", spdlog::level::off},
+    };
+    return levels;
+}
 
 class CCtlFormatter : public CLI::Formatter
 {
@@ -77,11 +97,11 @@ void AddServeOptions(CLI::App& app, COptions& options, CChoices& choices)
         ->check(existingFile);
     app.add_option("--speed", choices.m_strSpeed, "max is as fast as possible; default: realtime")
         ->type_name("SPEED")
-        ->check(CLI::IsMember(SPEEDS));
+        ->check(CLI::IsMember(Speeds()));
     app.add_option("--caller-end", choices.m_strCallerEnd,
                    "whether a recording ends with the caller's file or goes on with silence; default: stop")
         ->type_name("WHAT")
-        ->check(CLI::IsMember(CALLER_ENDS));
+        ->check(CLI::IsMember(CallerEnds()));
     app.add_option("--fault", options.m_vstrFaults, "misbehave like this, for tests of clients; may be repeated")
         ->type_name("RULE")
         ->allow_extra_args(false);
@@ -89,10 +109,10 @@ void AddServeOptions(CLI::App& app, COptions& options, CChoices& choices)
         ->type_name("FILE");
     app.add_option("--log-level", choices.m_strLogLevel, "the least important lines that are logged; default: info")
         ->type_name("LEVEL")
-        ->check(CLI::IsMember(LOG_LEVELS));
+        ->check(CLI::IsMember(LogLevels()));
     app.add_option("--log-format", choices.m_strLogFormat, "json is one object per line; default: text")
         ->type_name("FORMAT")
-        ->check(CLI::IsMember(LOG_FORMATS));
+        ->check(CLI::IsMember(LogFormats()));
 }
 
 void AddControlOption(CLI::App& app, COptions& options, const char* pDescription)
@@ -171,9 +191,9 @@ std::optional<int> ParseOptions(int nArguments, const char* const* ppArguments, 
     {
         return app.exit(error) == 0 ? 0 : 2;
     }
-    options.m_eSpeed = SPEEDS.at(choices.m_strSpeed);
-    options.m_bSilenceAfterCaller = CALLER_ENDS.at(choices.m_strCallerEnd);
-    options.m_eLogFormat = LOG_FORMATS.at(choices.m_strLogFormat);
-    options.m_eLogLevel = LOG_LEVELS.at(choices.m_strLogLevel);
+    options.m_eSpeed = Speeds().at(choices.m_strSpeed);
+    options.m_bSilenceAfterCaller = CallerEnds().at(choices.m_strCallerEnd);
+    options.m_eLogFormat = LogFormats().at(choices.m_strLogFormat);
+    options.m_eLogLevel = LogLevels().at(choices.m_strLogLevel);
     return std::nullopt;
 }

@@ -123,7 +123,7 @@ try
     const Clock::time_point start = Clock::now();
     for (CZelMediaStream* const pStream : vStreams)
         load.start(pStream);
-    while (load.active() > 0 && Clock::now() < start + std::chrono::seconds(std::atol(argv[2])))
+    while (load.active() > 0 && Clock::now() < start + std::chrono::seconds(std::strtol(argv[2], nullptr, 10)))
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     const double dSeconds = std::chrono::duration<double>(Clock::now() - start).count();
     const unsigned long nPlayed = load.played();

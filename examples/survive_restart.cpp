@@ -90,18 +90,18 @@ bool isDriverLost(int nStatus)
 }
 
 void callAgainAndAgain(CZelMediaServices& services, CCaller& caller, const CPhraseBook& phrases,
-                       const std::string& strCallID, int nRounds)
+                       const std::string& strCallID, unsigned long ulRounds)
 {
     CZelMediaStream* pStream = nullptr;
     Clock::time_point lastGood = Clock::now();
-    for (int nRound = 1; nRound <= nRounds;)
+    for (unsigned long ulRound = 1; ulRound <= ulRounds;)
     {
         int nStatus = pStream ? MCS_OK : services.openMediaStream(&pStream, strCallID, LEG);
         if (nStatus == MCS_OK)
             nStatus = caller.play(*pStream, phrases);
         if (nStatus == MCS_OK)
         {
-            say("round " + std::to_string(nRound++) + ": played");
+            say("round " + std::to_string(ulRound++) + ": played");
             lastGood = Clock::now();
             continue;
         }
@@ -132,7 +132,7 @@ try
     CCaller caller; // outlives the services
     CZelMediaServices services(&caller);
     const CPhraseBook phrases(services, argv[1]); // its id stays good: the library opens the file at each driver
-    callAgainAndAgain(services, caller, phrases, argc > 3 ? argv[3] : "call", std::atoi(argv[2]));
+    callAgainAndAgain(services, caller, phrases, argc > 3 ? argv[3] : "call", std::strtoul(argv[2], nullptr, 10));
     return 0;
 }
 catch (const std::exception& exception) // OrvException, too
