@@ -20,7 +20,7 @@
 namespace
 {
 // The library connects once a second.
-const std::chrono::seconds CONNECT_LIMIT(10);
+constexpr std::chrono::seconds CONNECT_LIMIT(10);
 
 // Takes the lines of the library's listing; all others go nowhere.
 class CListing

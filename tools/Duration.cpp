@@ -1,6 +1,8 @@
 // Durations on the command line: 1.5s, 250ms, 2m, 1h; a plain number is seconds.
 #include "Duration.h"
 
+#include <CLI/CLI.hpp>
+
 #include <charconv>
 #include <cmath>
 #include <cstdio>

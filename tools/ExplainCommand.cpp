@@ -106,14 +106,15 @@ void printList()
         std::string strName = nameOf(entry);
         strName.resize(23, ' ');
         const std::string strNumber = std::to_string(entry.mcstatus);
-        printLine(std::string(4 - std::min<size_t>(strNumber.size(), 4), ' ') + strNumber + "  " + strName +
-                  entry.pszMeaning);
+        std::string strLine(4 - std::min<size_t>(strNumber.size(), 4), ' ');
+        printLine(strLine.append(strNumber).append("  ").append(strName).append(entry.pszMeaning));
     }
 }
 
 int runExplain(const CTool& tool, const std::vector<std::string>& vStatuses)
 {
     std::vector<CStatusEntry> vEntries;
+    vEntries.reserve(vStatuses.size());
     for (const std::string& strStatus : vStatuses)
         vEntries.push_back(entryOf(strStatus));
     if (tool.isJson())

@@ -22,12 +22,11 @@ sigset_t interrupts()
 }
 } // namespace
 
-CInterrupt::CInterrupt()
+CInterrupt::CInterrupt() : m_nWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     const sigset_t set = interrupts();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     m_nSignals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    m_nWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_nSignals < 0 || m_nWake < 0)
         throw std::system_error(errno, std::generic_category(), "no descriptors");
 }

@@ -18,11 +18,10 @@ constexpr CMilliseconds CHECK_INTERVAL(2000);
 class CUmaskForDriver
 {
 public:
-    CUmaskForDriver()
+    CUmaskForDriver() : m_nBefore(umask(0))
     {
         struct stat status = {};
         const bool bOtherUser = stat(MI_REQUEST_PIPE, &status) == 0 && status.st_uid != 0 && status.st_uid != geteuid();
-        m_nBefore = umask(0);
         if (!bOtherUser)
             umask(m_nBefore);
     }
@@ -54,7 +53,7 @@ void CChannelOptions::addTo(CLI::App& app)
 
 std::string driverPath(const std::string& strPath)
 {
-    const std::string strAbsolute = strPath.empty() ? "" : std::filesystem::absolute(strPath).lexically_normal();
+    std::string strAbsolute = strPath.empty() ? "" : std::filesystem::absolute(strPath).lexically_normal();
     if (strAbsolute.empty())
         throw CToolError(EXIT_CODE_USAGE, "a file name is not empty");
     if (strAbsolute.size() >= MI_FILE_NAME_SIZE)
@@ -104,7 +103,7 @@ CMediaSession::CMediaSession(const CChannelOptions& options)
 {
     {
         const CUmaskForDriver umaskForDriver;
-        m_pServices.reset(new CZelMediaServices(this)); // make_unique may not see the base
+        m_pServices.reset(new CZelMediaServices(this)); // NOLINT(modernize-make-unique): it may not see the base
     }
     connect(options);
 }

@@ -3,6 +3,8 @@
 
 #include "ToolError.h"
 
+#include <nlohmann/json.hpp>
+
 #include <filesystem>
 #include <map>
 

@@ -53,7 +53,7 @@ void checkNames(const CBuildOptions& options)
 std::string fileInIndex(const CBuildOptions& options)
 {
     const fs::path folder = fs::absolute(options.m_strIndex).lexically_normal().parent_path();
-    const std::string strFile = fs::absolute(options.m_strOutput).lexically_normal().lexically_relative(folder);
+    std::string strFile = fs::absolute(options.m_strOutput).lexically_normal().lexically_relative(folder);
     const std::string strProblem = problemOfName(strFile);
     if (!strProblem.empty())
         throw CToolError(EXIT_CODE_USAGE, options.m_strOutput + ": " + strProblem);
@@ -191,7 +191,7 @@ int check(const CTool& tool, const std::string& strIndex)
     for (const std::string& strProblem : vProblems)
     {
         if (!tool.isJson())
-            printLine(strIndex + ": " + strProblem);
+            printLine(std::string(strIndex).append(": ").append(strProblem));
     }
     return vProblems.empty() ? EXIT_CODE_OK : EXIT_CODE_FAILED;
 }

@@ -130,7 +130,7 @@ void CCommandLives::CProcessLives::complete(CThread& thread, const CLogLine& lin
 
 CCommandLives::CProcessLives::CLife CCommandLives::CProcessLives::completedLife(CThread& thread, const CLogLine& line)
 {
-    const CLife life = std::exchange(thread.m_reporting, nullptr);
+    CLife life = std::exchange(thread.m_reporting, nullptr);
     if (life && !life->m_bFinished && life->m_nStream == line.m_nStream)
         return life;
     if (m_bSeesObjects)
@@ -179,7 +179,7 @@ void CCommandLives::CProcessLives::dropStream(int nStream, const char* pszWhy, i
 
 CCommandLives::CProcessLives::CLife CCommandLives::CProcessLives::newLife(const CLogLine& line)
 {
-    const CLife life = std::make_shared<COpenLife>();
+    CLife life = std::make_shared<COpenLife>();
     life->m_nProcess = m_nProcess;
     life->m_llRequested = line.m_llTime;
     life->m_ullNumber = ++m_ullLives;

@@ -5,10 +5,11 @@
 #include <array>
 #include <cctype>
 #include <numeric>
+#include <string_view>
 
 namespace
 {
-const std::string PREFIX = "MCS_";
+constexpr std::string_view PREFIX = "MCS_";
 
 std::string upper(std::string strText)
 {
@@ -21,7 +22,7 @@ std::string upper(std::string strText)
 std::string fullName(const std::string& strName)
 {
     const std::string strUpper = upper(strName);
-    return strUpper.starts_with(PREFIX) ? strUpper : PREFIX + strUpper;
+    return strUpper.starts_with(PREFIX) ? strUpper : std::string(PREFIX) + strUpper;
 }
 
 // How many letters have to be put in, left out or changed.

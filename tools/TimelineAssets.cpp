@@ -7,10 +7,12 @@
     extern "C" __attribute__((visibility("hidden"))) const char NAME##_begin[];                                        \
     extern "C" __attribute__((visibility("hidden"))) const char NAME##_end[]
 
+// NOLINTBEGIN(hicpp-no-assembler)
 ZELMEDIA_ASSET(zelmedia_timeline_template, TIMELINE_FOLDER "/page.html");
 ZELMEDIA_ASSET(zelmedia_timeline_style, TIMELINE_FOLDER "/timeline.css");
 ZELMEDIA_ASSET(zelmedia_timeline_script, TIMELINE_FOLDER "/timeline.js");
 ZELMEDIA_ASSET(zelmedia_timeline_charts, ECHARTS_FOLDER "/echarts.min.js");
+// NOLINTEND(hicpp-no-assembler)
 
 std::string_view timelineTemplate()
 {
