@@ -58,9 +58,9 @@ public:
 private:
     void play(CZelMediaStream* pStream)
     {
-        const Clock::time_point start = Clock::now();
+        const Clock::time_point before = Clock::now();
         const int nStatus = pStream->playAddFile(&m_strFile[0], 0, TIMEOUT_S, 0, 0, 0);
-        count(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
+        count(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - before).count());
         if (nStatus == MCS_OK)
             return;
         ++m_nFailed;
