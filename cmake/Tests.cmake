@@ -22,7 +22,7 @@ function(zelmedia_test NAME)
   endif()
   target_precompile_headers(${NAME} REUSE_FROM ${ARG_HEADERS})
   if(ZELMEDIA_UNITY AND NOT ZELMEDIA_COVERAGE)
-    set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 16)
+    set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
     target_compile_options(${NAME} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>) # fixtures without a name
   endif()
   # ctest and the test discovery both start programs through this property.

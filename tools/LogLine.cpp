@@ -1,6 +1,8 @@
 // One line of the library's log: its head, and what its text says.
 #include "LogLine.h"
 
+#include "LogTime.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -277,14 +279,6 @@ void parseText(CLogLine& line)
         line.m_strvText = strvText;
     if (strv.substr(0, nName).find("(Error)") != std::string_view::npos)
         line.m_uKinds = line.m_uKinds == LOG_KIND_OTHER ? LOG_KIND_ERRORS : line.m_uKinds | LOG_KIND_ERRORS;
-}
-
-bool takeCharacter(std::string_view& strv, char c)
-{
-    if (strv.empty() || strv.front() != c)
-        return false;
-    strv.remove_prefix(1);
-    return true;
 }
 } // namespace
 

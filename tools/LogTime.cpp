@@ -22,14 +22,6 @@ bool takeDigits(std::string_view& strv, size_t nDigits, int& n)
     return true;
 }
 
-bool takeCharacter(std::string_view& strv, char c)
-{
-    if (strv.empty() || strv.front() != c)
-        return false;
-    strv.remove_prefix(1);
-    return true;
-}
-
 // Microseconds out of one to six digits.
 bool takeFraction(std::string_view& strv, int& nMicroseconds)
 {
@@ -71,6 +63,14 @@ int64_t takeTime(std::string_view& strv, bool bWhole)
     return (((llDays * 24 + nHour) * 60 + nMinute) * 60 + nSecond) * 1000000 + nMicroseconds;
 }
 } // namespace
+
+bool takeCharacter(std::string_view& strv, char c)
+{
+    if (strv.empty() || strv.front() != c)
+        return false;
+    strv.remove_prefix(1);
+    return true;
+}
 
 int64_t takeLogTime(std::string_view& strv)
 {

@@ -9,6 +9,9 @@
 // Times are microseconds since 1970 on the log's own clock, whatever its zone.
 const int64_t NO_TIME = INT64_MIN;
 
+// Takes a character from the front; false if another one, or nothing, stands there.
+bool takeCharacter(std::string_view& strv, char c);
+
 // Takes a whole time from the front; NO_TIME if there is none.
 int64_t takeLogTime(std::string_view& strv);
 
