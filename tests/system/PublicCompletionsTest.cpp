@@ -11,7 +11,7 @@ namespace
 {
 using CHandler = CZelMediaStreamCompletionHandler;
 
-size_t pipesOfThisProcess()
+size_t pipeNamesOfThisProcess()
 {
     const std::string strEnd = std::string("-p").append(std::to_string(getpid()));
     size_t nPipes = 0;
@@ -258,7 +258,7 @@ TEST_F(PublicCompletions, TwoServicesObjectsShareOneInterfaceAndRouteTheirOwnStr
 {
     CCompletions completionsSecond;
     CZelMediaServices second(&completionsSecond);
-    EXPECT_EQ(2u, pipesOfThisProcess());
+    EXPECT_EQ(2u, pipeNamesOfThisProcess());
     EXPECT_EQ(1u, threadsNamed("ZelMedia"));
 
     CZelMediaStream* const pFirst = openStream("call-1");
@@ -288,7 +288,7 @@ TEST_F(PublicCompletions, TwoServicesObjectsShareOneInterfaceAndRouteTheirOwnStr
 TEST_F(PublicCompletions, InterfaceOutlivesTheServicesObjectAndServesTheNextOne)
 {
     m_pServices.reset();
-    EXPECT_EQ(2u, pipesOfThisProcess());
+    EXPECT_EQ(2u, pipeNamesOfThisProcess());
     m_pServices = std::make_unique<CZelMediaServices>(&m_completions);
     CZelMediaStream* const pStream = openStream();
     EXPECT_EQ(MCS_OK, play(pStream));
