@@ -1,4 +1,4 @@
-# Command, driver and documents: what Packages.cmake installs of a 64-bit build only.
+# Command, driver and documents, as far as they are built: what Packages.cmake installs of a native build only.
 set(SHARE ${CMAKE_INSTALL_DATAROOTDIR})
 
 # Installs what a part of the tree may not have.
@@ -16,20 +16,21 @@ macro(install_manual NAME SECTION COMPONENT)
   endif()
 endmacro()
 
-install(TARGETS zelmedia RUNTIME COMPONENT zelmedia-tools)
-install_manual(zelmedia 1 zelmedia-tools)
-set(COMPLETIONS ${PACKAGING}/completions)
-install_if_there(${COMPLETIONS}/zelmedia.bash RENAME zelmedia
-  DESTINATION ${SHARE}/bash-completion/completions COMPONENT zelmedia-tools)
-install_if_there(${COMPLETIONS}/zelmedia.zsh RENAME _zelmedia
-  DESTINATION ${SHARE}/zsh/vendor-completions COMPONENT zelmedia-tools)
-install_if_there(${COMPLETIONS}/zelmedia.fish
-  DESTINATION ${SHARE}/fish/vendor_completions.d COMPONENT zelmedia-tools)
+if(zelmedia-tools IN_LIST COMPONENTS)
+  install(TARGETS zelmedia RUNTIME COMPONENT zelmedia-tools)
+  install_manual(zelmedia 1 zelmedia-tools)
+  set(COMPLETIONS ${PACKAGING}/completions)
+  install_if_there(${COMPLETIONS}/zelmedia.bash RENAME zelmedia
+    DESTINATION ${SHARE}/bash-completion/completions COMPONENT zelmedia-tools)
+  install_if_there(${COMPLETIONS}/zelmedia.zsh RENAME _zelmedia
+    DESTINATION ${SHARE}/zsh/vendor-completions COMPONENT zelmedia-tools)
+  install_if_there(${COMPLETIONS}/zelmedia.fish
+    DESTINATION ${SHARE}/fish/vendor_completions.d COMPONENT zelmedia-tools)
+  install_if_there(${PROJECT_SOURCE_DIR}/third_party/echarts/NOTICE
+    DESTINATION ${SHARE}/doc/zelmedia-tools COMPONENT zelmedia-tools)
+endif()
 
-install_if_there(${PROJECT_SOURCE_DIR}/third_party/echarts/NOTICE
-  DESTINATION ${SHARE}/doc/zelmedia-tools COMPONENT zelmedia-tools)
-
-if(NOT ZELMEDIA_DRIVER)
+if(zelmedia-driver IN_LIST COMPONENTS)
   install(TARGETS zelmedia-driver RUNTIME COMPONENT zelmedia-driver)
   install_manual(zelmedia-driver 8 zelmedia-driver)
   install(FILES ${PACKAGING}/systemd/zelmedia-driver.service

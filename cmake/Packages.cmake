@@ -1,7 +1,7 @@
 # What is installed and where, and the Debian packages made of it: scripts/build-packages.
 #
 # Each component is a package. The 32-bit build has the libraries only: driver, tools and documents are those
-# of the 64-bit one.
+# of the 64-bit one, and of a build without driver or tools there is no package of them.
 if(ZELMEDIA_SANITIZE OR ZELMEDIA_COVERAGE OR ZELMEDIA_FUZZ)
   return()
 endif()
@@ -9,20 +9,19 @@ include(CMakePackageConfigHelpers)
 
 set(PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
 set(STAGE ${CMAKE_BINARY_DIR}/packaging) # files that are made here
-if(ZELMEDIA_M32)
-  set(DEBIAN_ARCHITECTURE i386)
-  set(MULTIARCH i386-linux-gnu)
-  set(COMPONENTS libzelmedia1 libzelmedia-dev)
-else()
-  set(DEBIAN_ARCHITECTURE amd64)
-  set(MULTIARCH x86_64-linux-gnu)
-  set(COMPONENTS libzelmedia1 libzelmedia-dev zelmedia-tools zelmedia-doc)
-  if(NOT ZELMEDIA_DRIVER) # it is not of this build otherwise
-    list(APPEND COMPONENTS zelmedia-driver)
-  endif()
+set(COMPONENTS libzelmedia1 libzelmedia-dev)
+if(NOT ZELMEDIA_M32)
+  list(APPEND COMPONENTS zelmedia-doc)
+  foreach(program zelmedia-tools=zelmedia zelmedia-driver=zelmedia-driver)
+    string(REGEX MATCH "(.*)=(.*)" program ${program})
+    if(TARGET ${CMAKE_MATCH_2})
+      get_target_property(imported ${CMAKE_MATCH_2} IMPORTED) # is not of this build then
+      if(NOT imported)
+        list(APPEND COMPONENTS ${CMAKE_MATCH_1})
+      endif()
+    endif()
+  endforeach()
 endif()
-# Both widths stand side by side, with any prefix.
-set(CMAKE_INSTALL_LIBDIR lib/${MULTIARCH})
 include(GNUInstallDirs)
 
 # gzipped(FILE NAME): makes STAGE/NAME of FILE, the same bytes at each build.
@@ -53,7 +52,17 @@ install(EXPORT ZelMediaTargets NAMESPACE ZelMedia:: DESTINATION ${CONFIG_DIR} CO
 install(FILES ${STAGE}/ZelMediaConfig.cmake ${STAGE}/ZelMediaConfigVersion.cmake
   DESTINATION ${CONFIG_DIR} COMPONENT libzelmedia-dev)
 
-file(RELATIVE_PATH PREFIX_FROM_PKGCONFIG /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+# It can be moved with its prefix, unless its folders were named as they are.
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
+  set(PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+  set(PC_LIBDIR ${CMAKE_INSTALL_FULL_LIBDIR})
+  set(PC_INCLUDEDIR ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+else()
+  file(RELATIVE_PATH PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+  string(PREPEND PC_PREFIX "\${pcfiledir}/")
+  set(PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+  set(PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
 configure_file(cmake/zelmedia.pc.in ${STAGE}/zelmedia.pc @ONLY)
 install(FILES ${STAGE}/zelmedia.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT libzelmedia-dev)
 
@@ -76,7 +85,7 @@ add_custom_target(package-files ALL DEPENDS ${STAGED})
 
 # Fails when the libraries do not have the symbols that the list promises.
 add_custom_command(OUTPUT ${STAGE}/symbols
-  COMMAND ${PACKAGING}/make-symbols ${DEBIAN_ARCHITECTURE} ${PROJECT_VERSION} ${STAGE}/symbols
+  COMMAND ${PACKAGING}/make-symbols ${ZELMEDIA_ARCHITECTURE} ${PROJECT_VERSION} ${STAGE}/symbols
           $<TARGET_FILE:ZelMediaLib> $<TARGET_FILE:OrvLogLib>
   DEPENDS ZelMediaLib OrvLogLib ${PACKAGING}/make-symbols ${PACKAGING}/libzelmedia1.symbols VERBATIM)
 add_custom_target(package-symbols DEPENDS ${STAGE}/symbols)
