@@ -47,7 +47,7 @@ int openPipeForWriting(const char* pszPath)
 
 bool canTimeOut(MICMD micmd)
 {
-    return micmd > MICMD_NULL && micmd <= MICMD_RECORDGETSTATUS;
+    return commandInfo(micmd) != nullptr;
 }
 
 // Whether another event is likely to be there already: reading it at once saves a wait, which costs as

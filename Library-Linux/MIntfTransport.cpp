@@ -14,14 +14,10 @@ namespace
 const unsigned int RESPONSE_BUDGET_MS = 10000;
 const int MAX_RESPONSES_READ = 5;
 
-bool isPlayOrRecord(MICMD micmd)
-{
-    return micmd == MICMD_PLAYCLIP || micmd == MICMD_PLAYFILE || micmd == MICMD_RECORDFILE;
-}
-
 bool isImmediate(MICMD micmd)
 {
-    return micmd > MICMD_NULL && micmd <= MICMD_RECORDGETSTATUS && !isPlayOrRecord(micmd);
+    const CCommandInfo* pInfo = commandInfo(micmd);
+    return pInfo && !pInfo->m_bActive;
 }
 } // namespace
 

@@ -3,12 +3,6 @@
 
 namespace
 {
-const char* const aszMICMD[] = {"MICMD_NULL",           "MICMD_CONNECT",    "MICMD_DISCONNECT",  "MICMD_OPENFILE",
-                                "MICMD_CLOSEFILE",      "MICMD_OPENSTREAM", "MICMD_CLOSESTREAM", "MICMD_PLAYCLIP",
-                                "MICMD_PLAYFILE",       "MICMD_RECORDFILE", "MICMD_CANCEL",      "MICMD_PLAYGETSTATS",
-                                "MICMD_RECORDGETSTATS", "MICMD_PING",       "MICMD_DUMP",        "MICMD_RECORDGETTIME",
-                                "MICMD_RECORDGETSTATUS"};
-
 const char* const aszMIRSP[] = {"MIRSP_NULL",           "MIRSP_STATUS",        "MIRSP_CONNECT",
                                 "MIRSP_OPENFILE",       "MIRSP_OPENSTREAM",    "MIRSP_PLAYGETSTATS",
                                 "MIRSP_RECORDGETSTATS", "MIRSP_RECORDGETTIME", "MIRSP_RECORDGETSTATUS"};
@@ -24,7 +18,10 @@ template <size_t SIZE> const char* nameOf(const char* const (&aszNames)[SIZE], i
 
 const char* MICMDToString(MICMD micmd)
 {
-    return nameOf(aszMICMD, micmd, "MICMD unknown");
+    const CCommandInfo* pInfo = commandInfo(micmd);
+    if (pInfo)
+        return pInfo->m_pszName;
+    return micmd == MICMD_NULL ? "MICMD_NULL" : "MICMD unknown";
 }
 
 const char* MIRSPToString(MIRSP mirsp)

@@ -216,6 +216,74 @@ static_assert(offsetof(structMIEVT, s_mcstatus) == 12, "");
 // Several processes write into the request pipe: their records must never interleave.
 static_assert(sizeof(structMICMD) <= PIPE_BUF, "a record fits into one atomic write");
 
+// Which member of structMICMD's union a command fills.
+enum MICMD_BODY
+{
+    MIBODY_NONE,
+    MIBODY_CONNECT,
+    MIBODY_OPENFILE,
+    MIBODY_CLOSEFILE,
+    MIBODY_OPENSTREAM,
+    MIBODY_STREAM, // from here on the first field is nStreamID
+    MIBODY_PLAYCLIP,
+    MIBODY_PLAYFILE,
+    MIBODY_RECORDFILE,
+    MIBODY_CANCEL
+};
+
+// What is known of a command. An active one ends with an event, an immediate one with its response.
+struct CCommandInfo
+{
+    MICMD m_micmd;
+    const char* m_pszName;      // in log lines
+    const char* m_pszShortName; // in fault rules and statistics
+    MICMD_BODY m_eBody;
+    MIRSP m_mirsp; // of the response when it is done; a refusal is MIRSP_STATUS
+    bool m_bActive;
+};
+
+// All commands by ascending number, which begins at 1 and has no gaps.
+inline constexpr CCommandInfo aCommands[] = {
+    {MICMD_CONNECT, "MICMD_CONNECT", "connect", MIBODY_CONNECT, MIRSP_CONNECT, false},
+    {MICMD_DISCONNECT, "MICMD_DISCONNECT", "disconnect", MIBODY_NONE, MIRSP_STATUS, false},
+    {MICMD_OPENFILE, "MICMD_OPENFILE", "openfile", MIBODY_OPENFILE, MIRSP_OPENFILE, false},
+    {MICMD_CLOSEFILE, "MICMD_CLOSEFILE", "closefile", MIBODY_CLOSEFILE, MIRSP_STATUS, false},
+    {MICMD_OPENSTREAM, "MICMD_OPENSTREAM", "openstream", MIBODY_OPENSTREAM, MIRSP_OPENSTREAM, false},
+    {MICMD_CLOSESTREAM, "MICMD_CLOSESTREAM", "closestream", MIBODY_STREAM, MIRSP_STATUS, false},
+    {MICMD_PLAYCLIP, "MICMD_PLAYCLIP", "playclip", MIBODY_PLAYCLIP, MIRSP_STATUS, true},
+    {MICMD_PLAYFILE, "MICMD_PLAYFILE", "playfile", MIBODY_PLAYFILE, MIRSP_STATUS, true},
+    {MICMD_RECORDFILE, "MICMD_RECORDFILE", "recordfile", MIBODY_RECORDFILE, MIRSP_STATUS, true},
+    {MICMD_CANCEL, "MICMD_CANCEL", "cancel", MIBODY_CANCEL, MIRSP_STATUS, false},
+    {MICMD_PLAYGETSTATS, "MICMD_PLAYGETSTATS", "playgetstats", MIBODY_STREAM, MIRSP_PLAYGETSTATS, false},
+    {MICMD_RECORDGETSTATS, "MICMD_RECORDGETSTATS", "recordgetstats", MIBODY_STREAM, MIRSP_RECORDGETSTATS, false},
+    {MICMD_PING, "MICMD_PING", "ping", MIBODY_NONE, MIRSP_STATUS, false},
+    {MICMD_DUMP, "MICMD_DUMP", "dump", MIBODY_NONE, MIRSP_STATUS, false},
+    {MICMD_RECORDGETTIME, "MICMD_RECORDGETTIME", "recordgettime", MIBODY_STREAM, MIRSP_RECORDGETTIME, false},
+    {MICMD_RECORDGETSTATUS, "MICMD_RECORDGETSTATUS", "recordgetstatus", MIBODY_STREAM, MIRSP_RECORDGETSTATUS, false}};
+
+inline constexpr int32_t MICMD_COUNT = sizeof(aCommands) / sizeof(aCommands[0]);
+
+constexpr bool commandsHaveNoGaps()
+{
+    for (int32_t n = 0; n < MICMD_COUNT; ++n)
+        if (aCommands[n].m_micmd != n + 1)
+            return false;
+    return true;
+}
+static_assert(commandsHaveNoGaps(), "commandInfo finds a command by its number");
+
+// Null for a number that no command has.
+constexpr const CCommandInfo* commandInfo(int32_t nCommand)
+{
+    return nCommand >= 1 && nCommand <= MICMD_COUNT ? &aCommands[nCommand - 1] : nullptr;
+}
+
+// Whether the request is about one stream, and thereby about a call id.
+constexpr bool namesStream(const CCommandInfo& info)
+{
+    return info.m_eBody >= MIBODY_OPENSTREAM;
+}
+
 // The name of a code as it stands in log lines; "MICMD unknown" and the like for anything else.
 const char* MICMDToString(MICMD micmd);
 const char* MIRSPToString(MIRSP mirsp);
