@@ -121,10 +121,8 @@ void CMIntf::clearQueue(CQueueMap& mapQueue, int nStreamID, int bRecordOnly)
 void CMIntf::destroyList(CCommandList* plist, int bRecordOnly)
 {
     for (CCommand* const pcommand : *plist)
-    {
         if (!bRecordOnly || pcommand->m_cmd.s_micmd == MICMD_RECORDFILE)
             delete pcommand;
-    }
     delete plist;
 }
 

@@ -225,10 +225,8 @@ CMIntf::CDeadlineMap::iterator CMIntf::findDeadline(const CCommand* pcommand)
     if (pcommand->m_bEntered && m_nDeadlines == mmap.size() && pcommand->m_itDeadline->first == ullTick)
         return pcommand->m_itDeadline;
     for (auto it = mmap.lower_bound(ullTick); it != mmap.end() && it->first == ullTick; ++it)
-    {
         if (it->second == pcommand)
             return it;
-    }
     return mmap.end();
 }
 

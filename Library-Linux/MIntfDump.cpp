@@ -60,17 +60,13 @@ void CMIntf::dumpCommands()
 
     ZEL_TRACE(TRACE_INFO, LogLib_High, "-- m_mapCommandQueue");
     for (const auto& entry : m_mapCommandQueue)
-    {
         for (const CCommand* const pcommand : *entry.second)
             dumpCommand(entry.first, *pcommand);
-    }
     // The queued records go on without a heading, and show the number of play queues as their sid.
     const int nPlayQueues = static_cast<int>(m_mapCommandQueue.size());
     for (const auto& entry : m_mapCommandQueueRecord)
-    {
         for (const CCommand* const pcommand : *entry.second)
             dumpCommand(nPlayQueues, *pcommand);
-    }
 }
 
 void CMIntf::dumpCommand(int nStreamIDShown, const CCommand& command)

@@ -39,10 +39,8 @@ template <class T, class... ARGUMENTS> T* createOrNull(ARGUMENTS&&... arguments)
 void enlargePipe(int nDescriptor)
 {
     for (int nBytes = 4 << 20; nBytes > 64 << 10; nBytes /= 2)
-    {
         if (fcntl(nDescriptor, F_SETPIPE_SZ, nBytes) >= 0)
             return;
-    }
 }
 } // namespace
 
@@ -157,10 +155,8 @@ MCSTATUS CMIntf::finalize() NO_THREAD_SAFETY_ANALYSIS
         errno = 0;
         // A pipe too full for the record wakes the thread as well as the record would.
         if (sendEvent(&evt) == MCS_OK || errno == EAGAIN)
-        {
             while (loadUnlocked(m_bEventThreadRunning))
                 CPortable::Sleep(100);
-        }
         closeDescriptor(m_npipeEvt);
     }
 

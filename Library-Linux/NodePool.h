@@ -43,7 +43,6 @@ public:
     }
 
 private:
-
     node_type take(key_type key, mapped_type value)
     {
         node_type node = std::move(m_aNodes[--m_nNodes]);

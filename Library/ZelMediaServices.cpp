@@ -88,14 +88,14 @@ template <class INITIALIZE> int openStream(CZelMediaStream** ppStream, INITIALIZ
 
 int CZelMediaServices::openMediaStream(std::string strInDev, std::string strOutDev, CZelMediaStream** ppStream)
 {
-    return openStream(ppStream,
-                      [&](CZelMediaStream& stream) { return stream.initialize(m_pImpl, strInDev, strOutDev); });
+    return openStream(
+        ppStream, [&](CZelMediaStream& stream) { return stream.initialize(m_pImpl, strInDev, strOutDev); });
 }
 
 int CZelMediaServices::openMediaStream(CZelMediaStream** ppStream, std::string strCallID, unsigned long ulLegID)
 {
-    return openStream(ppStream,
-                      [&](CZelMediaStream& stream) { return stream.initialize(m_pImpl, strCallID, ulLegID); });
+    return openStream(
+        ppStream, [&](CZelMediaStream& stream) { return stream.initialize(m_pImpl, strCallID, ulLegID); });
 }
 
 void CZelMediaServices::closeMediaStream(CZelMediaStream* pStream)

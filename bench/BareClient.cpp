@@ -15,28 +15,28 @@ namespace
 // As large as the library makes its own.
 constexpr int EVENT_PIPE_BYTES = 4 << 20;
 
-[[noreturn]] void Fail(const std::string& strWhat)
+[[noreturn]] void fail(const std::string& strWhat)
 {
     throw std::runtime_error("bare client: " + strWhat + " (" + std::to_string(errno) + ")");
 }
 
-CFd MakePipe(const std::string& strPath)
+CFd makePipe(const std::string& strPath)
 {
     if (::mkfifo(strPath.c_str(), 0666) != 0)
-        Fail("no pipe " + strPath);
+        fail("no pipe " + strPath);
     CFd fd(::open(strPath.c_str(), O_RDWR | O_CLOEXEC));
-    if (!fd.IsOpen())
-        Fail("cannot open " + strPath);
+    if (!fd.isOpen())
+        fail("cannot open " + strPath);
     return fd;
 }
 
-void CopyName(char (&szName)[MI_PIPE_NAME_SIZE], const std::string& strName)
+void copyName(char (&szName)[MI_PIPE_NAME_SIZE], const std::string& strName)
 {
     std::snprintf(szName, sizeof(szName), "%s", strName.c_str());
 }
 } // namespace
 
-std::chrono::nanoseconds MonotonicNow()
+std::chrono::nanoseconds monotonicNow()
 {
     timespec now;
     ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -49,23 +49,23 @@ CBareClient::CBareClient()
     const std::string strName = std::to_string(::getpid()) + "-" + std::to_string(++nClients);
     m_strRspPipe = "/tmp/bare-rsp-" + strName;
     m_strEvtPipe = "/tmp/bare-evt-" + strName;
-    m_fdRsp = MakePipe(m_strRspPipe);
-    m_fdEvt = MakePipe(m_strEvtPipe);
-    ::fcntl(m_fdEvt.Get(), F_SETPIPE_SZ, EVENT_PIPE_BYTES);
+    m_fdRsp = makePipe(m_strRspPipe);
+    m_fdEvt = makePipe(m_strEvtPipe);
+    ::fcntl(m_fdEvt.get(), F_SETPIPE_SZ, EVENT_PIPE_BYTES);
     m_fdReq = CFd(::open(MI_REQUEST_PIPE, O_WRONLY | O_CLOEXEC));
 
-    structMICMD cmd = Request(MICMD_CONNECT);
-    CopyName(cmd.connect.szRspPipe, m_strRspPipe);
-    CopyName(cmd.connect.szEvtPipe, m_strEvtPipe);
-    m_nConnectID = Exchange(cmd).s_nConnectID;
+    structMICMD cmd = request(MICMD_CONNECT);
+    copyName(cmd.connect.szRspPipe, m_strRspPipe);
+    copyName(cmd.connect.szEvtPipe, m_strEvtPipe);
+    m_nConnectID = exchange(cmd).s_nConnectID;
 }
 
 CBareClient::~CBareClient()
 {
     try
     {
-        structMICMD cmd = Request(MICMD_DISCONNECT);
-        Exchange(cmd);
+        structMICMD cmd = request(MICMD_DISCONNECT);
+        exchange(cmd);
     }
     catch (const std::exception&)
     {
@@ -74,7 +74,7 @@ CBareClient::~CBareClient()
     ::unlink(m_strEvtPipe.c_str());
 }
 
-structMICMD CBareClient::Request(MICMD micmd) const
+structMICMD CBareClient::request(MICMD micmd) const
 {
     structMICMD cmd = {};
     cmd.s_micmd = micmd;
@@ -82,72 +82,72 @@ structMICMD CBareClient::Request(MICMD micmd) const
     return cmd;
 }
 
-void CBareClient::Write(structMICMD& cmd)
+void CBareClient::write(structMICMD& cmd)
 {
     cmd.nSequenceNo = ++m_nSequenceNo;
-    if (::write(m_fdReq.Get(), &cmd, sizeof(cmd)) != static_cast<ssize_t>(sizeof(cmd)))
-        Fail("cannot write a request");
+    if (::write(m_fdReq.get(), &cmd, sizeof(cmd)) != static_cast<ssize_t>(sizeof(cmd)))
+        fail("cannot write a request");
 }
 
-void CBareClient::ReadResponse(structMIRSP& rsp)
+void CBareClient::readResponse(structMIRSP& rsp)
 {
-    if (::read(m_fdRsp.Get(), &rsp, sizeof(rsp)) != static_cast<ssize_t>(sizeof(rsp)))
-        Fail("cannot read a response");
+    if (::read(m_fdRsp.get(), &rsp, sizeof(rsp)) != static_cast<ssize_t>(sizeof(rsp)))
+        fail("cannot read a response");
 }
 
-void CBareClient::ReadEvent(structMIEVT& evt)
+void CBareClient::readEvent(structMIEVT& evt)
 {
-    if (::read(m_fdEvt.Get(), &evt, sizeof(evt)) != static_cast<ssize_t>(sizeof(evt)))
-        Fail("cannot read an event");
+    if (::read(m_fdEvt.get(), &evt, sizeof(evt)) != static_cast<ssize_t>(sizeof(evt)))
+        fail("cannot read an event");
 }
 
-structMIRSP CBareClient::Exchange(structMICMD& cmd)
+structMIRSP CBareClient::exchange(structMICMD& cmd)
 {
     structMIRSP rsp;
-    Write(cmd);
-    ReadResponse(rsp);
+    write(cmd);
+    readResponse(rsp);
     return rsp;
 }
 
-void CBareClient::WriteEvent(const structMIEVT& evt)
+void CBareClient::writeEvent(const structMIEVT& evt)
 {
-    if (::write(m_fdEvt.Get(), &evt, sizeof(evt)) != static_cast<ssize_t>(sizeof(evt)))
-        Fail("cannot write an event");
+    if (::write(m_fdEvt.get(), &evt, sizeof(evt)) != static_cast<ssize_t>(sizeof(evt)))
+        fail("cannot write an event");
 }
 
-std::int32_t CBareClient::OpenStream()
+int32_t CBareClient::openStream()
 {
-    structMICMD cmd = Request(MICMD_OPENSTREAM);
-    return Exchange(cmd).s_nStreamID;
+    structMICMD cmd = request(MICMD_OPENSTREAM);
+    return exchange(cmd).s_nStreamID;
 }
 
-void CBareClient::CloseStream(std::int32_t nStreamID)
+void CBareClient::closeStream(int32_t nStreamID)
 {
-    structMICMD cmd = Request(MICMD_CLOSESTREAM);
+    structMICMD cmd = request(MICMD_CLOSESTREAM);
     cmd.stream.nStreamID = nStreamID;
-    Exchange(cmd);
+    exchange(cmd);
 }
 
-structMICMD CBareClient::Play(std::int32_t nStreamID, std::uint32_t nHowItEnds) const
+structMICMD CBareClient::play(int32_t nStreamID, uint32_t nHowItEnds) const
 {
-    structMICMD cmd = Request(MICMD_PLAYFILE);
+    structMICMD cmd = request(MICMD_PLAYFILE);
     cmd.playFile.nStreamID = nStreamID;
     cmd.playFile.nPlayParam = nHowItEnds;
     return cmd;
 }
 
-void CBareClient::Finish(int nConnectID, std::int32_t nStreamID)
+void CBareClient::finish(int nConnectID, int32_t nStreamID)
 {
-    structMICMD cmd = Request(PEER_FINISH);
+    structMICMD cmd = request(PEER_FINISH);
     const CPeerFinish finish = {nConnectID, nStreamID};
     std::memcpy(cmd.abBody, &finish, sizeof(finish));
-    Write(cmd);
+    write(cmd);
 }
 
-CPeerTimes CBareClient::AskTimes()
+CPeerTimes CBareClient::askTimes()
 {
-    structMICMD cmd = Request(PEER_TELL);
-    const structMIRSP rsp = Exchange(cmd);
+    structMICMD cmd = request(PEER_TELL);
+    const structMIRSP rsp = exchange(cmd);
     CPeerTimes times;
     std::memcpy(&times, rsp.abReserved, sizeof(times));
     return times;

@@ -10,7 +10,7 @@
 #include <string>
 
 // Time of CLOCK_MONOTONIC.
-std::chrono::nanoseconds MonotonicNow();
+std::chrono::nanoseconds monotonicNow();
 
 // Connected from construction on, through pipes of its own; any number may live side by side. Everything throws
 // std::runtime_error when a pipe fails. Each pipe is for one thread at a time.
@@ -23,27 +23,27 @@ public:
     CBareClient& operator=(const CBareClient&) = delete;
 
     // A request of this client, with its connection id.
-    structMICMD Request(MICMD micmd) const;
+    structMICMD request(MICMD micmd) const;
 
     // One write and one blocking read; the record is stamped with the next sequence number.
-    void Write(structMICMD& cmd);
-    void ReadResponse(structMIRSP& rsp);
-    void ReadEvent(structMIEVT& evt);
-    structMIRSP Exchange(structMICMD& cmd);
+    void write(structMICMD& cmd);
+    void readResponse(structMIRSP& rsp);
+    void readEvent(structMIEVT& evt);
+    structMIRSP exchange(structMICMD& cmd);
 
     // An event to itself, to wake whoever reads.
-    void WriteEvent(const structMIEVT& evt);
+    void writeEvent(const structMIEVT& evt);
 
-    std::int32_t OpenStream();
-    void CloseStream(std::int32_t nStreamID);
-    structMICMD Play(std::int32_t nStreamID, std::uint32_t nHowItEnds) const; // PEER_PLAY_...; a request to be sent
+    int32_t openStream();
+    void closeStream(int32_t nStreamID);
+    structMICMD play(int32_t nStreamID, uint32_t nHowItEnds) const; // PEER_PLAY_...; a request to be sent
 
-    int ConnectID() const { return m_nConnectID; }
-    int ResponseFd() const { return m_fdRsp.Get(); }
+    int connectId() const { return m_nConnectID; }
+    int responseFd() const { return m_fdRsp.get(); }
 
     // The peer's own commands, for the plays of any client.
-    void Finish(int nConnectID, std::int32_t nStreamID = 0); // 0: all held plays
-    CPeerTimes AskTimes();
+    void finish(int nConnectID, int32_t nStreamID = 0); // 0: all held plays
+    CPeerTimes askTimes();
 
 private:
     std::string m_strRspPipe;
@@ -52,7 +52,7 @@ private:
     CFd m_fdRsp;
     CFd m_fdEvt;
     int m_nConnectID = -1;
-    std::uint32_t m_nSequenceNo = 0;
+    uint32_t m_nSequenceNo = 0;
 };
 
 #endif

@@ -10,24 +10,24 @@
 
 namespace
 {
-template <class TOnce> std::chrono::nanoseconds Timed(std::int64_t nOperations, TOnce once)
+template <class TOnce> std::chrono::nanoseconds timed(int64_t nOperations, TOnce once)
 {
-    const auto start = MonotonicNow();
-    for (std::int64_t n = 0; n < nOperations; ++n)
+    const auto start = monotonicNow();
+    for (int64_t n = 0; n < nOperations; ++n)
         once();
-    return MonotonicNow() - start;
+    return monotonicNow() - start;
 }
 
 class CBareExchangeProbe : public CProbe
 {
 public:
-    std::chrono::nanoseconds Run(std::int64_t nOperations) override
+    std::chrono::nanoseconds run(int64_t nOperations) override
     {
-        structMICMD cmd = m_client.Request(MICMD_PING);
+        structMICMD cmd = m_client.request(MICMD_PING);
         structMIRSP rsp;
-        return Timed(nOperations, [&] {
-            m_client.Write(cmd);
-            m_client.ReadResponse(rsp);
+        return timed(nOperations, [&] {
+            m_client.write(cmd);
+            m_client.readResponse(rsp);
         });
     }
 
@@ -39,15 +39,15 @@ private:
 class CBareWaitingExchangeProbe : public CProbe
 {
 public:
-    std::chrono::nanoseconds Run(std::int64_t nOperations) override
+    std::chrono::nanoseconds run(int64_t nOperations) override
     {
-        structMICMD cmd = m_client.Request(MICMD_PING);
+        structMICMD cmd = m_client.request(MICMD_PING);
         structMIRSP rsp;
-        return Timed(nOperations, [&] {
-            m_client.Write(cmd);
-            pollfd entry = {m_client.ResponseFd(), POLLIN, 0};
+        return timed(nOperations, [&] {
+            m_client.write(cmd);
+            pollfd entry = {m_client.responseFd(), POLLIN, 0};
             ::poll(&entry, 1, 10000);
-            m_client.ReadResponse(rsp);
+            m_client.readResponse(rsp);
         });
     }
 
@@ -59,62 +59,62 @@ private:
 class CBarePlayProbe : public CProbe
 {
 public:
-    std::chrono::nanoseconds Run(std::int64_t nOperations) override
+    std::chrono::nanoseconds run(int64_t nOperations) override
     {
-        structMICMD cmd = m_client.Play(m_nStreamID, PEER_PLAY_AT_ONCE);
+        structMICMD cmd = m_client.play(m_nStreamID, PEER_PLAY_AT_ONCE);
         structMIRSP rsp;
         structMIEVT evt;
-        return Timed(nOperations, [&] {
-            m_client.Write(cmd);
-            m_client.ReadResponse(rsp);
-            m_client.ReadEvent(evt);
+        return timed(nOperations, [&] {
+            m_client.write(cmd);
+            m_client.readResponse(rsp);
+            m_client.readEvent(evt);
         });
     }
 
 private:
     CBareClient m_client;
-    const std::int32_t m_nStreamID = m_client.OpenStream();
+    const int32_t m_nStreamID = m_client.openStream();
 };
 
 // Reads the client's events on a thread of its own, and tells when so many have come.
 class CEventReader
 {
 public:
-    explicit CEventReader(CBareClient& client) : m_client(client), m_thread([this] { Read(); }) {}
+    explicit CEventReader(CBareClient& client) : m_client(client), m_thread([this] { read(); }) {}
     ~CEventReader()
     {
-        m_client.WriteEvent(structMIEVT{MIEVT_NULL, 0, 0, 0});
+        m_client.writeEvent(structMIEVT{MIEVT_NULL, 0, 0, 0});
         m_thread.join();
     }
     CEventReader(const CEventReader&) = delete;
     CEventReader& operator=(const CEventReader&) = delete;
 
     // Before the first of them can come.
-    void Expect(std::int64_t nEvents) { m_nLeft = nEvents; }
+    void expect(int64_t nEvents) { m_nLeft = nEvents; }
 
     // Returns when the last one was read.
-    std::chrono::nanoseconds Wait()
+    std::chrono::nanoseconds wait()
     {
-        m_finished.Wait();
+        m_finished.wait();
         return m_end;
     }
 
 private:
-    void Read()
+    void read()
     {
         structMIEVT evt;
-        for (m_client.ReadEvent(evt); evt.s_mievt == MIEVT_DONE; m_client.ReadEvent(evt))
+        for (m_client.readEvent(evt); evt.s_mievt == MIEVT_DONE; m_client.readEvent(evt))
         {
             if (--m_nLeft > 0)
                 continue;
-            m_end = MonotonicNow();
-            m_finished.Post();
+            m_end = monotonicNow();
+            m_finished.post();
         }
     }
 
     CBareClient& m_client;
     CSemaphore m_finished;
-    std::int64_t m_nLeft = 0;
+    int64_t m_nLeft = 0;
     std::chrono::nanoseconds m_end = {};
     std::thread m_thread;
 };
@@ -123,24 +123,24 @@ private:
 class CBarePlayAndWaitProbe : public CProbe
 {
 public:
-    std::chrono::nanoseconds Run(std::int64_t nOperations) override
+    std::chrono::nanoseconds run(int64_t nOperations) override
     {
-        structMICMD cmd = m_client.Play(m_nStreamID, PEER_PLAY_AT_ONCE);
+        structMICMD cmd = m_client.play(m_nStreamID, PEER_PLAY_AT_ONCE);
         structMIRSP rsp;
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
+        const auto start = monotonicNow();
+        for (int64_t n = 0; n < nOperations; ++n)
         {
-            m_reader.Expect(1);
-            m_client.Write(cmd);
-            m_client.ReadResponse(rsp);
-            m_reader.Wait();
+            m_reader.expect(1);
+            m_client.write(cmd);
+            m_client.readResponse(rsp);
+            m_reader.wait();
         }
-        return MonotonicNow() - start;
+        return monotonicNow() - start;
     }
 
 private:
     CBareClient m_client;
-    const std::int32_t m_nStreamID = m_client.OpenStream();
+    const int32_t m_nStreamID = m_client.openStream();
     CEventReader m_reader{m_client};
 };
 
@@ -151,35 +151,35 @@ public:
     explicit CBareStormProbe(int nStreams)
     {
         for (int nStream = 0; nStream < nStreams; ++nStream)
-            m_vStreams.push_back(m_client.OpenStream());
+            m_vStreams.push_back(m_client.openStream());
     }
 
-    std::chrono::nanoseconds Run(std::int64_t nOperations) override
+    std::chrono::nanoseconds run(int64_t nOperations) override
     {
-        const auto nStreams = static_cast<std::int64_t>(m_vStreams.size());
+        const auto nStreams = static_cast<int64_t>(m_vStreams.size());
         std::chrono::nanoseconds time = {};
-        std::int64_t nEvents = 0;
+        int64_t nEvents = 0;
         for (; nEvents < nOperations; nEvents += nStreams)
-            time += Storm();
+            time += storm();
         return time * nOperations / nEvents;
     }
 
 private:
-    std::chrono::nanoseconds Storm()
+    std::chrono::nanoseconds storm()
     {
-        for (const std::int32_t nStreamID : m_vStreams)
+        for (const int32_t nStreamID : m_vStreams)
         {
-            structMICMD cmd = m_client.Play(nStreamID, PEER_PLAY_HOLD);
-            m_client.Exchange(cmd);
+            structMICMD cmd = m_client.play(nStreamID, PEER_PLAY_HOLD);
+            m_client.exchange(cmd);
         }
-        m_reader.Expect(static_cast<std::int64_t>(m_vStreams.size()));
-        m_client.Finish(m_client.ConnectID());
-        const auto end = m_reader.Wait();
-        return end - std::chrono::nanoseconds(m_client.AskTimes().nBurst);
+        m_reader.expect(static_cast<int64_t>(m_vStreams.size()));
+        m_client.finish(m_client.connectId());
+        const auto end = m_reader.wait();
+        return end - std::chrono::nanoseconds(m_client.askTimes().nBurst);
     }
 
     CBareClient m_client;
-    std::vector<std::int32_t> m_vStreams;
+    std::vector<int32_t> m_vStreams;
     CEventReader m_reader{m_client};
 };
 
@@ -187,36 +187,40 @@ private:
 class CBareHandOverProbe : public CProbe
 {
 public:
-    std::chrono::nanoseconds Run(std::int64_t nOperations) override
+    std::chrono::nanoseconds run(int64_t nOperations) override
     {
-        structMICMD cmd = m_client.Play(m_nStreamID, PEER_PLAY_HAND_OVER);
+        structMICMD cmd = m_client.play(m_nStreamID, PEER_PLAY_HAND_OVER);
         structMIRSP rsp;
         structMIEVT evt;
-        for (std::int64_t n = 0; n <= nOperations; ++n)
+        for (int64_t n = 0; n <= nOperations; ++n)
         {
-            m_client.Write(cmd);
-            m_client.ReadResponse(rsp);
-            m_client.ReadEvent(evt);
+            m_client.write(cmd);
+            m_client.readResponse(rsp);
+            m_client.readEvent(evt);
         }
-        return std::chrono::nanoseconds(m_client.AskTimes().nHandOverSum);
+        return std::chrono::nanoseconds(m_client.askTimes().nHandOverSum);
     }
 
 private:
     CBareClient m_client;
-    const std::int32_t m_nStreamID = m_client.OpenStream();
+    const int32_t m_nStreamID = m_client.openStream();
 };
 } // namespace
 
-void AddBareProbes(CProbeTable& table)
+void addBareProbes(CProbeTable& table)
 {
-    table.Add("exchange/bare", [] { return std::make_unique<CBareExchangeProbe>(); });
-    table.Add("exchange/bare-poll", [] { return std::make_unique<CBareWaitingExchangeProbe>(); });
-    table.Add("play/bare", [] { return std::make_unique<CBarePlayProbe>(); });
-    table.Add("play/bare-wait", [] { return std::make_unique<CBarePlayAndWaitProbe>(); });
+    table.add(
+        "exchange/bare", [] { return std::make_unique<CBareExchangeProbe>(); });
+    table.add(
+        "exchange/bare-poll", [] { return std::make_unique<CBareWaitingExchangeProbe>(); });
+    table.add(
+        "play/bare", [] { return std::make_unique<CBarePlayProbe>(); });
+    table.add("play/bare-wait", [] { return std::make_unique<CBarePlayAndWaitProbe>(); });
     for (const int nStreams : {1, 100, 10000})
     {
-        table.Add("storm-" + std::to_string(nStreams) + "/bare",
-                  [nStreams] { return std::make_unique<CBareStormProbe>(nStreams); });
+        table.add(
+            "storm-" + std::to_string(nStreams) + "/bare",
+            [nStreams] { return std::make_unique<CBareStormProbe>(nStreams); });
     }
-    table.Add("handover/bare", [] { return std::make_unique<CBareHandOverProbe>(); });
+    table.add("handover/bare", [] { return std::make_unique<CBareHandOverProbe>(); });
 }

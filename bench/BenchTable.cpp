@@ -30,11 +30,11 @@ struct COptions
 struct CMeasurement
 {
     std::string m_strProbe;
-    std::int64_t m_nOperations = 0;
+    int64_t m_nOperations = 0;
 };
 
 // The rows' probes and their limits, each once.
-std::vector<CMeasurement> Measurements(const CSection& section, bool bNative)
+std::vector<CMeasurement> measurements(const CSection& section, bool bNative)
 {
     std::vector<CMeasurement> vMeasurements;
     std::set<std::string> setKnown;
@@ -43,10 +43,8 @@ std::vector<CMeasurement> Measurements(const CSection& section, bool bNative)
         if (row.m_bNativeOnly && !bNative)
             continue;
         for (const std::string& strProbe : {row.m_strLimit, row.m_strProbe})
-        {
             if (!strProbe.empty() && setKnown.insert(strProbe).second)
                 vMeasurements.push_back({strProbe, row.m_nOperations});
-        }
     }
     return vMeasurements;
 }
@@ -64,17 +62,15 @@ public:
         for (const Run& run : vRuns)
         {
             const std::string& strName = run.run_name.function_name;
-            const std::size_t nSlash = strName.find('/');
+            const size_t nSlash = strName.find('/');
             for (CWidth& width : m_vWidths)
-            {
                 if (width.m_strName == strName.substr(0, nSlash) && run.run_type == Run::RT_Iteration)
-                    Keep(width, strName.substr(nSlash + 1), run);
-            }
+                    keep(width, strName.substr(nSlash + 1), run);
         }
     }
 
 private:
-    static void Keep(CWidth& width, const std::string& strProbe, const Run& run)
+    static void keep(CWidth& width, const std::string& strProbe, const Run& run)
     {
         if (run.error_occurred)
             width.m_mapErrors.emplace(strProbe, run.error_message); // the first one tells most
@@ -86,7 +82,7 @@ private:
     std::vector<CWidth>& m_vWidths;
 };
 
-void RegisterProbe(CWorkerProcess& worker, const std::string& strWidth, const CMeasurement& measurement, bool bQuick,
+void registerProbe(CWorkerProcess& worker, const std::string& strWidth, const CMeasurement& measurement, bool bQuick,
                    int nRepetitions)
 {
     const std::string strProbe = measurement.m_strProbe;
@@ -96,7 +92,7 @@ void RegisterProbe(CWorkerProcess& worker, const std::string& strWidth, const CM
             {
                 try
                 {
-                    const auto time = worker.Run(strProbe, state.max_iterations);
+                    const auto time = worker.run(strProbe, state.max_iterations);
                     state.SetIterationTime(std::chrono::duration<double>(time).count());
                 }
                 catch (const std::exception& exception)
@@ -113,7 +109,7 @@ void RegisterProbe(CWorkerProcess& worker, const std::string& strWidth, const CM
         pBenchmark->MinTime(bQuick ? 0.01 : 0.03);
 }
 
-void SetInterleaving(bool bRandom)
+void setInterleaving(bool bRandom)
 {
     std::vector<std::string> vstrArguments = {"bench-table", std::string("--benchmark_enable_random_interleaving=") +
                                                                  (bRandom ? "true" : "false")};
@@ -124,7 +120,7 @@ void SetInterleaving(bool bRandom)
     benchmark::Initialize(&nArguments, vpArguments.data());
 }
 
-void Measure(const CSection& section, std::vector<CWidth>& vWidths, const COptions& options)
+void measure(const CSection& section, std::vector<CWidth>& vWidths, const COptions& options)
 {
     int nRepetitions = options.m_bQuick ? std::min(options.m_nRepetitions, 7) : options.m_nRepetitions;
     if (section.m_nRepetitions > 0)
@@ -133,38 +129,38 @@ void Measure(const CSection& section, std::vector<CWidth>& vWidths, const COptio
     for (CWidth& width : vWidths)
     {
         width.m_vFigures.emplace_back();
-        const std::vector<CMeasurement> vMeasurements = Measurements(section, width.m_strName == "amd64");
+        const std::vector<CMeasurement> vMeasurements = measurements(section, width.m_strName == "amd64");
         if (vMeasurements.empty())
             continue;
         vpWorkers.push_back(std::make_unique<CWorkerProcess>(options.m_programs, width.m_strWorker));
         for (const CMeasurement& measurement : vMeasurements)
-            RegisterProbe(*vpWorkers.back(), width.m_strName, measurement, options.m_bQuick, nRepetitions);
+            registerProbe(*vpWorkers.back(), width.m_strName, measurement, options.m_bQuick, nRepetitions);
     }
-    SetInterleaving(!section.m_bInTurn);
+    setInterleaving(!section.m_bInTurn);
     CCollector collector(vWidths);
     benchmark::RunSpecifiedBenchmarks(&collector, "all");
     benchmark::ClearRegisteredBenchmarks();
 }
 
-std::vector<CWidth> Widths(const COptions& options)
+std::vector<CWidth> widths(const COptions& options)
 {
     std::vector<CWidth> vWidths;
     for (const std::string& strWorker : options.m_vstrWorkers)
     {
-        const std::size_t nEqual = strWorker.find('=');
+        const size_t nEqual = strWorker.find('=');
         vWidths.push_back({strWorker.substr(0, nEqual), strWorker.substr(nEqual + 1), {}, {}});
     }
     return vWidths;
 }
 
-std::vector<CSection> Sections(const COptions& options)
+std::vector<CSection> sections(const COptions& options)
 {
     std::vector<CSection> vSections;
-    AddExchangeRows(vSections);
-    AddEventRows(vSections);
-    AddLogRows(vSections);
-    AddGrowthRows(vSections);
-    AddPeerRows(vSections);
+    addExchangeRows(vSections);
+    addEventRows(vSections);
+    addLogRows(vSections);
+    addGrowthRows(vSections);
+    addPeerRows(vSections);
     std::erase_if(vSections, [&options](const CSection& section) {
         return !section.m_vRows.front().m_strProbe.starts_with(options.m_strOnly);
     });
@@ -172,7 +168,7 @@ std::vector<CSection> Sections(const COptions& options)
 }
 
 // Away from the core of what is measured.
-void MoveAside()
+void moveAside()
 {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -181,29 +177,27 @@ void MoveAside()
         std::fputs("bench-table: there is no second core to stay away on\n", stderr);
 }
 
-int Run(const COptions& options)
+int run(const COptions& options)
 {
-    MoveAside();
-    const std::vector<CSection> vSections = Sections(options);
+    moveAside();
+    const std::vector<CSection> vSections = sections(options);
     if (vSections.empty())
         throw std::runtime_error("no section's first probe begins with " + options.m_strOnly);
-    std::vector<CWidth> vWidths = Widths(options);
+    std::vector<CWidth> vWidths = widths(options);
     for (const CSection& section : vSections)
     {
         const auto start = std::chrono::steady_clock::now();
         std::fprintf(stderr, "measuring %-26s", section.m_vRows.front().m_strProbe.c_str());
-        Measure(section, vWidths, options);
+        measure(section, vWidths, options);
         const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
         std::fprintf(stderr, " %6.1f s\n", time.count());
     }
-    PrintTable(vSections, vWidths);
+    printTable(vSections, vWidths);
     if (!options.m_strJson.empty())
-        WriteJson(options.m_strJson, vSections, vWidths);
+        writeJson(options.m_strJson, vSections, vWidths);
     for (const CWidth& width : vWidths)
-    {
         for (const auto& [strProbe, strError] : width.m_mapErrors)
             std::fprintf(stderr, "%s, %s: %s\n", width.m_strName.c_str(), strProbe.c_str(), strError.c_str());
-    }
     return std::any_of(vWidths.begin(), vWidths.end(), [](const CWidth& width) { return !width.m_mapErrors.empty(); })
                ? EXIT_FAILURE
                : EXIT_SUCCESS;
@@ -226,7 +220,7 @@ int main(int nArguments, char** ppArguments)
     CLI11_PARSE(app, nArguments, ppArguments);
     try
     {
-        return Run(options);
+        return run(options);
     }
     catch (const std::exception& exception)
     {

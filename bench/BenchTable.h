@@ -20,8 +20,8 @@ struct CWidth
 };
 
 // Prints all rows, and whether the goals are met.
-void PrintTable(const std::vector<CSection>& vSections, const std::vector<CWidth>& vWidths);
+void printTable(const std::vector<CSection>& vSections, const std::vector<CWidth>& vWidths);
 
-void WriteJson(const std::string& strPath, const std::vector<CSection>& vSections, const std::vector<CWidth>& vWidths);
+void writeJson(const std::string& strPath, const std::vector<CSection>& vSections, const std::vector<CWidth>& vWidths);
 
 #endif

@@ -18,11 +18,11 @@ namespace
 struct CRequest
 {
     int m_nOperation;
-    std::int64_t m_nTimes;
+    int64_t m_nTimes;
 };
 
 // A figure, or "!" and what went wrong.
-std::string Answer(const CMeasuringChild::Measure& measure, const CRequest& request)
+std::string answer(const CMeasuringChild::Measure& measure, const CRequest& request)
 {
     try
     {
@@ -34,20 +34,20 @@ std::string Answer(const CMeasuringChild::Measure& measure, const CRequest& requ
     }
 }
 
-void Serve(const CFd& fd, const std::function<CMeasuringChild::Measure()>& makeMeasure)
+void serve(const CFd& fd, const std::function<CMeasuringChild::Measure()>& makeMeasure)
 {
     CMeasuringChild::Measure measure;
     CRequest request = {};
-    while (::recv(fd.Get(), &request, sizeof(request), 0) == static_cast<ssize_t>(sizeof(request)))
+    while (::recv(fd.get(), &request, sizeof(request), 0) == static_cast<ssize_t>(sizeof(request)))
     {
-        const std::string strAnswer = Answer(
-            [&](int nOperation, std::int64_t nTimes) {
+        const std::string strAnswer = answer(
+            [&](int nOperation, int64_t nTimes) {
                 if (!measure)
                     measure = makeMeasure();
                 return measure(nOperation, nTimes);
             },
             request);
-        ::send(fd.Get(), strAnswer.data(), strAnswer.size(), MSG_NOSIGNAL);
+        ::send(fd.get(), strAnswer.data(), strAnswer.size(), MSG_NOSIGNAL);
     }
     delete g_pmintf; // the peer is to know that the streams of this process are gone
 }
@@ -76,16 +76,16 @@ CChildProcess::~CChildProcess()
     if (m_nProcess <= 0)
         return;
     ::kill(m_nProcess, SIGKILL);
-    WaitEnd();
+    waitEnd();
 }
 
-void CChildProcess::WaitEnd()
+void CChildProcess::waitEnd()
 {
     ::waitpid(m_nProcess, nullptr, 0);
     m_nProcess = -1;
 }
 
-CMeasuringChild::CSockets CMeasuringChild::MakeSockets()
+CMeasuringChild::CSockets CMeasuringChild::makeSockets()
 {
     if (g_pmintf)
         throw std::runtime_error("a process with a library in it cannot have measuring children");
@@ -96,31 +96,31 @@ CMeasuringChild::CSockets CMeasuringChild::MakeSockets()
 }
 
 CMeasuringChild::CMeasuringChild(const std::function<Measure()>& makeMeasure)
-    : m_sockets(MakeSockets()), m_child([this, &makeMeasure] {
-          m_sockets.m_fdParent.Close();
-          Serve(m_sockets.m_fdChild, makeMeasure);
+    : m_sockets(makeSockets()), m_child([this, &makeMeasure] {
+          m_sockets.m_fdParent.close();
+          serve(m_sockets.m_fdChild, makeMeasure);
       })
 {
-    m_sockets.m_fdChild.Close();
+    m_sockets.m_fdChild.close();
 }
 
-std::int64_t CMeasuringChild::Run(int nOperation, std::int64_t nTimes)
+int64_t CMeasuringChild::run(int nOperation, int64_t nTimes)
 {
     const CRequest request = {nOperation, nTimes};
     std::array<char, 256> answer;
-    ::send(m_sockets.m_fdParent.Get(), &request, sizeof(request), MSG_NOSIGNAL);
-    const ssize_t nBytes = ::recv(m_sockets.m_fdParent.Get(), answer.data(), answer.size(), 0);
+    ::send(m_sockets.m_fdParent.get(), &request, sizeof(request), MSG_NOSIGNAL);
+    const ssize_t nBytes = ::recv(m_sockets.m_fdParent.get(), answer.data(), answer.size(), 0);
     if (nBytes <= 0)
         throw std::runtime_error("a measuring child is gone");
-    const std::string strAnswer(answer.data(), static_cast<std::size_t>(nBytes));
+    const std::string strAnswer(answer.data(), static_cast<size_t>(nBytes));
     if (strAnswer.front() == '!')
         throw std::runtime_error(strAnswer.substr(1));
     return std::stoll(strAnswer);
 }
 
-void CMeasuringChild::End()
+void CMeasuringChild::end()
 {
     // Other children may have the socket, too: closing it would not tell.
-    ::shutdown(m_sockets.m_fdParent.Get(), SHUT_WR);
-    m_child.WaitEnd();
+    ::shutdown(m_sockets.m_fdParent.get(), SHUT_WR);
+    m_child.waitEnd();
 }

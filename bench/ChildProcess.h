@@ -18,7 +18,7 @@ public:
     CChildProcess(const CChildProcess&) = delete;
     CChildProcess& operator=(const CChildProcess&) = delete;
 
-    void WaitEnd();
+    void waitEnd();
 
 private:
     pid_t m_nProcess;
@@ -29,16 +29,16 @@ class CMeasuringChild
 {
 public:
     // Returns what the operation took; throws std::runtime_error when it fails.
-    using Measure = std::function<std::int64_t(int nOperation, std::int64_t nTimes)>;
+    using Measure = std::function<int64_t(int nOperation, int64_t nTimes)>;
 
     // The child calls makeMeasure once, with the first request.
     explicit CMeasuringChild(const std::function<Measure()>& makeMeasure);
 
     // Has it measured in the child. Throws std::runtime_error with what the child has thrown.
-    std::int64_t Run(int nOperation, std::int64_t nTimes);
+    int64_t run(int nOperation, int64_t nTimes);
 
     // Waits until the child has disconnected its library and ended.
-    void End();
+    void end();
 
 private:
     struct CSockets
@@ -46,7 +46,7 @@ private:
         CFd m_fdParent;
         CFd m_fdChild;
     };
-    static CSockets MakeSockets();
+    static CSockets makeSockets();
 
     CSockets m_sockets;
     CChildProcess m_child;

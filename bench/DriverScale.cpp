@@ -27,69 +27,59 @@ namespace
 {
 using Json = nlohmann::ordered_json;
 
-constexpr std::uint16_t REMOTE_PORT = 20000;
+constexpr uint16_t REMOTE_PORT = 20000;
 constexpr int RTP_CHANNELS = 2000;
 constexpr const char* SOCKET = "/tmp/scale.sock";
 
-void Require(bool bOk, const char* pWhat)
+void require(bool bOk, const char* pWhat)
 {
     if (!bOk)
-    {
         throw std::runtime_error(pWhat);
-    }
 }
 
-void PinThread(pid_t nThread, int nCpu)
+void pinThread(pid_t nThread, int nCpu)
 {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(static_cast<unsigned>(nCpu), &set);
-    Require(::sched_setaffinity(nThread, sizeof(set), &set) == 0, "cannot pin a thread to a core");
+    require(::sched_setaffinity(nThread, sizeof(set), &set) == 0, "cannot pin a thread to a core");
 }
 
-void PinProcess(pid_t nProcess, int nCpu)
+void pinProcess(pid_t nProcess, int nCpu)
 {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(nProcess) + "/task"))
-    {
-        PinThread(std::stoi(entry.path().filename()), nCpu);
-    }
+        pinThread(std::stoi(entry.path().filename()), nCpu);
 }
 
-std::chrono::nanoseconds CpuTime(pid_t nProcess)
+std::chrono::nanoseconds cpuTime(pid_t nProcess)
 {
     clockid_t clock = 0;
     timespec time = {};
-    Require(::clock_getcpuclockid(nProcess, &clock) == 0 && ::clock_gettime(clock, &time) == 0,
+    require(::clock_getcpuclockid(nProcess, &clock) == 0 && ::clock_gettime(clock, &time) == 0,
             "the driver has no processor clock");
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 // Of all processor time that the process has used, how much the kernel used for it.
-double KernelShare(pid_t nProcess)
+double kernelShare(pid_t nProcess)
 {
     std::ifstream stat("/proc/" + std::to_string(nProcess) + "/stat");
     std::string strField;
     double dUser = 0.0;
     double dKernel = 0.0;
     for (int nField = 1; nField <= 13; ++nField)
-    {
         stat >> strField;
-    }
     stat >> dUser >> dKernel;
     return dUser + dKernel > 0.0 ? dKernel / (dUser + dKernel) : 0.0;
 }
 
 // Memory of its own, without that of mapped files.
-std::size_t AnonymousBytes(pid_t nProcess)
+size_t anonymousBytes(pid_t nProcess)
 {
     std::ifstream status("/proc/" + std::to_string(nProcess) + "/status");
     for (std::string strLine; std::getline(status, strLine);)
-    {
         if (strLine.starts_with("RssAnon:"))
-        {
             return std::stoul(strLine.substr(std::strlen("RssAnon:"))) * 1024;
-        }
-    }
     throw std::runtime_error("the driver's memory cannot be told");
 }
 
@@ -106,16 +96,16 @@ public:
             sockaddr_in address = {};
             address.sin_family = AF_INET;
             address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            address.sin_port = htons(static_cast<std::uint16_t>(REMOTE_PORT + nSink));
+            address.sin_port = htons(static_cast<uint16_t>(REMOTE_PORT + nSink));
             sockaddr generic = {};
             std::memcpy(&generic, &address, sizeof(generic));
-            Require(::bind(m_vfdSinks.back().Get(), &generic, sizeof(address)) == 0, "cannot bind a far end");
+            require(::bind(m_vfdSinks.back().get(), &generic, sizeof(address)) == 0, "cannot bind a far end");
             epoll_event event = {};
             event.events = EPOLLIN;
-            event.data.fd = m_vfdSinks.back().Get();
-            Require(::epoll_ctl(m_fdEpoll.Get(), EPOLL_CTL_ADD, event.data.fd, &event) == 0, "cannot watch a far end");
+            event.data.fd = m_vfdSinks.back().get();
+            require(::epoll_ctl(m_fdEpoll.get(), EPOLL_CTL_ADD, event.data.fd, &event) == 0, "cannot watch a far end");
         }
-        m_thread = std::thread([this] { Run(); });
+        m_thread = std::thread([this] { run(); });
     }
     ~CSinks()
     {
@@ -125,30 +115,25 @@ public:
     CSinks(const CSinks&) = delete;
     CSinks& operator=(const CSinks&) = delete;
 
-    std::uint64_t Packets() const { return m_ullPackets; }
+    uint64_t packets() const { return m_ullPackets; }
 
 private:
-    void Run()
+    void run()
     {
         std::array<epoll_event, 256> events;
         std::array<char, 2048> abPacket;
         while (!m_bStop)
         {
-            const int nEvents = ::epoll_wait(m_fdEpoll.Get(), events.data(), static_cast<int>(events.size()), 100);
+            const int nEvents = ::epoll_wait(m_fdEpoll.get(), events.data(), static_cast<int>(events.size()), 100);
             for (int nEvent = 0; nEvent < nEvents; ++nEvent)
-            {
-                while (::recv(events[static_cast<std::size_t>(nEvent)].data.fd, abPacket.data(), abPacket.size(), 0) >
-                       0)
-                {
+                while (::recv(events[static_cast<size_t>(nEvent)].data.fd, abPacket.data(), abPacket.size(), 0) > 0)
                     ++m_ullPackets;
-                }
-            }
         }
     }
 
     CFd m_fdEpoll;
     std::vector<CFd> m_vfdSinks;
-    std::atomic<std::uint64_t> m_ullPackets = 0;
+    std::atomic<uint64_t> m_ullPackets = 0;
     std::atomic<bool> m_bStop = false;
     std::thread m_thread;
 };
@@ -161,39 +146,37 @@ public:
         : m_driver({"--channels", "/tmp/scale.json", "--control", SOCKET, "--log", "/tmp/scale.log", "--log-level",
                     "warning"})
     {
-        Require(m_driver.WaitReady(), "the driver does not start");
-        PinProcess(m_driver.ProcessID(), 0);
-        Require(m_client.Connect(), "the driver does not answer");
+        require(m_driver.waitReady(), "the driver does not start");
+        pinProcess(m_driver.processId(), 0);
+        require(m_client.connect(), "the driver does not answer");
     }
 
-    void Open(const std::string& strCall, int nCount, int nFirstLeg = 0)
+    void open(const std::string& strCall, int nCount, int nFirstLeg = 0)
     {
         for (int nLeg = nFirstLeg; nLeg < nFirstLeg + nCount; ++nLeg)
         {
-            m_vStreams.push_back(m_client.OpenStream(strCall, static_cast<std::uint32_t>(nLeg)));
-            Require(m_vStreams.back() != 0, "a channel cannot be opened");
+            m_vStreams.push_back(m_client.openStream(strCall, static_cast<uint32_t>(nLeg)));
+            require(m_vStreams.back() != 0, "a channel cannot be opened");
         }
     }
 
-    void Play()
+    void play()
     {
-        const int nFile = m_client.OpenFile("/tmp/clip.ul");
-        Require(nFile != 0, "the clip cannot be opened");
+        const int nFile = m_client.openFile("/tmp/clip.ul");
+        require(nFile != 0, "the clip cannot be opened");
         for (const int nStream : m_vStreams)
-        {
-            Require(m_client.PlayClip(nStream, nFile, 0, 0xFFFFFFFF), "a play cannot be started");
-        }
+            require(m_client.playClip(nStream, nFile, 0, 0xFFFFFFFF), "a play cannot be started");
     }
 
-    std::size_t Memory() const { return AnonymousBytes(m_driver.ProcessID()); }
-    double Kernel() const { return KernelShare(m_driver.ProcessID()); }
-    std::chrono::nanoseconds Cpu() const { return CpuTime(m_driver.ProcessID()); }
+    size_t memory() const { return anonymousBytes(m_driver.processId()); }
+    double kernel() const { return kernelShare(m_driver.processId()); }
+    std::chrono::nanoseconds cpu() const { return cpuTime(m_driver.processId()); }
 
-    Json Statistics() const
+    Json statistics() const
     {
         const std::string strCommand =
             ZELMEDIA_DRIVER_PROGRAM + std::string(" ctl --control ") + SOCKET + " stats > /tmp/scale-stats.json";
-        Require(std::system(strCommand.c_str()) == 0, "the driver does not tell its statistics");
+        require(std::system(strCommand.c_str()) == 0, "the driver does not tell its statistics");
         std::ifstream file("/tmp/scale-stats.json");
         return Json::parse(file).at("stats");
     }
@@ -211,14 +194,14 @@ struct CRow
     double m_dCpuPercent = 0.0;
     double m_dKernelPercent = 0.0; // of the processor time
     double m_dMicroseconds = 0.0;  // of processor time for a second of one channel
-    std::uint64_t m_ullTicks = 0;
-    std::uint64_t m_ullLate = 0; // by more than 5 ms
+    uint64_t m_ullTicks = 0;
+    uint64_t m_ullLate = 0; // by more than 5 ms
     double m_dMaxLateMs = 0.0;
     double m_dMaxDurationMs = 0.0;
-    std::uint64_t m_ullPackets = 0; // that arrived, of those expected
-    std::uint64_t m_ullExpected = 0;
+    uint64_t m_ullPackets = 0; // that arrived, of those expected
+    uint64_t m_ullExpected = 0;
 
-    double OnTimePercent() const
+    double onTimePercent() const
     {
         return m_ullTicks == 0 ? 0.0
                                : 100.0 * static_cast<double>(m_ullTicks - m_ullLate) / static_cast<double>(m_ullTicks);
@@ -226,16 +209,16 @@ struct CRow
 };
 
 // Plays on all channels of the scene for some time.
-CRow Measure(CScene& scene, const std::string& strName, int nChannels, int nRtpChannels, const CSinks* pSinks,
+CRow measure(CScene& scene, const std::string& strName, int nChannels, int nRtpChannels, const CSinks* pSinks,
              std::chrono::seconds time)
 {
-    scene.Play();
-    const Json before = scene.Statistics().at("ticks");
-    const auto cpuBefore = scene.Cpu();
-    const std::uint64_t ullPackets = pSinks != nullptr ? pSinks->Packets() : 0;
+    scene.play();
+    const Json before = scene.statistics().at("ticks");
+    const auto cpuBefore = scene.cpu();
+    const uint64_t ullPackets = pSinks != nullptr ? pSinks->packets() : 0;
     std::this_thread::sleep_for(time);
-    const auto cpu = scene.Cpu() - cpuBefore;
-    const Json after = scene.Statistics().at("ticks");
+    const auto cpu = scene.cpu() - cpuBefore;
+    const Json after = scene.statistics().at("ticks");
 
     CRow row;
     row.m_strName = strName;
@@ -243,34 +226,32 @@ CRow Measure(CScene& scene, const std::string& strName, int nChannels, int nRtpC
     const double dSeconds = std::chrono::duration<double>(time).count();
     row.m_dCpuPercent = std::chrono::duration<double>(cpu).count() / dSeconds * 100.0;
     row.m_dMicroseconds = std::chrono::duration<double, std::micro>(cpu).count() / dSeconds / nChannels;
-    row.m_dKernelPercent = scene.Kernel() * 100.0;
-    row.m_ullTicks = after.at("count").get<std::uint64_t>() - before.at("count").get<std::uint64_t>();
-    row.m_ullLate = after.at("late").get<std::uint64_t>() - before.at("late").get<std::uint64_t>();
+    row.m_dKernelPercent = scene.kernel() * 100.0;
+    row.m_ullTicks = after.at("count").get<uint64_t>() - before.at("count").get<uint64_t>();
+    row.m_ullLate = after.at("late").get<uint64_t>() - before.at("late").get<uint64_t>();
     row.m_dMaxLateMs = after.at("lateness").at("max_ms").get<double>();
     row.m_dMaxDurationMs = after.at("duration").at("max_ms").get<double>();
-    row.m_ullPackets = pSinks != nullptr ? pSinks->Packets() - ullPackets : 0;
-    row.m_ullExpected = row.m_ullTicks * static_cast<std::uint64_t>(nRtpChannels);
+    row.m_ullPackets = pSinks != nullptr ? pSinks->packets() - ullPackets : 0;
+    row.m_ullExpected = row.m_ullTicks * static_cast<uint64_t>(nRtpChannels);
     return row;
 }
 
 // Bytes that the driver has in use more for each of so many open channels.
-double IdleBytes(const std::string& strCall, int nChannels)
+double idleBytes(const std::string& strCall, int nChannels)
 {
     CScene scene;
-    scene.Open(strCall, 100); // what comes once
-    const std::size_t nBefore = scene.Memory();
-    scene.Open(strCall, nChannels, 100);
-    return static_cast<double>(scene.Memory() - nBefore) / nChannels;
+    scene.open(strCall, 100); // what comes once
+    const size_t nBefore = scene.memory();
+    scene.open(strCall, nChannels, 100);
+    return static_cast<double>(scene.memory() - nBefore) / nChannels;
 }
 
-void WriteFiles()
+void writeFiles()
 {
     // Ten minutes; the plays outlast every run.
     std::ofstream clip("/tmp/clip.ul", std::ios::binary);
     for (int nSample = 0; nSample < 600 * 8000; ++nSample)
-    {
         clip.put(static_cast<char>(nSample * 7));
-    }
     std::ofstream table("/tmp/scale.json");
     table << R"({"channels": [
         {"call": "null*", "type": "null"},
@@ -280,14 +261,14 @@ void WriteFiles()
          "remote": "127.0.0.1:20000", "remotePortStep": 1}]})";
 }
 
-std::vector<CRow> MeasureAll(std::chrono::seconds time)
+std::vector<CRow> measureAll(std::chrono::seconds time)
 {
     std::vector<CRow> vRows;
     for (const int nChannels : {100, 1000, 5000})
     {
         CScene scene;
-        scene.Open("null", nChannels);
-        vRows.push_back(Measure(scene, "null", nChannels, 0, nullptr, time));
+        scene.open("null", nChannels);
+        vRows.push_back(measure(scene, "null", nChannels, 0, nullptr, time));
     }
     for (const char* pSockets : {"shared", "own"})
     {
@@ -296,24 +277,24 @@ std::vector<CRow> MeasureAll(std::chrono::seconds time)
             const CSinks sinks(RTP_CHANNELS);
             CScene scene;
             const int nNull = bNull ? 5000 : 0;
-            scene.Open("null", nNull);
-            scene.Open(pSockets, RTP_CHANNELS);
+            scene.open("null", nNull);
+            scene.open(pSockets, RTP_CHANNELS);
             const std::string strName =
                 std::string(bNull ? "null + " : "") + "rtp, " + pSockets + " socket" + (pSockets[0] == 'o' ? "s" : "");
-            vRows.push_back(Measure(scene, strName, nNull + RTP_CHANNELS, RTP_CHANNELS, &sinks, time));
+            vRows.push_back(measure(scene, strName, nNull + RTP_CHANNELS, RTP_CHANNELS, &sinks, time));
         }
     }
     return vRows;
 }
 
-void Print(const std::vector<CRow>& vRows)
+void print(const std::vector<CRow>& vRows)
 {
     std::printf("%-26s %8s %8s %7s %9s %9s %10s %10s %8s\n", "playing at once", "channels", "core", "kernel",
                 "us/chan/s", "on time", "latest", "longest", "packets");
     for (const CRow& row : vRows)
     {
         std::printf("%-26s %8d %7.1f%% %6.0f%% %9.2f %8.3f%% %7.2f ms %7.2f ms", row.m_strName.c_str(), row.m_nChannels,
-                    row.m_dCpuPercent, row.m_dKernelPercent, row.m_dMicroseconds, row.OnTimePercent(), row.m_dMaxLateMs,
+                    row.m_dCpuPercent, row.m_dKernelPercent, row.m_dMicroseconds, row.onTimePercent(), row.m_dMaxLateMs,
                     row.m_dMaxDurationMs);
         if (row.m_ullExpected > 0)
         {
@@ -324,7 +305,7 @@ void Print(const std::vector<CRow>& vRows)
     }
 }
 
-bool Goal(const char* pText, double dValue, double dLimit, const char* pUnit, bool bAtLeast = false)
+bool goal(const char* pText, double dValue, double dLimit, const char* pUnit, bool bAtLeast = false)
 {
     const bool bMet = bAtLeast ? dValue >= dLimit : dValue <= dLimit;
     std::printf("%-62s %10.3f %s (goal: %s %g): %s\n", pText, dValue, pUnit, bAtLeast ? "at least" : "at most", dLimit,
@@ -332,7 +313,7 @@ bool Goal(const char* pText, double dValue, double dLimit, const char* pUnit, bo
     return bMet;
 }
 
-Json ToJson(const CRow& row)
+Json toJson(const CRow& row)
 {
     return {{"name", row.m_strName},
             {"channels", row.m_nChannels},
@@ -354,19 +335,19 @@ int main(int nArguments, char** ppArguments)
     try
     {
         const std::chrono::seconds time(nArguments > 1 ? std::stoi(ppArguments[1]) : 20);
-        PinThread(0, 1);
-        WriteFiles();
-        const std::vector<CRow> vRows = MeasureAll(time);
-        const double dNull = IdleBytes("null", 5000);
-        const double dRtp = IdleBytes("own", RTP_CHANNELS);
-        Print(vRows);
-        Goal("ticks at most 5 ms late, 5000 null + 2000 rtp (shared socket)", vRows[4].OnTimePercent(), 99.9, "%",
+        pinThread(0, 1);
+        writeFiles();
+        const std::vector<CRow> vRows = measureAll(time);
+        const double dNull = idleBytes("null", 5000);
+        const double dRtp = idleBytes("own", RTP_CHANNELS);
+        print(vRows);
+        goal("ticks at most 5 ms late, 5000 null + 2000 rtp (shared socket)", vRows[4].onTimePercent(), 99.9, "%",
              true);
-        Goal("ticks at most 5 ms late, 5000 null + 2000 rtp (own sockets)", vRows[6].OnTimePercent(), 99.9, "%", true);
-        Goal("processor time of a null channel among 5000, to one among 100",
+        goal("ticks at most 5 ms late, 5000 null + 2000 rtp (own sockets)", vRows[6].onTimePercent(), 99.9, "%", true);
+        goal("processor time of a null channel among 5000, to one among 100",
              vRows[2].m_dMicroseconds / vRows[0].m_dMicroseconds, 1.2, "times");
-        Goal("memory of an idle null channel", dNull, 2048, "bytes");
-        Goal("memory of an idle rtp channel with a socket of its own", dRtp, 2048, "bytes");
+        goal("memory of an idle null channel", dNull, 2048, "bytes");
+        goal("memory of an idle rtp channel with a socket of its own", dRtp, 2048, "bytes");
         std::printf(
             "limit: the core. At this rate %.0f rtp channels with a shared socket fill it, or %.0f with their own; "
             "%.0f %% and %.0f %% of that time the kernel sends.\n",
@@ -376,9 +357,7 @@ int main(int nArguments, char** ppArguments)
         {
             Json json = {{"seconds", time.count()}, {"idle_null_bytes", dNull}, {"idle_rtp_bytes", dRtp}};
             for (const CRow& row : vRows)
-            {
-                json["rows"].push_back(ToJson(row));
-            }
+                json["rows"].push_back(toJson(row));
             std::ofstream(ppArguments[2]) << json.dump(2) << '\n';
         }
         return 0;

@@ -15,30 +15,30 @@ class CCompletionCounter : public CLibraryUnderTest::CListener
 {
 public:
     // Before the first of them can come.
-    void Expect(std::int64_t nCompletions) { m_nLeft = nCompletions; }
+    void expect(int64_t nCompletions) { m_nLeft = nCompletions; }
 
     // Returns when the last one came.
-    std::chrono::nanoseconds Wait()
+    std::chrono::nanoseconds wait()
     {
-        m_finished.Wait();
+        m_finished.wait();
         if (m_bFailed)
             throw std::runtime_error("a play failed");
         return m_end;
     }
 
 private:
-    void OnCompletion(CZelMediaStream*, MCSTATUS mcstatus) override
+    void onCompletion(CZelMediaStream*, MCSTATUS mcstatus) override
     {
         if (mcstatus != MCS_OK)
             m_bFailed = true;
         if (--m_nLeft > 0)
             return;
-        m_end = MonotonicNow();
-        m_finished.Post();
+        m_end = monotonicNow();
+        m_finished.post();
     }
 
     CSemaphore m_finished;
-    std::int64_t m_nLeft = 0;
+    int64_t m_nLeft = 0;
     std::chrono::nanoseconds m_end = {};
     bool m_bFailed = false;
 };
@@ -47,11 +47,11 @@ private:
 class CStreams
 {
 public:
-    static std::shared_ptr<CStreams> Share(int nStreams)
+    static std::shared_ptr<CStreams> share(int nStreams)
     {
         static std::weak_ptr<CStreams> pShared;
         std::shared_ptr<CStreams> pStreams = pShared.lock();
-        if (!pStreams || pStreams->m_vpStreams.size() != static_cast<std::size_t>(nStreams))
+        if (!pStreams || pStreams->m_vpStreams.size() != static_cast<size_t>(nStreams))
             pStreams = std::make_shared<CStreams>(nStreams);
         pShared = pStreams;
         return pStreams;
@@ -60,20 +60,20 @@ public:
     explicit CStreams(int nStreams)
     {
         for (int nStream = 0; nStream < nStreams; ++nStream)
-            m_vpStreams.push_back(m_library.OpenStream());
+            m_vpStreams.push_back(m_library.openStream());
     }
     ~CStreams()
     {
         for (CZelMediaStream* const pStream : m_vpStreams)
-            m_library.CloseStream(pStream);
+            m_library.closeStream(pStream);
     }
     CStreams(const CStreams&) = delete;
     CStreams& operator=(const CStreams&) = delete;
 
-    const std::vector<CZelMediaStream*>& All() const { return m_vpStreams; }
+    const std::vector<CZelMediaStream*>& all() const { return m_vpStreams; }
 
 private:
-    CLibraryUnderTest& m_library = CLibraryUnderTest::Get();
+    CLibraryUnderTest& m_library = CLibraryUnderTest::get();
     std::vector<CZelMediaStream*> m_vpStreams;
 };
 
@@ -81,28 +81,28 @@ private:
 class CStormProbe : public CLibraryProbe
 {
 public:
-    CStormProbe(ETrace trace, int nStreams) : CLibraryProbe(trace), m_pStreams(CStreams::Share(nStreams)) {}
+    CStormProbe(ETrace trace, int nStreams) : CLibraryProbe(trace), m_pStreams(CStreams::share(nStreams)) {}
 
 private:
-    std::chrono::nanoseconds Measure(std::int64_t nOperations) override
+    std::chrono::nanoseconds measure(int64_t nOperations) override
     {
         const CListening listening(m_library, m_counter);
-        const auto nStreams = static_cast<std::int64_t>(m_pStreams->All().size());
+        const auto nStreams = static_cast<int64_t>(m_pStreams->all().size());
         std::chrono::nanoseconds time = {};
-        std::int64_t nEvents = 0;
+        int64_t nEvents = 0;
         for (; nEvents < nOperations; nEvents += nStreams)
-            time += Storm(nStreams);
+            time += storm(nStreams);
         return time * nOperations / nEvents;
     }
 
-    std::chrono::nanoseconds Storm(std::int64_t nStreams)
+    std::chrono::nanoseconds storm(int64_t nStreams)
     {
-        for (CZelMediaStream* const pStream : m_pStreams->All())
-            m_library.Play(pStream, PEER_PLAY_HOLD);
-        m_counter.Expect(nStreams);
-        m_peer.Finish(m_library.Interface().connectID());
-        const auto end = m_counter.Wait();
-        return end - std::chrono::nanoseconds(m_peer.AskTimes().nBurst);
+        for (CZelMediaStream* const pStream : m_pStreams->all())
+            m_library.play(pStream, PEER_PLAY_HOLD);
+        m_counter.expect(nStreams);
+        m_peer.finish(m_library.interface().connectID());
+        const auto end = m_counter.wait();
+        return end - std::chrono::nanoseconds(m_peer.askTimes().nBurst);
     }
 
     const std::shared_ptr<CStreams> m_pStreams;
@@ -115,20 +115,20 @@ private:
 class CHandOverProbe : public CLibraryProbe
 {
 public:
-    explicit CHandOverProbe(ETrace trace) : CLibraryProbe(trace), m_pStream(m_library.OpenStream()) {}
-    ~CHandOverProbe() override { m_library.CloseStream(m_pStream); }
+    explicit CHandOverProbe(ETrace trace) : CLibraryProbe(trace), m_pStream(m_library.openStream()) {}
+    ~CHandOverProbe() override { m_library.closeStream(m_pStream); }
 
 private:
-    static constexpr std::int64_t LONGEST_QUEUE = 500;
+    static constexpr int64_t LONGEST_QUEUE = 500;
 
-    std::chrono::nanoseconds Measure(std::int64_t nOperations) override
+    std::chrono::nanoseconds measure(int64_t nOperations) override
     {
         const CListening listening(m_library, m_counter);
         std::chrono::nanoseconds time = {};
-        std::int64_t nHandOvers = 0;
+        int64_t nHandOvers = 0;
         while (nHandOvers < nOperations)
         {
-            const CPeerTimes times = EmptyQueue(std::min(nOperations - nHandOvers, LONGEST_QUEUE) + 1);
+            const CPeerTimes times = emptyQueue(std::min(nOperations - nHandOvers, LONGEST_QUEUE) + 1);
             time += std::chrono::nanoseconds(times.nHandOverSum);
             nHandOvers += times.nHandOvers;
         }
@@ -136,15 +136,15 @@ private:
     }
 
     // The queue fills up behind a play that waits, and then empties by itself.
-    CPeerTimes EmptyQueue(std::int64_t nPlays)
+    CPeerTimes emptyQueue(int64_t nPlays)
     {
-        m_counter.Expect(nPlays + 1);
-        m_library.Play(m_pStream, PEER_PLAY_HOLD);
-        for (std::int64_t nPlay = 0; nPlay < nPlays; ++nPlay)
-            m_library.Play(m_pStream, PEER_PLAY_HAND_OVER);
-        m_peer.Finish(m_library.Interface().connectID());
-        m_counter.Wait();
-        return m_peer.AskTimes();
+        m_counter.expect(nPlays + 1);
+        m_library.play(m_pStream, PEER_PLAY_HOLD);
+        for (int64_t nPlay = 0; nPlay < nPlays; ++nPlay)
+            m_library.play(m_pStream, PEER_PLAY_HAND_OVER);
+        m_peer.finish(m_library.interface().connectID());
+        m_counter.wait();
+        return m_peer.askTimes();
     }
 
     CZelMediaStream* const m_pStream;
@@ -153,9 +153,9 @@ private:
 };
 } // namespace
 
-void AddEventProbes(CProbeTable& table)
+void addEventProbes(CProbeTable& table)
 {
     for (const int nStreams : {1, 100, 10000})
-        AddLibraryProbes<CStormProbe>(table, "storm-" + std::to_string(nStreams) + "/library", nStreams);
-    AddLibraryProbes<CHandOverProbe>(table, "handover/library");
+        addLibraryProbes<CStormProbe>(table, "storm-" + std::to_string(nStreams) + "/library", nStreams);
+    addLibraryProbes<CHandOverProbe>(table, "handover/library");
 }

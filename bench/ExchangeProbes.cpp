@@ -12,24 +12,22 @@ class CPingProbe : public CLibraryProbe
 {
     using CLibraryProbe::CLibraryProbe;
 
-    std::chrono::nanoseconds Measure(std::int64_t nOperations) override
+    std::chrono::nanoseconds measure(int64_t nOperations) override
     {
-        CMIntf& interface = m_library.Interface();
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
-        {
+        CMIntf& interface = m_library.interface();
+        const auto start = monotonicNow();
+        for (int64_t n = 0; n < nOperations; ++n)
             if (interface.ping() != MCS_OK)
                 throw std::runtime_error("a ping failed");
-        }
-        return MonotonicNow() - start;
+        return monotonicNow() - start;
     }
 };
 
 class CStreamProbe : public CLibraryProbe
 {
 public:
-    explicit CStreamProbe(ETrace trace) : CLibraryProbe(trace), m_pStream(m_library.OpenStream()) {}
-    ~CStreamProbe() override { m_library.CloseStream(m_pStream); }
+    explicit CStreamProbe(ETrace trace) : CLibraryProbe(trace), m_pStream(m_library.openStream()) {}
+    ~CStreamProbe() override { m_library.closeStream(m_pStream); }
 
 protected:
     CZelMediaStream* const m_pStream;
@@ -39,15 +37,13 @@ class CStatusProbe : public CStreamProbe
 {
     using CStreamProbe::CStreamProbe;
 
-    std::chrono::nanoseconds Measure(std::int64_t nOperations) override
+    std::chrono::nanoseconds measure(int64_t nOperations) override
     {
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
-        {
+        const auto start = monotonicNow();
+        for (int64_t n = 0; n < nOperations; ++n)
             if (m_pStream->recordGetStatus() != 1)
                 throw std::runtime_error("a status query failed");
-        }
-        return MonotonicNow() - start;
+        return monotonicNow() - start;
     }
 };
 
@@ -56,37 +52,37 @@ class CPlayFromCallbackProbe : public CStreamProbe, private CLibraryUnderTest::C
 {
     using CStreamProbe::CStreamProbe;
 
-    std::chrono::nanoseconds Measure(std::int64_t nOperations) override
+    std::chrono::nanoseconds measure(int64_t nOperations) override
     {
         const CListening listening(m_library, *this);
         m_nLeft = nOperations;
         m_bFailed = false;
-        const auto start = MonotonicNow();
-        m_library.Play(m_pStream, PEER_PLAY_AT_ONCE);
-        m_finished.Wait();
+        const auto start = monotonicNow();
+        m_library.play(m_pStream, PEER_PLAY_AT_ONCE);
+        m_finished.wait();
         if (m_bFailed)
             throw std::runtime_error("a play failed");
         return m_end - start;
     }
 
-    void OnCompletion(CZelMediaStream*, MCSTATUS mcstatus) override
+    void onCompletion(CZelMediaStream*, MCSTATUS mcstatus) override
     {
         try
         {
             m_bFailed = mcstatus != MCS_OK;
             if (!m_bFailed && --m_nLeft > 0)
-                return m_library.Play(m_pStream, PEER_PLAY_AT_ONCE);
+                return m_library.play(m_pStream, PEER_PLAY_AT_ONCE);
         }
         catch (const std::exception&)
         {
             m_bFailed = true;
         }
-        m_end = MonotonicNow();
-        m_finished.Post();
+        m_end = monotonicNow();
+        m_finished.post();
     }
 
     CSemaphore m_finished;
-    std::int64_t m_nLeft = 0;
+    int64_t m_nLeft = 0;
     std::chrono::nanoseconds m_end = {};
     bool m_bFailed = false;
 };
@@ -96,26 +92,26 @@ class CPlayAndWaitProbe : public CStreamProbe, private CLibraryUnderTest::CListe
 {
     using CStreamProbe::CStreamProbe;
 
-    std::chrono::nanoseconds Measure(std::int64_t nOperations) override
+    std::chrono::nanoseconds measure(int64_t nOperations) override
     {
         const CListening listening(m_library, *this);
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
+        const auto start = monotonicNow();
+        for (int64_t n = 0; n < nOperations; ++n)
         {
-            m_library.Play(m_pStream, PEER_PLAY_AT_ONCE);
-            m_finished.Wait();
+            m_library.play(m_pStream, PEER_PLAY_AT_ONCE);
+            m_finished.wait();
         }
-        const auto time = MonotonicNow() - start;
+        const auto time = monotonicNow() - start;
         if (m_bFailed)
             throw std::runtime_error("a play failed");
         return time;
     }
 
-    void OnCompletion(CZelMediaStream*, MCSTATUS mcstatus) override
+    void onCompletion(CZelMediaStream*, MCSTATUS mcstatus) override
     {
         if (mcstatus != MCS_OK)
             m_bFailed = true;
-        m_finished.Post();
+        m_finished.post();
     }
 
     CSemaphore m_finished;
@@ -123,10 +119,10 @@ class CPlayAndWaitProbe : public CStreamProbe, private CLibraryUnderTest::CListe
 };
 } // namespace
 
-void AddExchangeProbes(CProbeTable& table)
+void addExchangeProbes(CProbeTable& table)
 {
-    AddLibraryProbes<CPingProbe>(table, "exchange/ping");
-    AddLibraryProbes<CStatusProbe>(table, "exchange/status");
-    AddLibraryProbes<CPlayFromCallbackProbe>(table, "play/callback");
-    AddLibraryProbes<CPlayAndWaitProbe>(table, "play/wait");
+    addLibraryProbes<CPingProbe>(table, "exchange/ping");
+    addLibraryProbes<CStatusProbe>(table, "exchange/status");
+    addLibraryProbes<CPlayFromCallbackProbe>(table, "play/callback");
+    addLibraryProbes<CPlayAndWaitProbe>(table, "play/wait");
 }

@@ -5,7 +5,7 @@
 
 namespace
 {
-constexpr std::int64_t OPERATIONS = 1000;
+constexpr int64_t OPERATIONS = 1000;
 
 struct CSize
 {
@@ -17,7 +17,7 @@ struct CSize
 constexpr std::array SIZES = {CSize{"1,000", "1000", 3.0}, CSize{"10,000", "10000", 4.0},
                               CSize{"100,000", "100000", 5.0}};
 
-CRow GrowthRow(const std::string& strText, const std::string& strProbe, const std::string& strSize)
+CRow growthRow(const std::string& strText, const std::string& strProbe, const std::string& strSize)
 {
     CRow row;
     row.m_strText = strText;
@@ -27,7 +27,7 @@ CRow GrowthRow(const std::string& strText, const std::string& strProbe, const st
     return row;
 }
 
-CSection GrowthSection()
+CSection growthSection()
 {
     CSection section;
     section.m_strTitle = "Growth: among so many streams that play, against 10 of them";
@@ -35,7 +35,7 @@ CSection GrowthSection()
     {
         for (const CSize& size : SIZES)
         {
-            CRow row = GrowthRow(strOperation + " among " + size.m_pText, "growth/" + strOperation, size.m_pName);
+            CRow row = growthRow(strOperation + " among " + size.m_pText, "growth/" + strOperation, size.m_pName);
             row.m_goal = EGoal::AtMost;
             row.m_dGoal = size.m_dGrowth;
             section.m_vRows.push_back(row);
@@ -44,23 +44,23 @@ CSection GrowthSection()
     return section;
 }
 
-CSection FileSection()
+CSection fileSection()
 {
     CSection section;
     section.m_strTitle = "Opening a phrase file among so many that are open, against 10 of them";
-    section.m_vRows = {GrowthRow("open among 100", "growth/openfile", "100"),
-                       GrowthRow("open among 1,000", "growth/openfile", "1000"),
-                       GrowthRow("open among 10,000", "growth/openfile", "10000")};
+    section.m_vRows = {growthRow("open among 100", "growth/openfile", "100"),
+                       growthRow("open among 1,000", "growth/openfile", "1000"),
+                       growthRow("open among 10,000", "growth/openfile", "10000")};
     return section;
 }
 
-CSection MemorySection()
+CSection memorySection()
 {
-    constexpr std::int64_t STREAMS = 10'000;
+    constexpr int64_t STREAMS = 10'000;
     CSection section;
     section.m_strTitle = "Memory of the process";
     section.m_nRepetitions = 1;
-    const auto addRow = [&section](const char* pText, const char* pProbe, std::int64_t nOperations) {
+    const auto addRow = [&section](const char* pText, const char* pProbe, int64_t nOperations) {
         section.m_vRows.push_back({pText, pProbe, "", EGoal::None, 0.0, EUnit::Bytes, nOperations});
     };
     addRow("the library, connected", "memory/process", 1);
@@ -70,7 +70,7 @@ CSection MemorySection()
     return section;
 }
 
-CSection LifeSection()
+CSection lifeSection()
 {
     CSection section;
     section.m_strTitle = "Start-up and shut-down of a process";
@@ -85,10 +85,10 @@ CSection LifeSection()
 }
 } // namespace
 
-void AddGrowthRows(std::vector<CSection>& vSections)
+void addGrowthRows(std::vector<CSection>& vSections)
 {
-    vSections.push_back(GrowthSection());
-    vSections.push_back(FileSection());
-    vSections.push_back(MemorySection());
-    vSections.push_back(LifeSection());
+    vSections.push_back(growthSection());
+    vSections.push_back(fileSection());
+    vSections.push_back(memorySection());
+    vSections.push_back(lifeSection());
 }

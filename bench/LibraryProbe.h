@@ -13,16 +13,16 @@ class CLibraryProbe : public CProbe
 public:
     explicit CLibraryProbe(ETrace trace) : m_trace(trace) {}
 
-    std::chrono::nanoseconds Run(std::int64_t nOperations) final
+    std::chrono::nanoseconds run(int64_t nOperations) final
     {
-        m_library.SetTrace(m_trace);
-        return Measure(nOperations);
+        m_library.setTrace(m_trace);
+        return measure(nOperations);
     }
 
 protected:
-    virtual std::chrono::nanoseconds Measure(std::int64_t nOperations) = 0;
+    virtual std::chrono::nanoseconds measure(int64_t nOperations) = 0;
 
-    CLibraryUnderTest& m_library = CLibraryUnderTest::Get();
+    CLibraryUnderTest& m_library = CLibraryUnderTest::get();
 
 private:
     const ETrace m_trace;
@@ -34,9 +34,9 @@ class CListening
 public:
     CListening(CLibraryUnderTest& library, CLibraryUnderTest::CListener& listener) : m_library(library)
     {
-        m_library.SetListener(&listener);
+        m_library.setListener(&listener);
     }
-    ~CListening() { m_library.SetListener(nullptr); }
+    ~CListening() { m_library.setListener(nullptr); }
     CListening(const CListening&) = delete;
     CListening& operator=(const CListening&) = delete;
 
@@ -46,7 +46,7 @@ private:
 
 // Adds NAME-off, NAME-full, NAME-fresh and NAME-null. The probe's constructor takes the trace, then the arguments.
 template <class PROBE, class... ARGUMENTS>
-void AddLibraryProbes(CProbeTable& table, const std::string& strName, ARGUMENTS... arguments)
+void addLibraryProbes(CProbeTable& table, const std::string& strName, ARGUMENTS... arguments)
 {
     struct CVariant
     {
@@ -56,8 +56,9 @@ void AddLibraryProbes(CProbeTable& table, const std::string& strName, ARGUMENTS.
     for (const CVariant& variant :
          {CVariant{"-off", ETrace::Off}, {"-full", ETrace::Full}, {"-fresh", ETrace::Fresh}, {"-null", ETrace::Null}})
     {
-        table.Add(strName + variant.m_pSuffix,
-                  [trace = variant.m_trace, arguments...] { return std::make_unique<PROBE>(trace, arguments...); });
+        table.add(
+            strName + variant.m_pSuffix,
+            [trace = variant.m_trace, arguments...] { return std::make_unique<PROBE>(trace, arguments...); });
     }
 }
 

@@ -11,7 +11,7 @@ namespace
 // A log may treat lines differently while they come fast.
 constexpr int LINES_TO_STRIDE = 20000;
 
-void Require(int nStatus, const char* pWhat)
+void require(int nStatus, const char* pWhat)
 {
     if (nStatus != MCS_OK)
         throw std::runtime_error(std::string(pWhat) + ": " + MCSTATUSToString(nStatus));
@@ -24,7 +24,7 @@ public:
     int LogStringArgListX(LogLib_Priority, const char*, const char*, va_list) override { return 0; }
 };
 
-CLogFile* NewMaskedLog()
+CLogFile* newMaskedLog()
 {
     auto* const pLogFile = new CLogFile("Media", nullptr, false, false, false);
     pLogFile->setTraceMask(0);
@@ -32,19 +32,19 @@ CLogFile* NewMaskedLog()
 }
 } // namespace
 
-CLogFile* NewDefaultLog()
+CLogFile* newDefaultLog()
 {
     return new CLogFile("Media", "Media", false, true, true);
 }
 
-CLogFileRegistry* NewDefaultRegistry(CLogFile* pLogFile)
+CLogFileRegistry* newDefaultRegistry(CLogFile* pLogFile)
 {
     const char* const pNone = nullptr;
     return new CLogFileRegistry(pLogFile, "Media", pNone, pNone, pNone, 0, 1, 100, 1000, 3, 1023, 0, 1023, 0, 10000, 0,
                                 1, 40000, 1, 0);
 }
 
-CLibraryUnderTest& CLibraryUnderTest::Get()
+CLibraryUnderTest& CLibraryUnderTest::get()
 {
     // Never destroyed: the event thread lives until the process ends.
     static CLibraryUnderTest* const pLibrary = new CLibraryUnderTest;
@@ -55,7 +55,7 @@ CLibraryUnderTest::CLibraryUnderTest() : m_services(this)
 {
     using namespace std::chrono_literals;
     const auto limit = std::chrono::steady_clock::now() + 5s;
-    while (Interface().connectID() == -1)
+    while (interface().connectID() == -1)
     {
         if (std::chrono::steady_clock::now() > limit)
             throw std::runtime_error("the library does not connect");
@@ -63,7 +63,7 @@ CLibraryUnderTest::CLibraryUnderTest() : m_services(this)
     }
 }
 
-void CLibraryUnderTest::SetTrace(ETrace trace)
+void CLibraryUnderTest::setTrace(ETrace trace)
 {
     const bool bChanged = trace != m_trace;
     m_trace = trace;
@@ -71,46 +71,46 @@ void CLibraryUnderTest::SetTrace(ETrace trace)
     {
     case ETrace::Off:
         if (bChanged)
-            Interface().replaceLogFile(NewMaskedLog());
+            interface().replaceLogFile(newMaskedLog());
         break;
     case ETrace::Null:
         if (bChanged)
-            Interface().replaceLogFile(new CNullLog);
+            interface().replaceLogFile(new CNullLog);
         break;
-    case ETrace::Fresh: UseDefaultLog(); break;
+    case ETrace::Fresh: useDefaultLog(); break;
     case ETrace::Full:
         if (bChanged)
-            UseDefaultLog();
+            useDefaultLog();
         for (int n = 0; n < LINES_TO_STRIDE; ++n)
-            Interface().trace(TRACE_INFO, LogLib_Normal, "(Info) line %d before the measurement", n);
+            interface().trace(TRACE_INFO, LogLib_Normal, "(Info) line %d before the measurement", n);
         break;
     }
 }
 
-void CLibraryUnderTest::UseDefaultLog()
+void CLibraryUnderTest::useDefaultLog()
 {
-    CLogFile* const pLogFile = NewDefaultLog();
-    CLogFileRegistry* const pRegistry = NewDefaultRegistry(pLogFile);
-    Interface().replaceLogFile(pLogFile);
-    Interface().replaceLogFileRegistry(pRegistry);
-    Interface().trace(TRACE_INFO, LogLib_Normal, "(Info) the log is open");
+    CLogFile* const pLogFile = newDefaultLog();
+    CLogFileRegistry* const pRegistry = newDefaultRegistry(pLogFile);
+    interface().replaceLogFile(pLogFile);
+    interface().replaceLogFileRegistry(pRegistry);
+    interface().trace(TRACE_INFO, LogLib_Normal, "(Info) the log is open");
 }
 
-CZelMediaStream* CLibraryUnderTest::OpenStream()
+CZelMediaStream* CLibraryUnderTest::openStream()
 {
     CZelMediaStream* pStream = nullptr;
-    Require(m_services.openMediaStream(&pStream, "bench", 1), "a stream cannot be opened");
+    require(m_services.openMediaStream(&pStream, "bench", 1), "a stream cannot be opened");
     return pStream;
 }
 
-void CLibraryUnderTest::Play(CZelMediaStream* pStream, std::uint32_t nHowItEnds)
+void CLibraryUnderTest::play(CZelMediaStream* pStream, uint32_t nHowItEnds)
 {
     char szFile[] = "/var/lib/prompts/hello.wav";
-    Require(pStream->playAddFile(szFile, 0, 60, 0, 0, nHowItEnds), "a play is not accepted");
+    require(pStream->playAddFile(szFile, 0, 60, 0, 0, nHowItEnds), "a play is not accepted");
 }
 
 void CLibraryUnderTest::OnMediaStreamCompletion(CZelMediaStream* pStream, MCSTATUS mcstatus, MCCOMPLETION_REASON)
 {
     if (CListener* const pListener = m_pListener)
-        pListener->OnCompletion(pStream, mcstatus);
+        pListener->onCompletion(pStream, mcstatus);
 }

@@ -18,8 +18,8 @@ enum class ETrace
 };
 
 // A log file as the library itself makes it: each line is written into the default file. The caller owns both.
-OrvLogLib::CLogFile* NewDefaultLog();
-OrvLogLib::CLogFileRegistry* NewDefaultRegistry(OrvLogLib::CLogFile* pLogFile);
+OrvLogLib::CLogFile* newDefaultLog();
+OrvLogLib::CLogFileRegistry* newDefaultRegistry(OrvLogLib::CLogFile* pLogFile);
 
 class CLibraryUnderTest : private CZelMediaStreamCompletionHandler
 {
@@ -29,30 +29,30 @@ public:
     {
     public:
         virtual ~CListener() = default;
-        virtual void OnCompletion(CZelMediaStream* pStream, MCSTATUS mcstatus) = 0;
+        virtual void onCompletion(CZelMediaStream* pStream, MCSTATUS mcstatus) = 0;
     };
 
     // Made and connected when first asked for; lives as long as the process. As long as nobody has asked there is no
     // library in this process, and a child may make one of its own. Throws std::runtime_error.
-    static CLibraryUnderTest& Get();
+    static CLibraryUnderTest& get();
 
     // Costs something, so call it where no time is taken, but before each measurement.
-    void SetTrace(ETrace trace);
+    void setTrace(ETrace trace);
 
     // While no completion is on its way. Null: nobody.
-    void SetListener(CListener* pListener) { m_pListener = pListener; }
+    void setListener(CListener* pListener) { m_pListener = pListener; }
 
-    CZelMediaServices& Services() { return m_services; }
-    CMIntf& Interface() { return *g_pmintf; }
+    CZelMediaServices& services() { return m_services; }
+    CMIntf& interface() { return *g_pmintf; }
 
     // As the application's calls of the same names; throw std::runtime_error when they fail.
-    CZelMediaStream* OpenStream();
-    void CloseStream(CZelMediaStream* pStream) { m_services.closeMediaStream(pStream); }
-    void Play(CZelMediaStream* pStream, std::uint32_t nHowItEnds); // PEER_PLAY_...
+    CZelMediaStream* openStream();
+    void closeStream(CZelMediaStream* pStream) { m_services.closeMediaStream(pStream); }
+    void play(CZelMediaStream* pStream, uint32_t nHowItEnds); // PEER_PLAY_...
 
 private:
     CLibraryUnderTest();
-    void UseDefaultLog();
+    void useDefaultLog();
     void OnMediaStreamCompletion(CZelMediaStream* pStream, MCSTATUS mcstatus, MCCOMPLETION_REASON reason) override;
 
     std::atomic<CListener*> m_pListener = nullptr;

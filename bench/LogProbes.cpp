@@ -31,14 +31,14 @@ constexpr const char* COMMAND = "MICMD_PLAYFILE";
 constexpr int STREAM_ID = 4711;
 
 // A log may treat the first lines differently from those that go on to come fast, so both are measured.
-constexpr std::int64_t LINES_BEFORE = 20'000;
-constexpr std::int64_t FIRST_LINES = 5'000;
+constexpr int64_t LINES_BEFORE = 20'000;
+constexpr int64_t FIRST_LINES = 5'000;
 
 // Files are no longer than this, so that none is rotated or fills the private /tmp.
-constexpr std::int64_t LINES_PER_FILE = 200'000;
+constexpr int64_t LINES_PER_FILE = 200'000;
 
 // The folder that the default log file is written to.
-std::string LogFolder()
+std::string logFolder()
 {
     const std::string strSystem = "/var/log/zelmedia";
     return std::filesystem::is_directory(strSystem) && ::access(strSystem.c_str(), W_OK | X_OK) == 0 ? strSystem
@@ -50,7 +50,7 @@ class CLineWriter
 {
 public:
     virtual ~CLineWriter() = default;
-    virtual void Write(std::int64_t nLines) = 0;
+    virtual void write(int64_t nLines) = 0;
 };
 
 // The log file as the library makes it for itself.
@@ -58,10 +58,10 @@ class COwnLog : public CLineWriter
 {
 public:
     COwnLog()
-        : m_strPath(LogFolder() + "/Media-p" + std::to_string(::getpid()) + ".log"), m_pLogFile(NewDefaultLog()),
-          m_pRegistry(NewDefaultRegistry(m_pLogFile.get()))
+        : m_strPath(logFolder() + "/Media-p" + std::to_string(::getpid()) + ".log"), m_pLogFile(newDefaultLog()),
+          m_pRegistry(newDefaultRegistry(m_pLogFile.get()))
     {
-        Write(1);
+        write(1);
         if (!std::filesystem::exists(m_strPath))
             throw std::runtime_error("the log file is not where it should be");
     }
@@ -71,9 +71,9 @@ public:
         ::unlink(m_strPath.c_str());
     }
 
-    void Write(std::int64_t nLines) override
+    void write(int64_t nLines) override
     {
-        for (std::int64_t n = 0; n < nLines; ++n)
+        for (int64_t n = 0; n < nLines; ++n)
         {
             m_pLogFile->TraceString(TRACE_CLASS, OrvLogLib::LogLib_Normal,
                                     "(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d",
@@ -93,12 +93,12 @@ class CPlainLog : public CLineWriter
 {
 public:
     CPlainLog()
-        : m_strPath(LogFolder() + "/PlainProbe-p" + std::to_string(::getpid()) + ".log"),
+        : m_strPath(logFolder() + "/PlainProbe-p" + std::to_string(::getpid()) + ".log"),
           m_nFile(::open(m_strPath.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_TRUNC | O_CLOEXEC, 0640))
     {
         if (m_nFile < 0)
             throw std::runtime_error("cannot create " + m_strPath);
-        Write(1);
+        write(1);
     }
     ~CPlainLog() override
     {
@@ -106,14 +106,14 @@ public:
         ::unlink(m_strPath.c_str());
     }
 
-    void Write(std::int64_t nLines) override
+    void write(int64_t nLines) override
     {
         const int nProcess = ::getpid();
         const int nThread = ::gettid();
         time_t tSecond = -1;
         char szSecond[32] = "";
         char szLine[512];
-        for (std::int64_t n = 0; n < nLines; ++n)
+        for (int64_t n = 0; n < nLines; ++n)
         {
             timespec now;
             ::clock_gettime(CLOCK_REALTIME, &now);
@@ -130,7 +130,7 @@ public:
                 "m_nStreamID = %d\n",
                 szSecond, static_cast<long>(now.tv_nsec / 1000), nProcess, nThread,
                 static_cast<int>(OrvLogLib::LogLib_Normal), COMMAND, static_cast<unsigned long>(n), STREAM_ID);
-            if (::write(m_nFile, szLine, static_cast<std::size_t>(nLength)) != nLength)
+            if (::write(m_nFile, szLine, static_cast<size_t>(nLength)) != nLength)
                 throw std::runtime_error("a line was not written");
         }
     }
@@ -145,17 +145,17 @@ class CSpdlogLog : public CLineWriter
 {
 public:
     CSpdlogLog()
-        : m_strPath(LogFolder() + "/SpdlogProbe-p" + std::to_string(::getpid()) + ".log"),
+        : m_strPath(logFolder() + "/SpdlogProbe-p" + std::to_string(::getpid()) + ".log"),
           m_logger("Media", std::make_shared<spdlog::sinks::basic_file_sink_mt>(m_strPath, true))
     {
         m_logger.set_pattern("%Y-%m-%d %H:%M:%S.%f p%P t%t 2 %v");
-        Write(1);
+        write(1);
     }
     ~CSpdlogLog() override { ::unlink(m_strPath.c_str()); }
 
-    void Write(std::int64_t nLines) override
+    void write(int64_t nLines) override
     {
-        for (std::int64_t n = 0; n < nLines; ++n)
+        for (int64_t n = 0; n < nLines; ++n)
         {
             m_logger.info("(Info) CMIntf::sendCommand, cmd {}, sequence number {}, m_nStreamID = {}", COMMAND,
                           static_cast<unsigned long>(n), STREAM_ID);
@@ -171,18 +171,16 @@ struct CLoad
 {
     int m_nThreads = 1;
     bool m_bAllCores = false; // instead of that of the worker
-    std::int64_t m_nLinesBefore = LINES_BEFORE;
-    std::int64_t m_nLinesPerFile = LINES_PER_FILE;
+    int64_t m_nLinesBefore = LINES_BEFORE;
+    int64_t m_nLinesPerFile = LINES_PER_FILE;
 };
 
-void UseAllCores()
+void useAllCores()
 {
     cpu_set_t set;
     CPU_ZERO(&set);
     for (long n = 0; n < ::sysconf(_SC_NPROCESSORS_ONLN); ++n)
-    {
         CPU_SET(static_cast<unsigned long>(n), &set);
-    }
     ::sched_setaffinity(0, sizeof(set), &set);
 }
 
@@ -192,29 +190,29 @@ template <class TWriter> class CLineProbe : public CProbe
 public:
     explicit CLineProbe(const CLoad& load) : m_load(load) {}
 
-    std::chrono::nanoseconds Run(std::int64_t nLines) override
+    std::chrono::nanoseconds run(int64_t nLines) override
     {
         std::chrono::nanoseconds spent(0);
-        for (std::int64_t nLeft = nLines; nLeft > 0; nLeft -= m_load.m_nLinesPerFile)
+        for (int64_t nLeft = nLines; nLeft > 0; nLeft -= m_load.m_nLinesPerFile)
         {
-            const std::int64_t nOfFile = std::min(nLeft, m_load.m_nLinesPerFile);
+            const int64_t nOfFile = std::min(nLeft, m_load.m_nLinesPerFile);
             TWriter writer;
-            writer.Write(m_load.m_nLinesBefore);
-            spent += m_load.m_nThreads == 1 ? OneThread(writer, nOfFile) : ManyThreads(writer, nOfFile);
+            writer.write(m_load.m_nLinesBefore);
+            spent += m_load.m_nThreads == 1 ? oneThread(writer, nOfFile) : manyThreads(writer, nOfFile);
         }
         return spent;
     }
 
 private:
-    static std::chrono::nanoseconds OneThread(CLineWriter& writer, std::int64_t nLines)
+    static std::chrono::nanoseconds oneThread(CLineWriter& writer, int64_t nLines)
     {
         const auto start = Clock::now();
-        writer.Write(nLines);
+        writer.write(nLines);
         return Clock::now() - start;
     }
 
     // From the moment when all threads are there until the last of them is through.
-    std::chrono::nanoseconds ManyThreads(CLineWriter& writer, std::int64_t nLines) const
+    std::chrono::nanoseconds manyThreads(CLineWriter& writer, int64_t nLines) const
     {
         // Taken by the last thread to arrive: on one core the others may be through before this one runs.
         auto start = Clock::time_point::max();
@@ -222,12 +220,12 @@ private:
         std::vector<std::jthread> vThreads;
         for (int nThread = 0; nThread < m_load.m_nThreads; ++nThread)
         {
-            const std::int64_t nShare = (nLines + nThread) / m_load.m_nThreads;
+            const int64_t nShare = (nLines + nThread) / m_load.m_nThreads;
             vThreads.emplace_back([this, &writer, &barrier, nShare] {
                 if (m_load.m_bAllCores)
-                    UseAllCores();
+                    useAllCores();
                 barrier.arrive_and_wait();
-                writer.Write(nShare);
+                writer.write(nShare);
                 barrier.arrive_and_wait();
             });
         }
@@ -245,10 +243,10 @@ class CMaskedLineProbe : public CProbe
 public:
     CMaskedLineProbe() : m_logFile("Media", nullptr, false, true, false) { m_logFile.setTraceMask(0); }
 
-    std::chrono::nanoseconds Run(std::int64_t nLines) override
+    std::chrono::nanoseconds run(int64_t nLines) override
     {
         const auto start = Clock::now();
-        for (std::int64_t n = 0; n < nLines; ++n)
+        for (int64_t n = 0; n < nLines; ++n)
         {
             m_logFile.TraceString(TRACE_CLASS, OrvLogLib::LogLib_Normal,
                                   "(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d", COMMAND,
@@ -265,13 +263,13 @@ private:
 class CMaskedTraceProbe : public CProbe
 {
 public:
-    CMaskedTraceProbe() { CLibraryUnderTest::Get().SetTrace(ETrace::Off); }
+    CMaskedTraceProbe() { CLibraryUnderTest::get().setTrace(ETrace::Off); }
 
-    std::chrono::nanoseconds Run(std::int64_t nLines) override
+    std::chrono::nanoseconds run(int64_t nLines) override
     {
-        CMIntf& mintf = CLibraryUnderTest::Get().Interface();
+        CMIntf& mintf = CLibraryUnderTest::get().interface();
         const auto start = Clock::now();
-        for (std::int64_t n = 0; n < nLines; ++n)
+        for (int64_t n = 0; n < nLines; ++n)
         {
             // As ZEL_TRACE does.
             if (mintf.isTraced(TRACE_CLASS))
@@ -285,10 +283,10 @@ public:
     }
 };
 
-template <class TWriter> void AddLineProbes(CProbeTable& table, const std::string& strName)
+template <class TWriter> void addLineProbes(CProbeTable& table, const std::string& strName)
 {
     const auto add = [&](const std::string& strLoad, const CLoad& load) {
-        table.Add(strName + strLoad, [load] { return std::make_unique<CLineProbe<TWriter>>(load); });
+        table.add(strName + strLoad, [load] { return std::make_unique<CLineProbe<TWriter>>(load); });
     };
     add("/first", {1, false, 0, FIRST_LINES});
     add("/1", {});
@@ -299,11 +297,12 @@ template <class TWriter> void AddLineProbes(CProbeTable& table, const std::strin
 }
 } // namespace
 
-void AddLogProbes(CProbeTable& table)
+void addLogProbes(CProbeTable& table)
 {
-    AddLineProbes<COwnLog>(table, "log/own");
-    AddLineProbes<CPlainLog>(table, "log/plain");
-    AddLineProbes<CSpdlogLog>(table, "log/spdlog");
-    table.Add("log/masked", [] { return std::make_unique<CMaskedLineProbe>(); });
-    table.Add("log/masked-trace", [] { return std::make_unique<CMaskedTraceProbe>(); });
+    addLineProbes<COwnLog>(table, "log/own");
+    addLineProbes<CPlainLog>(table, "log/plain");
+    addLineProbes<CSpdlogLog>(table, "log/spdlog");
+    table.add(
+        "log/masked", [] { return std::make_unique<CMaskedLineProbe>(); });
+    table.add("log/masked-trace", [] { return std::make_unique<CMaskedTraceProbe>(); });
 }

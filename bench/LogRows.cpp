@@ -1,9 +1,9 @@
 // The table's rows of the log.
 #include "Rows.h"
 
-void AddLogRows(std::vector<CSection>& vSections)
+void addLogRows(std::vector<CSection>& vSections)
 {
-    constexpr std::int64_t LINES = 50'000;
+    constexpr int64_t LINES = 50'000;
     constexpr double OF_PLAIN_WRITE = 0.3;
     constexpr double OF_SPDLOG = 1.0;
     constexpr double MASKED_NANOSECONDS = 5.0;
@@ -25,6 +25,7 @@ void AddLogRows(std::vector<CSection>& vSections)
     addLine("16 threads, all cores", "16-spread", true);
     addLine("first 5,000 of a log", "first", false);
     section.m_vRows.push_back({"off: TraceString", "log/masked", "", EGoal::Absolute, MASKED_NANOSECONDS});
-    section.m_vRows.push_back({"off: a line of the library", "log/masked-trace", "", EGoal::Absolute, MASKED_NANOSECONDS});
+    section.m_vRows.push_back(
+        {"off: a line of the library", "log/masked-trace", "", EGoal::Absolute, MASKED_NANOSECONDS});
     vSections.push_back(section);
 }

@@ -18,12 +18,12 @@
 
 namespace
 {
-using CRecord = std::vector<std::uint8_t>;
+using CRecord = std::vector<uint8_t>;
 
-constexpr std::size_t REQUEST_SIZE = sizeof(structMICMD);
-constexpr std::size_t RESPONSE_SIZE = sizeof(structMIRSP);
+constexpr size_t REQUEST_SIZE = sizeof(structMICMD);
+constexpr size_t RESPONSE_SIZE = sizeof(structMIRSP);
 
-void Require(bool bOk, const char* pWhat)
+void require(bool bOk, const char* pWhat)
 {
     if (!bOk)
         throw std::runtime_error(pWhat);
@@ -33,16 +33,16 @@ void Require(bool bOk, const char* pWhat)
 class CForeignExchangeProbe : public CProbe
 {
 public:
-    std::chrono::nanoseconds Run(std::int64_t nOperations) final
+    std::chrono::nanoseconds run(int64_t nOperations) final
     {
-        const auto start = MonotonicNow();
-        for (std::int64_t n = 0; n < nOperations; ++n)
-            Exchange();
-        return MonotonicNow() - start;
+        const auto start = monotonicNow();
+        for (int64_t n = 0; n < nOperations; ++n)
+            exchange();
+        return monotonicNow() - start;
     }
 
 protected:
-    virtual void Exchange() = 0;
+    virtual void exchange() = 0;
 };
 
 constexpr const char* BUS_ADDRESS = "unix:path=/tmp/bench-bus";
@@ -52,20 +52,20 @@ constexpr const char* BUS_OBJECT = "/bench/peer";
 constexpr const char* BUS_METHOD = "Exchange";
 
 // A bus of our own: nothing is started by it and nobody else is on it. It complains of limits that do not matter here.
-void RunBusDaemon()
+void runBusDaemon()
 {
     std::ofstream(BUS_SETTINGS) << "<busconfig><listen>" << BUS_ADDRESS << "</listen><policy context='default'>"
                                 << "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
                                 << "<allow own='*'/></policy></busconfig>\n";
     const CFd fdNull(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    ::dup2(fdNull.Get(), STDERR_FILENO);
+    ::dup2(fdNull.get(), STDERR_FILENO);
     ::execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--config-file", BUS_SETTINGS, nullptr);
 }
 
 // The daemon is only just starting.
-template <class ATTEMPT> auto Persistently(const ATTEMPT& attempt)
+template <class ATTEMPT> auto persistently(const ATTEMPT& attempt)
 {
-    const auto limit = MonotonicNow() + std::chrono::seconds(5);
+    const auto limit = monotonicNow() + std::chrono::seconds(5);
     for (;;)
     {
         try
@@ -74,25 +74,25 @@ template <class ATTEMPT> auto Persistently(const ATTEMPT& attempt)
         }
         catch (const sdbus::Error&)
         {
-            if (MonotonicNow() > limit)
+            if (monotonicNow() > limit)
                 throw;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
 }
 
-std::unique_ptr<sdbus::IConnection> ConnectToBus()
+std::unique_ptr<sdbus::IConnection> connectToBus()
 {
-    return Persistently([] { return sdbus::createSessionBusConnectionWithAddress(BUS_ADDRESS); });
+    return persistently([] { return sdbus::createSessionBusConnectionWithAddress(BUS_ADDRESS); });
 }
 
-void RunBusPeer()
+void runBusPeer()
 {
-    const auto pConnection = ConnectToBus();
+    const auto pConnection = connectToBus();
     const auto pObject = sdbus::createObject(*pConnection, BUS_OBJECT);
     const CRecord response(RESPONSE_SIZE);
     pObject->registerMethod(BUS_METHOD).onInterface(BUS_NAME).implementedAs([&response](const CRecord& request) {
-        Require(request.size() == REQUEST_SIZE, "a request of another size");
+        require(request.size() == REQUEST_SIZE, "a request of another size");
         return response;
     });
     pObject->finishRegistration();
@@ -105,20 +105,20 @@ class CBusProbe : public CForeignExchangeProbe
 public:
     CBusProbe()
     {
-        Persistently([this] { Exchange(); });
+        persistently([this] { exchange(); });
     }
 
 private:
-    void Exchange() override
+    void exchange() override
     {
         CRecord response;
         m_pProxy->callMethod(BUS_METHOD).onInterface(BUS_NAME).withArguments(m_request).storeResultsTo(response);
-        Require(response.size() == RESPONSE_SIZE, "a response of another size");
+        require(response.size() == RESPONSE_SIZE, "a response of another size");
     }
 
-    const CChildProcess m_daemon{RunBusDaemon};
-    const CChildProcess m_peer{RunBusPeer};
-    const std::unique_ptr<sdbus::IConnection> m_pConnection = ConnectToBus();
+    const CChildProcess m_daemon{runBusDaemon};
+    const CChildProcess m_peer{runBusPeer};
+    const std::unique_ptr<sdbus::IConnection> m_pConnection = connectToBus();
     const std::unique_ptr<sdbus::IProxy> m_pProxy = sdbus::createProxy(*m_pConnection, BUS_NAME, BUS_OBJECT);
     const CRecord m_request = CRecord(REQUEST_SIZE);
 };
@@ -129,7 +129,7 @@ class CZeroMqSocket
 public:
     explicit CZeroMqSocket(int nType) : m_pContext(::zmq_ctx_new()), m_pSocket(::zmq_socket(m_pContext, nType))
     {
-        Require(m_pSocket != nullptr, "no ZeroMQ socket");
+        require(m_pSocket != nullptr, "no ZeroMQ socket");
     }
     ~CZeroMqSocket()
     {
@@ -141,16 +141,16 @@ public:
     CZeroMqSocket(const CZeroMqSocket&) = delete;
     CZeroMqSocket& operator=(const CZeroMqSocket&) = delete;
 
-    void* Get() const { return m_pSocket; }
+    void* get() const { return m_pSocket; }
 
-    template <std::size_t SIZE> void Send(const std::array<std::uint8_t, SIZE>& record)
+    template <size_t SIZE> void send(const std::array<uint8_t, SIZE>& record)
     {
-        Require(::zmq_send(m_pSocket, record.data(), SIZE, 0) == static_cast<int>(SIZE), "ZeroMQ cannot send");
+        require(::zmq_send(m_pSocket, record.data(), SIZE, 0) == static_cast<int>(SIZE), "ZeroMQ cannot send");
     }
 
-    template <std::size_t SIZE> void Receive(std::array<std::uint8_t, SIZE>& record)
+    template <size_t SIZE> void receive(std::array<uint8_t, SIZE>& record)
     {
-        Require(::zmq_recv(m_pSocket, record.data(), SIZE, 0) == static_cast<int>(SIZE), "ZeroMQ cannot receive");
+        require(::zmq_recv(m_pSocket, record.data(), SIZE, 0) == static_cast<int>(SIZE), "ZeroMQ cannot receive");
     }
 
 private:
@@ -160,16 +160,16 @@ private:
 
 constexpr const char* ZEROMQ_ADDRESS = "ipc:///tmp/bench-zeromq";
 
-void RunZeroMqPeer()
+void runZeroMqPeer()
 {
     CZeroMqSocket socket(ZMQ_REP);
-    Require(::zmq_bind(socket.Get(), ZEROMQ_ADDRESS) == 0, "ZeroMQ cannot bind");
-    std::array<std::uint8_t, REQUEST_SIZE> request;
-    const std::array<std::uint8_t, RESPONSE_SIZE> response = {};
+    require(::zmq_bind(socket.get(), ZEROMQ_ADDRESS) == 0, "ZeroMQ cannot bind");
+    std::array<uint8_t, REQUEST_SIZE> request;
+    const std::array<uint8_t, RESPONSE_SIZE> response = {};
     for (;;)
     {
-        socket.Receive(request);
-        socket.Send(response);
+        socket.receive(request);
+        socket.send(response);
     }
 }
 
@@ -178,27 +178,28 @@ class CZeroMqProbe : public CForeignExchangeProbe
 public:
     CZeroMqProbe()
     {
-        Require(::zmq_connect(m_socket.Get(), ZEROMQ_ADDRESS) == 0, "ZeroMQ cannot connect");
-        Exchange();
+        require(::zmq_connect(m_socket.get(), ZEROMQ_ADDRESS) == 0, "ZeroMQ cannot connect");
+        exchange();
     }
 
 private:
-    void Exchange() override
+    void exchange() override
     {
-        m_socket.Send(m_request);
-        m_socket.Receive(m_response);
+        m_socket.send(m_request);
+        m_socket.receive(m_response);
     }
 
-    const CChildProcess m_peer{RunZeroMqPeer}; // before this process has threads of ZeroMQ
+    const CChildProcess m_peer{runZeroMqPeer}; // before this process has threads of ZeroMQ
     CZeroMqSocket m_socket{ZMQ_REQ};
-    const std::array<std::uint8_t, REQUEST_SIZE> m_request = {};
-    std::array<std::uint8_t, RESPONSE_SIZE> m_response;
+    const std::array<uint8_t, REQUEST_SIZE> m_request = {};
+    std::array<uint8_t, RESPONSE_SIZE> m_response;
 };
 } // namespace
 
-void AddPeerProbes(CProbeTable& table)
+void addPeerProbes(CProbeTable& table)
 {
     // Of the group of the bare exchange, which is their limit.
-    table.Add("exchange/dbus", [] { return std::make_unique<CBusProbe>(); });
-    table.Add("exchange/zeromq", [] { return std::make_unique<CZeroMqProbe>(); });
+    table.add(
+        "exchange/dbus", [] { return std::make_unique<CBusProbe>(); });
+    table.add("exchange/zeromq", [] { return std::make_unique<CZeroMqProbe>(); });
 }

@@ -8,7 +8,7 @@
 #include <cstring>
 
 // nPlayParam of a play: how the peer ends it.
-enum : std::uint32_t
+enum : uint32_t
 {
     PEER_PLAY_HOLD = 0,     // by PEER_FINISH, or by a cancel, with MCS_CANCELLED
     PEER_PLAY_AT_ONCE = 1,  // MIEVT_DONE follows the response back to back
@@ -21,16 +21,16 @@ constexpr MICMD PEER_TELL = static_cast<MICMD>(1002);   // MIRSP_STATUS with CPe
 
 struct CPeerFinish // the body of PEER_FINISH
 {
-    std::int32_t nConnectID; // of the client whose plays are meant
-    std::int32_t nStreamID;  // 0: all its held plays
+    int32_t nConnectID; // of the client whose plays are meant
+    int32_t nStreamID;  // 0: all its held plays
 };
 
 // Times of CLOCK_MONOTONIC, in nanoseconds.
 struct CPeerTimes
 {
-    std::int64_t nBurst;       // just before the first event of the last PEER_FINISH was written
-    std::int64_t nHandOverSum; // from just before an MIEVT_DONE was written until the next play of that mode was read,
-    std::int64_t nHandOvers;   // summed up since the last PEER_TELL, and how often
+    int64_t nBurst;       // just before the first event of the last PEER_FINISH was written
+    int64_t nHandOverSum; // from just before an MIEVT_DONE was written until the next play of that mode was read,
+    int64_t nHandOvers;   // summed up since the last PEER_TELL, and how often
 };
 static_assert(sizeof(CPeerTimes) <= sizeof(structMIRSP::abReserved));
 

@@ -1,7 +1,7 @@
 // The table's rows for scale: the exchange through what else a program could use.
 #include "Rows.h"
 
-void AddPeerRows(std::vector<CSection>& vSections)
+void addPeerRows(std::vector<CSection>& vSections)
 {
     CSection section;
     section.m_strTitle = "For scale: the same exchange by other means, against bare FIFOs";

@@ -3,51 +3,51 @@
 
 namespace
 {
-CRow Row(const std::string& strText, const std::string& strProbe, const std::string& strLimit, EGoal goal = EGoal::None,
-         double dGoal = 0.0, std::int64_t nOperations = 0)
+CRow row(const std::string& strText, const std::string& strProbe, const std::string& strLimit, EGoal goal = EGoal::None,
+         double dGoal = 0.0, int64_t nOperations = 0)
 {
     return {strText, strProbe, strLimit, goal, dGoal, EUnit::Time, nOperations, false};
 }
 } // namespace
 
-void AddExchangeRows(std::vector<CSection>& vSections)
+void addExchangeRows(std::vector<CSection>& vSections)
 {
     vSections.push_back(
         {"Exchange: 280 bytes there, 48 bytes back; both processes on one core. Limit: a blocking write and read",
-         {Row("write, poll, read", "exchange/bare-poll", "exchange/bare"),
-          Row("ping, trace off", "exchange/ping-off", "exchange/bare", EGoal::AtMost, 1.15),
-          Row("ping, full trace", "exchange/ping-full", "exchange/bare", EGoal::AtMost, 1.5),
-          Row("ping, a log's first lines", "exchange/ping-fresh", "exchange/bare", EGoal::None, 0.0, 500),
-          Row("ping, null log", "exchange/ping-null", "exchange/bare"),
-          Row("recordGetStatus, trace off", "exchange/status-off", "exchange/bare", EGoal::AtMost, 1.15),
-          Row("recordGetStatus, full trace", "exchange/status-full", "exchange/bare", EGoal::AtMost, 1.5),
-          Row("recordGetStatus, null log", "exchange/status-null", "exchange/bare")}});
+         {row("write, poll, read", "exchange/bare-poll", "exchange/bare"),
+          row("ping, trace off", "exchange/ping-off", "exchange/bare", EGoal::AtMost, 1.15),
+          row("ping, full trace", "exchange/ping-full", "exchange/bare", EGoal::AtMost, 1.5),
+          row("ping, a log's first lines", "exchange/ping-fresh", "exchange/bare", EGoal::None, 0.0, 500),
+          row("ping, null log", "exchange/ping-null", "exchange/bare"),
+          row("recordGetStatus, trace off", "exchange/status-off", "exchange/bare", EGoal::AtMost, 1.15),
+          row("recordGetStatus, full trace", "exchange/status-full", "exchange/bare", EGoal::AtMost, 1.5),
+          row("recordGetStatus, null log", "exchange/status-null", "exchange/bare")}});
     vSections.push_back(
         {"Play, response, MIEVT_DONE, callback. Limit: an exchange and the blocking read of a 16-byte event",
-         {Row("the callback plays on, trace off", "play/callback-off", "play/bare", EGoal::AtMost, 1.3),
-          Row("the callback plays on, full trace", "play/callback-full", "play/bare", EGoal::AtMost, 2.0),
-          Row("the callback plays on, a log's first lines", "play/callback-fresh", "play/bare", EGoal::None, 0.0, 200),
-          Row("the callback plays on, null log", "play/callback-null", "play/bare"),
-          Row("a thread plays and waits, trace off", "play/wait-off", "play/bare-wait", EGoal::AtMost, 1.3),
-          Row("a thread plays and waits, full trace", "play/wait-full", "play/bare-wait", EGoal::AtMost, 2.0),
-          Row("a thread plays and waits, null log", "play/wait-null", "play/bare-wait")}});
+         {row("the callback plays on, trace off", "play/callback-off", "play/bare", EGoal::AtMost, 1.3),
+          row("the callback plays on, full trace", "play/callback-full", "play/bare", EGoal::AtMost, 2.0),
+          row("the callback plays on, a log's first lines", "play/callback-fresh", "play/bare", EGoal::None, 0.0, 200),
+          row("the callback plays on, null log", "play/callback-null", "play/bare"),
+          row("a thread plays and waits, trace off", "play/wait-off", "play/bare-wait", EGoal::AtMost, 1.3),
+          row("a thread plays and waits, full trace", "play/wait-full", "play/bare-wait", EGoal::AtMost, 2.0),
+          row("a thread plays and waits, null log", "play/wait-null", "play/bare-wait")}});
     const std::string strTwoCores = "The same with the peer on the other core";
     vSections.push_back({strTwoCores,
-                         {Row("write, poll, read", "exchange/bare-poll@2", "exchange/bare@2"),
-                          Row("ping, trace off", "exchange/ping-off@2", "exchange/bare@2"),
-                          Row("ping, full trace", "exchange/ping-full@2", "exchange/bare@2")}});
+                         {row("write, poll, read", "exchange/bare-poll@2", "exchange/bare@2"),
+                          row("ping, trace off", "exchange/ping-off@2", "exchange/bare@2"),
+                          row("ping, full trace", "exchange/ping-full@2", "exchange/bare@2")}});
     vSections.push_back({strTwoCores,
-                         {Row("the callback plays on, trace off", "play/callback-off@2", "play/bare@2"),
-                          Row("the callback plays on, full trace", "play/callback-full@2", "play/bare@2")}});
+                         {row("the callback plays on, trace off", "play/callback-off@2", "play/bare@2"),
+                          row("the callback plays on, full trace", "play/callback-full@2", "play/bare@2")}});
 }
 
-void AddEventRows(std::vector<CSection>& vSections)
+void addEventRows(std::vector<CSection>& vSections)
 {
     struct CSize
     {
         const char* m_pText;
         const char* m_pGroup;
-        std::int64_t m_nOperations;
+        int64_t m_nOperations;
     };
     const std::string strTitle =
         "Storm: MIEVT_DONE for all streams in one burst, time per event to the last callback. Limit: a read of each";
@@ -57,14 +57,14 @@ void AddEventRows(std::vector<CSection>& vSections)
         const std::string strText = size.m_pText;
         const std::string strGroup = size.m_pGroup;
         vSections.push_back({strTitle,
-                             {Row(strText + ", trace off", strGroup + "/library-off", strGroup + "/bare",
+                             {row(strText + ", trace off", strGroup + "/library-off", strGroup + "/bare",
                                   EGoal::RateAtLeast, 0.7, size.m_nOperations),
-                              Row(strText + ", full trace", strGroup + "/library-full", strGroup + "/bare",
+                              row(strText + ", full trace", strGroup + "/library-full", strGroup + "/bare",
                                   EGoal::RateAtLeast, 0.0, size.m_nOperations)}});
     }
     vSections.push_back(
         {"Queue: from MIEVT_DONE to the next queued play's request. Limit: read 16 bytes, write 280",
-         {Row("hand-over, trace off", "handover/library-off", "handover/bare", EGoal::None, 0.0, 1000),
-          Row("hand-over, full trace", "handover/library-full", "handover/bare", EGoal::None, 0.0, 1000),
-          Row("hand-over, null log", "handover/library-null", "handover/bare", EGoal::None, 0.0, 1000)}});
+         {row("hand-over, trace off", "handover/library-off", "handover/bare", EGoal::None, 0.0, 1000),
+          row("hand-over, full trace", "handover/library-full", "handover/bare", EGoal::None, 0.0, 1000),
+          row("hand-over, null log", "handover/library-null", "handover/bare", EGoal::None, 0.0, 1000)}});
 }

@@ -18,7 +18,7 @@ enum class EGoal
 enum class EUnit
 {
     Time,
-    Bytes // the probe's Run() returns bytes per operation times operations, as if they were nanoseconds
+    Bytes // the probe's run() returns bytes per operation times operations, as if they were nanoseconds
 };
 
 struct CRow
@@ -29,7 +29,7 @@ struct CRow
     EGoal m_goal = EGoal::None;
     double m_dGoal = 0.0;
     EUnit m_unit = EUnit::Time;
-    std::int64_t m_nOperations = 0; // of one measurement, also of the limit; 0: as many as fill the measuring time
+    int64_t m_nOperations = 0; // of one measurement, also of the limit; 0: as many as fill the measuring time
     bool m_bNativeOnly = false;
 };
 
@@ -42,10 +42,10 @@ struct CSection
     bool m_bInTurn = false; // probe after probe instead of in random order: for probes that take long to set up
 };
 
-void AddExchangeRows(std::vector<CSection>& vSections);
-void AddEventRows(std::vector<CSection>& vSections);
-void AddLogRows(std::vector<CSection>& vSections);
-void AddGrowthRows(std::vector<CSection>& vSections);
-void AddPeerRows(std::vector<CSection>& vSections);
+void addExchangeRows(std::vector<CSection>& vSections);
+void addEventRows(std::vector<CSection>& vSections);
+void addLogRows(std::vector<CSection>& vSections);
+void addGrowthRows(std::vector<CSection>& vSections);
+void addPeerRows(std::vector<CSection>& vSections);
 
 #endif

@@ -12,8 +12,8 @@ public:
     CSemaphore(const CSemaphore&) = delete;
     CSemaphore& operator=(const CSemaphore&) = delete;
 
-    void Post() { ::sem_post(&m_semaphore); }
-    void Wait()
+    void post() { ::sem_post(&m_semaphore); }
+    void wait()
     {
         while (::sem_wait(&m_semaphore) != 0)
         {

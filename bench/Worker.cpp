@@ -15,7 +15,7 @@
 #include <stdexcept>
 
 // What only the native worker has.
-__attribute__((weak)) void AddPeerProbes(CProbeTable& table);
+__attribute__((weak)) void addPeerProbes(CProbeTable& table);
 
 namespace
 {
@@ -25,7 +25,7 @@ constexpr int OTHER_CORE = 1;
 constexpr int HIGHEST_PRIORITY = -20;
 const std::string OTHER_CORE_SUFFIX = "@2";
 
-void Pin(pid_t nProcess, int nCore)
+void pin(pid_t nProcess, int nCore)
 {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -35,7 +35,7 @@ void Pin(pid_t nProcess, int nCore)
 }
 
 // Starts the peer and waits until it is ready. It ends with this process.
-pid_t StartPeer(const char* pProgram)
+pid_t startPeer(const char* pProgram)
 {
     std::array<int, 2> fds;
     if (::pipe(fds.data()) != 0)
@@ -45,13 +45,13 @@ pid_t StartPeer(const char* pProgram)
     const pid_t nPeer = ::fork();
     if (nPeer == 0)
     {
-        ::dup2(fdWrite.Get(), STDOUT_FILENO);
+        ::dup2(fdWrite.get(), STDOUT_FILENO);
         ::execl(pProgram, pProgram, nullptr);
         ::_exit(127);
     }
-    fdWrite.Close();
+    fdWrite.close();
     char c;
-    if (nPeer < 0 || ::read(fdRead.Get(), &c, 1) != 1)
+    if (nPeer < 0 || ::read(fdRead.get(), &c, 1) != 1)
         throw std::runtime_error(std::string("cannot start ") + pProgram);
     return nPeer;
 }
@@ -61,31 +61,31 @@ class CWorker
 public:
     explicit CWorker(const char* pPeerProgram)
     {
-        Pin(0, OWN_CORE);
+        pin(0, OWN_CORE);
         ::setpriority(PRIO_PROCESS, 0, HIGHEST_PRIORITY); // for the peer, too; not everybody may
-        m_nPeer = StartPeer(pPeerProgram);
-        AddBareProbes(m_table);
-        AddExchangeProbes(m_table);
-        AddEventProbes(m_table);
-        AddLogProbes(m_table);
-        AddGrowthProbes(m_table);
-        if (AddPeerProbes)
-            AddPeerProbes(m_table);
+        m_nPeer = startPeer(pPeerProgram);
+        addBareProbes(m_table);
+        addExchangeProbes(m_table);
+        addEventProbes(m_table);
+        addLogProbes(m_table);
+        addGrowthProbes(m_table);
+        if (addPeerProbes)
+            addPeerProbes(m_table);
     }
 
-    std::chrono::nanoseconds Run(std::string strName, std::int64_t nOperations)
+    std::chrono::nanoseconds run(std::string strName, int64_t nOperations)
     {
         const bool bOtherCore = strName.ends_with(OTHER_CORE_SUFFIX);
         if (bOtherCore)
             strName.resize(strName.size() - OTHER_CORE_SUFFIX.size());
         if (bOtherCore != m_bPeerOnOtherCore)
-            Pin(m_nPeer, bOtherCore ? OTHER_CORE : OWN_CORE);
+            pin(m_nPeer, bOtherCore ? OTHER_CORE : OWN_CORE);
         m_bPeerOnOtherCore = bOtherCore;
-        return Probe(strName).Run(nOperations);
+        return probe(strName).run(nOperations);
     }
 
 private:
-    CProbe& Probe(const std::string& strName)
+    CProbe& probe(const std::string& strName)
     {
         const std::string strGroup = strName.substr(0, strName.find('/'));
         if (strGroup != m_strGroup)
@@ -93,7 +93,7 @@ private:
         m_strGroup = strGroup;
         std::unique_ptr<CProbe>& pProbe = m_mapProbes[strName];
         if (!pProbe)
-            pProbe = m_table.All().at(strName)();
+            pProbe = m_table.all().at(strName)();
         return *pProbe;
     }
 
@@ -105,15 +105,15 @@ private:
 };
 
 // "NAME OPERATIONS" gives "NANOSECONDS", or "!" and what went wrong.
-std::string Answer(CWorker& worker, const std::string& strCommand)
+std::string answer(CWorker& worker, const std::string& strCommand)
 {
     std::istringstream command(strCommand);
     std::string strName;
-    std::int64_t nOperations = 0;
+    int64_t nOperations = 0;
     command >> strName >> nOperations;
     try
     {
-        return std::to_string(worker.Run(strName, nOperations).count());
+        return std::to_string(worker.run(strName, nOperations).count());
     }
     catch (const std::out_of_range&)
     {
@@ -141,7 +141,7 @@ int main(int nArguments, char** ppArguments)
             const ssize_t nBytes = ::recv(COMMAND_FD, command.data(), command.size(), 0);
             if (nBytes <= 0)
                 break;
-            const std::string strAnswer = Answer(worker, {command.data(), static_cast<std::size_t>(nBytes)});
+            const std::string strAnswer = answer(worker, {command.data(), static_cast<size_t>(nBytes)});
             ::send(COMMAND_FD, strAnswer.data(), strAnswer.size(), MSG_NOSIGNAL);
         }
     }

@@ -26,7 +26,7 @@ CWorkerProcess::CWorkerProcess(const CPrograms& programs, const std::string& str
     if (m_nProcess == 0)
     {
         // Not below the worker's descriptor, which dup2 would then leave closed on exec.
-        const int nAside = ::fcntl(fdWorker.Get(), F_DUPFD, COMMAND_FD + 1);
+        const int nAside = ::fcntl(fdWorker.get(), F_DUPFD, COMMAND_FD + 1);
         ::dup2(nAside, COMMAND_FD);
         ::close(nAside);
         ::execl(programs.m_strPrivateTmp.c_str(), programs.m_strPrivateTmp.c_str(), strWorker.c_str(),
@@ -43,21 +43,21 @@ CWorkerProcess::~CWorkerProcess()
     ::waitpid(m_nProcess, nullptr, 0);
 }
 
-std::chrono::nanoseconds CWorkerProcess::Run(const std::string& strProbe, std::int64_t nOperations)
+std::chrono::nanoseconds CWorkerProcess::run(const std::string& strProbe, int64_t nOperations)
 {
     const std::string strCommand = strProbe + " " + std::to_string(nOperations);
-    ::send(m_fdCommands.Get(), strCommand.data(), strCommand.size(), MSG_NOSIGNAL);
-    pollfd entry = {m_fdCommands.Get(), POLLIN, 0};
+    ::send(m_fdCommands.get(), strCommand.data(), strCommand.size(), MSG_NOSIGNAL);
+    pollfd entry = {m_fdCommands.get(), POLLIN, 0};
     if (::poll(&entry, 1, LONGEST_RUN_MS) <= 0)
     {
         ::kill(m_nProcess, SIGKILL);
         throw std::runtime_error("the worker did not come back");
     }
     std::array<char, 1024> answer;
-    const ssize_t nBytes = ::recv(m_fdCommands.Get(), answer.data(), answer.size(), 0);
+    const ssize_t nBytes = ::recv(m_fdCommands.get(), answer.data(), answer.size(), 0);
     if (nBytes <= 0)
         throw std::runtime_error("the worker has died");
-    const std::string strAnswer(answer.data(), static_cast<std::size_t>(nBytes));
+    const std::string strAnswer(answer.data(), static_cast<size_t>(nBytes));
     if (strAnswer.starts_with('!'))
         throw std::runtime_error(strAnswer.substr(1));
     return std::chrono::nanoseconds(std::stoll(strAnswer));

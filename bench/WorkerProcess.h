@@ -25,7 +25,7 @@ public:
     CWorkerProcess& operator=(const CWorkerProcess&) = delete;
 
     // Runs a probe. Throws std::runtime_error when it fails, or does not come back in time.
-    std::chrono::nanoseconds Run(const std::string& strProbe, std::int64_t nOperations);
+    std::chrono::nanoseconds run(const std::string& strProbe, int64_t nOperations);
 
 private:
     CFd m_fdCommands;

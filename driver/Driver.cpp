@@ -19,55 +19,53 @@ CDriver::CDriver(const COptions& options)
     : m_options(options),
       m_fileChannels(m_clipStore, m_disk,
                      {options.m_strAudioFolder, options.m_eSpeed == ESpeed::RealTime, options.m_bSilenceAfterCaller}),
-      m_requestPipe([this](int nConnectID) { return m_registry.LatestSequenceNo(nConnectID); }, m_rubbishLog)
+      m_requestPipe([this](int nConnectID) { return m_registry.latestSequenceNo(nConnectID); }, m_rubbishLog)
 {
-    m_mediaClock.AddListener(m_rtpPorts);
+    m_mediaClock.addListener(m_rtpPorts);
 }
 
 CDriver::~CDriver()
 {
-    m_registry.DropAll("the driver ends");
-    m_registry.Sweep();
-    m_loader.Finish();
-    m_disk.Finish();
+    m_registry.dropAll("the driver ends");
+    m_registry.sweep();
+    m_loader.finish();
+    m_disk.finish();
 }
 
-bool CDriver::Open(std::string& strError)
+bool CDriver::open(std::string& strError)
 {
     CChannelTable table;
     if (!m_options.m_strChannelsFile.empty())
     {
-        auto loaded = CChannelTable::Load(m_options.m_strChannelsFile, strError);
+        auto loaded = CChannelTable::load(m_options.m_strChannelsFile, strError);
         if (!loaded)
-        {
             return false;
-        }
         table = std::move(*loaded);
     }
     m_pChannels = std::make_unique<CTableChannelFactory>(std::move(table), m_rtpPorts, m_fileChannels);
     m_pHandler = std::make_unique<CRequestHandler>(
         CRequestHandler::CParts{m_registry, m_outbox, m_clipStore, *m_pChannels, m_opener, m_mediaClock, m_disk,
                                 m_faults, m_statistics},
-        CRequestHandler::CHooks{[this](auto time) { Freeze(time); }, [] { ::raise(SIGKILL); }});
+        CRequestHandler::CHooks{[this](auto time) { freeze(time); }, [] { ::raise(SIGKILL); }});
 
-    return AddFaults(strError) && m_poller.Create(strError) && m_loop.Create(strError) &&
-           m_requestPipe.Open(strError) && OpenControl(strError) && m_loader.Start("loader", strError) &&
-           m_disk.Start("disk", strError) &&
-           m_loop.AddInput(
-               m_requestPipe.Fd(), [this] { TakeRequests(); }, strError) &&
-           m_loop.AddInput(
-               m_loader.Fd(), [this] { m_loader.RunDone(); }, strError) &&
-           m_loop.AddInput(
-               m_disk.Fd(), [this] { m_disk.RunDone(); }, strError);
+    return addFaults(strError) && m_poller.create(strError) && m_loop.create(strError) &&
+           m_requestPipe.open(strError) && openControl(strError) && m_loader.start("loader", strError) &&
+           m_disk.start("disk", strError) &&
+           m_loop.addInput(
+               m_requestPipe.fd(), [this] { takeRequests(); }, strError) &&
+           m_loop.addInput(
+               m_loader.fd(), [this] { m_loader.runDone(); }, strError) &&
+           m_loop.addInput(
+               m_disk.fd(), [this] { m_disk.runDone(); }, strError);
 }
 
-bool CDriver::AddFaults(std::string& strError)
+bool CDriver::addFaults(std::string& strError)
 {
     for (const std::string& strFault : m_options.m_vstrFaults)
     {
         nlohmann::json rule;
         std::string strReason;
-        if (!ParseWordList(strFault, rule, strReason) || !m_faults.Add(rule, strReason))
+        if (!parseWordList(strFault, rule, strReason) || !m_faults.add(rule, strReason))
         {
             strError.assign("--fault ").append(strFault).append(": ").append(strReason);
             return false;
@@ -76,165 +74,151 @@ bool CDriver::AddFaults(std::string& strError)
     return true;
 }
 
-bool CDriver::OpenControl(std::string& strError)
+bool CDriver::openControl(std::string& strError)
 {
     if (m_options.m_strControlPath.empty())
-    {
         return true;
-    }
     m_pControlSocket = std::make_unique<CControlSocket>(
-        m_poller, [this](const std::string& strLine) { return m_controlRequests.Handle(strLine); });
-    return m_pControlSocket->Open(m_options.m_strControlPath, strError);
+        m_poller, [this](const std::string& strLine) { return m_controlRequests.handle(strLine); });
+    return m_pControlSocket->open(m_options.m_strControlPath, strError);
 }
 
-bool CDriver::Run(std::string& strError)
+bool CDriver::run(std::string& strError)
 {
     spdlog::info("zelmedia-driver " ZELMEDIA_VERSION " serves {}, audio in \"{}\"{}", MI_REQUEST_PIPE,
                  m_options.m_strAudioFolder, m_options.m_eSpeed == ESpeed::Max ? ", at maximum speed" : "");
-    ReportReady();
+    reportReady();
     CEventLoop::CDuties duties;
-    duties.m_hasWork = [this] { return m_requestPipe.HasBuffered(); };
-    duties.m_endTurn = [this] { EndTurn(); };
-    duties.m_everySecond = [this] { EverySecond(); };
+    duties.m_hasWork = [this] { return m_requestPipe.hasBuffered(); };
+    duties.m_endTurn = [this] { endTurn(); };
+    duties.m_everySecond = [this] { everySecond(); };
     duties.m_reload = [] {
         std::string strReason;
-        ReportReloading();
-        ReopenLog(strReason);
-        ReportReloaded();
+        reportReloading();
+        reopenLog(strReason);
+        reportReloaded();
     };
-    const bool bOk = m_loop.Run(duties, strError);
-    ReportStopping();
+    const bool bOk = m_loop.run(duties, strError);
+    reportStopping();
     spdlog::info("zelmedia-driver ends");
     return bOk;
 }
 
-void CDriver::TakeRequests()
+void CDriver::takeRequests()
 {
     structMICMD cmd;
-    for (int nRequest = 0; nRequest < MAX_REQUESTS_PER_TURN && !m_loop.IsFrozen() && m_requestPipe.Read(cmd);
+    for (int nRequest = 0; nRequest < MAX_REQUESTS_PER_TURN && !m_loop.isFrozen() && m_requestPipe.read(cmd);
          ++nRequest)
     {
-        m_pHandler->Handle(cmd);
-        m_registry.FlushEvents();
-        m_registry.Sweep();
+        m_pHandler->handle(cmd);
+        m_registry.flushEvents();
+        m_registry.sweep();
     }
 }
 
-void CDriver::EndTurn()
+void CDriver::endTurn()
 {
-    if (m_requestPipe.HasBuffered())
-    {
-        TakeRequests();
-    }
-    if (!m_loop.IsFrozen())
-    {
-        m_registry.FlushEvents();
-    }
-    m_registry.Sweep();
+    if (m_requestPipe.hasBuffered())
+        takeRequests();
+    if (!m_loop.isFrozen())
+        m_registry.flushEvents();
+    m_registry.sweep();
     if (m_bDie)
-    {
         ::raise(SIGKILL);
-    }
 }
 
-void CDriver::EverySecond()
+void CDriver::everySecond()
 {
-    m_registry.DropDead();
-    m_rubbishLog.ReportLeftOut();
-    m_pHandler->ReportLeftOut();
+    m_registry.dropDead();
+    m_rubbishLog.reportLeftOut();
+    m_pHandler->reportLeftOut();
 }
 
-std::vector<CClientState> CDriver::Clients() const
+std::vector<CClientState> CDriver::clients() const
 {
     std::vector<CClientState> vStates;
-    for (const auto& [nConnectID, pClient] : m_registry.Clients())
-    {
-        vStates.push_back(pClient->State());
-    }
+    for (const auto& [nConnectID, pClient] : m_registry.clients())
+        vStates.push_back(pClient->state());
     return vStates;
 }
 
-std::vector<CStreamState> CDriver::Streams() const
+std::vector<CStreamState> CDriver::streams() const
 {
     std::vector<CStreamState> vStates;
-    for (const auto& [nConnectID, pClient] : m_registry.Clients())
+    for (const auto& [nConnectID, pClient] : m_registry.clients())
     {
         for (const auto& [nStreamID, pStream] : pClient->m_mapStreamByID)
         {
-            vStates.push_back(pStream->State());
+            vStates.push_back(pStream->state());
             vStates.back().m_nConnectID = nConnectID;
         }
     }
     return vStates;
 }
 
-CStatistics CDriver::Statistics() const
+CStatistics CDriver::statistics() const
 {
     CStatistics statistics = m_statistics;
     CStatistics::CNow& now = statistics.m_now;
-    for (const auto& [nConnectID, pClient] : m_registry.Clients())
+    for (const auto& [nConnectID, pClient] : m_registry.clients())
     {
         ++now.m_nClients;
         now.m_nStreams += pClient->m_mapStreamByID.size();
-        now.m_nWaitingEvents += pClient->WaitingEvents();
+        now.m_nWaitingEvents += pClient->waitingEvents();
         for (const auto& [nStreamID, pStream] : pClient->m_mapStreamByID)
         {
-            now.m_nPlaying += pStream->IsPlaying() ? 1U : 0U;
-            now.m_nRecording += pStream->IsRecording() ? 1U : 0U;
+            now.m_nPlaying += pStream->isPlaying() ? 1U : 0U;
+            now.m_nRecording += pStream->isRecording() ? 1U : 0U;
         }
     }
-    now.m_nClips = m_clipStore.Count();
-    now.m_nClipBytes = m_clipStore.Samples();
-    now.m_nRtpPorts = m_rtpPorts.Count();
-    statistics.m_rtp = m_rtpPorts.Counters();
-    statistics.m_ullRubbishBytes = m_requestPipe.RubbishBytes();
+    now.m_nClips = m_clipStore.count();
+    now.m_nClipBytes = m_clipStore.samples();
+    now.m_nRtpPorts = m_rtpPorts.count();
+    statistics.m_rtp = m_rtpPorts.counters();
+    statistics.m_ullRubbishBytes = m_requestPipe.rubbishBytes();
     return statistics;
 }
 
-CFaultRules& CDriver::Faults()
+CFaultRules& CDriver::faults()
 {
     return m_faults;
 }
 
-std::size_t CDriver::HangUp(const std::string& strCallID, std::optional<std::uint32_t> nLegID)
+size_t CDriver::hangUp(const std::string& strCallID, std::optional<uint32_t> nLegID)
 {
     std::vector<std::shared_ptr<CStream>> vStreams;
-    for (const auto& [nConnectID, pClient] : m_registry.Clients())
+    for (const auto& [nConnectID, pClient] : m_registry.clients())
     {
         for (const auto& [nStreamID, pStream] : pClient->m_mapStreamByID)
-        {
-            if (pStream->CallID() == strCallID && pStream->LegID() == nLegID.value_or(pStream->LegID()))
-            {
+            if (pStream->callId() == strCallID && pStream->legId() == nLegID.value_or(pStream->legId()))
                 vStreams.push_back(pStream);
-            }
-        }
     }
     for (const auto& pStream : vStreams)
     {
-        spdlog::info("stream {} on call id \"{}\", leg {}, is hung up", pStream->ID(), Printable(strCallID),
-                     pStream->LegID());
-        pStream->HangUp();
+        spdlog::info("stream {} on call id \"{}\", leg {}, is hung up", pStream->id(), printable(strCallID),
+                     pStream->legId());
+        pStream->hangUp();
     }
     return vStreams.size();
 }
 
-bool CDriver::DropClient(int nConnectID)
+bool CDriver::dropClient(int nConnectID)
 {
-    return m_registry.Drop(nConnectID, "it is asked for on the control socket");
+    return m_registry.drop(nConnectID, "it is asked for on the control socket");
 }
 
-void CDriver::Freeze(std::optional<std::chrono::milliseconds> time)
+void CDriver::freeze(std::optional<std::chrono::milliseconds> time)
 {
-    m_pHandler->Freeze(true);
-    m_loop.Freeze(time, [this] { m_pHandler->Freeze(false); });
+    m_pHandler->freeze(true);
+    m_loop.freeze(time, [this] { m_pHandler->freeze(false); });
 }
 
-void CDriver::Thaw()
+void CDriver::thaw()
 {
-    m_loop.Thaw();
+    m_loop.thaw();
 }
 
-void CDriver::Die()
+void CDriver::die()
 {
     m_bDie = true;
 }

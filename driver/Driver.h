@@ -34,28 +34,28 @@ public:
 
     // Reads the channel table and the fault rules, takes the request pipe and the control socket.
     // False, with the message in strError, when it cannot serve.
-    bool Open(std::string& strError);
+    bool open(std::string& strError);
 
     // Serves until a signal ends it; all files are complete then. False, with the message in strError,
     // when it had to give up.
-    bool Run(std::string& strError);
+    bool run(std::string& strError);
 
 private:
-    std::vector<CClientState> Clients() const override;
-    std::vector<CStreamState> Streams() const override;
-    CStatistics Statistics() const override;
-    CFaultRules& Faults() override;
-    std::size_t HangUp(const std::string& strCallID, std::optional<std::uint32_t> nLegID) override;
-    bool DropClient(int nConnectID) override;
-    void Freeze(std::optional<std::chrono::milliseconds> time) override;
-    void Thaw() override;
-    void Die() override;
+    std::vector<CClientState> clients() const override;
+    std::vector<CStreamState> streams() const override;
+    CStatistics statistics() const override;
+    CFaultRules& faults() override;
+    size_t hangUp(const std::string& strCallID, std::optional<uint32_t> nLegID) override;
+    bool dropClient(int nConnectID) override;
+    void freeze(std::optional<std::chrono::milliseconds> time) override;
+    void thaw() override;
+    void die() override;
 
-    bool AddFaults(std::string& strError);
-    bool OpenControl(std::string& strError);
-    void TakeRequests();
-    void EndTurn();
-    void EverySecond();
+    bool addFaults(std::string& strError);
+    bool openControl(std::string& strError);
+    void takeRequests();
+    void endTurn();
+    void everySecond();
 
     const COptions m_options;
     CSteadyClock m_clock;

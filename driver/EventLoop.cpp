@@ -25,31 +25,29 @@ constexpr int MAX_TICKS_PER_TURN = 50;
 // How long the channels without a clock wait for the disk or the decoder when none can move.
 constexpr int FAST_WAIT_MS = 1;
 
-sigset_t OurSignals()
+sigset_t ourSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int nSignal : {SIGTERM, SIGINT, SIGHUP})
-    {
         sigaddset(&signals, nSignal);
-    }
     return signals;
 }
 
-timespec Time(std::chrono::nanoseconds time)
+timespec timespecOf(std::chrono::nanoseconds time)
 {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
     return {seconds.count(), (time - seconds).count()};
 }
 
-int BoundedMs(milliseconds time)
+int boundedMs(milliseconds time)
 {
-    return static_cast<int>(std::clamp<std::int64_t>(time.count(), 0, 60000));
+    return static_cast<int>(std::clamp<int64_t>(time.count(), 0, 60000));
 }
 
-void TakeExpirations(int nFd)
+void takeExpirations(int nFd)
 {
-    std::uint64_t ullCount = 0;
+    uint64_t ullCount = 0;
     [[maybe_unused]] const ssize_t nRead = ::read(nFd, &ullCount, sizeof(ullCount));
 }
 } // namespace
@@ -60,187 +58,159 @@ CEventLoop::CEventLoop(CPoller& poller, CMediaClock& mediaClock, CTimerQueue& ti
 {
 }
 
-void CEventLoop::BlockSignals()
+void CEventLoop::blockSignals()
 {
-    const sigset_t signals = OurSignals();
+    const sigset_t signals = ourSignals();
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     // Pipes without readers and files past a size limit are noticed where they are written.
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
-bool CEventLoop::Create(std::string& strError)
+bool CEventLoop::create(std::string& strError)
 {
-    const sigset_t signals = OurSignals();
+    const sigset_t signals = ourSignals();
     m_fdSignal = CFd(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
     m_fdTick = CFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     m_fdSecond = CFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    if (!m_fdSignal.IsOpen() || !m_fdTick.IsOpen() || !m_fdSecond.IsOpen())
+    if (!m_fdSignal.isOpen() || !m_fdTick.isOpen() || !m_fdSecond.isOpen())
     {
-        strError = "cannot set up the event loop: " + ErrnoText(errno);
+        strError = "cannot set up the event loop: " + errnoText(errno);
         return false;
     }
     itimerspec second = {};
-    second.it_value = second.it_interval = Time(std::chrono::seconds(1));
-    ::timerfd_settime(m_fdSecond.Get(), 0, &second, nullptr);
-    return AddInput(
-        m_fdTick.Get(), [this] { TakeExpirations(m_fdTick.Get()); }, strError);
+    second.it_value = second.it_interval = timespecOf(std::chrono::seconds(1));
+    ::timerfd_settime(m_fdSecond.get(), 0, &second, nullptr);
+    return addInput(
+        m_fdTick.get(), [this] { takeExpirations(m_fdTick.get()); }, strError);
 }
 
-bool CEventLoop::AddInput(int nFd, std::function<void()> ready, std::string& strError)
+bool CEventLoop::addInput(int nFd, std::function<void()> ready, std::string& strError)
 {
-    m_vInputs.push_back(m_poller.Watch(nFd, EPOLLIN, [this, ready = std::move(ready)](std::uint32_t) {
+    m_vInputs.push_back(m_poller.watch(nFd, EPOLLIN, [this, ready = std::move(ready)](uint32_t) {
         // It may have been reported together with what froze the loop.
         if (!m_bFrozen)
-        {
             ready();
-        }
     }));
-    if (!m_vInputs.back().IsOn())
+    if (!m_vInputs.back().isOn())
     {
-        strError = "cannot set up the event loop: " + ErrnoText(errno);
+        strError = "cannot set up the event loop: " + errnoText(errno);
         return false;
     }
     return true;
 }
 
-bool CEventLoop::Run(const CDuties& duties, std::string& strError)
+bool CEventLoop::run(const CDuties& duties, std::string& strError)
 {
-    m_watchSignal = m_poller.Watch(m_fdSignal.Get(), EPOLLIN, [&](std::uint32_t) { OnSignal(duties); });
-    m_watchSecond = m_poller.Watch(m_fdSecond.Get(), EPOLLIN, [&](std::uint32_t) {
-        TakeExpirations(m_fdSecond.Get());
+    m_watchSignal = m_poller.watch(m_fdSignal.get(), EPOLLIN, [&](uint32_t) { onSignal(duties); });
+    m_watchSecond = m_poller.watch(m_fdSecond.get(), EPOLLIN, [&](uint32_t) {
+        takeExpirations(m_fdSecond.get());
         duties.m_everySecond();
     });
-    if (!m_watchSignal.IsOn() || !m_watchSecond.IsOn())
+    if (!m_watchSignal.isOn() || !m_watchSecond.isOn())
     {
-        strError = "cannot set up the event loop: " + ErrnoText(errno);
+        strError = "cannot set up the event loop: " + errnoText(errno);
         return false;
     }
     while (!m_bStop)
     {
-        ArmTick();
-        if (!m_poller.Wait(WaitTime(duties.m_hasWork()), strError))
-        {
+        armTick();
+        if (!m_poller.wait(waitTime(duties.m_hasWork()), strError))
             return false;
-        }
-        if (m_thawAt && m_clock.Now() >= *m_thawAt)
-        {
-            Thaw();
-        }
+        if (m_thawAt && m_clock.now() >= *m_thawAt)
+            thaw();
         if (!m_bFrozen)
         {
-            Move();
-            m_timers.RunDue();
+            move();
+            m_timers.runDue();
         }
         duties.m_endTurn();
     }
     return true;
 }
 
-int CEventLoop::WaitTime(bool bBusy) const
+int CEventLoop::waitTime(bool bBusy) const
 {
     if (m_bFrozen)
-    {
-        return m_thawAt ? BoundedMs(std::chrono::ceil<milliseconds>(*m_thawAt - m_clock.Now())) : -1;
-    }
-    if (bBusy || (m_bTickArmed && m_clock.Now() >= m_nextTick) || (m_mediaClock.HasFast() && !m_bFastWaits))
-    {
+        return m_thawAt ? boundedMs(std::chrono::ceil<milliseconds>(*m_thawAt - m_clock.now())) : -1;
+    if (bBusy || (m_bTickArmed && m_clock.now() >= m_nextTick) || (m_mediaClock.hasFast() && !m_bFastWaits))
         return 0;
-    }
-    if (m_mediaClock.HasFast())
-    {
+    if (m_mediaClock.hasFast())
         return FAST_WAIT_MS;
-    }
-    const auto due = m_timers.NextDue();
-    return due ? BoundedMs(*due) : -1;
+    const auto due = m_timers.nextDue();
+    return due ? boundedMs(*due) : -1;
 }
 
-void CEventLoop::OnSignal(const CDuties& duties)
+void CEventLoop::onSignal(const CDuties& duties)
 {
     signalfd_siginfo info = {};
-    while (::read(m_fdSignal.Get(), &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info)))
-    {
+    while (::read(m_fdSignal.get(), &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info)))
         if (info.ssi_signo == SIGHUP)
-        {
             duties.m_reload();
-        }
         else
-        {
             m_bStop = true;
-        }
-    }
 }
 
-void CEventLoop::ArmTick()
+void CEventLoop::armTick()
 {
-    const bool bOn = m_mediaClock.HasRealTime();
+    const bool bOn = m_mediaClock.hasRealTime();
     if (m_bFrozen || bOn == m_bTickArmed)
-    {
         return;
-    }
-    SetTick(bOn);
+    setTick(bOn);
 }
 
-void CEventLoop::SetTick(bool bOn)
+void CEventLoop::setTick(bool bOn)
 {
     m_bTickArmed = bOn;
     itimerspec time = {};
     if (bOn)
     {
-        m_nextTick = m_clock.Now() + TICK;
-        time.it_interval = Time(TICK);
-        time.it_value = Time(m_nextTick.time_since_epoch()); // the steady clock is CLOCK_MONOTONIC
+        m_nextTick = m_clock.now() + TICK;
+        time.it_interval = timespecOf(TICK);
+        time.it_value = timespecOf(m_nextTick.time_since_epoch()); // the steady clock is CLOCK_MONOTONIC
     }
-    ::timerfd_settime(m_fdTick.Get(), TFD_TIMER_ABSTIME, &time, nullptr);
+    ::timerfd_settime(m_fdTick.get(), TFD_TIMER_ABSTIME, &time, nullptr);
 }
 
-void CEventLoop::Move()
+void CEventLoop::move()
 {
-    TickRealTime();
-    if (m_mediaClock.HasFast())
-    {
-        m_bFastWaits = !m_mediaClock.TickFast();
-    }
+    tickRealTime();
+    if (m_mediaClock.hasFast())
+        m_bFastWaits = !m_mediaClock.tickFast();
 }
 
-void CEventLoop::TickRealTime()
+void CEventLoop::tickRealTime()
 {
-    CClock::TimePoint now = m_clock.Now();
+    CClock::TimePoint now = m_clock.now();
     for (int nTick = 0; m_bTickArmed && now >= m_nextTick && nTick < MAX_TICKS_PER_TURN; ++nTick)
     {
-        m_mediaClock.TickRealTime();
-        const CClock::TimePoint end = m_clock.Now();
-        m_statistics.OnTick(now - m_nextTick, end - now);
+        m_mediaClock.tickRealTime();
+        const CClock::TimePoint end = m_clock.now();
+        m_statistics.onTick(now - m_nextTick, end - now);
         m_nextTick += TICK;
         now = end;
     }
 }
 
-void CEventLoop::Freeze(std::optional<milliseconds> time, std::function<void()> thawed)
+void CEventLoop::freeze(std::optional<milliseconds> time, std::function<void()> thawed)
 {
     m_bFrozen = true;
-    m_thawAt = time ? std::optional(m_clock.Now() + *time) : std::nullopt;
+    m_thawAt = time ? std::optional(m_clock.now() + *time) : std::nullopt;
     m_thawed = std::move(thawed);
-    SetTick(false); // to be armed anew when it has thawed
+    setTick(false); // to be armed anew when it has thawed
     for (CPoller::CWatch& watch : m_vInputs)
-    {
-        watch.SetEvents(0);
-    }
+        watch.setEvents(0);
     spdlog::warn("frozen{}", time ? " for " + std::to_string(time->count()) + " ms" : " until it is thawed");
 }
 
-void CEventLoop::Thaw()
+void CEventLoop::thaw()
 {
     if (!m_bFrozen)
-    {
         return;
-    }
     m_bFrozen = false;
     m_thawAt.reset();
     for (CPoller::CWatch& watch : m_vInputs)
-    {
-        watch.SetEvents(EPOLLIN);
-    }
+        watch.setEvents(EPOLLIN);
     spdlog::warn("thawed");
     std::exchange(m_thawed, nullptr)();
 }

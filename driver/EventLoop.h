@@ -23,13 +23,13 @@ public:
 
     // Blocks the signals that end the driver and those that it reacts to, for the whole process. Call it
     // before anything that they must not interrupt.
-    static void BlockSignals();
+    static void blockSignals();
 
     // False, with the message in strError, when the system refuses what the loop needs.
-    bool Create(std::string& strError);
+    bool create(std::string& strError);
 
-    // Called when the descriptor is readable, but not while the loop is frozen. False as above. Before Run.
-    bool AddInput(int nFd, std::function<void()> ready, std::string& strError);
+    // Called when the descriptor is readable, but not while the loop is frozen. False as above. Before run.
+    bool addInput(int nFd, std::function<void()> ready, std::string& strError);
 
     struct CDuties
     {
@@ -40,21 +40,21 @@ public:
     };
 
     // Serves until SIGTERM or SIGINT. False, with the message in strError, when it had to give up.
-    bool Run(const CDuties& duties, std::string& strError);
+    bool run(const CDuties& duties, std::string& strError);
 
-    // Stops inputs, ticks and timers, for a time or until Thaw; thawed is called then. The ticks of the
+    // Stops inputs, ticks and timers, for a time or until thaw; thawed is called then. The ticks of the
     // meantime are left out. Signals and what was given to the poller directly go on.
-    void Freeze(std::optional<std::chrono::milliseconds> time, std::function<void()> thawed);
-    void Thaw();
-    bool IsFrozen() const { return m_bFrozen; }
+    void freeze(std::optional<std::chrono::milliseconds> time, std::function<void()> thawed);
+    void thaw();
+    bool isFrozen() const { return m_bFrozen; }
 
 private:
-    int WaitTime(bool bBusy) const;
-    void OnSignal(const CDuties& duties);
-    void ArmTick();
-    void SetTick(bool bOn);
-    void Move();
-    void TickRealTime();
+    int waitTime(bool bBusy) const;
+    void onSignal(const CDuties& duties);
+    void armTick();
+    void setTick(bool bOn);
+    void move();
+    void tickRealTime();
 
     CPoller& m_poller;
     CMediaClock& m_mediaClock;

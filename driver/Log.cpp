@@ -13,7 +13,7 @@
 
 namespace
 {
-std::string UtcTime(spdlog::log_clock::time_point time)
+std::string utcTime(spdlog::log_clock::time_point time)
 {
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
     return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(spdlog::log_clock::to_time_t(time)),
@@ -27,7 +27,7 @@ public:
     {
         const auto level = spdlog::level::to_string_view(message.level);
         const nlohmann::ordered_json object = {
-            {"time", UtcTime(message.time)},
+            {"time", utcTime(message.time)},
             {"level", std::string(level.data(), level.size())},
             {"message", std::string(message.payload.data(), message.payload.size())},
         };
@@ -41,53 +41,43 @@ public:
 };
 
 // Null, with the reason in strError, when the log file cannot be opened.
-spdlog::sink_ptr MakeSink(const COptions& options, std::string& strError)
+spdlog::sink_ptr makeSink(const COptions& options, std::string& strError)
 {
     if (options.m_strLogFile.empty())
-    {
         return std::make_shared<spdlog::sinks::stderr_sink_mt>();
-    }
     auto pFile = std::make_shared<CLogFileSink>(options.m_strLogFile);
-    return pFile->Open(strError) ? pFile : nullptr;
+    return pFile->open(strError) ? pFile : nullptr;
 }
 } // namespace
 
-bool SetUpLog(const COptions& options, std::string& strError)
+bool setUpLog(const COptions& options, std::string& strError)
 {
-    spdlog::sink_ptr pSink = MakeSink(options, strError);
+    spdlog::sink_ptr pSink = makeSink(options, strError);
     if (!pSink)
-    {
         return false;
-    }
     auto pLogger = std::make_shared<spdlog::logger>("zelmedia-driver", std::move(pSink));
     pLogger->set_level(options.m_eLogLevel);
     pLogger->flush_on(spdlog::level::trace);
     if (options.m_eLogFormat == ELogFormat::Json)
-    {
         pLogger->set_formatter(std::make_unique<CJsonFormatter>());
-    }
     else
-    {
         pLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e %l: %v");
-    }
     spdlog::set_default_logger(std::move(pLogger));
     return true;
 }
 
-bool ReopenLog(std::string& strError)
+bool reopenLog(std::string& strError)
 {
     for (const spdlog::sink_ptr& pSink : spdlog::default_logger()->sinks())
     {
         const auto pFile = std::dynamic_pointer_cast<CLogFileSink>(pSink);
-        if (pFile && !pFile->Open(strError))
+        if (pFile && !pFile->open(strError))
         {
             spdlog::error("{}; the log goes on in the old one", strError);
             return false;
         }
         if (pFile)
-        {
             spdlog::info("the log file was opened anew");
-        }
     }
     return true;
 }

@@ -16,7 +16,7 @@ public:
 
     // Opens the file, or opens it anew, and makes it when it is missing. False, with the reason in
     // strError, when that fails; what was open stays in use.
-    bool Open(std::string& strError);
+    bool open(std::string& strError);
 
 protected:
     // Throws spdlog_ex, which the logger reports on stderr, when the line cannot be written.

@@ -40,25 +40,25 @@ const char* const CTL_EXAMPLES = "Examples:\n"
                                  "  zelmedia-driver ctl --control /run/zelmedia/driver.sock clients";
 
 // Functions, as they take memory, which may fail before main is there to say so.
-const std::map<std::string, ESpeed>& Speeds()
+const std::map<std::string, ESpeed>& speeds()
 {
     static const std::map<std::string, ESpeed> speeds = {{"realtime", ESpeed::RealTime}, {"max", ESpeed::Max}};
     return speeds;
 }
 
-const std::map<std::string, bool>& CallerEnds()
+const std::map<std::string, bool>& callerEnds()
 {
     static const std::map<std::string, bool> ends = {{"stop", false}, {"silence", true}};
     return ends;
 }
 
-const std::map<std::string, ELogFormat>& LogFormats()
+const std::map<std::string, ELogFormat>& logFormats()
 {
     static const std::map<std::string, ELogFormat> formats = {{"text", ELogFormat::Text}, {"json", ELogFormat::Json}};
     return formats;
 }
 
-const std::map<std::string, spdlog::level::level_enum>& LogLevels()
+const std::map<std::string, spdlog::level::level_enum>& logLevels()
 {
     static const std::map<std::string, spdlog::level::level_enum> levels = {
         {"debug", spdlog::level::debug}, {"info", spdlog::level::info}, {"warning", spdlog::level::warn},
@@ -85,7 +85,7 @@ struct CChoices
     std::string m_strLogLevel = "info";
 };
 
-void AddServeOptions(CLI::App& app, COptions& options, CChoices& choices)
+void addServeOptions(CLI::App& app, COptions& options, CChoices& choices)
 {
     const CLI::Validator existingFolder = CLI::Validator(CLI::ExistingDirectory).description("");
     const CLI::Validator existingFile = CLI::Validator(CLI::ExistingFile).description("");
@@ -97,11 +97,11 @@ void AddServeOptions(CLI::App& app, COptions& options, CChoices& choices)
         ->check(existingFile);
     app.add_option("--speed", choices.m_strSpeed, "max is as fast as possible; default: realtime")
         ->type_name("SPEED")
-        ->check(CLI::IsMember(Speeds()));
+        ->check(CLI::IsMember(speeds()));
     app.add_option("--caller-end", choices.m_strCallerEnd,
                    "whether a recording ends with the caller's file or goes on with silence; default: stop")
         ->type_name("WHAT")
-        ->check(CLI::IsMember(CallerEnds()));
+        ->check(CLI::IsMember(callerEnds()));
     app.add_option("--fault", options.m_vstrFaults, "misbehave like this, for tests of clients; may be repeated")
         ->type_name("RULE")
         ->allow_extra_args(false);
@@ -109,30 +109,26 @@ void AddServeOptions(CLI::App& app, COptions& options, CChoices& choices)
         ->type_name("FILE");
     app.add_option("--log-level", choices.m_strLogLevel, "the least important lines that are logged; default: info")
         ->type_name("LEVEL")
-        ->check(CLI::IsMember(LogLevels()));
+        ->check(CLI::IsMember(logLevels()));
     app.add_option("--log-format", choices.m_strLogFormat, "json is one object per line; default: text")
         ->type_name("FORMAT")
-        ->check(CLI::IsMember(LogFormats()));
+        ->check(CLI::IsMember(logFormats()));
 }
 
-void AddControlOption(CLI::App& app, COptions& options, const char* pDescription)
+void addControlOption(CLI::App& app, COptions& options, const char* pDescription)
 {
     app.add_option("--control", options.m_strControlPath, pDescription)->type_name("PATH");
 }
 
 // All that follows the first word belongs to the words, so that they may look like options' values.
-void TakeCtlWords(const CLI::App& ctl, COptions& options)
+void takeCtlWords(const CLI::App& ctl, COptions& options)
 {
     options.m_bCtl = ctl.parsed();
     if (!options.m_bCtl)
-    {
         return;
-    }
     options.m_vstrCtlWords = ctl.remaining();
     if (options.m_vstrCtlWords.empty())
-    {
         throw CLI::RequiredError("ctl WORD");
-    }
     for (const std::string& strWord : options.m_vstrCtlWords)
     {
         if (strWord.empty() || strWord.front() == '-')
@@ -143,57 +139,47 @@ void TakeCtlWords(const CLI::App& ctl, COptions& options)
     }
 }
 
-void TakeControlPath(COptions& options)
+void takeControlPath(COptions& options)
 {
     if (options.m_strControlPath == "none")
-    {
         options.m_strControlPath.clear();
-    }
     else if (options.m_strControlPath.empty())
-    {
         throw CLI::ValidationError("--control", "the path is empty");
-    }
     if (options.m_bCtl && options.m_strControlPath.empty())
-    {
         throw CLI::ValidationError("--control", "ctl needs a socket, not none");
-    }
 }
 } // namespace
 
-std::optional<int> ParseOptions(int nArguments, const char* const* ppArguments, COptions& options)
+std::optional<int> parseOptions(int nArguments, const char* const* ppArguments, COptions& options)
 {
     CChoices choices;
     CLI::App app(DESCRIPTION, "zelmedia-driver");
     app.footer(EXAMPLES);
     app.set_version_flag("--version", "zelmedia-driver " ZELMEDIA_VERSION);
-    AddServeOptions(app, options, choices);
+    addServeOptions(app, options, choices);
 
     CLI::App* pCtl = app.add_subcommand("ctl", CTL_DESCRIPTION);
     pCtl->footer(CTL_EXAMPLES);
     pCtl->formatter(std::make_shared<CCtlFormatter>());
     pCtl->prefix_command();
     for (CLI::Option* pOption : app.get_options())
-    {
         if (pOption->get_type_size() > 0)
-        {
             pCtl->excludes(pOption);
-        }
-    }
-    AddControlOption(app, options, "control socket, or none; default: /tmp/zelmedia-driver.sock");
-    AddControlOption(*pCtl, options, "the driver's control socket; default: /tmp/zelmedia-driver.sock");
+    addControlOption(app, options, "control socket, or none; default: /tmp/zelmedia-driver.sock");
+    addControlOption(*pCtl, options, "the driver's control socket; default: /tmp/zelmedia-driver.sock");
     try
     {
         app.parse(nArguments, ppArguments);
-        TakeCtlWords(*pCtl, options);
-        TakeControlPath(options);
+        takeCtlWords(*pCtl, options);
+        takeControlPath(options);
     }
     catch (const CLI::ParseError& error)
     {
         return app.exit(error) == 0 ? 0 : 2;
     }
-    options.m_eSpeed = Speeds().at(choices.m_strSpeed);
-    options.m_bSilenceAfterCaller = CallerEnds().at(choices.m_strCallerEnd);
-    options.m_eLogFormat = LogFormats().at(choices.m_strLogFormat);
-    options.m_eLogLevel = LogLevels().at(choices.m_strLogLevel);
+    options.m_eSpeed = speeds().at(choices.m_strSpeed);
+    options.m_bSilenceAfterCaller = callerEnds().at(choices.m_strCallerEnd);
+    options.m_eLogFormat = logFormats().at(choices.m_strLogFormat);
+    options.m_eLogLevel = logLevels().at(choices.m_strLogLevel);
     return std::nullopt;
 }

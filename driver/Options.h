@@ -40,6 +40,6 @@ struct COptions
 // Reads the command line. A value is the exit code with which the program is to end at once: after
 // --help and --version, which have been printed, and after a mistake, which has been explained.
 // Fault rules and ctl words are taken as they are.
-std::optional<int> ParseOptions(int nArguments, const char* const* ppArguments, COptions& options);
+std::optional<int> parseOptions(int nArguments, const char* const* ppArguments, COptions& options);
 
 #endif

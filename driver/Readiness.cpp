@@ -6,14 +6,14 @@
 #include <chrono>
 #include <cstdio>
 
-void ReportReady()
+void reportReady()
 {
     std::puts("zelmedia-driver: ready");
     std::fflush(stdout);
     ::sd_notify(0, "READY=1");
 }
 
-void ReportReloading()
+void reportReloading()
 {
     // Service managers that want the time of the reload want it on this clock.
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -21,12 +21,12 @@ void ReportReloading()
                  static_cast<long long>(std::chrono::duration_cast<std::chrono::microseconds>(now).count()));
 }
 
-void ReportReloaded()
+void reportReloaded()
 {
     ::sd_notify(0, "READY=1");
 }
 
-void ReportStopping()
+void reportStopping()
 {
     ::sd_notify(0, "STOPPING=1");
 }

@@ -4,13 +4,13 @@
 
 // Clients can connect: prints the line "zelmedia-driver: ready" on the standard output, and notifies.
 // Call it once.
-void ReportReady();
+void reportReady();
 
 // Around what SIGHUP asks for.
-void ReportReloading();
-void ReportReloaded();
+void reportReloading();
+void reportReloaded();
 
 // The driver begins to end.
-void ReportStopping();
+void reportStopping();
 
 #endif

@@ -12,14 +12,14 @@
 
 namespace
 {
-int Fail(const std::string& strError)
+int fail(const std::string& strError)
 {
     std::fprintf(stderr, "zelmedia-driver: %s\n", strError.c_str());
     return 1;
 }
 
 // Each client, each RTP socket and each file that is written holds descriptors.
-void AllowManyFiles()
+void allowManyFiles()
 {
     rlimit limit = {};
     if (::getrlimit(RLIMIT_NOFILE, &limit) == 0)
@@ -29,17 +29,15 @@ void AllowManyFiles()
     }
 }
 
-int Serve(const COptions& options)
+int serve(const COptions& options)
 {
     std::string strError;
-    if (!SetUpLog(options, strError))
-    {
-        return Fail(strError);
-    }
-    CEventLoop::BlockSignals();
-    AllowManyFiles();
+    if (!setUpLog(options, strError))
+        return fail(strError);
+    CEventLoop::blockSignals();
+    allowManyFiles();
     CDriver driver(options);
-    return driver.Open(strError) && driver.Run(strError) ? 0 : Fail(strError);
+    return driver.open(strError) && driver.run(strError) ? 0 : fail(strError);
 }
 } // namespace
 
@@ -48,14 +46,12 @@ int main(int nArguments, char** ppArguments)
     try
     {
         COptions options;
-        if (const auto nExitCode = ParseOptions(nArguments, ppArguments, options))
-        {
+        if (const auto nExitCode = parseOptions(nArguments, ppArguments, options))
             return *nExitCode;
-        }
-        return options.m_bCtl ? RunControl(options.m_strControlPath, options.m_vstrCtlWords) : Serve(options);
+        return options.m_bCtl ? runControl(options.m_strControlPath, options.m_vstrCtlWords) : serve(options);
     }
     catch (const std::exception& exception)
     {
-        return Fail(exception.what());
+        return fail(exception.what());
     }
 }

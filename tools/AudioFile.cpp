@@ -9,7 +9,7 @@
 
 namespace
 {
-constexpr std::size_t PIECE_SAMPLES = 64 << 10;
+constexpr size_t PIECE_SAMPLES = 64 << 10;
 
 static_assert(MAX_PHRASE_FILE_SAMPLES == MAX_CLIP_SAMPLES);
 
@@ -17,24 +17,24 @@ std::unique_ptr<CAudioReader> openReader(const std::string& strPath, std::string
 {
     CFd fd;
     struct stat status = {};
-    if (!OpenAudioFile(strPath, O_RDONLY, fd, status, strError))
+    if (!openAudioFile(strPath, O_RDONLY, fd, status, strError))
         return nullptr;
-    return CAudioReader::Open(std::move(fd), strPath, strError);
+    return CAudioReader::open(std::move(fd), strPath, strError);
 }
 } // namespace
 
-CMilliseconds durationOfSamples(std::uint64_t ullSamples)
+CMilliseconds durationOfSamples(uint64_t ullSamples)
 {
     return CMilliseconds((ullSamples + 4) / 8);
 }
 
-std::optional<std::uint64_t> samplesIn(const std::string& strPath, std::string& strError)
+std::optional<uint64_t> samplesIn(const std::string& strPath, std::string& strError)
 {
     const auto pReader = openReader(strPath, strError);
     if (!pReader)
         return std::nullopt;
     // The limit stands for a header that does not tell.
-    const std::size_t nSamples = pReader->MaxSamples();
+    const size_t nSamples = pReader->maxSamples();
     if (nSamples >= MAX_CLIP_SAMPLES)
     {
         strError = "its header does not tell its length";
@@ -43,18 +43,18 @@ std::optional<std::uint64_t> samplesIn(const std::string& strPath, std::string& 
     return nSamples;
 }
 
-std::vector<std::uint8_t> readSamples(const std::string& strPath)
+std::vector<uint8_t> readSamples(const std::string& strPath)
 {
     std::string strError;
     const auto pReader = openReader(strPath, strError);
-    std::vector<std::uint8_t> vSamples;
-    std::size_t nRead = 0;
+    std::vector<uint8_t> vSamples;
+    size_t nRead = 0;
     do
     {
         if (!pReader || vSamples.size() > MAX_CLIP_SAMPLES)
             break;
         vSamples.resize(vSamples.size() + PIECE_SAMPLES);
-        nRead = pReader->Read({vSamples.data() + vSamples.size() - PIECE_SAMPLES, PIECE_SAMPLES}, strError);
+        nRead = pReader->read({vSamples.data() + vSamples.size() - PIECE_SAMPLES, PIECE_SAMPLES}, strError);
         vSamples.resize(vSamples.size() - PIECE_SAMPLES + nRead);
     } while (nRead == PIECE_SAMPLES);
     if (strError.empty() && vSamples.empty())
@@ -68,6 +68,6 @@ std::vector<std::uint8_t> readSamples(const std::string& strPath)
 
 bool isRawULawName(const std::string& strPath)
 {
-    const auto format = AudioFormatOf(strPath);
+    const auto format = audioFormatOf(strPath);
     return format && format->m_nSndFormat == (SF_FORMAT_RAW | SF_FORMAT_ULAW);
 }

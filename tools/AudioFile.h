@@ -10,15 +10,15 @@
 #include <vector>
 
 // What a phrase file can hold: the driver takes no longer ones.
-constexpr std::size_t MAX_PHRASE_FILE_SAMPLES = std::size_t{2} * 3600 * 8000;
+constexpr size_t MAX_PHRASE_FILE_SAMPLES = size_t{2} * 3600 * 8000;
 
-CMilliseconds durationOfSamples(std::uint64_t ullSamples);
+CMilliseconds durationOfSamples(uint64_t ullSamples);
 
 // The samples that a file holds by its header. Nothing where they cannot be told, with the reason in strError.
-std::optional<std::uint64_t> samplesIn(const std::string& strPath, std::string& strError);
+std::optional<uint64_t> samplesIn(const std::string& strPath, std::string& strError);
 
 // All samples of a file. Throws CToolError for what is no audio, has no samples, or is damaged.
-std::vector<std::uint8_t> readSamples(const std::string& strPath);
+std::vector<uint8_t> readSamples(const std::string& strPath);
 
 // Whether a file of this name is read as nothing but µ-law samples.
 bool isRawULawName(const std::string& strPath);

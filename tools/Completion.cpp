@@ -58,10 +58,8 @@ CCompletion valuesOf(const CLI::Option& option)
     if (strType == "STATUS")
     {
         for (const CStatusEntry& entry : statusTable())
-        {
             if (entry.pszName)
                 completion.vCandidates.push_back({entry.pszName, entry.pszMeaning});
-        }
     }
     return completion;
 }
@@ -131,10 +129,8 @@ private:
     const CLI::App* findSubcommand(const std::string& strWord) const
     {
         for (const CLI::App* const pSubcommand : subcommandsOf(*m_pApp))
-        {
             if (pSubcommand->get_name() == strWord)
                 return pSubcommand;
-        }
         return nullptr;
     }
 

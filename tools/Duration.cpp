@@ -32,7 +32,7 @@ std::optional<CMilliseconds> parseDuration(const std::string& strText)
     const auto [pUnit, error] = std::from_chars(strText.data(), pEnd, dValue, std::chars_format::fixed);
     if (error != std::errc())
         return std::nullopt;
-    const double dUnit = millisecondsIn(std::string_view(pUnit, static_cast<std::size_t>(pEnd - pUnit)));
+    const double dUnit = millisecondsIn(std::string_view(pUnit, static_cast<size_t>(pEnd - pUnit)));
     const double dMilliseconds = dValue * dUnit;
     // Also false for what from_chars takes for a number that is not one.
     if (dUnit == 0.0 || std::signbit(dValue) || !(dMilliseconds <= static_cast<double>(MAX_DURATION.count())))

@@ -33,10 +33,8 @@ int commandFromName(std::string_view strvName)
 {
     const auto& names = commandNames();
     for (size_t n = 0; n < names.size(); ++n)
-    {
         if (strvName == names[n] || strvName == names[n].substr(PREFIX_LENGTH))
             return static_cast<int>(n);
-    }
     return NO_COMMAND;
 }
 

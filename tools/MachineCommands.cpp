@@ -63,10 +63,8 @@ std::string ageText(double dSeconds)
 {
     const std::pair<double, const char*> UNITS[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {1, "s"}};
     for (const auto& [dUnit, pszUnit] : UNITS)
-    {
         if (dSeconds >= 2 * dUnit)
             return std::to_string(static_cast<long>(dSeconds / dUnit)) + ' ' + pszUnit;
-    }
     return std::to_string(static_cast<long>(dSeconds)) + " s";
 }
 

@@ -19,7 +19,7 @@
 struct CChannelOptions
 {
     std::string m_strCallID;
-    std::uint32_t m_nLegID = 1;
+    uint32_t m_nLegID = 1;
     CMilliseconds m_wait = std::chrono::seconds(3);
 
     void addTo(CLI::App& app);

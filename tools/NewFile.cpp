@@ -20,7 +20,7 @@ bool writeAll(int nFile, std::string_view content)
         const ssize_t nWritten = write(nFile, content.data(), content.size());
         if (nWritten < 0 && errno != EINTR)
             return false;
-        content.remove_prefix(nWritten > 0 ? static_cast<std::size_t>(nWritten) : 0);
+        content.remove_prefix(nWritten > 0 ? static_cast<size_t>(nWritten) : 0);
     }
     return true;
 }

@@ -65,12 +65,12 @@ json parse(const std::string& strText, std::vector<std::string>& vProblems)
     return nullptr;
 }
 
-std::optional<std::uint32_t> samplesAt(const json& phrase, const char* pszKey)
+std::optional<uint32_t> samplesAt(const json& phrase, const char* pszKey)
 {
     if (!phrase.is_object() || !phrase.contains(pszKey) || !phrase[pszKey].is_number_unsigned())
         return std::nullopt;
-    const auto ullSamples = phrase[pszKey].get<std::uint64_t>();
-    return ullSamples <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(ullSamples)) : std::nullopt;
+    const auto ullSamples = phrase[pszKey].get<uint64_t>();
+    return ullSamples <= UINT32_MAX ? std::optional(static_cast<uint32_t>(ullSamples)) : std::nullopt;
 }
 
 std::vector<CPhrase> phrasesIn(const json& phrases, std::vector<std::string>& vProblems)

@@ -10,8 +10,8 @@
 struct CPhrase
 {
     std::string m_strName;
-    std::uint32_t m_nOffset = 0; // samples, 8000 a second
-    std::uint32_t m_nLength = 0;
+    uint32_t m_nOffset = 0; // samples, 8000 a second
+    uint32_t m_nLength = 0;
 };
 
 struct CPhraseIndex

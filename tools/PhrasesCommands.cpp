@@ -37,15 +37,13 @@ void checkNames(const CBuildOptions& options)
     std::vector<std::string> vNames = {options.m_strOutput, options.m_strIndex};
     if (!options.m_strHeader.empty())
         vNames.push_back(options.m_strHeader);
-    const std::size_t nOutputs = vNames.size();
+    const size_t nOutputs = vNames.size();
     vNames.insert(vNames.end(), options.m_vFiles.begin(), options.m_vFiles.end());
-    for (std::size_t nOutput = 0; nOutput < nOutputs; ++nOutput)
+    for (size_t nOutput = 0; nOutput < nOutputs; ++nOutput)
     {
-        for (std::size_t nOther = nOutput + 1; nOther < vNames.size(); ++nOther)
-        {
+        for (size_t nOther = nOutput + 1; nOther < vNames.size(); ++nOther)
             if (isSameFile(vNames[nOutput], vNames[nOther]))
                 throw CToolError(EXIT_CODE_USAGE, vNames[nOutput] + ": it is to be written, and is named twice");
-        }
     }
 }
 
@@ -68,11 +66,11 @@ void addPhrase(const std::string& strFile, CPhraseIndex& index, std::string& str
         throw CToolError(EXIT_CODE_USAGE, strFile + ": " + strProblem);
     if (index.find(strName))
         throw CToolError(EXIT_CODE_USAGE, strFile + ": there is another phrase " + strName);
-    const std::vector<std::uint8_t> vSamples = readSamples(strFile);
+    const std::vector<uint8_t> vSamples = readSamples(strFile);
     if (strClip.size() + vSamples.size() > MAX_PHRASE_FILE_SAMPLES)
         throw CToolError(EXIT_CODE_FAILED, strFile + ": with it the phrase file is longer than two hours");
     index.m_vPhrases.push_back(
-        {strName, static_cast<std::uint32_t>(strClip.size()), static_cast<std::uint32_t>(vSamples.size())});
+        {strName, static_cast<uint32_t>(strClip.size()), static_cast<uint32_t>(vSamples.size())});
     strClip.append(vSamples.begin(), vSamples.end());
 }
 
@@ -121,7 +119,7 @@ int build(const CTool& tool, const CBuildOptions& options)
     return EXIT_CODE_OK;
 }
 
-double secondsOf(std::uint32_t nSamples)
+double secondsOf(uint32_t nSamples)
 {
     return nSamples / 8000.0;
 }
@@ -155,14 +153,14 @@ int list(const CTool& tool, const std::string& strIndex)
 void checkPlaces(const CPhraseIndex& index, std::vector<std::string>& vProblems)
 {
     std::string strError;
-    const std::optional<std::uint64_t> samples = samplesIn(index.m_strFile, strError);
+    const std::optional<uint64_t> samples = samplesIn(index.m_strFile, strError);
     if (!samples)
         vProblems.push_back(index.m_strFile + ": " + strError);
-    std::uint64_t ullEnd = 0;
+    uint64_t ullEnd = 0;
     const CPhrase* pBefore = nullptr; // the one that reaches farthest
     for (const CPhrase& phrase : index.m_vPhrases)
     {
-        const std::uint64_t ullPhraseEnd = std::uint64_t{phrase.m_nOffset} + phrase.m_nLength;
+        const uint64_t ullPhraseEnd = uint64_t{phrase.m_nOffset} + phrase.m_nLength;
         if (phrase.m_nLength == 0)
             vProblems.push_back("phrase " + phrase.m_strName + ": it has no samples");
         if (samples && ullPhraseEnd > *samples)
@@ -189,10 +187,8 @@ int check(const CTool& tool, const std::string& strIndex)
     else if (vProblems.empty())
         printLine(strIndex + ": " + std::to_string(index.m_vPhrases.size()) + " phrases, all well");
     for (const std::string& strProblem : vProblems)
-    {
         if (!tool.isJson())
             printLine(std::string(strIndex).append(": ").append(strProblem));
-    }
     return vProblems.empty() ? EXIT_CODE_OK : EXIT_CODE_FAILED;
 }
 } // namespace

@@ -182,10 +182,8 @@ std::vector<CClientPipe> listClientPipes(pid_t nProcessID)
 {
     std::vector<CClientPipe> vPipes;
     for (const CKind& kind : KINDS)
-    {
         if (const std::optional<CClientPipe> pipe = look(kind, nProcessID))
             vPipes.push_back(*pipe);
-    }
     return vPipes;
 }
 

@@ -120,9 +120,9 @@ void CPlayer::completed(MCSTATUS mcstatus)
         tellStarted();
 }
 
-void CPlayer::failed(std::size_t nItem, MCSTATUS mcstatus)
+void CPlayer::failed(size_t nItem, MCSTATUS mcstatus)
 {
-    const std::size_t nDropped = m_vItems.size() - nItem - 1;
+    const size_t nDropped = m_vItems.size() - nItem - 1;
     const std::string strRemark = m_vItems[nItem].m_strRemark;
     throw CToolError(exitCodeOf(mcstatus), m_vItems[nItem].m_strName + ": " + statusText(mcstatus) + ", " +
                                                statusHint(mcstatus) + (strRemark.empty() ? "" : "; " + strRemark) +

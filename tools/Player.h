@@ -39,15 +39,15 @@ private:
     bool wasCancelled() const { return m_session.interrupts() > 0; }
     void tellStarted();
     void completed(MCSTATUS mcstatus);
-    [[noreturn]] void failed(std::size_t nItem, MCSTATUS mcstatus);
+    [[noreturn]] void failed(size_t nItem, MCSTATUS mcstatus);
     void showProgress();
 
     CMediaSession& m_session;
     const std::vector<CPlayItem>& m_vItems;
     const bool m_bJson;
     CProgressLine m_progress;
-    std::size_t m_nQueued = 0;
-    std::size_t m_nEnded = 0;              // the index of the one that plays
+    size_t m_nQueued = 0;
+    size_t m_nEnded = 0;                   // the index of the one that plays
     MCSTATUS m_mcstatusNotQueued = MCS_OK; // of the one behind the queued ones
     Clock::time_point m_start;             // of the one that plays
 };

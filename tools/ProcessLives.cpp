@@ -33,10 +33,8 @@ unsigned int commandsOf(std::string_view strvCall)
         {"recordGetStatus", bit(MICMD_RECORDGETSTATUS)},
         {"dump", bit(MICMD_DUMP)}};
     for (const auto& [strvName, uCommands] : aCalls)
-    {
         if (strvCall == strvName)
             return uCommands;
-    }
     return 0;
 }
 
@@ -44,10 +42,8 @@ unsigned int commandsOf(std::string_view strvCall)
 int unsentCommand(unsigned int uExpected)
 {
     for (const int nCommand : {MICMD_PLAYFILE, MICMD_PLAYCLIP, MICMD_RECORDFILE, MICMD_CANCEL})
-    {
         if (uExpected & bit(nCommand))
             return nCommand;
-    }
     return NO_COMMAND;
 }
 } // namespace

@@ -237,10 +237,8 @@ void CCommandLives::CProcessLives::finishLife(CLife life, EOutcome outcome, cons
     if (const auto itStream = m_mapStreams.find(life->m_nStream); itStream != m_mapStreams.end())
     {
         for (CSide& side : itStream->second.m_aSides)
-        {
             if (side.m_active == life)
                 side.m_active.reset();
-        }
     }
     m_listener.onCommand(*life);
 }

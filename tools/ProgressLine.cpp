@@ -8,21 +8,21 @@
 
 namespace
 {
-constexpr std::size_t MAX_BAR = 40;
-constexpr std::size_t MIN_BAR = 5;
+constexpr size_t MAX_BAR = 40;
+constexpr size_t MIN_BAR = 5;
 
 bool startsCharacter(char c)
 {
     return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
 }
 
-std::size_t charactersIn(const std::string& strText)
+size_t charactersIn(const std::string& strText)
 {
-    return static_cast<std::size_t>(std::count_if(strText.begin(), strText.end(), startsCharacter));
+    return static_cast<size_t>(std::count_if(strText.begin(), strText.end(), startsCharacter));
 }
 
 // The first characters, with nothing among them that moves the cursor.
-std::string cut(const std::string& strText, std::size_t nCharacters)
+std::string cut(const std::string& strText, size_t nCharacters)
 {
     std::string strCut;
     for (const char c : strText)
@@ -41,11 +41,11 @@ std::string tenths(CMilliseconds duration)
     return szText;
 }
 
-std::string bar(CMilliseconds position, CMilliseconds total, std::size_t nWidth)
+std::string bar(CMilliseconds position, CMilliseconds total, size_t nWidth)
 {
     const double dPart =
         total.count() > 0 ? static_cast<double>(position.count()) / static_cast<double>(total.count()) : 1.0;
-    const std::size_t nDone = static_cast<std::size_t>(std::clamp(dPart, 0.0, 1.0) * static_cast<double>(nWidth));
+    const size_t nDone = static_cast<size_t>(std::clamp(dPart, 0.0, 1.0) * static_cast<double>(nWidth));
     return "[" + std::string(nDone, '#') + std::string(nWidth - nDone, '-') + "] ";
 }
 } // namespace
@@ -54,14 +54,14 @@ std::string progressText(const std::string& strLabel, CMilliseconds position, st
                          const std::string& strRest, int nColumns)
 {
     // The last column stays free: a cursor beyond it begins a new line.
-    const std::size_t nWidth = nColumns > 1 ? static_cast<std::size_t>(nColumns) - 1 : 1;
+    const size_t nWidth = nColumns > 1 ? static_cast<size_t>(nColumns) - 1 : 1;
     const std::string strTimes = tenths(total ? std::min(position, *total) : position) +
                                  (total ? " / " + tenths(*total) : "") + " s" + (strRest.empty() ? "" : "  " + strRest);
-    const std::size_t nTaken = strTimes.size() + 1;
+    const size_t nTaken = strTimes.size() + 1;
     if (nTaken >= nWidth)
         return cut(strTimes, nWidth);
     const std::string strShown = cut(strLabel, std::min(nWidth - nTaken, nWidth / 2)) + " ";
-    const std::size_t nFree = nWidth - std::min(nWidth, charactersIn(strShown) + strTimes.size());
+    const size_t nFree = nWidth - std::min(nWidth, charactersIn(strShown) + strTimes.size());
     const bool bBar = total && nFree >= MIN_BAR + 3;
     return strShown + (bBar ? bar(position, *total, std::min(MAX_BAR, nFree - 3)) : "") + strTimes;
 }

@@ -124,20 +124,16 @@ const std::vector<CStatusEntry>& statusTable()
 const CStatusEntry* findStatus(MCSTATUS mcstatus)
 {
     for (const CStatusEntry& entry : statusTable())
-    {
         if (entry.mcstatus == mcstatus)
             return &entry;
-    }
     return nullptr;
 }
 
 const CStatusEntry* findStatus(const std::string& strName)
 {
     for (const CStatusEntry& entry : statusTable())
-    {
         if (entry.pszName && entry.pszName == fullName(strName))
             return &entry;
-    }
     return nullptr;
 }
 

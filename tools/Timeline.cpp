@@ -14,10 +14,8 @@ namespace
 int64_t firstOf(std::initializer_list<int64_t> times)
 {
     for (const int64_t llTime : times)
-    {
         if (llTime != NO_TIME)
             return llTime;
-    }
     return NO_TIME;
 }
 
@@ -121,10 +119,8 @@ void CTimeline::changeConnection(int nProcess, EItem item, int64_t llTime)
 void CTimeline::finish()
 {
     for (const auto& [nProcess, connection] : m_mapConnections)
-    {
         if (connection.m_item != ITEMS)
             m_vPending.push_back({connection.m_item, nProcess, 0, connection.m_llSince, NO_TIME, NO_LIFE});
-    }
     std::map<int, size_t> mapProcessRows;
     std::unordered_map<uint64_t, size_t> mapStreamRows;
     for (const auto& process : m_mapConnections)

@@ -37,12 +37,10 @@ std::string escapeScript(const nlohmann::json& json)
     std::string strScript;
     strScript.reserve(strJson.size());
     for (const char c : strJson)
-    {
         if (c == '<')
             strScript += "\\u003c";
         else
             strScript += c;
-    }
     return strScript;
 }
 

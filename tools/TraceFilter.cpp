@@ -43,10 +43,8 @@ unsigned int commandsFromName(std::string strName)
         strName.erase(0, 6);
     unsigned int uCommands = 0;
     for (int n = 0; n < COMMANDS; ++n)
-    {
         if (!strName.empty() && std::string_view(shortCommandName(n)).starts_with(strName))
             uCommands |= 1U << n;
-    }
     if (uCommands == 0)
         throw CToolError(EXIT_CODE_USAGE, "there is no command '" + strName + "'");
     return uCommands;

@@ -31,15 +31,13 @@ constexpr CEnding ENDINGS[] = {
 
 const char* const AUDIO_ENDINGS = ".wav .au .snd .flac .ul .ulaw .raw .al .alaw .sln .pcm";
 
-std::optional<CAudioFormat> AudioFormatOf(const std::string& strPath)
+std::optional<CAudioFormat> audioFormatOf(const std::string& strPath)
 {
     for (const CEnding& ending : ENDINGS)
     {
-        const std::size_t nLength = std::strlen(ending.m_pText);
+        const size_t nLength = std::strlen(ending.m_pText);
         if (strPath.size() > nLength && ::strcasecmp(strPath.c_str() + strPath.size() - nLength, ending.m_pText) == 0)
-        {
             return ending.m_format;
-        }
     }
     return std::nullopt;
 }

@@ -19,7 +19,7 @@ struct CAudioFormat
 //   .sln .pcm           16-bit linear, little-endian, headerless
 //   .flac               16-bit linear, compressed without loss
 // Files with a header are read whatever they hold; this is how they are written.
-std::optional<CAudioFormat> AudioFormatOf(const std::string& strPath);
+std::optional<CAudioFormat> audioFormatOf(const std::string& strPath);
 
 // The endings as a list for messages.
 extern const char* const AUDIO_ENDINGS;

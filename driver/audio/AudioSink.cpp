@@ -7,10 +7,10 @@
 
 namespace
 {
-constexpr std::size_t SERVICE_SAMPLES = CAudioSink::CAPACITY / 8;
+constexpr size_t SERVICE_SAMPLES = CAudioSink::CAPACITY / 8;
 } // namespace
 
-void CAudioSink::Open(CExecutor& disk, const std::string& strPath, OpenFunction done)
+void CAudioSink::open(CExecutor& disk, const std::string& strPath, OpenFunction done)
 {
     struct COpened
     {
@@ -18,11 +18,11 @@ void CAudioSink::Open(CExecutor& disk, const std::string& strPath, OpenFunction 
         std::string m_strError;
     };
     const auto pOpened = std::make_shared<COpened>();
-    disk.Post(
+    disk.post(
         [strPath, pOpened] {
             try
             {
-                pOpened->m_pWriter = CAudioWriter::Create(strPath, pOpened->m_strError);
+                pOpened->m_pWriter = CAudioWriter::create(strPath, pOpened->m_strError);
             }
             catch (const std::exception& exception)
             {
@@ -36,90 +36,86 @@ void CAudioSink::Open(CExecutor& disk, const std::string& strPath, OpenFunction 
 }
 
 CAudioSink::CAudioSink(CExecutor& disk, std::unique_ptr<CAudioWriter> pWriter)
-    : m_disk(disk), m_pWriter(std::move(pWriter)), m_pbRing(std::make_unique_for_overwrite<std::uint8_t[]>(CAPACITY))
+    : m_disk(disk), m_pWriter(std::move(pWriter)), m_pbRing(std::make_unique_for_overwrite<uint8_t[]>(CAPACITY))
 {
 }
 
-std::size_t CAudioSink::Put(std::span<const std::uint8_t> samples)
+size_t CAudioSink::put(std::span<const uint8_t> samples)
 {
-    const std::size_t nCount = std::min(samples.size(), Room());
-    const std::size_t nPut = m_nPut.load(std::memory_order_relaxed);
-    const std::size_t nAt = nPut % CAPACITY;
-    const std::size_t nFirst = std::min(nCount, CAPACITY - nAt);
+    const size_t nCount = std::min(samples.size(), room());
+    const size_t nPut = m_nPut.load(std::memory_order_relaxed);
+    const size_t nAt = nPut % CAPACITY;
+    const size_t nFirst = std::min(nCount, CAPACITY - nAt);
     std::copy_n(samples.data(), nFirst, m_pbRing.get() + nAt);
     std::copy_n(samples.data() + nFirst, nCount - nFirst, m_pbRing.get());
     m_nPut.store(nPut + nCount, std::memory_order_release);
     return nCount;
 }
 
-std::size_t CAudioSink::Room() const
+size_t CAudioSink::room() const
 {
     return CAPACITY - (m_nPut.load(std::memory_order_relaxed) - m_nWritten.load(std::memory_order_acquire));
 }
 
-bool CAudioSink::HasFailed() const
+bool CAudioSink::hasFailed() const
 {
     return m_bFailed.load(std::memory_order_relaxed);
 }
 
-bool CAudioSink::WantsService() const
+bool CAudioSink::wantsService() const
 {
-    return !m_bServicePosted && CAPACITY - Room() >= SERVICE_SAMPLES;
+    return !m_bServicePosted && CAPACITY - room() >= SERVICE_SAMPLES;
 }
 
-void CAudioSink::Service()
+void CAudioSink::service()
 {
     m_bServicePosted = true;
-    m_disk.Post([pThis = shared_from_this()] { pThis->Drain(); },
+    m_disk.post([pThis = shared_from_this()] { pThis->drain(); },
                 [pThis = shared_from_this()] { pThis->m_bServicePosted = false; });
 }
 
-void CAudioSink::Update(DoneFunction done)
+void CAudioSink::update(DoneFunction done)
 {
-    PostDrain(&CAudioWriter::Update, std::move(done));
+    postDrain(&CAudioWriter::update, std::move(done));
 }
 
-void CAudioSink::Close(DoneFunction done)
+void CAudioSink::close(DoneFunction done)
 {
-    PostDrain(&CAudioWriter::Close, std::move(done));
+    postDrain(&CAudioWriter::close, std::move(done));
 }
 
-void CAudioSink::PostDrain(bool (CAudioWriter::*finish)(), DoneFunction done)
+void CAudioSink::postDrain(bool (CAudioWriter::*finish)(), DoneFunction done)
 {
-    m_disk.Post(
+    m_disk.post(
         [pThis = shared_from_this(), finish] {
-            pThis->Drain();
+            pThis->drain();
             if (!(*pThis->m_pWriter.*finish)())
-            {
                 pThis->m_bFailed.store(true, std::memory_order_relaxed);
-            }
         },
-        [pThis = shared_from_this(), done = std::move(done)] { done(!pThis->HasFailed()); });
+        [pThis = shared_from_this(), done = std::move(done)] { done(!pThis->hasFailed()); });
 }
 
-void CAudioSink::Drain()
+void CAudioSink::drain()
 {
-    std::size_t nWritten = m_nWritten.load(std::memory_order_relaxed);
-    const std::size_t nPut = m_nPut.load(std::memory_order_acquire);
+    size_t nWritten = m_nWritten.load(std::memory_order_relaxed);
+    const size_t nPut = m_nPut.load(std::memory_order_acquire);
     while (nWritten < nPut)
     {
-        const std::size_t nAt = nWritten % CAPACITY;
-        const std::size_t nCount = std::min(nPut - nWritten, CAPACITY - nAt);
+        const size_t nAt = nWritten % CAPACITY;
+        const size_t nCount = std::min(nPut - nWritten, CAPACITY - nAt);
         // A file that failed takes no more, so that it holds the beginning and not pieces.
-        if (!HasFailed() && !Write({m_pbRing.get() + nAt, nCount}))
-        {
+        if (!hasFailed() && !write({m_pbRing.get() + nAt, nCount}))
             m_bFailed.store(true, std::memory_order_relaxed);
-        }
         nWritten += nCount;
         m_nWritten.store(nWritten, std::memory_order_release);
     }
 }
 
-bool CAudioSink::Write(std::span<const std::uint8_t> samples)
+bool CAudioSink::write(std::span<const uint8_t> samples)
 {
     try
     {
-        return m_pWriter->Write(samples);
+        return m_pWriter->write(samples);
     }
     catch (const std::bad_alloc&)
     {

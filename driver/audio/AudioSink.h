@@ -22,44 +22,44 @@ public:
     using DoneFunction = std::function<void(bool bOk)>;
 
     // What waits in memory at most: 4 s of real time.
-    static constexpr std::size_t CAPACITY = 32768;
+    static constexpr size_t CAPACITY = 32768;
 
     // Creates or empties the file; see CAudioWriter::Create.
-    static void Open(CExecutor& disk, const std::string& strPath, OpenFunction done);
+    static void open(CExecutor& disk, const std::string& strPath, OpenFunction done);
 
     CAudioSink(CExecutor& disk, std::unique_ptr<CAudioWriter> pWriter);
 
     // On the media tick: takes as many samples as there is room for and returns their number. Neither
     // blocks, locks nor allocates.
-    std::size_t Put(std::span<const std::uint8_t> samples);
-    std::size_t Room() const;
+    size_t put(std::span<const uint8_t> samples);
+    size_t room() const;
 
     // The file could not be written. What got through is in it.
-    bool HasFailed() const;
+    bool hasFailed() const;
 
-    // After the tick: enough has come together to be written, which Service gives to the disk.
-    bool WantsService() const;
-    void Service();
+    // After the tick: enough has come together to be written, which service gives to the disk.
+    bool wantsService() const;
+    void service();
 
     // Writes all that was put so far, header included. bOk is false when the file has failed.
-    void Update(DoneFunction done);
+    void update(DoneFunction done);
 
     // The same, then ends the file. Nothing may be put afterwards.
-    void Close(DoneFunction done);
+    void close(DoneFunction done);
 
 private:
     // Has the disk's thread write what there is, and then finish with the writer.
-    void PostDrain(bool (CAudioWriter::*finish)(), DoneFunction done);
+    void postDrain(bool (CAudioWriter::*finish)(), DoneFunction done);
 
     // On the disk's thread.
-    void Drain();
-    bool Write(std::span<const std::uint8_t> samples);
+    void drain();
+    bool write(std::span<const uint8_t> samples);
 
     CExecutor& m_disk;
-    std::unique_ptr<CAudioWriter> m_pWriter;  // the disk's thread's
-    std::unique_ptr<std::uint8_t[]> m_pbRing; // CAPACITY bytes, memory in use only once it was written
-    std::atomic<std::size_t> m_nPut = 0;      // samples ever put; the place in the ring is modulo CAPACITY
-    std::atomic<std::size_t> m_nWritten = 0;  // samples ever taken out
+    std::unique_ptr<CAudioWriter> m_pWriter; // the disk's thread's
+    std::unique_ptr<uint8_t[]> m_pbRing;     // CAPACITY bytes, memory in use only once it was written
+    std::atomic<size_t> m_nPut = 0;          // samples ever put; the place in the ring is modulo CAPACITY
+    std::atomic<size_t> m_nWritten = 0;      // samples ever taken out
     std::atomic<bool> m_bFailed = false;
     bool m_bServicePosted = false;
 };

@@ -16,22 +16,20 @@
 
 namespace
 {
-bool OpenForWriting(const std::string& strPath, CFd& fd, std::string& strError)
+bool openForWriting(const std::string& strPath, CFd& fd, std::string& strError)
 {
     // It is emptied only after the checks: the path may name what must not be touched.
     struct stat status = {};
-    if (!OpenAudioFile(strPath, O_RDWR | O_CREAT, fd, status, strError))
-    {
+    if (!openAudioFile(strPath, O_RDWR | O_CREAT, fd, status, strError))
         return false;
-    }
-    if (::flock(fd.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+    if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
     {
         strError = "it is being written already";
         return false;
     }
-    if (::ftruncate(fd.Get(), 0) != 0)
+    if (::ftruncate(fd.get(), 0) != 0)
     {
-        strError = ErrnoText(errno);
+        strError = errnoText(errno);
         return false;
     }
     return true;
@@ -42,34 +40,34 @@ bool OpenForWriting(const std::string& strPath, CFd& fd, std::string& strError)
 // could be written.
 struct CAudioWriter::CTarget
 {
-    static CTarget& Of(void* p) { return *static_cast<CTarget*>(p); }
+    static CTarget& of(void* p) { return *static_cast<CTarget*>(p); }
 
-    static sf_count_t Length(void* p)
+    static sf_count_t length(void* p)
     {
         struct stat status = {};
-        return ::fstat(Of(p).m_fd.Get(), &status) == 0 ? status.st_size : -1;
+        return ::fstat(of(p).m_fd.get(), &status) == 0 ? status.st_size : -1;
     }
 
-    static sf_count_t Seek(sf_count_t nOffset, int nWhence, void* p)
+    static sf_count_t seek(sf_count_t nOffset, int nWhence, void* p)
     {
-        return ::lseek(Of(p).m_fd.Get(), nOffset, nWhence);
+        return ::lseek(of(p).m_fd.get(), nOffset, nWhence);
     }
 
-    static sf_count_t Read(void* pBytes, sf_count_t nCount, void* p)
+    static sf_count_t read(void* pBytes, sf_count_t nCount, void* p)
     {
-        return ::read(Of(p).m_fd.Get(), pBytes, static_cast<std::size_t>(nCount));
+        return ::read(of(p).m_fd.get(), pBytes, static_cast<size_t>(nCount));
     }
 
-    static sf_count_t Write(const void* pBytes, sf_count_t nCount, void* p)
+    static sf_count_t write(const void* pBytes, sf_count_t nCount, void* p)
     {
         sf_count_t nWritten = 0;
         while (nWritten < nCount)
         {
-            const ssize_t nPart = ::write(Of(p).m_fd.Get(), static_cast<const char*>(pBytes) + nWritten,
-                                          static_cast<std::size_t>(nCount - nWritten));
+            const ssize_t nPart = ::write(of(p).m_fd.get(), static_cast<const char*>(pBytes) + nWritten,
+                                          static_cast<size_t>(nCount - nWritten));
             if (nPart <= 0)
             {
-                Of(p).m_bFailed = true;
+                of(p).m_bFailed = true;
                 break;
             }
             nWritten += nPart;
@@ -77,25 +75,23 @@ struct CAudioWriter::CTarget
         return nWritten;
     }
 
-    static sf_count_t Tell(void* p) { return ::lseek(Of(p).m_fd.Get(), 0, SEEK_CUR); }
+    static sf_count_t tell(void* p) { return ::lseek(of(p).m_fd.get(), 0, SEEK_CUR); }
 
     CFd m_fd;
     bool m_bFailed = false;
 };
 
-std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, std::string& strError)
+std::unique_ptr<CAudioWriter> CAudioWriter::create(const std::string& strPath, std::string& strError)
 {
-    const auto format = AudioFormatOf(strPath);
+    const auto format = audioFormatOf(strPath);
     if (!format)
     {
         strError = std::string("its ending is none of ") + AUDIO_ENDINGS;
         return nullptr;
     }
     CFd fd;
-    if (!OpenForWriting(strPath, fd, strError))
-    {
+    if (!openForWriting(strPath, fd, strError))
         return nullptr;
-    }
     SF_INFO info = {};
     info.format = format->m_nSndFormat;
     info.samplerate = 8000;
@@ -104,14 +100,14 @@ std::unique_ptr<CAudioWriter> CAudioWriter::Create(const std::string& strPath, s
     pTarget->m_fd = std::move(fd);
     std::unique_ptr<CAudioWriter> pWriter(
         new CAudioWriter(std::move(pTarget), (format->m_nSndFormat & SF_FORMAT_SUBMASK) == SF_FORMAT_ULAW));
-    SF_VIRTUAL_IO io = {CTarget::Length, CTarget::Seek, CTarget::Read, CTarget::Write, CTarget::Tell};
+    SF_VIRTUAL_IO io = {CTarget::length, CTarget::seek, CTarget::read, CTarget::write, CTarget::tell};
     pWriter->m_pFile.reset(sf_open_virtual(&io, SFM_WRITE, &info, pWriter->m_pTarget.get()));
     if (!pWriter->m_pFile)
     {
         strError = sf_strerror(nullptr);
         return nullptr;
     }
-    if (!pWriter->Update())
+    if (!pWriter->update())
     {
         strError = "its header cannot be written";
         return nullptr;
@@ -125,34 +121,30 @@ CAudioWriter::CAudioWriter(std::unique_ptr<CTarget> pTarget, bool bULaw) : m_pTa
 
 CAudioWriter::~CAudioWriter()
 {
-    Close();
+    close();
 }
 
-bool CAudioWriter::Write(std::span<const std::uint8_t> samples)
+bool CAudioWriter::write(std::span<const uint8_t> samples)
 {
     const sf_count_t nCount = static_cast<sf_count_t>(samples.size());
     if (!m_pFile || m_bULaw)
-    {
         return m_pFile && sf_write_raw(m_pFile.get(), samples.data(), nCount) == nCount;
-    }
-    std::vector<std::int16_t> vLinear(samples.size());
-    std::transform(samples.begin(), samples.end(), vLinear.begin(), DecodeULaw);
+    std::vector<int16_t> vLinear(samples.size());
+    std::transform(samples.begin(), samples.end(), vLinear.begin(), decodeULaw);
     return sf_write_short(m_pFile.get(), vLinear.data(), nCount) == nCount;
 }
 
-bool CAudioWriter::Update()
+bool CAudioWriter::update()
 {
     if (!m_pFile)
-    {
         return false;
-    }
     sf_command(m_pFile.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     return sf_error(m_pFile.get()) == SF_ERR_NO_ERROR && !m_pTarget->m_bFailed;
 }
 
-bool CAudioWriter::Close()
+bool CAudioWriter::close()
 {
     const bool bClosed = !m_pFile || sf_close(m_pFile.release()) == 0;
-    m_pTarget->m_fd.Close();
+    m_pTarget->m_fd.close();
     return bClosed && !m_pTarget->m_bFailed;
 }

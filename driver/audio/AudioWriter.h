@@ -11,21 +11,21 @@
 #include <string>
 
 // One open file of µ-law samples, 8000 per second, mono. Formats of µ-law get them byte for byte. The file is complete,
-// header included, after Close, after Update, and when the writer is destroyed.
+// header included, after close, after update, and when the writer is destroyed.
 class CAudioWriter
 {
 public:
     // Creates the file or empties an existing one. The format is by the ending of the path: see
     // AudioFormat.h. Any other ending, a path that is not a regular file, and a file that another writer
     // is writing give null; strError then says why, without the path.
-    static std::unique_ptr<CAudioWriter> Create(const std::string& strPath, std::string& strError);
+    static std::unique_ptr<CAudioWriter> create(const std::string& strPath, std::string& strError);
 
     ~CAudioWriter();
 
     // All three return false when the disk or the file failed; the file then holds what got through.
-    bool Write(std::span<const std::uint8_t> samples);
-    bool Update();
-    bool Close();
+    bool write(std::span<const uint8_t> samples);
+    bool update();
+    bool close();
 
 private:
     struct CTarget;

@@ -14,27 +14,27 @@
 class CClip
 {
 public:
-    CClip(std::string strPath, std::size_t nCapacity)
+    CClip(std::string strPath, size_t nCapacity)
         : m_strPath(std::move(strPath)), m_nCapacity(nCapacity),
-          m_pbSamples(std::make_unique_for_overwrite<std::uint8_t[]>(nCapacity))
+          m_pbSamples(std::make_unique_for_overwrite<uint8_t[]>(nCapacity))
     {
     }
 
-    const std::string& Path() const { return m_strPath; }
+    const std::string& path() const { return m_strPath; }
 
     // Number of samples that can be played so far.
-    std::size_t Ready() const { return m_nReady.load(std::memory_order_acquire); }
-    const std::uint8_t* Samples() const { return m_pbSamples.get(); }
+    size_t ready() const { return m_nReady.load(std::memory_order_acquire); }
+    const uint8_t* samples() const { return m_pbSamples.get(); }
 
     // No more samples will come: Ready, asked for after this, is the length. A broken clip has lost its
     // end to an error of the file.
-    bool IsDecoded() const { return m_eState.load(std::memory_order_acquire) != EState::Decoding; }
-    bool IsBroken() const { return m_eState.load(std::memory_order_acquire) == EState::Broken; }
+    bool isDecoded() const { return m_eState.load(std::memory_order_acquire) != EState::Decoding; }
+    bool isBroken() const { return m_eState.load(std::memory_order_acquire) == EState::Broken; }
 
     // For the decoding thread: room for the next samples, their publication, and the end.
-    std::span<std::uint8_t> Room() { return {m_pbSamples.get() + Ready(), m_nCapacity - Ready()}; }
-    void Publish(std::size_t nSamples) { m_nReady.fetch_add(nSamples, std::memory_order_release); }
-    void End(bool bBroken) { m_eState.store(bBroken ? EState::Broken : EState::Complete, std::memory_order_release); }
+    std::span<uint8_t> room() { return {m_pbSamples.get() + ready(), m_nCapacity - ready()}; }
+    void publish(size_t nSamples) { m_nReady.fetch_add(nSamples, std::memory_order_release); }
+    void end(bool bBroken) { m_eState.store(bBroken ? EState::Broken : EState::Complete, std::memory_order_release); }
 
 private:
     enum class EState
@@ -45,9 +45,9 @@ private:
     };
 
     const std::string m_strPath;
-    const std::size_t m_nCapacity;
-    const std::unique_ptr<std::uint8_t[]> m_pbSamples; // memory that is not written yet is not in use
-    std::atomic<std::size_t> m_nReady = 0;
+    const size_t m_nCapacity;
+    const std::unique_ptr<uint8_t[]> m_pbSamples; // memory that is not written yet is not in use
+    std::atomic<size_t> m_nReady = 0;
     std::atomic<EState> m_eState = EState::Decoding;
 };
 

@@ -12,14 +12,14 @@
 
 namespace
 {
-constexpr std::size_t SAMPLES_TO_START = 8000;
+constexpr size_t SAMPLES_TO_START = 8000;
 
 // About 8 s of audio: some milliseconds of work, whatever the format.
-constexpr std::size_t PIECE_SAMPLES = 65536;
+constexpr size_t PIECE_SAMPLES = 65536;
 
-bool CanStart(const CClip& clip, std::size_t nPosition)
+bool canStart(const CClip& clip, size_t nPosition)
 {
-    return clip.IsDecoded() || clip.Ready() >= nPosition + SAMPLES_TO_START;
+    return clip.isDecoded() || clip.ready() >= nPosition + SAMPLES_TO_START;
 }
 } // namespace
 
@@ -31,29 +31,29 @@ bool CClipStore::CIdentity::operator==(const CIdentity& other) const
            m_modified.tv_sec == other.m_modified.tv_sec && m_modified.tv_nsec == other.m_modified.tv_nsec;
 }
 
-void CClipStore::Load(const std::string& strPath, std::size_t nPosition, LoadFunction done)
+void CClipStore::load(const std::string& strPath, size_t nPosition, LoadFunction done)
 {
     const auto it = m_mapEntryByPath.find(strPath);
     const CClipPtr pKnown = it != m_mapEntryByPath.end() ? it->second.m_pClip.lock() : nullptr;
     const CIdentity known = pKnown ? it->second.m_identity : CIdentity();
     const auto pOpening = std::make_shared<COpening>();
-    m_executor.Post(
-        [strPath, bKnown = pKnown != nullptr, known, pOpening] { Open(strPath, bKnown ? &known : nullptr, *pOpening); },
+    m_executor.post(
+        [strPath, bKnown = pKnown != nullptr, known, pOpening] { open(strPath, bKnown ? &known : nullptr, *pOpening); },
         [this, strPath, nPosition, pKnown, pOpening, done = std::move(done)]() mutable {
-            OnOpened(strPath, nPosition, pKnown, *pOpening, std::move(done));
+            onOpened(strPath, nPosition, pKnown, *pOpening, std::move(done));
         });
 }
 
-void CClipStore::Open(const std::string& strPath, const CIdentity* pKnown, COpening& opening)
+void CClipStore::open(const std::string& strPath, const CIdentity* pKnown, COpening& opening)
 {
     try
     {
         CFd fd;
         struct stat status = {};
         std::string strReason;
-        if (!OpenAudioFile(strPath, O_RDONLY, fd, status, strReason))
+        if (!openAudioFile(strPath, O_RDONLY, fd, status, strReason))
         {
-            opening.m_strError = fmt::format("\"{}\" cannot be opened: {}", Printable(strPath), strReason);
+            opening.m_strError = fmt::format("\"{}\" cannot be opened: {}", printable(strPath), strReason);
             return;
         }
         opening.m_identity = {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
@@ -62,22 +62,22 @@ void CClipStore::Open(const std::string& strPath, const CIdentity* pKnown, COpen
             opening.m_bUnchanged = true;
             return;
         }
-        opening.m_pReader = CAudioReader::Open(std::move(fd), strPath, strReason);
+        opening.m_pReader = CAudioReader::open(std::move(fd), strPath, strReason);
         if (!opening.m_pReader)
         {
             opening.m_strError =
-                fmt::format("\"{}\" is no audio file that can be read: {}", Printable(strPath), strReason);
+                fmt::format("\"{}\" is no audio file that can be read: {}", printable(strPath), strReason);
             return;
         }
-        opening.m_pClip = std::make_shared<CClip>(strPath, opening.m_pReader->MaxSamples());
+        opening.m_pClip = std::make_shared<CClip>(strPath, opening.m_pReader->maxSamples());
     }
     catch (const std::exception& exception)
     {
-        opening.m_strError = fmt::format("\"{}\" cannot be opened: {}", Printable(strPath), exception.what());
+        opening.m_strError = fmt::format("\"{}\" cannot be opened: {}", printable(strPath), exception.what());
     }
 }
 
-void CClipStore::OnOpened(const std::string& strPath, std::size_t nPosition, const CClipPtr& pKnown, COpening& opening,
+void CClipStore::onOpened(const std::string& strPath, size_t nPosition, const CClipPtr& pKnown, COpening& opening,
                           LoadFunction done)
 {
     if (!opening.m_strError.empty())
@@ -86,10 +86,10 @@ void CClipStore::OnOpened(const std::string& strPath, std::size_t nPosition, con
         return;
     }
     // Somebody else may have loaded the file in the meantime.
-    const CClipPtr pClip = opening.m_bUnchanged ? pKnown : FindClip(strPath, opening.m_identity);
+    const CClipPtr pClip = opening.m_bUnchanged ? pKnown : findClip(strPath, opening.m_identity);
     if (pClip)
     {
-        WaitFor(pClip, nPosition, std::move(done));
+        waitFor(pClip, nPosition, std::move(done));
         return;
     }
     const auto pDecoding = std::make_shared<CDecoding>();
@@ -99,19 +99,19 @@ void CClipStore::OnOpened(const std::string& strPath, std::size_t nPosition, con
     std::erase_if(m_mapEntryByPath, [](const auto& item) { return item.second.m_pClip.expired(); });
     m_mapEntryByPath[strPath] = {pDecoding->m_pClip, opening.m_identity};
     m_mapDecodingByClip.emplace(pDecoding->m_pClip.get(), pDecoding);
-    PostPiece(pDecoding);
+    postPiece(pDecoding);
 }
 
-CClipPtr CClipStore::FindClip(const std::string& strPath, const CIdentity& identity) const
+CClipPtr CClipStore::findClip(const std::string& strPath, const CIdentity& identity) const
 {
     const auto it = m_mapEntryByPath.find(strPath);
     return it != m_mapEntryByPath.end() && it->second.m_identity == identity ? it->second.m_pClip.lock() : nullptr;
 }
 
-void CClipStore::WaitFor(const CClipPtr& pClip, std::size_t nPosition, LoadFunction done)
+void CClipStore::waitFor(const CClipPtr& pClip, size_t nPosition, LoadFunction done)
 {
     const auto it = m_mapDecodingByClip.find(pClip.get());
-    if (it == m_mapDecodingByClip.end() || CanStart(*pClip, nPosition))
+    if (it == m_mapDecodingByClip.end() || canStart(*pClip, nPosition))
     {
         done(pClip, {});
         return;
@@ -119,38 +119,36 @@ void CClipStore::WaitFor(const CClipPtr& pClip, std::size_t nPosition, LoadFunct
     it->second->m_vWaiters.push_back({nPosition, std::move(done)});
 }
 
-void CClipStore::PostPiece(const std::shared_ptr<CDecoding>& pDecoding)
+void CClipStore::postPiece(const std::shared_ptr<CDecoding>& pDecoding)
 {
-    m_executor.Post([pDecoding] { DecodePiece(*pDecoding); }, [this, pDecoding] { OnPiece(pDecoding); });
+    m_executor.post([pDecoding] { decodePiece(*pDecoding); }, [this, pDecoding] { onPiece(pDecoding); });
 }
 
-void CClipStore::DecodePiece(CDecoding& decoding)
+void CClipStore::decodePiece(CDecoding& decoding)
 {
     try
     {
-        const std::span<std::uint8_t> room = decoding.m_pClip->Room();
+        const std::span<uint8_t> room = decoding.m_pClip->room();
         const auto piece = room.first(std::min(room.size(), PIECE_SAMPLES));
-        const std::size_t nSamples = decoding.m_pReader->Read(piece, decoding.m_strError);
-        decoding.m_pClip->Publish(nSamples);
+        const size_t nSamples = decoding.m_pReader->read(piece, decoding.m_strError);
+        decoding.m_pClip->publish(nSamples);
         if (nSamples == piece.size() && nSamples < room.size())
-        {
             return;
-        }
     }
     catch (const std::exception& exception)
     {
         decoding.m_strError = exception.what();
     }
     decoding.m_pReader.reset();
-    decoding.m_pClip->End(!decoding.m_strError.empty());
+    decoding.m_pClip->end(!decoding.m_strError.empty());
 }
 
-void CClipStore::OnPiece(const std::shared_ptr<CDecoding>& pDecoding)
+void CClipStore::onPiece(const std::shared_ptr<CDecoding>& pDecoding)
 {
     const CClipPtr pClip = pDecoding->m_pClip;
     std::vector<CWaiter> vWaiters;
     vWaiters.swap(pDecoding->m_vWaiters);
-    if (!pClip->IsDecoded())
+    if (!pClip->isDecoded())
     {
         // Waiters and readers gone: two holders are left, the decoding and this function.
         if (vWaiters.empty() && pClip.use_count() == 2)
@@ -158,31 +156,31 @@ void CClipStore::OnPiece(const std::shared_ptr<CDecoding>& pDecoding)
             m_mapDecodingByClip.erase(pClip.get());
             return;
         }
-        PostPiece(pDecoding);
+        postPiece(pDecoding);
     }
     else
     {
         m_mapDecodingByClip.erase(pClip.get());
-        if (pClip->IsBroken())
+        if (pClip->isBroken())
         {
-            m_mapEntryByPath.erase(pClip->Path());
-            spdlog::error("\"{}\" is damaged behind {} samples: {}", Printable(pClip->Path()), pClip->Ready(),
+            m_mapEntryByPath.erase(pClip->path());
+            spdlog::error("\"{}\" is damaged behind {} samples: {}", printable(pClip->path()), pClip->ready(),
                           pDecoding->m_strError);
         }
         else
         {
-            spdlog::info("loaded \"{}\", {} samples", Printable(pClip->Path()), pClip->Ready());
+            spdlog::info("loaded \"{}\", {} samples", printable(pClip->path()), pClip->ready());
         }
     }
     for (CWaiter& waiter : vWaiters)
     {
-        if (!CanStart(*pClip, waiter.m_nPosition))
+        if (!canStart(*pClip, waiter.m_nPosition))
         {
             pDecoding->m_vWaiters.push_back(std::move(waiter));
         }
-        else if (pClip->IsBroken() && pClip->Ready() <= waiter.m_nPosition)
+        else if (pClip->isBroken() && pClip->ready() <= waiter.m_nPosition)
         {
-            waiter.m_done(nullptr, fmt::format("\"{}\" is no audio file that can be read: {}", Printable(pClip->Path()),
+            waiter.m_done(nullptr, fmt::format("\"{}\" is no audio file that can be read: {}", printable(pClip->path()),
                                                pDecoding->m_strError));
         }
         else
@@ -192,19 +190,20 @@ void CClipStore::OnPiece(const std::shared_ptr<CDecoding>& pDecoding)
     }
 }
 
-std::size_t CClipStore::Count() const
+size_t CClipStore::count() const
 {
-    return static_cast<std::size_t>(std::count_if(m_mapEntryByPath.begin(), m_mapEntryByPath.end(),
-                                                  [](const auto& item) { return !item.second.m_pClip.expired(); }));
+    return static_cast<size_t>(std::count_if(
+        m_mapEntryByPath.begin(), m_mapEntryByPath.end(),
+        [](const auto& item) { return !item.second.m_pClip.expired(); }));
 }
 
-std::size_t CClipStore::Samples() const
+size_t CClipStore::samples() const
 {
-    std::size_t nSamples = 0;
+    size_t nSamples = 0;
     for (const auto& [strPath, entry] : m_mapEntryByPath)
     {
         const CClipPtr pClip = entry.m_pClip.lock();
-        nSamples += pClip ? pClip->Ready() : 0;
+        nSamples += pClip ? pClip->ready() : 0;
     }
     return nSamples;
 }

@@ -26,14 +26,14 @@ public:
 
     // Calls done once a play from nPosition, in samples, can begin: one second from there, or all of the
     // file, is decoded. At once or later.
-    void Load(const std::string& strPath, std::size_t nPosition, LoadFunction done);
+    void load(const std::string& strPath, size_t nPosition, LoadFunction done);
 
     // The same for a clip that was loaded before.
-    void WaitFor(const CClipPtr& pClip, std::size_t nPosition, LoadFunction done);
+    void waitFor(const CClipPtr& pClip, size_t nPosition, LoadFunction done);
 
     // Clips that are in memory, and their samples so far.
-    std::size_t Count() const;
-    std::size_t Samples() const;
+    size_t count() const;
+    size_t samples() const;
 
 private:
     struct CIdentity
@@ -61,7 +61,7 @@ private:
     };
     struct CWaiter
     {
-        std::size_t m_nPosition;
+        size_t m_nPosition;
         LoadFunction m_done;
     };
     struct CDecoding
@@ -72,13 +72,13 @@ private:
         std::string m_strError;
     };
 
-    static void Open(const std::string& strPath, const CIdentity* pKnown, COpening& opening);
-    static void DecodePiece(CDecoding& decoding);
-    void OnOpened(const std::string& strPath, std::size_t nPosition, const CClipPtr& pKnown, COpening& opening,
+    static void open(const std::string& strPath, const CIdentity* pKnown, COpening& opening);
+    static void decodePiece(CDecoding& decoding);
+    void onOpened(const std::string& strPath, size_t nPosition, const CClipPtr& pKnown, COpening& opening,
                   LoadFunction done);
-    CClipPtr FindClip(const std::string& strPath, const CIdentity& identity) const;
-    void PostPiece(const std::shared_ptr<CDecoding>& pDecoding);
-    void OnPiece(const std::shared_ptr<CDecoding>& pDecoding);
+    CClipPtr findClip(const std::string& strPath, const CIdentity& identity) const;
+    void postPiece(const std::shared_ptr<CDecoding>& pDecoding);
+    void onPiece(const std::shared_ptr<CDecoding>& pDecoding);
 
     CExecutor& m_executor;
     std::map<std::string, CEntry> m_mapEntryByPath;

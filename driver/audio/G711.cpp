@@ -11,35 +11,33 @@
 
 namespace
 {
-CG711Table MakeTable(std::uint8_t (*pConvert)(std::uint8_t))
+CG711Table makeTable(uint8_t (*pConvert)(uint8_t))
 {
     CG711Table table{};
-    for (std::size_t n = 0; n < table.size(); ++n)
-    {
-        table[n] = pConvert(static_cast<std::uint8_t>(n));
-    }
+    for (size_t n = 0; n < table.size(); ++n)
+        table[n] = pConvert(static_cast<uint8_t>(n));
     return table;
 }
 } // namespace
 
-std::uint8_t EncodeULaw(std::int16_t nSample)
+uint8_t encodeULaw(int16_t nSample)
 {
     return linear_to_ulaw(nSample);
 }
 
-std::int16_t DecodeULaw(std::uint8_t nSample)
+int16_t decodeULaw(uint8_t nSample)
 {
     return ulaw_to_linear(nSample);
 }
 
-const CG711Table& ULawToALaw()
+const CG711Table& uLawToALaw()
 {
-    static const CG711Table table = MakeTable(ulaw_to_alaw);
+    static const CG711Table table = makeTable(ulaw_to_alaw);
     return table;
 }
 
-const CG711Table& ALawToULaw()
+const CG711Table& aLawToULaw()
 {
-    static const CG711Table table = MakeTable(alaw_to_ulaw);
+    static const CG711Table table = makeTable(alaw_to_ulaw);
     return table;
 }

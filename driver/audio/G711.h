@@ -5,17 +5,17 @@
 #include <array>
 #include <cstdint>
 
-constexpr std::uint8_t ULAW_SILENCE = 0xFF;
+constexpr uint8_t ULAW_SILENCE = 0xFF;
 
 // The µ-law byte of a linear 16-bit sample. Every value that a µ-law byte decodes to is encoded to
 // that byte again, except that negative zero becomes positive zero.
-std::uint8_t EncodeULaw(std::int16_t nSample);
-std::int16_t DecodeULaw(std::uint8_t nSample);
+uint8_t encodeULaw(int16_t nSample);
+int16_t decodeULaw(uint8_t nSample);
 
 // Indexed by the code of one law, holds the code of the other: the conversions that G.711 itself
 // gives, which lose less there and back than the way over linear samples.
-using CG711Table = std::array<std::uint8_t, 256>;
-const CG711Table& ULawToALaw();
-const CG711Table& ALawToULaw();
+using CG711Table = std::array<uint8_t, 256>;
+const CG711Table& uLawToALaw();
+const CG711Table& aLawToULaw();
 
 #endif

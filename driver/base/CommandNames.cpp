@@ -24,27 +24,23 @@ constexpr CCommandName NAMES[] = {
     {"recordgetstatus", MICMD_RECORDGETSTATUS, true},
 };
 
-constexpr bool HasNoGaps()
+constexpr bool hasNoGaps()
 {
     int nCode = 0;
     for (const CCommandName& entry : NAMES)
-    {
         if (entry.m_micmd != ++nCode)
-        {
             return false;
-        }
-    }
     return true;
 }
-static_assert(HasNoGaps());
+static_assert(hasNoGaps());
 } // namespace
 
-std::span<const CCommandName> CommandNames()
+std::span<const CCommandName> commandNames()
 {
     return NAMES;
 }
 
-const CCommandName* FindCommandName(std::string_view name)
+const CCommandName* findCommandName(std::string_view name)
 {
     const auto* pEntry = std::find_if(std::begin(NAMES), std::end(NAMES),
                                       [name](const CCommandName& entry) { return entry.m_pName == name; });

@@ -15,9 +15,9 @@ struct CCommandName
 };
 
 // All commands by ascending code, which begins at 1 and has no gaps.
-std::span<const CCommandName> CommandNames();
+std::span<const CCommandName> commandNames();
 
 // Null when there is none.
-const CCommandName* FindCommandName(std::string_view name);
+const CCommandName* findCommandName(std::string_view name);
 
 #endif

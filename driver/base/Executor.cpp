@@ -12,14 +12,12 @@
 #include <system_error>
 #include <utility>
 
-void CInlineExecutor::Post(Function work, Function done)
+void CInlineExecutor::post(Function work, Function done)
 {
     m_queue.push_back(std::move(work));
     m_queue.push_back(std::move(done));
     if (m_bRunning)
-    {
         return;
-    }
     m_bRunning = true;
     while (!m_queue.empty())
     {
@@ -43,12 +41,12 @@ CThreadExecutor::~CThreadExecutor()
     }
 }
 
-bool CThreadExecutor::Start(const char* pThreadName, std::string& strError)
+bool CThreadExecutor::start(const char* pThreadName, std::string& strError)
 {
     m_fdDone = CFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (!m_fdDone.IsOpen())
+    if (!m_fdDone.isOpen())
     {
-        strError = "cannot set up a worker: " + ErrnoText(errno);
+        strError = "cannot set up a worker: " + errnoText(errno);
         return false;
     }
     sigset_t all;
@@ -57,7 +55,7 @@ bool CThreadExecutor::Start(const char* pThreadName, std::string& strError)
     ::pthread_sigmask(SIG_SETMASK, &all, &former);
     try
     {
-        m_thread = std::thread(&CThreadExecutor::Run, this);
+        m_thread = std::thread(&CThreadExecutor::run, this);
         ::pthread_setname_np(m_thread.native_handle(), pThreadName);
     }
     catch (const std::system_error& error)
@@ -68,7 +66,7 @@ bool CThreadExecutor::Start(const char* pThreadName, std::string& strError)
     return m_thread.joinable();
 }
 
-void CThreadExecutor::Post(Function work, Function done)
+void CThreadExecutor::post(Function work, Function done)
 {
     {
         const CMutexHold hold(m_mutex);
@@ -77,49 +75,43 @@ void CThreadExecutor::Post(Function work, Function done)
     m_wake.notify_one();
 }
 
-int CThreadExecutor::Fd() const
+int CThreadExecutor::fd() const
 {
-    return m_fdDone.Get();
+    return m_fdDone.get();
 }
 
-void CThreadExecutor::RunDone()
+void CThreadExecutor::runDone()
 {
-    std::uint64_t ullCount = 0;
-    [[maybe_unused]] const ssize_t nRead = ::read(m_fdDone.Get(), &ullCount, sizeof(ullCount));
+    uint64_t ullCount = 0;
+    [[maybe_unused]] const ssize_t nRead = ::read(m_fdDone.get(), &ullCount, sizeof(ullCount));
     std::vector<Function> vDone;
     {
         const CMutexHold hold(m_mutex);
         vDone.swap(m_vDone);
     }
     for (const Function& done : vDone)
-    {
         done();
-    }
 }
 
-void CThreadExecutor::Finish()
+void CThreadExecutor::finish()
 {
     for (;;)
     {
         {
             const CMutexHold hold(m_mutex);
             while (!m_queue.empty() || m_bWorking)
-            {
                 m_idle.wait(m_mutex);
-            }
             if (m_vDone.empty())
-            {
                 return;
-            }
         }
-        RunDone(); // which may post again
+        runDone(); // which may post again
     }
 }
 
-void CThreadExecutor::Run()
+void CThreadExecutor::run()
 {
     CJob job;
-    while (Take(job))
+    while (take(job))
     {
         job.m_work();
         job.m_work = nullptr; // what it holds is let go of here, where it may block
@@ -128,21 +120,19 @@ void CThreadExecutor::Run()
             m_bWorking = false;
             m_vDone.push_back(std::move(job.m_done));
         }
-        const std::uint64_t ullOne = 1;
-        [[maybe_unused]] const ssize_t nWritten = ::write(m_fdDone.Get(), &ullOne, sizeof(ullOne));
+        const uint64_t ullOne = 1;
+        [[maybe_unused]] const ssize_t nWritten = ::write(m_fdDone.get(), &ullOne, sizeof(ullOne));
         m_idle.notify_all();
     }
 }
 
-bool CThreadExecutor::Take(CJob& job)
+bool CThreadExecutor::take(CJob& job)
 {
     const CMutexHold hold(m_mutex);
     while (m_queue.empty())
     {
         if (m_bStop)
-        {
             return false;
-        }
         m_wake.wait(m_mutex);
     }
     job = std::move(m_queue.front());

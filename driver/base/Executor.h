@@ -21,15 +21,15 @@ public:
     virtual ~CExecutor() = default;
 
     // Runs work somewhere where it may block, then done on the loop's thread.
-    virtual void Post(Function work, Function done) = 0;
+    virtual void post(Function work, Function done) = 0;
 };
 
-// Runs everything at once, before Post returns: for programs without a loop. What is posted by a
+// Runs everything at once, before post returns: for programs without a loop. What is posted by a
 // running function runs after it.
 class CInlineExecutor : public CExecutor
 {
 public:
-    void Post(Function work, Function done) override;
+    void post(Function work, Function done) override;
 
 private:
     std::deque<Function> m_queue;
@@ -44,16 +44,16 @@ public:
     ~CThreadExecutor() override;
 
     // False, with the message in strError, when the system refuses. The thread takes no signals.
-    bool Start(const char* pThreadName, std::string& strError);
+    bool start(const char* pThreadName, std::string& strError);
 
-    void Post(Function work, Function done) override;
+    void post(Function work, Function done) override;
 
-    // Readable while functions wait to be run on the loop's thread by RunDone.
-    int Fd() const;
-    void RunDone();
+    // Readable while functions wait to be run on the loop's thread by runDone.
+    int fd() const;
+    void runDone();
 
     // Waits until everything that was posted is worked off, and runs what is to be done for it.
-    void Finish();
+    void finish();
 
 private:
     struct CJob
@@ -62,8 +62,8 @@ private:
         Function m_done;
     };
 
-    void Run();
-    bool Take(CJob& job); // waits; false at the end
+    void run();
+    bool take(CJob& job); // waits; false at the end
 
     CFd m_fdDone;
     std::thread m_thread;

@@ -16,23 +16,21 @@ public:
     {
         if (this != &other)
         {
-            Close();
+            close();
             m_nFd = std::exchange(other.m_nFd, -1);
         }
         return *this;
     }
     CFd(const CFd&) = delete;
     CFd& operator=(const CFd&) = delete;
-    ~CFd() { Close(); }
+    ~CFd() { close(); }
 
-    int Get() const { return m_nFd; }
-    bool IsOpen() const { return m_nFd >= 0; }
-    void Close()
+    int get() const { return m_nFd; }
+    bool isOpen() const { return m_nFd >= 0; }
+    void close()
     {
         if (m_nFd >= 0)
-        {
             ::close(std::exchange(m_nFd, -1));
-        }
     }
 
 private:

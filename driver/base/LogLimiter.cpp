@@ -14,11 +14,11 @@ CLogLimiter::CLogLimiter(std::string strSubject, Clock clock)
 {
 }
 
-bool CLogLimiter::MayLog()
+bool CLogLimiter::mayLog()
 {
     const Time now = m_clock();
-    ReportLeftOut(now);
-    const std::int64_t nTokens = (now - m_refilled) / TOKEN_TIME;
+    reportLeftOut(now);
+    const int64_t nTokens = (now - m_refilled) / TOKEN_TIME;
     m_refilled += nTokens * TOKEN_TIME;
     m_nTokens = std::min(BURST, m_nTokens + nTokens);
     if (m_nTokens > 0)
@@ -31,15 +31,13 @@ bool CLogLimiter::MayLog()
     return false;
 }
 
-void CLogLimiter::ReportLeftOut()
+void CLogLimiter::reportLeftOut()
 {
-    ReportLeftOut(m_clock());
+    reportLeftOut(m_clock());
 }
 
-void CLogLimiter::ReportLeftOut(Time now)
+void CLogLimiter::reportLeftOut(Time now)
 {
     if (m_ullLeftOut > 0 && now - m_leftOut >= QUIET_TIME)
-    {
         spdlog::warn("left out {} warnings about {}", std::exchange(m_ullLeftOut, 0), m_strSubject);
-    }
 }

@@ -17,36 +17,34 @@ class CLogLimiter
 public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
-    static constexpr std::int64_t BURST = 100;
-    static constexpr std::int64_t PER_SECOND = 10;
+    static constexpr int64_t BURST = 100;
+    static constexpr int64_t PER_SECOND = 10;
 
     // strSubject completes "left out 5 warnings about ...".
     explicit CLogLimiter(std::string strSubject, Clock clock = &std::chrono::steady_clock::now);
 
-    template <class... TArguments> void Warn(spdlog::format_string_t<TArguments...> format, TArguments&&... arguments)
+    template <class... TArguments> void warn(spdlog::format_string_t<TArguments...> format, TArguments&&... arguments)
     {
-        if (MayLog())
-        {
+        if (mayLog())
             spdlog::warn(format, std::forward<TArguments>(arguments)...);
-        }
     }
 
     // Says how many warnings were left out, if it is time to. Call it about once a second; it happens
     // by itself when the next warning comes.
-    void ReportLeftOut();
+    void reportLeftOut();
 
 private:
     using Time = std::chrono::steady_clock::time_point;
 
-    bool MayLog();
-    void ReportLeftOut(Time now);
+    bool mayLog();
+    void reportLeftOut(Time now);
 
     const std::string m_strSubject;
     const Clock m_clock;
     Time m_refilled; // the tokens are those of this time
     Time m_leftOut;  // when a warning was last left out
-    std::int64_t m_nTokens = BURST;
-    std::uint64_t m_ullLeftOut = 0;
+    int64_t m_nTokens = BURST;
+    uint64_t m_ullLeftOut = 0;
 };
 
 #endif

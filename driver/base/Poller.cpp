@@ -9,7 +9,7 @@
 
 namespace
 {
-bool Epoll(int nEpollFd, int nOperation, int nFd, std::uint32_t nEvents, std::uint64_t ullID)
+bool epoll(int nEpollFd, int nOperation, int nFd, uint32_t nEvents, uint64_t ullID)
 {
     epoll_event event = {};
     event.events = nEvents;
@@ -27,7 +27,7 @@ CPoller::CWatch& CPoller::CWatch::operator=(CWatch&& other) noexcept
 {
     if (this != &other)
     {
-        End();
+        end();
         m_pPoller = std::exchange(other.m_pPoller, nullptr);
         m_nFd = other.m_nFd;
         m_ullID = other.m_ullID;
@@ -37,44 +37,42 @@ CPoller::CWatch& CPoller::CWatch::operator=(CWatch&& other) noexcept
 
 CPoller::CWatch::~CWatch()
 {
-    End();
+    end();
 }
 
-void CPoller::CWatch::SetEvents(std::uint32_t nEvents)
+void CPoller::CWatch::setEvents(uint32_t nEvents)
 {
     if (m_pPoller != nullptr)
-    {
-        Epoll(m_pPoller->m_fdEpoll.Get(), EPOLL_CTL_MOD, m_nFd, nEvents, m_ullID);
-    }
+        epoll(m_pPoller->m_fdEpoll.get(), EPOLL_CTL_MOD, m_nFd, nEvents, m_ullID);
 }
 
-void CPoller::CWatch::End()
+void CPoller::CWatch::end()
 {
     if (m_pPoller != nullptr)
     {
         CPoller& poller = *std::exchange(m_pPoller, nullptr);
-        Epoll(poller.m_fdEpoll.Get(), EPOLL_CTL_DEL, m_nFd, 0, 0);
+        epoll(poller.m_fdEpoll.get(), EPOLL_CTL_DEL, m_nFd, 0, 0);
         poller.m_mapReadyByID.erase(m_ullID);
     }
 }
 
-bool CPoller::Create(std::string& strError)
+bool CPoller::create(std::string& strError)
 {
     m_fdEpoll = CFd(::epoll_create1(EPOLL_CLOEXEC));
-    if (!m_fdEpoll.IsOpen())
+    if (!m_fdEpoll.isOpen())
     {
-        strError = "cannot set up the event loop: " + ErrnoText(errno);
+        strError = "cannot set up the event loop: " + errnoText(errno);
         return false;
     }
     return true;
 }
 
-CPoller::CWatch CPoller::Watch(int nFd, std::uint32_t nEvents, ReadyFunction ready)
+CPoller::CWatch CPoller::watch(int nFd, uint32_t nEvents, ReadyFunction ready)
 {
     CWatch watch;
-    const std::uint64_t ullID = m_ullNextID++;
+    const uint64_t ullID = m_ullNextID++;
     m_mapReadyByID.emplace(ullID, std::make_shared<ReadyFunction>(std::move(ready)));
-    if (!Epoll(m_fdEpoll.Get(), EPOLL_CTL_ADD, nFd, nEvents, ullID))
+    if (!epoll(m_fdEpoll.get(), EPOLL_CTL_ADD, nFd, nEvents, ullID))
     {
         m_mapReadyByID.erase(ullID);
         return watch;
@@ -85,19 +83,19 @@ CPoller::CWatch CPoller::Watch(int nFd, std::uint32_t nEvents, ReadyFunction rea
     return watch;
 }
 
-bool CPoller::Wait(int nTimeoutMs, std::string& strError)
+bool CPoller::wait(int nTimeoutMs, std::string& strError)
 {
     std::array<epoll_event, 64> events;
-    const int nEvents = ::epoll_wait(m_fdEpoll.Get(), events.data(), static_cast<int>(events.size()), nTimeoutMs);
+    const int nEvents = ::epoll_wait(m_fdEpoll.get(), events.data(), static_cast<int>(events.size()), nTimeoutMs);
     if (nEvents < 0 && errno != EINTR)
     {
-        strError = "cannot wait for events: " + ErrnoText(errno);
+        strError = "cannot wait for events: " + errnoText(errno);
         return false;
     }
     for (int nEvent = 0; nEvent < nEvents; ++nEvent)
     {
-        const epoll_event& event = events[static_cast<std::size_t>(nEvent)];
-        const std::uint64_t ullID = event.data.u64; // no reference: the system's struct is packed
+        const epoll_event& event = events[static_cast<size_t>(nEvent)];
+        const uint64_t ullID = event.data.u64; // no reference: the system's struct is packed
         const auto it = m_mapReadyByID.find(ullID);
         if (it != m_mapReadyByID.end())
         {

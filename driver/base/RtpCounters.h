@@ -6,15 +6,15 @@
 
 struct CRtpCounters
 {
-    std::uint64_t m_ullSent = 0;
-    std::uint64_t m_ullSendErrors = 0; // packets that the system did not take
-    std::uint64_t m_ullReceived = 0;   // from the remote address of a channel and of its codec
-    std::uint64_t m_ullReceiveErrors = 0;
-    std::uint64_t m_ullStrangers = 0;     // dropped: from elsewhere
-    std::uint64_t m_ullMalformed = 0;     // dropped: not RTP
-    std::uint64_t m_ullOtherPayloads = 0; // dropped: of another payload type, such as telephone events
-    std::uint64_t m_ullLate = 0;          // of those received: dropped, their time in the recording was over
-    std::uint64_t m_ullLost = 0;          // gaps of up to 20 ms in recordings
+    uint64_t m_ullSent = 0;
+    uint64_t m_ullSendErrors = 0; // packets that the system did not take
+    uint64_t m_ullReceived = 0;   // from the remote address of a channel and of its codec
+    uint64_t m_ullReceiveErrors = 0;
+    uint64_t m_ullStrangers = 0;     // dropped: from elsewhere
+    uint64_t m_ullMalformed = 0;     // dropped: not RTP
+    uint64_t m_ullOtherPayloads = 0; // dropped: of another payload type, such as telephone events
+    uint64_t m_ullLate = 0;          // of those received: dropped, their time in the recording was over
+    uint64_t m_ullLost = 0;          // gaps of up to 20 ms in recordings
 };
 
 #endif

@@ -11,79 +11,71 @@
 
 namespace
 {
-double Milliseconds(std::chrono::steady_clock::duration time)
+double milliseconds(std::chrono::steady_clock::duration time)
 {
     return std::chrono::duration<double, std::milli>(time).count();
 }
 
-std::string TimeText(std::chrono::system_clock::time_point time)
+std::string timeText(std::chrono::system_clock::time_point time)
 {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
     return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)));
 }
 } // namespace
 
-void CTimeHistogram::Add(Duration time)
+void CTimeHistogram::add(Duration time)
 {
-    std::size_t nBucket = 0;
+    size_t nBucket = 0;
     while (nBucket < LIMITS_MS.size() && time > std::chrono::milliseconds(LIMITS_MS[nBucket]))
-    {
         ++nBucket;
-    }
     ++m_vCounts[nBucket];
     m_max = std::max(m_max, time);
 }
 
-std::uint64_t CTimeHistogram::Count() const
+uint64_t CTimeHistogram::count() const
 {
-    return std::accumulate(m_vCounts.begin(), m_vCounts.end(), std::uint64_t{0});
+    return std::accumulate(m_vCounts.begin(), m_vCounts.end(), uint64_t{0});
 }
 
-std::uint64_t CTimeHistogram::CountAbove(int nLimitMs) const
+uint64_t CTimeHistogram::countAbove(int nLimitMs) const
 {
-    std::uint64_t ullCount = m_vCounts.back();
-    for (std::size_t nBucket = 0; nBucket < LIMITS_MS.size(); ++nBucket)
-    {
+    uint64_t ullCount = m_vCounts.back();
+    for (size_t nBucket = 0; nBucket < LIMITS_MS.size(); ++nBucket)
         ullCount += LIMITS_MS[nBucket] > nLimitMs ? m_vCounts[nBucket] : 0;
-    }
     return ullCount;
 }
 
-nlohmann::ordered_json CTimeHistogram::ToJson() const
+nlohmann::ordered_json CTimeHistogram::toJson() const
 {
     nlohmann::ordered_json json;
-    for (std::size_t nBucket = 0; nBucket < LIMITS_MS.size(); ++nBucket)
-    {
+    for (size_t nBucket = 0; nBucket < LIMITS_MS.size(); ++nBucket)
         json[fmt::format("up_to_{}_ms", LIMITS_MS[nBucket])] = m_vCounts[nBucket];
-    }
     json["more"] = m_vCounts.back();
-    json["max_ms"] = Milliseconds(m_max);
+    json["max_ms"] = milliseconds(m_max);
     return json;
 }
 
-void CStatistics::OnRequest(MICMD micmd)
+void CStatistics::onRequest(MICMD micmd)
 {
-    const bool bCommand = micmd > MICMD_NULL && static_cast<std::size_t>(micmd) < m_vRequests.size();
-    ++m_vRequests[bCommand ? static_cast<std::size_t>(micmd) : 0];
+    const bool bCommand = micmd > MICMD_NULL && static_cast<size_t>(micmd) < m_vRequests.size();
+    ++m_vRequests[bCommand ? static_cast<size_t>(micmd) : 0];
 }
 
-void CStatistics::OnTick(std::chrono::steady_clock::duration lateness, std::chrono::steady_clock::duration duration)
+void CStatistics::onTick(std::chrono::steady_clock::duration lateness, std::chrono::steady_clock::duration duration)
 {
-    m_tickLateness.Add(lateness);
-    m_tickDuration.Add(duration);
+    m_tickLateness.add(lateness);
+    m_tickDuration.add(duration);
 }
 
-nlohmann::ordered_json CStatistics::ToJson(std::chrono::steady_clock::time_point now) const
+nlohmann::ordered_json CStatistics::toJson(std::chrono::steady_clock::time_point now) const
 {
     nlohmann::ordered_json requests;
-    for (const CCommandName& command : CommandNames())
-    {
-        requests[command.m_pName] = m_vRequests[static_cast<std::size_t>(command.m_micmd)];
-    }
+    for (const CCommandName& command : commandNames())
+        requests[command.m_pName] = m_vRequests[static_cast<size_t>(command.m_micmd)];
     requests["unknown"] = m_vRequests[0];
 
     return {
-        {"started", TimeText(m_startTime)},
+        {"started", timeText(m_startTime)},
         {"up_s", std::chrono::duration_cast<std::chrono::seconds>(now - m_start).count()},
         {"now",
          {{"clients", m_now.m_nClients},
@@ -112,9 +104,9 @@ nlohmann::ordered_json CStatistics::ToJson(std::chrono::steady_clock::time_point
           {"late", m_rtp.m_ullLate},
           {"lost", m_rtp.m_ullLost}}},
         {"ticks",
-         {{"count", m_tickLateness.Count()},
-          {"late", m_tickLateness.CountAbove(LATE_MS)},
-          {"lateness", m_tickLateness.ToJson()},
-          {"duration", m_tickDuration.ToJson()}}},
+         {{"count", m_tickLateness.count()},
+          {"late", m_tickLateness.countAbove(LATE_MS)},
+          {"lateness", m_tickLateness.toJson()},
+          {"duration", m_tickDuration.toJson()}}},
     };
 }

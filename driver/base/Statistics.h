@@ -20,14 +20,14 @@ public:
     static constexpr std::array<int, 7> LIMITS_MS = {1, 2, 5, 10, 20, 50, 100};
 
     // Neither allocates nor locks. A negative time counts as zero.
-    void Add(Duration time);
+    void add(Duration time);
 
-    std::uint64_t Count() const;
-    std::uint64_t CountAbove(int nLimitMs) const; // one of LIMITS_MS
-    nlohmann::ordered_json ToJson() const;
+    uint64_t count() const;
+    uint64_t countAbove(int nLimitMs) const; // one of LIMITS_MS
+    nlohmann::ordered_json toJson() const;
 
 private:
-    std::array<std::uint64_t, LIMITS_MS.size() + 1> m_vCounts = {};
+    std::array<uint64_t, LIMITS_MS.size() + 1> m_vCounts = {};
     Duration m_max = {};
 };
 
@@ -38,43 +38,43 @@ struct CStatistics
     static constexpr int LATE_MS = 5;
 
     // For each request record, whatever becomes of it. Codes that are no command are counted together.
-    void OnRequest(MICMD micmd);
+    void onRequest(MICMD micmd);
 
     // For each media tick: how long after its time it began, and how long it took. Neither allocates
     // nor locks.
-    void OnTick(std::chrono::steady_clock::duration lateness, std::chrono::steady_clock::duration duration);
+    void onTick(std::chrono::steady_clock::duration lateness, std::chrono::steady_clock::duration duration);
 
-    nlohmann::ordered_json ToJson(std::chrono::steady_clock::time_point now) const;
+    nlohmann::ordered_json toJson(std::chrono::steady_clock::time_point now) const;
 
     // Set when the driver starts.
     std::chrono::system_clock::time_point m_startTime = std::chrono::system_clock::now();
     std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 
-    std::array<std::uint64_t, MICMD_RECORDGETSTATUS + 1> m_vRequests = {}; // by code; 0: no command
-    std::uint64_t m_ullRefused = 0;                                        // answered with a refusal
-    std::uint64_t m_ullDropped = 0;                                        // of nobody who could be answered
-    std::uint64_t m_ullResponsesSent = 0;
-    std::uint64_t m_ullResponsesLost = 0; // the pipe was full or gone
-    std::uint64_t m_ullEventsSent = 0;
-    std::uint64_t m_ullEventsDropped = 0; // with their client
-    std::uint64_t m_ullClientsConnected = 0;
-    std::uint64_t m_ullClientsDropped = 0; // that did not disconnect themselves
+    std::array<uint64_t, MICMD_RECORDGETSTATUS + 1> m_vRequests = {}; // by code; 0: no command
+    uint64_t m_ullRefused = 0;                                        // answered with a refusal
+    uint64_t m_ullDropped = 0;                                        // of nobody who could be answered
+    uint64_t m_ullResponsesSent = 0;
+    uint64_t m_ullResponsesLost = 0; // the pipe was full or gone
+    uint64_t m_ullEventsSent = 0;
+    uint64_t m_ullEventsDropped = 0; // with their client
+    uint64_t m_ullClientsConnected = 0;
+    uint64_t m_ullClientsDropped = 0; // that did not disconnect themselves
     CTimeHistogram m_tickLateness;
     CTimeHistogram m_tickDuration;
 
     // Counted elsewhere, and how it is now: filled when somebody asks.
-    std::uint64_t m_ullRubbishBytes = 0; // in the request pipe, no record
+    uint64_t m_ullRubbishBytes = 0; // in the request pipe, no record
     CRtpCounters m_rtp;
     struct CNow
     {
-        std::size_t m_nClients = 0;
-        std::size_t m_nStreams = 0;
-        std::size_t m_nPlaying = 0;
-        std::size_t m_nRecording = 0;
-        std::size_t m_nWaitingEvents = 0;
-        std::size_t m_nClips = 0;
-        std::size_t m_nClipBytes = 0;
-        std::size_t m_nRtpPorts = 0;
+        size_t m_nClients = 0;
+        size_t m_nStreams = 0;
+        size_t m_nPlaying = 0;
+        size_t m_nRecording = 0;
+        size_t m_nWaitingEvents = 0;
+        size_t m_nClips = 0;
+        size_t m_nClipBytes = 0;
+        size_t m_nRtpPorts = 0;
     };
     CNow m_now;
 };

@@ -5,24 +5,18 @@
 
 #include <system_error>
 
-std::string Printable(std::string_view text)
+std::string printable(std::string_view text)
 {
     std::string strResult;
     for (const char c : text)
-    {
         if (c >= 0x20 && c < 0x7F)
-        {
             strResult += c;
-        }
         else
-        {
             strResult += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-        }
-    }
     return strResult;
 }
 
-std::string ErrnoText(int nErrno)
+std::string errnoText(int nErrno)
 {
     return std::generic_category().message(nErrno);
 }

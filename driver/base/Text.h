@@ -8,26 +8,24 @@
 #include <string_view>
 
 // The text of a fixed-size field. False if the field has no terminating NUL; strText is then left alone.
-inline bool FieldText(const char* pField, std::size_t nSize, std::string& strText)
+inline bool fieldText(const char* pField, size_t nSize, std::string& strText)
 {
     const void* pEnd = std::memchr(pField, 0, nSize);
     if (pEnd == nullptr)
-    {
         return false;
-    }
     strText.assign(pField, static_cast<const char*>(pEnd));
     return true;
 }
 
-template <std::size_t nSize> bool FieldText(const char (&szField)[nSize], std::string& strText)
+template <size_t nSize> bool fieldText(const char (&szField)[nSize], std::string& strText)
 {
-    return FieldText(szField, nSize, strText);
+    return fieldText(szField, nSize, strText);
 }
 
 // The same text with every byte that could disturb a log line written as \xNN.
-std::string Printable(std::string_view text);
+std::string printable(std::string_view text);
 
 // The text of an errno value.
-std::string ErrnoText(int nErrno);
+std::string errnoText(int nErrno);
 
 #endif

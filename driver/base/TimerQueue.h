@@ -14,13 +14,13 @@ public:
 
     virtual ~CClock() = default;
 
-    virtual TimePoint Now() const = 0; // never goes back
+    virtual TimePoint now() const = 0; // never goes back
 };
 
 class CSteadyClock : public CClock
 {
 public:
-    TimePoint Now() const override;
+    TimePoint now() const override;
 };
 
 // Not thread-safe: everything happens on the loop's thread.
@@ -32,17 +32,17 @@ public:
     // The clock must outlive the queue.
     explicit CTimerQueue(const CClock& clock);
 
-    // Has RunDue call the function once, not before the delay has passed. What is not due when the
+    // Has runDue call the function once, not before the delay has passed. What is not due when the
     // queue ends is never called.
-    void After(std::chrono::milliseconds delay, Function function);
+    void after(std::chrono::milliseconds delay, Function function);
 
-    // Calls what is due in the order of the due times, for equal times in the order of After. What the
-    // functions add waits for the next RunDue, even if it is due at once.
-    void RunDue();
+    // Calls what is due in the order of the due times, for equal times in the order of after. What the
+    // functions add waits for the next runDue, even if it is due at once.
+    void runDue();
 
     // The time until the next function is due, rounded up: a wait that long is never too short.
     // Nothing when none waits.
-    std::optional<std::chrono::milliseconds> NextDue() const;
+    std::optional<std::chrono::milliseconds> nextDue() const;
 
 private:
     const CClock& m_clock;

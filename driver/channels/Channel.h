@@ -10,7 +10,7 @@
 #include <string>
 
 // All samples are µ-law, 8000 per second. A channel belongs to one stream and is used on the loop's
-// thread only. Hear and Listen run on the media tick: they neither block, lock nor allocate.
+// thread only. hear and listen run on the media tick: they neither block, lock nor allocate.
 //
 // The functions given to the other operations are called once, on the loop's thread, at once or later,
 // even after the channel is gone.
@@ -23,37 +23,37 @@ public:
     virtual ~CChannel() = default;
 
     // "file", "null" or "rtp".
-    virtual const char* Kind() const = 0;
+    virtual const char* kind() const = 0;
 
     // Whether its time is that of the clock. The others go on as fast as the machine can.
-    virtual bool IsRealTime() const { return true; }
+    virtual bool isRealTime() const { return true; }
 
     // Lets the caller hear samples. Returns how many were taken: fewer than given when the rest has to
-    // wait for the next tick. After a failure that lasts nothing is taken and HasFailed holds.
-    virtual std::size_t Hear(std::span<const std::uint8_t> samples) = 0;
-    virtual bool HasFailed() const { return false; }
+    // wait for the next tick. After a failure that lasts nothing is taken and hasFailed holds.
+    virtual size_t hear(std::span<const uint8_t> samples) = 0;
+    virtual bool hasFailed() const { return false; }
 
     // A play has ended: what was heard so far is visible to others when done is called.
-    virtual void FinishHearing(FinishFunction done) { done(true); }
+    virtual void finishHearing(FinishFunction done) { done(true); }
 
     // A recording is to begin. It cannot when bOk is false.
-    virtual void BeginListening(BeginFunction done) { done(true, {}); }
+    virtual void beginListening(BeginFunction done) { done(true, {}); }
 
     // Takes the next samples that the caller says. Fewer than asked for when there are no more in this
-    // tick, or, if HasCallerEnded holds afterwards, ever; the recording is then over.
-    virtual std::size_t Listen(std::span<std::uint8_t> samples) = 0;
-    virtual bool HasCallerEnded() const { return false; }
+    // tick, or, if hasCallerEnded holds afterwards, ever; the recording is then over.
+    virtual size_t listen(std::span<uint8_t> samples) = 0;
+    virtual bool hasCallerEnded() const { return false; }
 
     // The caller has ended before the time: what he says could not be had to its end.
-    virtual bool HasCallerFailed() const { return false; }
+    virtual bool hasCallerFailed() const { return false; }
 
     // A recording has ended.
-    virtual void EndListening() {}
+    virtual void endListening() {}
 
     // Work that came up on the tick and may lock and allocate: asked for after each tick in which the
     // channel was used.
-    virtual bool WantsService() const { return false; }
-    virtual void Service() {}
+    virtual bool wantsService() const { return false; }
+    virtual void service() {}
 };
 
 // Makes the channels of call ids and legs.
@@ -66,7 +66,7 @@ public:
     virtual ~CChannelFactory() = default;
 
     // Calls done once, on the loop's thread, at once or later.
-    virtual void Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done) = 0;
+    virtual void open(const std::string& strCallID, uint32_t nLegID, OpenFunction done) = 0;
 };
 
 // What many channels do together around the media tick, such as sending their packets in one call.
@@ -77,10 +77,10 @@ public:
     virtual ~CTickListener() = default;
 
     // Whether it wants ticks even while no stream plays or records.
-    virtual bool NeedsTicks() const = 0;
+    virtual bool needsTicks() const = 0;
 
-    virtual void BeforeTick() = 0;
-    virtual void AfterTick() = 0;
+    virtual void beforeTick() = 0;
+    virtual void afterTick() = 0;
 };
 
 #endif

@@ -10,46 +10,41 @@
 
 namespace
 {
-std::optional<CNetAddress> PortOfLeg(const CNetAddress& base, std::uint32_t nStep, std::uint32_t nLegID,
-                                     std::string& strError)
+std::optional<CNetAddress> portOfLeg(const CNetAddress& base, uint32_t nStep, uint32_t nLegID, std::string& strError)
 {
-    const std::uint64_t ullPort = base.Port() + std::uint64_t{nStep} * nLegID;
+    const uint64_t ullPort = base.port() + uint64_t{nStep} * nLegID;
     if (ullPort > UINT16_MAX)
     {
         strError =
-            fmt::format("leg {} has no port: {} + {} * {} is more than 65535", nLegID, base.Port(), nStep, nLegID);
+            fmt::format("leg {} has no port: {} + {} * {} is more than 65535", nLegID, base.port(), nStep, nLegID);
         return std::nullopt;
     }
-    return base.WithPort(static_cast<std::uint16_t>(ullPort));
+    return base.withPort(static_cast<uint16_t>(ullPort));
 }
 } // namespace
 
 CChannelTable::CChannelTable() : m_vEntries(1) {}
 
-std::optional<CChannelRoute> CChannelTable::Find(const std::string& strCallID, std::uint32_t nLegID,
+std::optional<CChannelRoute> CChannelTable::find(const std::string& strCallID, uint32_t nLegID,
                                                  std::string& strError) const
 {
     for (const CEntry& entry : m_vEntries)
     {
         if ((entry.m_leg && *entry.m_leg != nLegID) || ::fnmatch(entry.m_strCall.c_str(), strCallID.c_str(), 0) != 0)
-        {
             continue;
-        }
         CChannelRoute route = entry.m_route;
         if (CRtpRoute* pRtp = std::get_if<CRtpRoute>(&route))
         {
-            const auto local = PortOfLeg(pRtp->m_local, entry.m_nLocalPortStep, nLegID, strError);
-            const auto remote = PortOfLeg(pRtp->m_remote, entry.m_nRemotePortStep, nLegID, strError);
+            const auto local = portOfLeg(pRtp->m_local, entry.m_nLocalPortStep, nLegID, strError);
+            const auto remote = portOfLeg(pRtp->m_remote, entry.m_nRemotePortStep, nLegID, strError);
             if (!local || !remote)
-            {
                 return std::nullopt;
-            }
             pRtp->m_local = *local;
             pRtp->m_remote = *remote;
         }
         return route;
     }
-    strError = fmt::format("call \"{}\", leg {}, is not in the channel table", Printable(strCallID), nLegID);
+    strError = fmt::format("call \"{}\", leg {}, is not in the channel table", printable(strCallID), nLegID);
     return std::nullopt;
 }
 
@@ -58,17 +53,17 @@ CTableChannelFactory::CTableChannelFactory(CChannelTable table, CRtpPorts& ports
 {
 }
 
-void CTableChannelFactory::Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done)
+void CTableChannelFactory::open(const std::string& strCallID, uint32_t nLegID, OpenFunction done)
 {
     std::string strError;
-    const std::optional<CChannelRoute> route = m_table.Find(strCallID, nLegID, strError);
+    const std::optional<CChannelRoute> route = m_table.find(strCallID, nLegID, strError);
     if (!route)
     {
         done(nullptr, strError);
     }
     else if (std::holds_alternative<CFileRoute>(*route))
     {
-        m_fileChannels.Open(strCallID, nLegID, std::move(done));
+        m_fileChannels.open(strCallID, nLegID, std::move(done));
     }
     else if (std::holds_alternative<CNullRoute>(*route))
     {
@@ -76,7 +71,7 @@ void CTableChannelFactory::Open(const std::string& strCallID, std::uint32_t nLeg
     }
     else
     {
-        std::unique_ptr<CChannel> pChannel = CRtpChannel::Open(m_ports, std::get<CRtpRoute>(*route), strError);
+        std::unique_ptr<CChannel> pChannel = CRtpChannel::open(m_ports, std::get<CRtpRoute>(*route), strError);
         done(std::move(pChannel), strError);
     }
 }

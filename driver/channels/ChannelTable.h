@@ -51,23 +51,23 @@ public:
     CChannelTable();
 
     // None, with the message in strError, when the file cannot be read or is in error.
-    static std::optional<CChannelTable> Load(const std::string& strPath, std::string& strError);
+    static std::optional<CChannelTable> load(const std::string& strPath, std::string& strError);
 
     // Of the text of a file; messages begin with the name.
-    static std::optional<CChannelTable> Parse(std::string_view text, const std::string& strName, std::string& strError);
+    static std::optional<CChannelTable> parse(std::string_view text, const std::string& strName, std::string& strError);
 
     // None, with the reason in strError, when no entry fits or its ports end before this leg.
-    std::optional<CChannelRoute> Find(const std::string& strCallID, std::uint32_t nLegID, std::string& strError) const;
+    std::optional<CChannelRoute> find(const std::string& strCallID, uint32_t nLegID, std::string& strError) const;
 
 private:
     friend class CChannelTableReader;
     struct CEntry
     {
         std::string m_strCall = "*";
-        std::optional<std::uint32_t> m_leg;
+        std::optional<uint32_t> m_leg;
         CChannelRoute m_route; // of leg 0
-        std::uint32_t m_nLocalPortStep = 0;
-        std::uint32_t m_nRemotePortStep = 0;
+        uint32_t m_nLocalPortStep = 0;
+        uint32_t m_nRemotePortStep = 0;
     };
 
     std::vector<CEntry> m_vEntries;
@@ -80,7 +80,7 @@ public:
     // Ports and file channels outlive this and all its channels.
     CTableChannelFactory(CChannelTable table, CRtpPorts& ports, CChannelFactory& fileChannels);
 
-    void Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done) override;
+    void open(const std::string& strCallID, uint32_t nLegID, OpenFunction done) override;
 
 private:
     const CChannelTable m_table;

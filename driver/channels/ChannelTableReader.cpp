@@ -20,61 +20,57 @@ using nlohmann::json;
 namespace
 {
 constexpr off_t MAX_FILE_SIZE = 16 << 20;
-constexpr std::uint64_t MAX_JITTER_MS = 1000;
+constexpr uint64_t MAX_JITTER_MS = 1000;
 
-// What is wrong with an entry or the whole file; becomes the message of Parse.
+// What is wrong with an entry or the whole file; becomes the message of parse.
 class CTableError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
 };
 
-std::optional<std::string> ReadText(const std::string& strPath, std::string& strError)
+std::optional<std::string> readText(const std::string& strPath, std::string& strError)
 {
     // A pipe without a writer would hold us up before we know what it is.
     const CFd fdFile(::open(strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status
     {
     };
-    if (!fdFile.IsOpen() || ::fstat(fdFile.Get(), &status) != 0)
+    if (!fdFile.isOpen() || ::fstat(fdFile.get(), &status) != 0)
     {
-        strError = fmt::format("\"{}\" cannot be opened: {}", Printable(strPath), ErrnoText(errno));
+        strError = fmt::format("\"{}\" cannot be opened: {}", printable(strPath), errnoText(errno));
         return std::nullopt;
     }
     if (!S_ISREG(status.st_mode) || status.st_size > MAX_FILE_SIZE)
     {
-        strError = fmt::format("\"{}\" is no regular file of up to 16 MiB", Printable(strPath));
+        strError = fmt::format("\"{}\" is no regular file of up to 16 MiB", printable(strPath));
         return std::nullopt;
     }
-    std::string strText(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t nDone = 0;
+    std::string strText(static_cast<size_t>(status.st_size), '\0');
+    size_t nDone = 0;
     while (nDone < strText.size())
     {
-        const ssize_t nRead = ::read(fdFile.Get(), strText.data() + nDone, strText.size() - nDone);
+        const ssize_t nRead = ::read(fdFile.get(), strText.data() + nDone, strText.size() - nDone);
         if (nRead < 0 && errno == EINTR)
-        {
             continue;
-        }
         if (nRead < 0)
         {
-            strError = fmt::format("\"{}\" cannot be read: {}", Printable(strPath), ErrnoText(errno));
+            strError = fmt::format("\"{}\" cannot be read: {}", printable(strPath), errnoText(errno));
             return std::nullopt;
         }
         if (nRead == 0)
-        {
             break;
-        }
-        nDone += static_cast<std::size_t>(nRead);
+        nDone += static_cast<size_t>(nRead);
     }
     strText.resize(nDone);
     return strText;
 }
 
 // The library itself would take the last of keys that are given twice.
-json ParseJson(std::string_view text)
+json parseJson(std::string_view text)
 {
     std::vector<std::set<std::string>> vKeys; // of each open object
-    std::size_t nEntry = 0;
+    size_t nEntry = 0;
     const auto Check = [&](int, json::parse_event_t event, json& value) {
         if (event == json::parse_event_t::object_start)
         {
@@ -89,84 +85,68 @@ json ParseJson(std::string_view text)
         {
             const std::string strWhere = vKeys.size() > 1 ? fmt::format("entry {}: ", nEntry) : "";
             throw CTableError(
-                fmt::format("{}key \"{}\" is given twice", strWhere, Printable(value.get<std::string>())));
+                fmt::format("{}key \"{}\" is given twice", strWhere, printable(value.get<std::string>())));
         }
         return true;
     };
     return json::parse(text, Check);
 }
 
-void RefuseOtherKeys(const json& object, std::initializer_list<std::string_view> known)
+void refuseOtherKeys(const json& object, std::initializer_list<std::string_view> known)
 {
     for (const auto& [strKey, value] : object.items())
-    {
         if (std::find(known.begin(), known.end(), strKey) == known.end())
-        {
-            throw CTableError(fmt::format("unknown key \"{}\"", Printable(strKey)));
-        }
-    }
+            throw CTableError(fmt::format("unknown key \"{}\"", printable(strKey)));
 }
 
-std::string Text(const json& entry, const char* pKey)
+std::string text(const json& entry, const char* pKey)
 {
     const auto it = entry.find(pKey);
     if (it == entry.end() || !it->is_string())
-    {
         throw CTableError(fmt::format("\"{}\" must be given, as a text", pKey));
-    }
     return it->get<std::string>();
 }
 
-std::uint32_t Number(const json& entry, const char* pKey, std::uint64_t ullMax)
+uint32_t number(const json& entry, const char* pKey, uint64_t ullMax)
 {
     const auto it = entry.find(pKey);
-    if (!it->is_number_unsigned() || it->get<std::uint64_t>() > ullMax)
-    {
+    if (!it->is_number_unsigned() || it->get<uint64_t>() > ullMax)
         throw CTableError(fmt::format("\"{}\" must be a number from 0 to {}", pKey, ullMax));
-    }
-    return it->get<std::uint32_t>();
+    return it->get<uint32_t>();
 }
 
-CNetAddress Address(const json& entry, const char* pKey)
+CNetAddress address(const json& entry, const char* pKey)
 {
-    const std::string strText = Text(entry, pKey);
-    const std::optional<CNetAddress> address = CNetAddress::Parse(strText);
-    if (!address || address->Port() == 0)
+    const std::string strText = text(entry, pKey);
+    const std::optional<CNetAddress> address = CNetAddress::parse(strText);
+    if (!address || address->port() == 0)
     {
         throw CTableError(fmt::format("\"{}\" is \"{}\", not an address and port such as 127.0.0.1:40000 or "
                                       "[::1]:40000",
-                                      pKey, Printable(strText)));
+                                      pKey, printable(strText)));
     }
     return *address;
 }
 
-ERtpCodec Codec(const json& entry)
+ERtpCodec codec(const json& entry)
 {
-    const std::string strCodec = Text(entry, "codec");
+    const std::string strCodec = text(entry, "codec");
     if (strCodec != "pcmu" && strCodec != "pcma")
-    {
-        throw CTableError(fmt::format("\"codec\" is \"{}\", neither pcmu nor pcma", Printable(strCodec)));
-    }
+        throw CTableError(fmt::format("\"codec\" is \"{}\", neither pcmu nor pcma", printable(strCodec)));
     return strCodec == "pcma" ? ERtpCodec::Pcma : ERtpCodec::Pcmu;
 }
 
-CRtpRoute RtpRoute(const json& entry)
+CRtpRoute rtpRoute(const json& entry)
 {
     CRtpRoute route;
-    route.m_local = Address(entry, "local");
-    route.m_remote = Address(entry, "remote");
-    if (route.m_local.Family() != route.m_remote.Family())
-    {
+    route.m_local = address(entry, "local");
+    route.m_remote = address(entry, "remote");
+    if (route.m_local.family() != route.m_remote.family())
         throw CTableError("\"local\" and \"remote\" must both be IPv4 or both be IPv6");
-    }
     if (entry.contains("codec"))
-    {
-        route.m_eCodec = Codec(entry);
-    }
+        route.m_eCodec = codec(entry);
     if (entry.contains("jitterMs"))
-    {
-        route.m_nJitterMs = static_cast<int>(Number(entry, "jitterMs", MAX_JITTER_MS));
-    }
+        route.m_nJitterMs = static_cast<int>(number(entry, "jitterMs", MAX_JITTER_MS));
     return route;
 }
 } // namespace
@@ -175,25 +155,21 @@ CRtpRoute RtpRoute(const json& entry)
 class CChannelTableReader
 {
 public:
-    static CChannelTable Table(const json& file)
+    static CChannelTable table(const json& file)
     {
         if (!file.is_object())
-        {
             throw CTableError("must hold an object with \"channels\"");
-        }
-        RefuseOtherKeys(file, {"channels"});
+        refuseOtherKeys(file, {"channels"});
         const auto it = file.find("channels");
         if (it == file.end() || !it->is_array() || it->empty())
-        {
             throw CTableError("\"channels\" must be a list with an entry at least");
-        }
         CChannelTable table;
         table.m_vEntries.clear();
         for (const json& entry : *it)
         {
             try
             {
-                table.m_vEntries.push_back(Entry(entry));
+                table.m_vEntries.push_back(readEntry(entry));
             }
             catch (const CTableError& error)
             {
@@ -204,63 +180,57 @@ public:
     }
 
 private:
-    static CChannelTable::CEntry Entry(const json& entry)
+    static CChannelTable::CEntry readEntry(const json& entry)
     {
         if (!entry.is_object())
-        {
             throw CTableError("must be an object");
-        }
         CChannelTable::CEntry result;
-        result.m_strCall = Text(entry, "call");
+        result.m_strCall = text(entry, "call");
         if (entry.contains("leg"))
-        {
-            result.m_leg = Number(entry, "leg", UINT32_MAX);
-        }
-        const std::string strType = Text(entry, "type");
+            result.m_leg = number(entry, "leg", UINT32_MAX);
+        const std::string strType = text(entry, "type");
         if (strType == "rtp")
         {
-            RefuseOtherKeys(entry, {"call", "leg", "type", "local", "localPortStep", "remote", "remotePortStep",
+            refuseOtherKeys(entry, {"call", "leg", "type", "local", "localPortStep", "remote", "remotePortStep",
                                     "codec", "jitterMs"});
-            result.m_route = RtpRoute(entry);
-            result.m_nLocalPortStep = PortStep(entry, "localPortStep");
-            result.m_nRemotePortStep = PortStep(entry, "remotePortStep");
+            result.m_route = rtpRoute(entry);
+            result.m_nLocalPortStep = portStep(entry, "localPortStep");
+            result.m_nRemotePortStep = portStep(entry, "remotePortStep");
             return result;
         }
         if (strType != "file" && strType != "null")
-        {
-            throw CTableError(fmt::format("\"type\" is \"{}\", none of file, null and rtp", Printable(strType)));
-        }
-        RefuseOtherKeys(entry, {"call", "leg", "type"});
+            throw CTableError(fmt::format("\"type\" is \"{}\", none of file, null and rtp", printable(strType)));
+        refuseOtherKeys(entry, {"call", "leg", "type"});
         result.m_route = strType == "file" ? CChannelRoute(CFileRoute()) : CChannelRoute(CNullRoute());
         return result;
     }
 
-    static std::uint32_t PortStep(const json& entry, const char* pKey)
+    static uint32_t portStep(const json& entry, const char* pKey)
     {
-        return entry.contains(pKey) ? Number(entry, pKey, UINT16_MAX) : 0;
+        return entry.contains(pKey) ? number(entry, pKey, UINT16_MAX) : 0;
     }
 };
 
-std::optional<CChannelTable> CChannelTable::Load(const std::string& strPath, std::string& strError)
+std::optional<CChannelTable> CChannelTable::load(const std::string& strPath, std::string& strError)
 {
-    const std::optional<std::string> strText = ReadText(strPath, strError);
-    return strText ? Parse(*strText, strPath, strError) : std::nullopt;
+    const std::optional<std::string> strText = readText(strPath, strError);
+    return strText ? parse(*strText, strPath, strError) : std::nullopt;
 }
 
-std::optional<CChannelTable> CChannelTable::Parse(std::string_view text, const std::string& strName,
+std::optional<CChannelTable> CChannelTable::parse(std::string_view text, const std::string& strName,
                                                   std::string& strError)
 {
     try
     {
-        return CChannelTableReader::Table(ParseJson(text));
+        return CChannelTableReader::table(parseJson(text));
     }
     catch (const json::exception& error)
     {
-        strError = fmt::format("\"{}\": {}", Printable(strName), Printable(error.what()));
+        strError = fmt::format("\"{}\": {}", printable(strName), printable(error.what()));
     }
     catch (const CTableError& error)
     {
-        strError = fmt::format("\"{}\": {}", Printable(strName), error.what());
+        strError = fmt::format("\"{}\": {}", printable(strName), error.what());
     }
     return std::nullopt;
 }

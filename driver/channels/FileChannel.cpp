@@ -10,11 +10,12 @@
 
 namespace
 {
-bool IsFileNamePart(const std::string& strCallID)
+bool isFileNamePart(const std::string& strCallID)
 {
     return !strCallID.empty() && strCallID.find('/') == std::string::npos &&
            strCallID.find("..") == std::string::npos &&
-           std::none_of(strCallID.begin(), strCallID.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7F; });
+           std::none_of(
+               strCallID.begin(), strCallID.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7F; });
 }
 } // namespace
 
@@ -27,35 +28,35 @@ CFileChannel::CFileChannel(CClipStore& clipStore, std::string strInPath, std::sh
 
 CFileChannel::~CFileChannel()
 {
-    m_pHeard->Close([](bool) {});
+    m_pHeard->close([](bool) {});
 }
 
-const char* CFileChannel::Kind() const
+const char* CFileChannel::kind() const
 {
     return "file";
 }
 
-bool CFileChannel::IsRealTime() const
+bool CFileChannel::isRealTime() const
 {
     return m_bRealTime;
 }
 
-std::size_t CFileChannel::Hear(std::span<const std::uint8_t> samples)
+size_t CFileChannel::hear(std::span<const uint8_t> samples)
 {
-    return m_pHeard->Put(samples);
+    return m_pHeard->put(samples);
 }
 
-bool CFileChannel::HasFailed() const
+bool CFileChannel::hasFailed() const
 {
-    return m_pHeard->HasFailed();
+    return m_pHeard->hasFailed();
 }
 
-void CFileChannel::FinishHearing(FinishFunction done)
+void CFileChannel::finishHearing(FinishFunction done)
 {
-    m_pHeard->Update(std::move(done));
+    m_pHeard->update(std::move(done));
 }
 
-void CFileChannel::BeginListening(BeginFunction done)
+void CFileChannel::beginListening(BeginFunction done)
 {
     m_bSilent = false;
     m_bCallerEnded = false;
@@ -63,11 +64,11 @@ void CFileChannel::BeginListening(BeginFunction done)
     {
         m_pCaller->m_bStarted = true;
         m_bSilent =
-            !m_pCaller->m_pSaid || (m_pCaller->m_pSaid->IsDecoded() && m_nPosition >= m_pCaller->m_pSaid->Ready());
+            !m_pCaller->m_pSaid || (m_pCaller->m_pSaid->isDecoded() && m_nPosition >= m_pCaller->m_pSaid->ready());
         done(true, {});
         return;
     }
-    m_clipStore.Load(m_strInPath, 0,
+    m_clipStore.load(m_strInPath, 0,
                      [pCaller = m_pCaller, done = std::move(done)](CClipPtr pClip, const std::string& strError) {
                          pCaller->m_bStarted = pClip != nullptr;
                          pCaller->m_pSaid = std::move(pClip);
@@ -75,15 +76,15 @@ void CFileChannel::BeginListening(BeginFunction done)
                      });
 }
 
-std::size_t CFileChannel::Listen(std::span<std::uint8_t> samples)
+size_t CFileChannel::listen(std::span<uint8_t> samples)
 {
-    std::size_t nCount = 0;
+    size_t nCount = 0;
     if (!m_bSilent && m_pCaller->m_pSaid)
     {
         const CClip& said = *m_pCaller->m_pSaid;
-        const bool bDecoded = said.IsDecoded();
-        nCount = std::min(samples.size(), said.Ready() - m_nPosition);
-        std::copy_n(said.Samples() + m_nPosition, nCount, samples.data());
+        const bool bDecoded = said.isDecoded();
+        nCount = std::min(samples.size(), said.ready() - m_nPosition);
+        std::copy_n(said.samples() + m_nPosition, nCount, samples.data());
         m_nPosition += nCount;
         if (nCount == samples.size() || !bDecoded || !m_bSilenceAfterCaller)
         {
@@ -95,24 +96,24 @@ std::size_t CFileChannel::Listen(std::span<std::uint8_t> samples)
     return samples.size();
 }
 
-bool CFileChannel::HasCallerEnded() const
+bool CFileChannel::hasCallerEnded() const
 {
     return m_bCallerEnded;
 }
 
-bool CFileChannel::HasCallerFailed() const
+bool CFileChannel::hasCallerFailed() const
 {
-    return m_bCallerEnded && m_pCaller->m_pSaid->IsBroken();
+    return m_bCallerEnded && m_pCaller->m_pSaid->isBroken();
 }
 
-bool CFileChannel::WantsService() const
+bool CFileChannel::wantsService() const
 {
-    return m_pHeard->WantsService();
+    return m_pHeard->wantsService();
 }
 
-void CFileChannel::Service()
+void CFileChannel::service()
 {
-    m_pHeard->Service();
+    m_pHeard->service();
 }
 
 CFileChannelFactory::CFileChannelFactory(CClipStore& clipStore, CExecutor& disk, CFileChannelOptions options)
@@ -120,22 +121,22 @@ CFileChannelFactory::CFileChannelFactory(CClipStore& clipStore, CExecutor& disk,
 {
 }
 
-void CFileChannelFactory::Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done)
+void CFileChannelFactory::open(const std::string& strCallID, uint32_t nLegID, OpenFunction done)
 {
-    if (!IsFileNamePart(strCallID))
+    if (!isFileNamePart(strCallID))
     {
         done(nullptr, "the call id cannot be part of a file name");
         return;
     }
     const std::string strBase = m_options.m_strFolder + "/" + strCallID;
     const std::string strHeardPath = fmt::format("{}-{}.heard.wav", strBase, nLegID);
-    CAudioSink::Open(m_disk, strHeardPath,
+    CAudioSink::open(m_disk, strHeardPath,
                      [this, strBase, strHeardPath, done = std::move(done)](std::shared_ptr<CAudioSink> pHeard,
                                                                            const std::string& strError) {
                          if (!pHeard)
                          {
                              done(nullptr,
-                                  fmt::format("\"{}\" cannot be written: {}", Printable(strHeardPath), strError));
+                                  fmt::format("\"{}\" cannot be written: {}", printable(strHeardPath), strError));
                              return;
                          }
                          done(std::make_unique<CFileChannel>(m_clipStore, strBase + ".in.wav", std::move(pHeard),

@@ -30,17 +30,17 @@ public:
                  bool bSilenceAfterCaller);
     ~CFileChannel() override;
 
-    const char* Kind() const override;
-    bool IsRealTime() const override;
-    std::size_t Hear(std::span<const std::uint8_t> samples) override;
-    bool HasFailed() const override;
-    void FinishHearing(FinishFunction done) override;
-    void BeginListening(BeginFunction done) override;
-    std::size_t Listen(std::span<std::uint8_t> samples) override;
-    bool HasCallerEnded() const override;
-    bool HasCallerFailed() const override;
-    bool WantsService() const override;
-    void Service() override;
+    const char* kind() const override;
+    bool isRealTime() const override;
+    size_t hear(std::span<const uint8_t> samples) override;
+    bool hasFailed() const override;
+    void finishHearing(FinishFunction done) override;
+    void beginListening(BeginFunction done) override;
+    size_t listen(std::span<uint8_t> samples) override;
+    bool hasCallerEnded() const override;
+    bool hasCallerFailed() const override;
+    bool wantsService() const override;
+    void service() override;
 
 private:
     struct CCaller
@@ -57,7 +57,7 @@ private:
     const std::shared_ptr<CCaller> m_pCaller; // shared with loads that outlive the channel
     bool m_bSilent = false;                   // of the recording that runs
     bool m_bCallerEnded = false;              // of the recording that runs
-    std::size_t m_nPosition = 0;
+    size_t m_nPosition = 0;
 };
 
 class CFileChannelFactory : public CChannelFactory
@@ -67,7 +67,7 @@ public:
 
     // Call ids become parts of file names: those that are empty, hold a slash, ".." or a control
     // character are refused. So is a call id and leg that has an open channel.
-    void Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done) override;
+    void open(const std::string& strCallID, uint32_t nLegID, OpenFunction done) override;
 
 private:
     CClipStore& m_clipStore;

@@ -21,44 +21,44 @@ struct JitterBuffer_; // libspeexdsp
 // buffer delays the stream further, which puts silence into it once. It never leaves samples out to
 // catch up. 200 packets can wait, or parts of 160 samples of longer ones; then the oldest is dropped.
 //
-// Put and Get neither block, lock nor allocate. About 45 KiB.
+// put and get neither block, lock nor allocate. About 45 KiB.
 class CJitterBuffer
 {
 public:
     // The stream begins, and after a pause goes on, with this delay after its first packet, so that
     // the later ones may be late by as much. Null when there is no memory.
-    static std::unique_ptr<CJitterBuffer> Create(std::size_t nDelaySamples, CRtpCounters& counters);
+    static std::unique_ptr<CJitterBuffer> create(size_t nDelaySamples, CRtpCounters& counters);
     CJitterBuffer(const CJitterBuffer&) = delete;
     CJitterBuffer& operator=(const CJitterBuffer&) = delete;
     ~CJitterBuffer();
 
     // A packet of another source begins the stream anew.
-    void Put(const CRtpHeader& header, std::span<const std::uint8_t> payload);
+    void put(const CRtpHeader& header, std::span<const uint8_t> payload);
 
     // The next samples of the stream, whose time goes on with these calls.
-    void Get(std::span<std::uint8_t> samples);
+    void get(std::span<uint8_t> samples);
 
 private:
     struct CSlot
     {
         CJitterBuffer* m_pOwner = nullptr;
-        std::array<std::uint8_t, RTP_SAMPLES> m_samples{};
+        std::array<uint8_t, RTP_SAMPLES> m_samples{};
     };
     struct CDestroy
     {
         void operator()(JitterBuffer_* pJitter) const;
     };
 
-    CJitterBuffer(std::size_t nDelaySamples, CRtpCounters& counters);
+    CJitterBuffer(size_t nDelaySamples, CRtpCounters& counters);
 
-    void PutBlock(const CRtpHeader& header, std::span<const std::uint8_t> samples);
-    std::size_t TakeAtHand(std::span<std::uint8_t> samples);
-    void Fetch(std::size_t nWanted);
-    void Restart();
+    void putBlock(const CRtpHeader& header, std::span<const uint8_t> samples);
+    size_t takeAtHand(std::span<uint8_t> samples);
+    void fetch(size_t nWanted);
+    void restart();
 
-    static void Release(void* pSlot);
+    static void release(void* pSlot);
 
-    const std::size_t m_nDelaySamples;
+    const size_t m_nDelaySamples;
     CRtpCounters& m_counters;
 
     // What the library holds are slots of this pool. It reads nothing of them.
@@ -67,17 +67,17 @@ private:
     std::unique_ptr<JitterBuffer_, CDestroy> m_pJitter;
 
     bool m_bSourceKnown = false;
-    std::uint32_t m_nSource = 0;
+    uint32_t m_nSource = 0;
 
-    bool m_bPacketHere = false;  // since the library was made or reset
-    bool m_bInSync = false;      // it was asked for a packet since then
-    int m_nMissesInARow = 0;     // how often the library had no packet,
-    std::uint64_t m_ullGaps = 0; // and was not just to wait longer
+    bool m_bPacketHere = false; // since the library was made or reset
+    bool m_bInSync = false;     // it was asked for a packet since then
+    int m_nMissesInARow = 0;    // how often the library had no packet,
+    uint64_t m_ullGaps = 0;     // and was not just to wait longer
 
-    // At hand for the next Get: silence, then the rest of a packet.
-    std::size_t m_nSilenceLeft = 0;
+    // At hand for the next get: silence, then the rest of a packet.
+    size_t m_nSilenceLeft = 0;
     CSlot* m_pPlaying = nullptr;
-    std::span<const std::uint8_t> m_playingLeft;
+    std::span<const uint8_t> m_playingLeft;
 };
 
 #endif

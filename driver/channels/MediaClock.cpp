@@ -6,30 +6,30 @@
 #include <algorithm>
 #include <memory>
 
-void CMediaClock::AddListener(CTickListener& listener)
+void CMediaClock::addListener(CTickListener& listener)
 {
     m_vListeners.push_back(&listener);
 }
 
-CMediaClock::CLane& CMediaClock::LaneOf(const CStream& stream)
+CMediaClock::CLane& CMediaClock::laneOf(const CStream& stream)
 {
-    return stream.IsRealTime() ? m_realTime : m_fast;
+    return stream.isRealTime() ? m_realTime : m_fast;
 }
 
-void CMediaClock::Start(CStream& stream)
+void CMediaClock::start(CStream& stream)
 {
     if (stream.m_nClockIndex == SIZE_MAX)
     {
-        CLane& lane = LaneOf(stream);
+        CLane& lane = laneOf(stream);
         stream.m_nClockIndex = lane.m_vStreams.size();
         lane.m_vStreams.push_back(&stream);
         lane.m_vSettle.reserve(lane.m_vStreams.capacity());
     }
 }
 
-void CMediaClock::Stop(CStream& stream)
+void CMediaClock::stop(CStream& stream)
 {
-    CLane& lane = LaneOf(stream);
+    CLane& lane = laneOf(stream);
     if (stream.m_nClockIndex != SIZE_MAX)
     {
         CStream* pLast = lane.m_vStreams.back();
@@ -45,39 +45,36 @@ void CMediaClock::Stop(CStream& stream)
     }
 }
 
-bool CMediaClock::HasRealTime() const
+bool CMediaClock::hasRealTime() const
 {
     return !m_realTime.m_vStreams.empty() ||
-           std::any_of(m_vListeners.begin(), m_vListeners.end(), [](const auto* p) { return p->NeedsTicks(); });
+           std::any_of(
+               m_vListeners.begin(), m_vListeners.end(), [](const auto* p) { return p->needsTicks(); });
 }
 
-void CMediaClock::TickRealTime()
+void CMediaClock::tickRealTime()
 {
     for (CTickListener* pListener : m_vListeners)
-    {
-        pListener->BeforeTick();
-    }
-    Move(m_realTime);
+        pListener->beforeTick();
+    move(m_realTime);
     for (CTickListener* pListener : m_vListeners)
-    {
-        pListener->AfterTick();
-    }
-    Settle(m_realTime);
+        pListener->afterTick();
+    settle(m_realTime);
 }
 
-bool CMediaClock::TickFast()
+bool CMediaClock::tickFast()
 {
-    const bool bMoved = Move(m_fast);
-    Settle(m_fast);
+    const bool bMoved = move(m_fast);
+    settle(m_fast);
     return bMoved;
 }
 
-bool CMediaClock::Move(CLane& lane)
+bool CMediaClock::move(CLane& lane)
 {
     bool bMoved = false;
     for (CStream* pStream : lane.m_vStreams)
     {
-        const CStream::CAdvance advance = pStream->Advance(TICK_SAMPLES);
+        const CStream::CAdvance advance = pStream->advance(TICK_SAMPLES);
         bMoved |= advance.m_bMoved;
         if (advance.m_bSettle)
         {
@@ -88,17 +85,17 @@ bool CMediaClock::Move(CLane& lane)
     return bMoved;
 }
 
-void CMediaClock::Settle(CLane& lane)
+void CMediaClock::settle(CLane& lane)
 {
     // By index: a stream that settles may stop others, and thereby take them out.
-    for (std::size_t n = 0; n < lane.m_vSettle.size(); ++n)
+    for (size_t n = 0; n < lane.m_vSettle.size(); ++n)
     {
         if (lane.m_vSettle[n] != nullptr)
         {
             const std::shared_ptr<CStream> pStream = lane.m_vSettle[n]->shared_from_this();
             pStream->m_nSettleIndex = SIZE_MAX;
             lane.m_vSettle[n] = nullptr;
-            pStream->Settle();
+            pStream->settle();
         }
     }
     lane.m_vSettle.clear();

@@ -10,7 +10,7 @@
 class CStream;
 
 constexpr long TICK_MS = 20;
-constexpr std::size_t TICK_SAMPLES = 160;
+constexpr size_t TICK_SAMPLES = 160;
 
 // Used on the loop's thread. The moving of the streams neither blocks, locks nor allocates; what came up
 // on the way, such as ends and full buffers, is dealt with afterwards.
@@ -18,21 +18,21 @@ class CMediaClock
 {
 public:
     // The listener is called around each tick of real time and must outlive the clock.
-    void AddListener(CTickListener& listener);
+    void addListener(CTickListener& listener);
 
-    // A stream is moved from Start to Stop. Both may be called at any time but from within a tick, also
+    // A stream is moved from start to stop. Both may be called at any time but from within a tick, also
     // while the ends of a tick are dealt with.
-    void Start(CStream& stream);
-    void Stop(CStream& stream);
+    void start(CStream& stream);
+    void stop(CStream& stream);
 
-    // Whether there is anything for TickRealTime and TickFast to move.
-    bool HasRealTime() const;
-    bool HasFast() const { return !m_fast.m_vStreams.empty(); }
+    // Whether there is anything for tickRealTime and tickFast to move.
+    bool hasRealTime() const;
+    bool hasFast() const { return !m_fast.m_vStreams.empty(); }
 
-    // Moves the streams on the real clock, or those that go as fast as the machine can. TickFast says
+    // Moves the streams on the real clock, or those that go as fast as the machine can. tickFast says
     // whether any of them could move.
-    void TickRealTime();
-    bool TickFast();
+    void tickRealTime();
+    bool tickFast();
 
 private:
     struct CLane
@@ -41,9 +41,9 @@ private:
         std::vector<CStream*> m_vSettle; // as much room as m_vStreams has
     };
 
-    CLane& LaneOf(const CStream& stream);
-    static bool Move(CLane& lane); // whether any stream could move
-    static void Settle(CLane& lane);
+    CLane& laneOf(const CStream& stream);
+    static bool move(CLane& lane); // whether any stream could move
+    static void settle(CLane& lane);
 
     CLane m_realTime;
     CLane m_fast;

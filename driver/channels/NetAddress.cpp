@@ -11,32 +11,26 @@
 
 namespace
 {
-std::optional<std::uint16_t> ParsePort(std::string_view text)
+std::optional<uint16_t> parsePort(std::string_view text)
 {
-    std::uint16_t nPort = 0;
+    uint16_t nPort = 0;
     const char* pEnd = text.data() + text.size();
     const auto [pStop, error] = std::from_chars(text.data(), pEnd, nPort);
     if (error != std::errc() || pStop != pEnd)
-    {
         return std::nullopt;
-    }
     return nPort;
 }
 } // namespace
 
-std::optional<CNetAddress> CNetAddress::Parse(const std::string& strText)
+std::optional<CNetAddress> CNetAddress::parse(const std::string& strText)
 {
-    const std::size_t nColon = strText.rfind(':');
+    const size_t nColon = strText.rfind(':');
     // A NUL would hide what follows it from the conversions of the system.
     if (nColon == std::string::npos || nColon == 0 || strText.find('\0') != std::string::npos)
-    {
         return std::nullopt;
-    }
-    const std::optional<std::uint16_t> nPort = ParsePort(std::string_view(strText).substr(nColon + 1));
+    const std::optional<uint16_t> nPort = parsePort(std::string_view(strText).substr(nColon + 1));
     if (!nPort)
-    {
         return std::nullopt;
-    }
     const std::string strHost = strText.substr(0, nColon);
     CNetAddress address;
     if (strHost.front() == '[' && strHost.back() == ']')
@@ -52,61 +46,53 @@ std::optional<CNetAddress> CNetAddress::Parse(const std::string& strText)
     return ::inet_pton(AF_INET, strHost.c_str(), &address.m_ip4.sin_addr) == 1 ? std::optional(address) : std::nullopt;
 }
 
-std::string CNetAddress::Text() const
+std::string CNetAddress::text() const
 {
     std::array<char, INET6_ADDRSTRLEN> szHost{};
-    if (Family() == AF_INET)
+    if (family() == AF_INET)
     {
         ::inet_ntop(AF_INET, &m_ip4.sin_addr, szHost.data(), szHost.size());
-        return fmt::format("{}:{}", szHost.data(), Port());
+        return fmt::format("{}:{}", szHost.data(), port());
     }
-    if (Family() == AF_INET6)
+    if (family() == AF_INET6)
     {
         ::inet_ntop(AF_INET6, &m_ip6.sin6_addr, szHost.data(), szHost.size());
-        return fmt::format("[{}]:{}", szHost.data(), Port());
+        return fmt::format("[{}]:{}", szHost.data(), port());
     }
     return "no address";
 }
 
-std::uint16_t CNetAddress::Port() const
+uint16_t CNetAddress::port() const
 {
-    return ntohs(Family() == AF_INET ? m_ip4.sin_port : m_ip6.sin6_port);
+    return ntohs(family() == AF_INET ? m_ip4.sin_port : m_ip6.sin6_port);
 }
 
-CNetAddress CNetAddress::WithPort(std::uint16_t nPort) const
+CNetAddress CNetAddress::withPort(uint16_t nPort) const
 {
     CNetAddress address = *this;
-    if (Family() == AF_INET)
-    {
+    if (family() == AF_INET)
         address.m_ip4.sin_port = htons(nPort);
-    }
     else
-    {
         address.m_ip6.sin6_port = htons(nPort);
-    }
     return address;
 }
 
 bool CNetAddress::operator==(const CNetAddress& other) const
 {
-    if (Family() != other.Family())
-    {
+    if (family() != other.family())
         return false;
-    }
-    if (Family() == AF_INET)
-    {
+    if (family() == AF_INET)
         return m_ip4.sin_port == other.m_ip4.sin_port && m_ip4.sin_addr.s_addr == other.m_ip4.sin_addr.s_addr;
-    }
     return m_ip6.sin6_port == other.m_ip6.sin6_port &&
            std::memcmp(&m_ip6.sin6_addr, &other.m_ip6.sin6_addr, sizeof m_ip6.sin6_addr) == 0;
 }
 
-std::size_t CNetAddress::Hash() const
+size_t CNetAddress::hash() const
 {
-    const auto HashBytes = [](const void* pBytes, std::size_t nSize) {
+    const auto HashBytes = [](const void* pBytes, size_t nSize) {
         return std::hash<std::string_view>()(std::string_view(static_cast<const char*>(pBytes), nSize));
     };
-    const std::size_t nHost = Family() == AF_INET ? HashBytes(&m_ip4.sin_addr, sizeof m_ip4.sin_addr)
-                                                  : HashBytes(&m_ip6.sin6_addr, sizeof m_ip6.sin6_addr);
-    return nHost ^ (Port() * std::size_t{0x9E3779B97F4A7C15});
+    const size_t nHost = family() == AF_INET ? HashBytes(&m_ip4.sin_addr, sizeof m_ip4.sin_addr)
+                                             : HashBytes(&m_ip6.sin6_addr, sizeof m_ip6.sin6_addr);
+    return nHost ^ (port() * size_t{0x9E3779B97F4A7C15});
 }

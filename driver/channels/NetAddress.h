@@ -22,19 +22,19 @@ public:
     CNetAddress() : m_ip6() {}
 
     // "192.0.2.1:4000" or "[2001:db8::1]:4000". None for anything else, host names and zones included.
-    static std::optional<CNetAddress> Parse(const std::string& strText);
-    std::string Text() const;
+    static std::optional<CNetAddress> parse(const std::string& strText);
+    std::string text() const;
 
-    int Family() const { return m_any.sa_family; }
-    std::uint16_t Port() const;
-    CNetAddress WithPort(std::uint16_t nPort) const;
+    int family() const { return m_any.sa_family; }
+    uint16_t port() const;
+    CNetAddress withPort(uint16_t nPort) const;
 
-    const sockaddr* Get() const { return &m_any; }
-    sockaddr* Get() { return &m_any; }
-    socklen_t Size() const { return Family() == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6); }
+    const sockaddr* get() const { return &m_any; }
+    sockaddr* get() { return &m_any; }
+    socklen_t size() const { return family() == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6); }
 
     bool operator==(const CNetAddress& other) const;
-    std::size_t Hash() const;
+    size_t hash() const;
 
 private:
     union
@@ -47,7 +47,7 @@ private:
 
 template <> struct std::hash<CNetAddress>
 {
-    std::size_t operator()(const CNetAddress& address) const noexcept { return address.Hash(); }
+    size_t operator()(const CNetAddress& address) const noexcept { return address.hash(); }
 };
 
 #endif

@@ -10,11 +10,11 @@
 class CNullChannel : public CChannel
 {
 public:
-    const char* Kind() const override { return "null"; }
+    const char* kind() const override { return "null"; }
 
-    std::size_t Hear(std::span<const std::uint8_t> samples) override { return samples.size(); }
+    size_t hear(std::span<const uint8_t> samples) override { return samples.size(); }
 
-    std::size_t Listen(std::span<std::uint8_t> samples) override
+    size_t listen(std::span<uint8_t> samples) override
     {
         std::fill(samples.begin(), samples.end(), ULAW_SILENCE);
         return samples.size();

@@ -32,29 +32,29 @@ class CRtpChannel : public CChannel, private CRtpReceiver
 public:
     // Null, with the reason in strError, when the local address cannot be bound or another channel has
     // the same local and remote address. The ports outlive the channel.
-    static std::unique_ptr<CRtpChannel> Open(CRtpPorts& ports, const CRtpRoute& route, std::string& strError);
+    static std::unique_ptr<CRtpChannel> open(CRtpPorts& ports, const CRtpRoute& route, std::string& strError);
 
     CRtpChannel(const CRtpChannel&) = delete;
     CRtpChannel& operator=(const CRtpChannel&) = delete;
     ~CRtpChannel() override;
 
-    const char* Kind() const override { return "rtp"; }
-    const CNetAddress& Local() const { return m_pPort->Local(); }
+    const char* kind() const override { return "rtp"; }
+    const CNetAddress& local() const { return m_pPort->local(); }
 
     // Takes what fills a packet, once in a tick.
-    std::size_t Hear(std::span<const std::uint8_t> samples) override;
-    void FinishHearing(FinishFunction done) override;
+    size_t hear(std::span<const uint8_t> samples) override;
+    void finishHearing(FinishFunction done) override;
 
-    void BeginListening(BeginFunction done) override;
-    std::size_t Listen(std::span<std::uint8_t> samples) override;
-    void EndListening() override;
+    void beginListening(BeginFunction done) override;
+    size_t listen(std::span<uint8_t> samples) override;
+    void endListening() override;
 
 private:
     CRtpChannel(CRtpPorts& ports, std::shared_ptr<CRtpPort> pPort, const CRtpRoute& route);
 
-    void BeginPacket();
-    void SendPacket();
-    void OnRtp(const CRtpPacket& packet) override;
+    void beginPacket();
+    void sendPacket();
+    void onRtp(const CRtpPacket& packet) override;
 
     CRtpPorts& m_ports;
     const std::shared_ptr<CRtpPort> m_pPort;
@@ -65,9 +65,9 @@ private:
 
     CRtpHeader m_header; // of the packet that is sent next
     bool m_bSent = false;
-    std::uint64_t m_ullSentTick = 0; // of the last packet
-    std::size_t m_nSamples = 0;      // in the packet so far
-    std::array<std::uint8_t, RTP_PACKET_SIZE> m_packet{};
+    uint64_t m_ullSentTick = 0; // of the last packet
+    size_t m_nSamples = 0;      // in the packet so far
+    std::array<uint8_t, RTP_PACKET_SIZE> m_packet{};
 
     std::unique_ptr<CJitterBuffer> m_pJitterBuffer; // while a recording listens
 };

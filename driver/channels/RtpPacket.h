@@ -7,13 +7,13 @@
 #include <optional>
 #include <span>
 
-constexpr std::size_t RTP_HEADER_SIZE = 12;
-constexpr std::size_t RTP_SAMPLES = 160; // 20 ms in each packet that goes out
-constexpr std::size_t RTP_PACKET_SIZE = RTP_HEADER_SIZE + RTP_SAMPLES;
-constexpr std::size_t RTP_MAX_DATAGRAM = 2048; // that is taken from others
+constexpr size_t RTP_HEADER_SIZE = 12;
+constexpr size_t RTP_SAMPLES = 160; // 20 ms in each packet that goes out
+constexpr size_t RTP_PACKET_SIZE = RTP_HEADER_SIZE + RTP_SAMPLES;
+constexpr size_t RTP_MAX_DATAGRAM = 2048; // that is taken from others
 
 // The values are the static payload types.
-enum class ERtpCodec : std::uint8_t
+enum class ERtpCodec : uint8_t
 {
     Pcmu = 0,
     Pcma = 8
@@ -22,23 +22,23 @@ enum class ERtpCodec : std::uint8_t
 struct CRtpHeader
 {
     bool m_bMarker = false;
-    std::uint8_t m_nPayloadType = 0;
-    std::uint16_t m_nSequence = 0;
-    std::uint32_t m_nTimestamp = 0;
-    std::uint32_t m_nSource = 0; // SSRC
+    uint8_t m_nPayloadType = 0;
+    uint16_t m_nSequence = 0;
+    uint32_t m_nTimestamp = 0;
+    uint32_t m_nSource = 0; // SSRC
 };
 
 // A packet that came in. The payload is part of the bytes that were parsed.
 struct CRtpPacket
 {
     CRtpHeader m_header;
-    std::span<const std::uint8_t> m_payload;
+    std::span<const uint8_t> m_payload;
 };
 
-void WriteRtpHeader(const CRtpHeader& header, std::span<std::uint8_t, RTP_HEADER_SIZE> bytes);
+void writeRtpHeader(const CRtpHeader& header, std::span<uint8_t, RTP_HEADER_SIZE> bytes);
 
 // The payload is what is left between contributing sources and header extension at the front and the
 // padding at the end; it may be empty. None if the bytes are no whole RTP packet of version 2.
-std::optional<CRtpPacket> ParseRtpPacket(std::span<const std::uint8_t> bytes);
+std::optional<CRtpPacket> parseRtpPacket(std::span<const uint8_t> bytes);
 
 #endif

@@ -10,41 +10,39 @@
 
 namespace
 {
-constexpr std::size_t BATCH_SIZE = 256;                   // packets per system call
-constexpr int SOCKET_BUFFER_SIZE = 4 << 20;               // a tick's packets of thousands of channels
-constexpr std::size_t PACKETS_PER_TICK = 512;             // taken in a tick at most,
-constexpr std::size_t PACKETS_PER_RECEIVER_AND_TICK = 16; // and for each receiver in addition
+constexpr size_t BATCH_SIZE = 256;                   // packets per system call
+constexpr int SOCKET_BUFFER_SIZE = 4 << 20;          // a tick's packets of thousands of channels
+constexpr size_t PACKETS_PER_TICK = 512;             // taken in a tick at most,
+constexpr size_t PACKETS_PER_RECEIVER_AND_TICK = 16; // and for each receiver in addition
 
 // Raises a buffer as far as this process may.
-void RaiseBuffer(int nFd, int nForceOption, int nOption)
+void raiseBuffer(int nFd, int nForceOption, int nOption)
 {
     const int nSize = SOCKET_BUFFER_SIZE;
     if (::setsockopt(nFd, SOL_SOCKET, nForceOption, &nSize, sizeof nSize) != 0)
-    {
         ::setsockopt(nFd, SOL_SOCKET, nOption, &nSize, sizeof nSize);
-    }
 }
 
-CFd BindSocket(const CNetAddress& local, std::string& strError)
+CFd bindSocket(const CNetAddress& local, std::string& strError)
 {
-    CFd fdSocket(::socket(local.Family(), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!fdSocket.IsOpen())
+    CFd fdSocket(::socket(local.family(), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fdSocket.isOpen())
     {
-        strError = fmt::format("no socket for {}: {}", local.Text(), ErrnoText(errno));
+        strError = fmt::format("no socket for {}: {}", local.text(), errnoText(errno));
         return {};
     }
-    if (local.Family() == AF_INET6)
+    if (local.family() == AF_INET6)
     {
         const int nOn = 1; // so that "[::]" leaves the IPv4 port of the same number free
-        ::setsockopt(fdSocket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &nOn, sizeof nOn);
+        ::setsockopt(fdSocket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &nOn, sizeof nOn);
     }
-    if (::bind(fdSocket.Get(), local.Get(), local.Size()) != 0)
+    if (::bind(fdSocket.get(), local.get(), local.size()) != 0)
     {
-        strError = fmt::format("{} cannot be bound: {}", local.Text(), ErrnoText(errno));
+        strError = fmt::format("{} cannot be bound: {}", local.text(), errnoText(errno));
         return {};
     }
-    RaiseBuffer(fdSocket.Get(), SO_RCVBUFFORCE, SO_RCVBUF);
-    RaiseBuffer(fdSocket.Get(), SO_SNDBUFFORCE, SO_SNDBUF);
+    raiseBuffer(fdSocket.get(), SO_RCVBUFFORCE, SO_RCVBUF);
+    raiseBuffer(fdSocket.get(), SO_SNDBUFFORCE, SO_SNDBUF);
     return fdSocket;
 }
 } // namespace
@@ -54,7 +52,7 @@ struct CRtpPort::CReceiveBatch
 {
     CReceiveBatch();
 
-    std::array<std::array<std::uint8_t, RTP_MAX_DATAGRAM>, BATCH_SIZE> m_bytes;
+    std::array<std::array<uint8_t, RTP_MAX_DATAGRAM>, BATCH_SIZE> m_bytes;
     std::array<CNetAddress, BATCH_SIZE> m_from;
     std::array<iovec, BATCH_SIZE> m_parts{};
     std::array<mmsghdr, BATCH_SIZE> m_headers{};
@@ -62,10 +60,10 @@ struct CRtpPort::CReceiveBatch
 
 CRtpPort::CReceiveBatch::CReceiveBatch()
 {
-    for (std::size_t n = 0; n < BATCH_SIZE; ++n)
+    for (size_t n = 0; n < BATCH_SIZE; ++n)
     {
         m_parts[n] = {m_bytes[n].data(), RTP_MAX_DATAGRAM};
-        m_headers[n].msg_hdr.msg_name = m_from[n].Get();
+        m_headers[n].msg_hdr.msg_name = m_from[n].get();
         m_headers[n].msg_hdr.msg_namelen = CNetAddress::CAPACITY;
         m_headers[n].msg_hdr.msg_iov = &m_parts[n];
         m_headers[n].msg_hdr.msg_iovlen = 1;
@@ -76,74 +74,66 @@ CRtpPort::CRtpPort(CRtpPorts& ports, CFd fdSocket, const CNetAddress& local)
     : m_ports(ports), m_fdSocket(std::move(fdSocket)), m_local(local)
 {
     m_mapReceivers.rehash(1); // most ports have one receiver, for which the default is generous
-    GrowSendBatch();
+    growSendBatch();
 }
 
-bool CRtpPort::Join(const CNetAddress& remote, CRtpReceiver& receiver)
+bool CRtpPort::join(const CNetAddress& remote, CRtpReceiver& receiver)
 {
     if (!m_mapReceivers.emplace(remote, &receiver).second)
-    {
         return false;
-    }
-    GrowSendBatch();
+    growSendBatch();
     return true;
 }
 
-void CRtpPort::Leave(const CNetAddress& remote)
+void CRtpPort::leave(const CNetAddress& remote)
 {
     m_mapReceivers.erase(remote);
     if (m_mapReceivers.empty())
-    {
-        Flush(); // the port may close before the next tick
-    }
+        flush(); // the port may close before the next tick
 }
 
 // A packet for each receiver, and half as many more for those that end one play and begin the next.
-void CRtpPort::GrowSendBatch()
+void CRtpPort::growSendBatch()
 {
-    const std::size_t nReceivers = std::max<std::size_t>(1, m_mapReceivers.size());
-    const std::size_t nSize = std::min(BATCH_SIZE, nReceivers + nReceivers / 2);
+    const size_t nReceivers = std::max<size_t>(1, m_mapReceivers.size());
+    const size_t nSize = std::min(BATCH_SIZE, nReceivers + nReceivers / 2);
     if (nSize <= m_vOutgoing.size())
-    {
         return;
-    }
     m_vOutgoing.resize(nSize);
     m_vOutgoingParts.resize(nSize);
     m_vOutgoingHeaders.assign(nSize, {});
-    for (std::size_t n = 0; n < nSize; ++n)
+    for (size_t n = 0; n < nSize; ++n)
     {
         m_vOutgoingParts[n] = {m_vOutgoing[n].m_bytes.data(), RTP_PACKET_SIZE};
-        m_vOutgoingHeaders[n].msg_hdr.msg_name = m_vOutgoing[n].m_remote.Get();
-        m_vOutgoingHeaders[n].msg_hdr.msg_namelen = m_vOutgoing[n].m_remote.Size();
+        m_vOutgoingHeaders[n].msg_hdr.msg_name = m_vOutgoing[n].m_remote.get();
+        m_vOutgoingHeaders[n].msg_hdr.msg_namelen = m_vOutgoing[n].m_remote.size();
         m_vOutgoingHeaders[n].msg_hdr.msg_iov = &m_vOutgoingParts[n];
         m_vOutgoingHeaders[n].msg_hdr.msg_iovlen = 1;
     }
 }
 
-void CRtpPort::Send(std::span<const std::uint8_t, RTP_PACKET_SIZE> packet, const CNetAddress& remote)
+void CRtpPort::send(std::span<const uint8_t, RTP_PACKET_SIZE> packet, const CNetAddress& remote)
 {
     if (m_nOutgoing == m_vOutgoing.size())
-    {
-        Flush();
-    }
+        flush();
     m_vOutgoing[m_nOutgoing].m_remote = remote;
-    m_vOutgoingHeaders[m_nOutgoing].msg_hdr.msg_namelen = remote.Size();
+    m_vOutgoingHeaders[m_nOutgoing].msg_hdr.msg_namelen = remote.size();
     std::copy(packet.begin(), packet.end(), m_vOutgoing[m_nOutgoing].m_bytes.begin());
     ++m_nOutgoing;
 }
 
-void CRtpPort::Flush()
+void CRtpPort::flush()
 {
-    CRtpCounters& counters = m_ports.Counters();
-    std::size_t nDone = 0;
+    CRtpCounters& counters = m_ports.counters();
+    size_t nDone = 0;
     while (nDone < m_nOutgoing)
     {
-        const int nSent = ::sendmmsg(m_fdSocket.Get(), &m_vOutgoingHeaders[nDone],
+        const int nSent = ::sendmmsg(m_fdSocket.get(), &m_vOutgoingHeaders[nDone],
                                      static_cast<unsigned>(m_nOutgoing - nDone), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (nSent > 0)
         {
-            counters.m_ullSent += static_cast<std::uint64_t>(nSent);
-            nDone += static_cast<std::size_t>(nSent);
+            counters.m_ullSent += static_cast<uint64_t>(nSent);
+            nDone += static_cast<size_t>(nSent);
         }
         else if (errno == EAGAIN || errno == ENOBUFS)
         {
@@ -159,103 +149,89 @@ void CRtpPort::Flush()
     m_nOutgoing = 0;
 }
 
-void CRtpPort::Receive(CReceiveBatch& batch)
+void CRtpPort::receive(CReceiveBatch& batch)
 {
-    std::size_t nBudget = PACKETS_PER_TICK + PACKETS_PER_RECEIVER_AND_TICK * m_mapReceivers.size();
+    size_t nBudget = PACKETS_PER_TICK + PACKETS_PER_RECEIVER_AND_TICK * m_mapReceivers.size();
     while (nBudget > 0)
     {
-        const std::size_t nWanted = std::min(BATCH_SIZE, nBudget);
+        const size_t nWanted = std::min(BATCH_SIZE, nBudget);
         const int nReceived =
-            ::recvmmsg(m_fdSocket.Get(), batch.m_headers.data(), static_cast<unsigned>(nWanted), MSG_DONTWAIT, nullptr);
+            ::recvmmsg(m_fdSocket.get(), batch.m_headers.data(), static_cast<unsigned>(nWanted), MSG_DONTWAIT, nullptr);
         if (nReceived <= 0)
         {
-            m_ports.Counters().m_ullReceiveErrors += nReceived < 0 && errno != EAGAIN && errno != EINTR ? 1 : 0;
+            m_ports.counters().m_ullReceiveErrors += nReceived < 0 && errno != EAGAIN && errno != EINTR ? 1 : 0;
             return;
         }
-        const auto nCount = static_cast<std::size_t>(nReceived);
-        for (std::size_t n = 0; n < nCount; ++n)
+        const auto nCount = static_cast<size_t>(nReceived);
+        for (size_t n = 0; n < nCount; ++n)
         {
             mmsghdr& header = batch.m_headers[n];
             // A cut datagram is as good as none.
-            const std::size_t nSize = (header.msg_hdr.msg_flags & MSG_TRUNC) != 0 ? 0 : header.msg_len;
-            Dispatch(std::span(batch.m_bytes[n]).first(nSize), batch.m_from[n]);
+            const size_t nSize = (header.msg_hdr.msg_flags & MSG_TRUNC) != 0 ? 0 : header.msg_len;
+            dispatch(std::span(batch.m_bytes[n]).first(nSize), batch.m_from[n]);
             header.msg_hdr.msg_namelen = CNetAddress::CAPACITY;
         }
         if (nCount < nWanted)
-        {
             return;
-        }
         nBudget -= nCount;
     }
 }
 
-void CRtpPort::Dispatch(std::span<const std::uint8_t> bytes, const CNetAddress& from)
+void CRtpPort::dispatch(std::span<const uint8_t> bytes, const CNetAddress& from)
 {
     const auto it = m_mapReceivers.find(from);
     if (it == m_mapReceivers.end())
     {
-        ++m_ports.Counters().m_ullStrangers;
+        ++m_ports.counters().m_ullStrangers;
         return;
     }
-    const std::optional<CRtpPacket> packet = ParseRtpPacket(bytes);
+    const std::optional<CRtpPacket> packet = parseRtpPacket(bytes);
     if (!packet)
     {
-        ++m_ports.Counters().m_ullMalformed;
+        ++m_ports.counters().m_ullMalformed;
         return;
     }
-    it->second->OnRtp(*packet);
+    it->second->onRtp(*packet);
 }
 
 CRtpPorts::CRtpPorts() = default;
 CRtpPorts::~CRtpPorts() = default;
 
-std::shared_ptr<CRtpPort> CRtpPorts::Open(const CNetAddress& local, std::string& strError)
+std::shared_ptr<CRtpPort> CRtpPorts::open(const CNetAddress& local, std::string& strError)
 {
     const auto it = m_mapPorts.find(local);
     if (it != m_mapPorts.end())
-    {
         return it->second->shared_from_this();
-    }
-    CFd fdSocket = BindSocket(local, strError);
-    if (!fdSocket.IsOpen())
-    {
+    CFd fdSocket = bindSocket(local, strError);
+    if (!fdSocket.isOpen())
         return nullptr;
-    }
     CNetAddress bound;
     socklen_t nSize = CNetAddress::CAPACITY;
-    if (::getsockname(fdSocket.Get(), bound.Get(), &nSize) != 0)
+    if (::getsockname(fdSocket.get(), bound.get(), &nSize) != 0)
     {
-        strError = fmt::format("the address of a socket is unknown: {}", ErrnoText(errno));
+        strError = fmt::format("the address of a socket is unknown: {}", errnoText(errno));
         return nullptr;
     }
     if (!m_pReceiveBatch)
-    {
         m_pReceiveBatch = std::make_unique_for_overwrite<CRtpPort::CReceiveBatch>();
-    }
     std::shared_ptr<CRtpPort> pPort(new CRtpPort(*this, std::move(fdSocket), bound), [this](CRtpPort* pLast) {
-        m_mapPorts.erase(pLast->Local());
+        m_mapPorts.erase(pLast->local());
         delete pLast;
     });
     m_mapPorts.emplace(bound, pPort.get());
     return pPort;
 }
 
-void CRtpPorts::BeforeTick()
+void CRtpPorts::beforeTick()
 {
     ++m_ullTick;
     for (const auto& [local, pPort] : m_mapPorts)
-    {
-        pPort->Receive(*m_pReceiveBatch);
-    }
+        pPort->receive(*m_pReceiveBatch);
 }
 
-void CRtpPorts::AfterTick()
+void CRtpPorts::afterTick()
 {
     for (const auto& [local, pPort] : m_mapPorts)
-    {
         if (pPort->m_nOutgoing > 0)
-        {
-            pPort->Flush();
-        }
-    }
+            pPort->flush();
 }

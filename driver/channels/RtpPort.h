@@ -28,7 +28,7 @@ public:
 
     // On the media tick: neither blocks, locks nor allocates. The packet is gone after the call;
     // its payload is shorter than RTP_MAX_DATAGRAM.
-    virtual void OnRtp(const CRtpPacket& packet) = 0;
+    virtual void onRtp(const CRtpPacket& packet) = 0;
 };
 
 // A socket. Its packets are sent and received in batches, by as few system calls as possible. It is
@@ -41,17 +41,17 @@ public:
     CRtpPort& operator=(const CRtpPort&) = delete;
 
     // With the port that the system has chosen when it was opened with port 0.
-    const CNetAddress& Local() const { return m_local; }
+    const CNetAddress& local() const { return m_local; }
 
     // From now on packets from the remote address go to the receiver. False if there is one for it.
     // Not during the tick. A receiver leaves before it is destroyed.
-    bool Join(const CNetAddress& remote, CRtpReceiver& receiver);
-    void Leave(const CNetAddress& remote);
+    bool join(const CNetAddress& remote, CRtpReceiver& receiver);
+    void leave(const CNetAddress& remote);
 
-    // Takes a copy, to be sent by the next Flush. Packets that the system refuses are counted and
+    // Takes a copy, to be sent by the next flush. Packets that the system refuses are counted and
     // dropped; those around them are sent all the same.
-    void Send(std::span<const std::uint8_t, RTP_PACKET_SIZE> packet, const CNetAddress& remote);
-    void Flush();
+    void send(std::span<const uint8_t, RTP_PACKET_SIZE> packet, const CNetAddress& remote);
+    void flush();
 
 private:
     friend class CRtpPorts;
@@ -59,12 +59,12 @@ private:
     struct COutgoing
     {
         CNetAddress m_remote;
-        std::array<std::uint8_t, RTP_PACKET_SIZE> m_bytes;
+        std::array<uint8_t, RTP_PACKET_SIZE> m_bytes;
     };
 
-    void GrowSendBatch();
-    void Receive(CReceiveBatch& batch);
-    void Dispatch(std::span<const std::uint8_t> bytes, const CNetAddress& from);
+    void growSendBatch();
+    void receive(CReceiveBatch& batch);
+    void dispatch(std::span<const uint8_t> bytes, const CNetAddress& from);
 
     CRtpPorts& m_ports;
     CFd m_fdSocket;
@@ -75,7 +75,7 @@ private:
     std::vector<COutgoing> m_vOutgoing;
     std::vector<iovec> m_vOutgoingParts;
     std::vector<mmsghdr> m_vOutgoingHeaders;
-    std::size_t m_nOutgoing = 0;
+    size_t m_nOutgoing = 0;
 };
 
 // All ports of the driver. Receives before each tick, in which the receivers may send, and sends after
@@ -90,23 +90,23 @@ public:
 
     // The port of the local address, opened if it is not. Null, with the message in strError, when the
     // system refuses. The system chooses a free port for port 0. Not during the tick.
-    std::shared_ptr<CRtpPort> Open(const CNetAddress& local, std::string& strError);
+    std::shared_ptr<CRtpPort> open(const CNetAddress& local, std::string& strError);
 
     // While there is a port, what arrives is to be taken out of it.
-    bool NeedsTicks() const override { return !m_mapPorts.empty(); }
-    void BeforeTick() override;
-    void AfterTick() override;
+    bool needsTicks() const override { return !m_mapPorts.empty(); }
+    void beforeTick() override;
+    void afterTick() override;
 
     // Number of the tick that is going on or was the last one.
-    std::uint64_t Tick() const { return m_ullTick; }
+    uint64_t tick() const { return m_ullTick; }
 
-    std::size_t Count() const { return m_mapPorts.size(); }
-    const CRtpCounters& Counters() const { return m_counters; }
-    CRtpCounters& Counters() { return m_counters; }
+    size_t count() const { return m_mapPorts.size(); }
+    const CRtpCounters& counters() const { return m_counters; }
+    CRtpCounters& counters() { return m_counters; }
 
 private:
     CRtpCounters m_counters;
-    std::uint64_t m_ullTick = 0;
+    uint64_t m_ullTick = 0;
     std::unordered_map<CNetAddress, CRtpPort*> m_mapPorts;
     std::unique_ptr<CRtpPort::CReceiveBatch> m_pReceiveBatch; // since the first port
 };

@@ -13,11 +13,11 @@
 namespace
 {
 // A WAV file counts its bytes in 32 bits, and the recorded time in milliseconds must fit into an int.
-constexpr std::uint64_t MAX_RECORD_SAMPLES = 0x7FFF0000;
+constexpr uint64_t MAX_RECORD_SAMPLES = 0x7FFF0000;
 
 constexpr const char* HANGUP_TEXT = "the caller has hung up";
 
-const char* DoneText(int32_t nStatus)
+const char* doneText(int32_t nStatus)
 {
     switch (nStatus)
     {
@@ -28,21 +28,19 @@ const char* DoneText(int32_t nStatus)
     }
 }
 
-spdlog::level::level_enum DoneLevel(int32_t nStatus)
+spdlog::level::level_enum doneLevel(int32_t nStatus)
 {
     return nStatus == DONE_FAILED ? spdlog::level::err : spdlog::level::info;
 }
 
-void CallAll(const std::vector<CStream::DoneFunction>& vFunctions)
+void callAll(const std::vector<CStream::DoneFunction>& vFunctions)
 {
     for (const CStream::DoneFunction& function : vFunctions)
-    {
         function();
-    }
 }
 } // namespace
 
-CStream::CStream(int nID, std::string strCallID, std::uint32_t nLegID, std::unique_ptr<CChannel> pChannel,
+CStream::CStream(int nID, std::string strCallID, uint32_t nLegID, std::unique_ptr<CChannel> pChannel,
                  CMediaClock& clock, CExecutor& disk, EventFunction onEvent)
     : m_pChannel(std::move(pChannel)), m_nID(nID), m_nLegID(nLegID), m_strCallID(std::move(strCallID)), m_clock(clock),
       m_disk(disk), m_onEvent(std::move(onEvent))
@@ -52,98 +50,88 @@ CStream::CStream(int nID, std::string strCallID, std::uint32_t nLegID, std::uniq
 CStream::~CStream()
 {
     if (m_play || m_record)
-    {
-        spdlog::info("stream {} closes while active: {}", m_nID, Describe());
-    }
-    m_clock.Stop(*this);
+        spdlog::info("stream {} closes while active: {}", m_nID, describe());
+    m_clock.stop(*this);
     if (m_record && m_record->m_pSink && !m_record->m_bFinishing)
-    {
-        m_record->m_pSink->Close([](bool) {});
-    }
+        m_record->m_pSink->close([](bool) {});
 }
 
-void CStream::StartPlay(CClipPtr pClip, std::size_t nOffset, std::size_t nLength, std::uint32_t nSequenceNo)
+void CStream::startPlay(CClipPtr pClip, size_t nOffset, size_t nLength, uint32_t nSequenceNo)
 {
-    spdlog::info("stream {} plays \"{}\" from {}, at most {} samples, sequence {}", m_nID, Printable(pClip->Path()),
+    spdlog::info("stream {} plays \"{}\" from {}, at most {} samples, sequence {}", m_nID, printable(pClip->path()),
                  nOffset, nLength, nSequenceNo);
     m_play = CPlay{std::move(pClip), nOffset, nOffset + nLength, nSequenceNo, {}, false, {}};
-    UpdateClock();
+    updateClock();
 }
 
-void CStream::StartRecord(const std::string& strPath, std::uint32_t nMaxSamples, std::uint32_t nSequenceNo,
-                          StartFunction done)
+void CStream::startRecord(const std::string& strPath, uint32_t nMaxSamples, uint32_t nSequenceNo, StartFunction done)
 {
     m_record =
-        CRecord{nullptr, strPath, std::min<std::uint64_t>(nMaxSamples, MAX_RECORD_SAMPLES), nSequenceNo, {}, false, {}};
-    m_pChannel->BeginListening(
+        CRecord{nullptr, strPath, std::min<uint64_t>(nMaxSamples, MAX_RECORD_SAMPLES), nSequenceNo, {}, false, {}};
+    m_pChannel->beginListening(
         [pWeak = weak_from_this(), done = std::move(done)](bool bOk, const std::string& strError) mutable {
             const auto pThis = pWeak.lock();
             if (pThis && bOk && !pThis->m_bHungUp)
             {
-                pThis->OpenRecordFile(std::move(done));
+                pThis->openRecordFile(std::move(done));
             }
             else if (pThis)
             {
-                pThis->AbandonRecord(bOk ? HANGUP_TEXT : strError, done);
+                pThis->abandonRecord(bOk ? HANGUP_TEXT : strError, done);
             }
         });
 }
 
-void CStream::OpenRecordFile(StartFunction done)
+void CStream::openRecordFile(StartFunction done)
 {
-    CAudioSink::Open(m_disk, m_record->m_strPath,
-                     [pWeak = weak_from_this(), done = std::move(done)](const std::shared_ptr<CAudioSink>& pSink,
-                                                                        const std::string& strError) {
-                         const auto pThis = pWeak.lock();
-                         if (pThis && pSink && !pThis->m_bHungUp)
-                         {
-                             pThis->BeginRecord(pSink);
-                             done(true, {});
-                             pThis->EndRecordIfDue();
-                             return;
-                         }
-                         if (pSink)
-                         {
-                             pSink->Close([](bool) {});
-                         }
-                         if (pThis)
-                         {
-                             pThis->AbandonRecord(pSink ? HANGUP_TEXT
-                                                        : fmt::format("\"{}\" cannot be written: {}",
-                                                                      Printable(pThis->m_record->m_strPath), strError),
-                                                  done);
-                         }
-                     });
+    CAudioSink::open(
+        m_disk, m_record->m_strPath,
+        [pWeak = weak_from_this(), done = std::move(done)](const std::shared_ptr<CAudioSink>& pSink,
+                                                           const std::string& strError) {
+            const auto pThis = pWeak.lock();
+            if (pThis && pSink && !pThis->m_bHungUp)
+            {
+                pThis->beginRecord(pSink);
+                done(true, {});
+                pThis->endRecordIfDue();
+                return;
+            }
+            if (pSink)
+                pSink->close([](bool) {});
+            if (pThis)
+                pThis->abandonRecord(pSink ? HANGUP_TEXT
+                                           : fmt::format("\"{}\" cannot be written: {}",
+                                                         printable(pThis->m_record->m_strPath), strError),
+                                     done);
+        });
 }
 
-void CStream::AbandonRecord(const std::string& strError, const StartFunction& done)
+void CStream::abandonRecord(const std::string& strError, const StartFunction& done)
 {
-    m_pChannel->EndListening();
+    m_pChannel->endListening();
     const CRecord record = std::move(*m_record);
     m_record.reset();
     done(false, strError);
-    CallAll(record.m_vWaiters);
+    callAll(record.m_vWaiters);
 }
 
-void CStream::BeginRecord(std::shared_ptr<CAudioSink> pSink)
+void CStream::beginRecord(std::shared_ptr<CAudioSink> pSink)
 {
-    spdlog::info("stream {} records to \"{}\", at most {} samples, sequence {}", m_nID, Printable(m_record->m_strPath),
+    spdlog::info("stream {} records to \"{}\", at most {} samples, sequence {}", m_nID, printable(m_record->m_strPath),
                  m_record->m_ullMaxSamples, m_record->m_nSequenceNo);
     m_record->m_pSink = std::move(pSink);
     m_ullRecorded = 0;
     m_eRecordStatus = ERecordStatus::Recording;
-    UpdateClock();
+    updateClock();
 }
 
-void CStream::EndRecordIfDue()
+void CStream::endRecordIfDue()
 {
     if (m_record && m_record->m_nEndStatus)
-    {
-        EndRecord(*m_record->m_nEndStatus);
-    }
+        endRecord(*m_record->m_nEndStatus);
 }
 
-void CStream::CancelPlay(DoneFunction done)
+void CStream::cancelPlay(DoneFunction done)
 {
     if (!m_play)
     {
@@ -151,10 +139,10 @@ void CStream::CancelPlay(DoneFunction done)
         return;
     }
     m_play->m_vWaiters.push_back(std::move(done));
-    EndPlay(DONE_CANCELLED);
+    endPlay(DONE_CANCELLED);
 }
 
-void CStream::CancelRecord(DoneFunction done)
+void CStream::cancelRecord(DoneFunction done)
 {
     if (!m_record)
     {
@@ -162,198 +150,166 @@ void CStream::CancelRecord(DoneFunction done)
         return;
     }
     m_record->m_vWaiters.push_back(std::move(done));
-    EndRecord(DONE_CANCELLED);
+    endRecord(DONE_CANCELLED);
 }
 
-void CStream::HangUp()
+void CStream::hangUp()
 {
     m_bHungUp = true;
     if (m_play)
-    {
-        EndPlay(DONE_HUNG_UP);
-    }
+        endPlay(DONE_HUNG_UP);
     // A recording whose file is still being opened sees the flag.
     if (m_record && m_record->m_pSink)
-    {
-        EndRecord(DONE_HUNG_UP);
-    }
+        endRecord(DONE_HUNG_UP);
 }
 
-bool CStream::IsMoving() const
+bool CStream::isMoving() const
 {
     return (m_play && !m_play->m_bFinishing) || (m_record && m_record->m_pSink && !m_record->m_bFinishing);
 }
 
-void CStream::UpdateClock()
+void CStream::updateClock()
 {
-    IsMoving() ? m_clock.Start(*this) : m_clock.Stop(*this);
+    isMoving() ? m_clock.start(*this) : m_clock.stop(*this);
 }
 
-CStream::CAdvance CStream::Advance(std::size_t nSamples)
+CStream::CAdvance CStream::advance(size_t nSamples)
 {
-    std::size_t nMoved = 0;
-    bool bSettle = m_pChannel->WantsService();
+    size_t nMoved = 0;
+    bool bSettle = m_pChannel->wantsService();
     if (m_play && !m_play->m_bFinishing)
     {
-        nMoved += AdvancePlay(nSamples);
+        nMoved += advancePlay(nSamples);
         bSettle |= m_play->m_nEndStatus.has_value();
     }
     if (m_record && m_record->m_pSink && !m_record->m_bFinishing)
     {
-        nMoved += AdvanceRecord(nSamples);
-        bSettle |= m_record->m_nEndStatus.has_value() || m_record->m_pSink->WantsService();
+        nMoved += advanceRecord(nSamples);
+        bSettle |= m_record->m_nEndStatus.has_value() || m_record->m_pSink->wantsService();
     }
     return {bSettle, nMoved > 0 || bSettle};
 }
 
-std::size_t CStream::AdvancePlay(std::size_t nSamples)
+size_t CStream::advancePlay(size_t nSamples)
 {
     const CClip& clip = *m_play->m_pClip;
-    const bool bDecoded = clip.IsDecoded(); // asked for first: then what is ready is all there is
-    const std::size_t nReady = clip.Ready();
-    const std::size_t nEnd = std::min(m_play->m_nEnd, nReady);
-    const std::size_t nCount = std::min(nSamples, nEnd - m_play->m_nPosition);
-    const std::size_t nTaken = m_pChannel->Hear({clip.Samples() + m_play->m_nPosition, nCount});
+    const bool bDecoded = clip.isDecoded(); // asked for first: then what is ready is all there is
+    const size_t nReady = clip.ready();
+    const size_t nEnd = std::min(m_play->m_nEnd, nReady);
+    const size_t nCount = std::min(nSamples, nEnd - m_play->m_nPosition);
+    const size_t nTaken = m_pChannel->hear({clip.samples() + m_play->m_nPosition, nCount});
     m_play->m_nPosition += nTaken;
-    if (m_pChannel->HasFailed())
-    {
+    if (m_pChannel->hasFailed())
         m_play->m_nEndStatus = DONE_FAILED;
-    }
     else if (m_play->m_nPosition == m_play->m_nEnd)
-    {
         m_play->m_nEndStatus = DONE_FINISHED;
-    }
     else if (bDecoded && m_play->m_nPosition == nReady)
-    {
-        m_play->m_nEndStatus = clip.IsBroken() ? DONE_FAILED : DONE_FINISHED;
-    }
+        m_play->m_nEndStatus = clip.isBroken() ? DONE_FAILED : DONE_FINISHED;
     return nTaken;
 }
 
-std::size_t CStream::AdvanceRecord(std::size_t nSamples)
+size_t CStream::advanceRecord(size_t nSamples)
 {
     CAudioSink& sink = *m_record->m_pSink;
-    std::array<std::uint8_t, TICK_SAMPLES> abTick;
-    const std::uint64_t ullLeft = m_record->m_ullMaxSamples - m_ullRecorded;
+    std::array<uint8_t, TICK_SAMPLES> abTick;
+    const uint64_t ullLeft = m_record->m_ullMaxSamples - m_ullRecorded;
     // Where the disk does not keep up, the caller is not listened to before it has.
-    const std::size_t nAsked = std::min({nSamples, abTick.size(), static_cast<std::size_t>(ullLeft), sink.Room()});
-    const std::size_t nCount = m_pChannel->Listen({abTick.data(), nAsked});
-    sink.Put({abTick.data(), nCount});
+    const size_t nAsked = std::min({nSamples, abTick.size(), static_cast<size_t>(ullLeft), sink.room()});
+    const size_t nCount = m_pChannel->listen({abTick.data(), nAsked});
+    sink.put({abTick.data(), nCount});
     m_ullRecorded += nCount;
-    if (sink.HasFailed())
-    {
+    if (sink.hasFailed())
         m_record->m_nEndStatus = DONE_FAILED;
-    }
     else if (m_ullRecorded == m_record->m_ullMaxSamples)
-    {
         m_record->m_nEndStatus = DONE_FINISHED;
-    }
-    else if (m_pChannel->HasCallerEnded())
-    {
-        m_record->m_nEndStatus = m_pChannel->HasCallerFailed() ? DONE_FAILED : DONE_FINISHED;
-    }
+    else if (m_pChannel->hasCallerEnded())
+        m_record->m_nEndStatus = m_pChannel->hasCallerFailed() ? DONE_FAILED : DONE_FINISHED;
     return nCount;
 }
 
-void CStream::Settle()
+void CStream::settle()
 {
-    if (m_pChannel->WantsService())
-    {
-        m_pChannel->Service();
-    }
-    if (m_record && m_record->m_pSink && m_record->m_pSink->WantsService())
-    {
-        m_record->m_pSink->Service();
-    }
+    if (m_pChannel->wantsService())
+        m_pChannel->service();
+    if (m_record && m_record->m_pSink && m_record->m_pSink->wantsService())
+        m_record->m_pSink->service();
     if (m_play && m_play->m_nEndStatus)
-    {
-        EndPlay(*m_play->m_nEndStatus);
-    }
-    EndRecordIfDue();
+        endPlay(*m_play->m_nEndStatus);
+    endRecordIfDue();
 }
 
-void CStream::EndPlay(int32_t nStatus)
+void CStream::endPlay(int32_t nStatus)
 {
     if (m_play->m_bFinishing)
-    {
         return;
-    }
     m_play->m_nEndStatus = nStatus;
     m_play->m_bFinishing = true;
-    UpdateClock();
-    m_pChannel->FinishHearing([pWeak = weak_from_this()](bool bOk) {
+    updateClock();
+    m_pChannel->finishHearing([pWeak = weak_from_this()](bool bOk) {
         if (const auto pThis = pWeak.lock())
-        {
-            pThis->OnPlayFinished(bOk);
-        }
+            pThis->onPlayFinished(bOk);
     });
 }
 
-void CStream::OnPlayFinished(bool bOk)
+void CStream::onPlayFinished(bool bOk)
 {
     const CPlay play = std::move(*m_play);
     m_play.reset();
     const int32_t nStatus = bOk || *play.m_nEndStatus != DONE_FINISHED ? *play.m_nEndStatus : DONE_FAILED;
-    spdlog::log(DoneLevel(nStatus), "stream {} play {} at {} of \"{}\", sequence {}", m_nID, DoneText(nStatus),
-                play.m_nPosition, Printable(play.m_pClip->Path()), play.m_nSequenceNo);
+    spdlog::log(doneLevel(nStatus), "stream {} play {} at {} of \"{}\", sequence {}", m_nID, doneText(nStatus),
+                play.m_nPosition, printable(play.m_pClip->path()), play.m_nSequenceNo);
     m_onEvent(false, {MIEVT_DONE, m_nID, play.m_nSequenceNo, nStatus});
-    CallAll(play.m_vWaiters);
+    callAll(play.m_vWaiters);
 }
 
-void CStream::EndRecord(int32_t nStatus)
+void CStream::endRecord(int32_t nStatus)
 {
     if (m_record->m_bFinishing)
-    {
         return;
-    }
     m_record->m_nEndStatus = nStatus;
     if (!m_record->m_pSink)
-    {
         return; // it ends as soon as its file is open
-    }
     m_record->m_bFinishing = true;
-    UpdateClock();
-    m_pChannel->EndListening();
-    m_record->m_pSink->Close([pWeak = weak_from_this()](bool bOk) {
+    updateClock();
+    m_pChannel->endListening();
+    m_record->m_pSink->close([pWeak = weak_from_this()](bool bOk) {
         if (const auto pThis = pWeak.lock())
-        {
-            pThis->OnRecordFinished(bOk);
-        }
+            pThis->onRecordFinished(bOk);
     });
 }
 
-void CStream::OnRecordFinished(bool bOk)
+void CStream::onRecordFinished(bool bOk)
 {
     const CRecord record = std::move(*m_record);
     m_record.reset();
     const int32_t nStatus = bOk ? *record.m_nEndStatus : DONE_FAILED;
-    spdlog::log(DoneLevel(nStatus), "stream {} recording {} with {} samples in \"{}\", sequence {}", m_nID,
-                DoneText(nStatus), m_ullRecorded, Printable(record.m_strPath), record.m_nSequenceNo);
+    spdlog::log(doneLevel(nStatus), "stream {} recording {} with {} samples in \"{}\", sequence {}", m_nID,
+                doneText(nStatus), m_ullRecorded, printable(record.m_strPath), record.m_nSequenceNo);
     m_eRecordStatus = nStatus == DONE_FAILED ? ERecordStatus::Failed : ERecordStatus::Finished;
     m_onEvent(true, {MIEVT_DONE, m_nID, record.m_nSequenceNo, nStatus});
-    CallAll(record.m_vWaiters);
+    callAll(record.m_vWaiters);
 }
 
-int32_t CStream::RecordedMs() const
+int32_t CStream::recordedMs() const
 {
     return static_cast<int32_t>(m_ullRecorded / MI_SAMPLES_PER_MILLISECOND);
 }
 
-CStreamState CStream::State() const
+CStreamState CStream::state() const
 {
     CStreamState state;
     state.m_nID = m_nID;
     state.m_strCallID = m_strCallID;
     state.m_nLegID = m_nLegID;
-    state.m_pChannelKind = m_pChannel->Kind();
+    state.m_pChannelKind = m_pChannel->kind();
     state.m_bHungUp = m_bHungUp;
     if (m_play)
     {
         state.m_bPlaying = true;
-        state.m_strPlayPath = m_play->m_pClip->Path();
+        state.m_strPlayPath = m_play->m_pClip->path();
         state.m_nPlayPosition = m_play->m_nPosition;
         state.m_nPlayEnd =
-            m_play->m_pClip->IsDecoded() ? std::min(m_play->m_nEnd, m_play->m_pClip->Ready()) : m_play->m_nEnd;
+            m_play->m_pClip->isDecoded() ? std::min(m_play->m_nEnd, m_play->m_pClip->ready()) : m_play->m_nEnd;
         state.m_nPlaySequence = m_play->m_nSequenceNo;
     }
     if (m_record)
@@ -368,20 +324,20 @@ CStreamState CStream::State() const
     return state;
 }
 
-std::string CStream::Describe() const
+std::string CStream::describe() const
 {
-    const CStreamState state = State();
+    const CStreamState state = this->state();
     std::string strText = fmt::format("stream {}, {} channel, call id \"{}\", leg {}{}", m_nID, state.m_pChannelKind,
-                                      Printable(m_strCallID), m_nLegID, m_bHungUp ? ", hung up" : "");
+                                      printable(m_strCallID), m_nLegID, m_bHungUp ? ", hung up" : "");
     if (state.m_bPlaying)
     {
-        strText += fmt::format(", plays \"{}\" at {} until {}, sequence {}", Printable(state.m_strPlayPath),
+        strText += fmt::format(", plays \"{}\" at {} until {}, sequence {}", printable(state.m_strPlayPath),
                                state.m_nPlayPosition, state.m_nPlayEnd, state.m_nPlaySequence);
     }
     if (state.m_bRecording)
     {
-        strText += fmt::format(", records \"{}\" up to {}, sequence {}", Printable(state.m_strRecordPath),
+        strText += fmt::format(", records \"{}\" up to {}, sequence {}", printable(state.m_strRecordPath),
                                state.m_ullMaxSamples, state.m_nRecordSequence);
     }
-    return strText + fmt::format(", record status {}, {} ms recorded", state.m_nRecordStatus, RecordedMs());
+    return strText + fmt::format(", record status {}, {} ms recorded", state.m_nRecordStatus, recordedMs());
 }

@@ -45,57 +45,56 @@ public:
     using StartFunction = std::function<void(bool bOk, const std::string& strError)>;
 
     // The clock and the disk must outlive the stream.
-    CStream(int nID, std::string strCallID, std::uint32_t nLegID, std::unique_ptr<CChannel> pChannel,
-            CMediaClock& clock, CExecutor& disk, EventFunction onEvent);
+    CStream(int nID, std::string strCallID, uint32_t nLegID, std::unique_ptr<CChannel> pChannel, CMediaClock& clock,
+            CExecutor& disk, EventFunction onEvent);
     ~CStream();
     CStream(const CStream&) = delete;
     CStream& operator=(const CStream&) = delete;
 
-    int ID() const { return m_nID; }
-    const std::string& CallID() const { return m_strCallID; }
-    std::uint32_t LegID() const { return m_nLegID; }
-    bool IsRealTime() const { return m_pChannel->IsRealTime(); }
+    int id() const { return m_nID; }
+    const std::string& callId() const { return m_strCallID; }
+    uint32_t legId() const { return m_nLegID; }
+    bool isRealTime() const { return m_pChannel->isRealTime(); }
 
     // From the start until the event was given.
-    bool IsPlaying() const { return m_play.has_value(); }
-    bool IsRecording() const { return m_record.has_value(); }
-    bool IsHungUp() const { return m_bHungUp; }
+    bool isPlaying() const { return m_play.has_value(); }
+    bool isRecording() const { return m_record.has_value(); }
+    bool isHungUp() const { return m_bHungUp; }
 
     // Starts a play of at most nLength samples from nOffset; it ends with the clip. nSequenceNo is that
     // of the request, for the event. The stream must not be playing.
-    void StartPlay(CClipPtr pClip, std::size_t nOffset, std::size_t nLength, std::uint32_t nSequenceNo);
+    void startPlay(CClipPtr pClip, size_t nOffset, size_t nLength, uint32_t nSequenceNo);
 
     // Starts a recording of at most nMaxSamples. The stream must not be recording, and counts as recording
     // from here on. done is called at once or later; bOk is false when it cannot start.
-    void StartRecord(const std::string& strPath, std::uint32_t nMaxSamples, std::uint32_t nSequenceNo,
-                     StartFunction done);
+    void startRecord(const std::string& strPath, uint32_t nMaxSamples, uint32_t nSequenceNo, StartFunction done);
 
     // Ends the play or the recording; what was recorded is kept. done is called right after its event was
     // given, at once if nothing is active.
-    void CancelPlay(DoneFunction done);
-    void CancelRecord(DoneFunction done);
+    void cancelPlay(DoneFunction done);
+    void cancelRecord(DoneFunction done);
 
     // Ends play and recording. The stream takes no further ones.
-    void HangUp();
+    void hangUp();
 
     struct CAdvance
     {
-        bool m_bSettle; // call Settle after the tick
+        bool m_bSettle; // call settle after the tick
         bool m_bMoved;  // false when it had to wait
     };
 
     // Moves play and recording on the media tick, and neither blocks, locks nor allocates.
-    CAdvance Advance(std::size_t nSamples);
-    void Settle();
+    CAdvance advance(size_t nSamples);
+    void settle();
 
     // Of the recording that runs or ran last.
-    int32_t RecordedMs() const;
-    ERecordStatus RecordStatus() const { return m_eRecordStatus; }
+    int32_t recordedMs() const;
+    ERecordStatus recordStatus() const { return m_eRecordStatus; }
 
-    CStreamState State() const;
+    CStreamState state() const;
 
     // The state in one line, for the log.
-    std::string Describe() const;
+    std::string describe() const;
 
 private:
     friend class CMediaClock;
@@ -103,9 +102,9 @@ private:
     struct CPlay
     {
         CClipPtr m_pClip;
-        std::size_t m_nPosition;
-        std::size_t m_nEnd; // may lie behind the clip
-        std::uint32_t m_nSequenceNo;
+        size_t m_nPosition;
+        size_t m_nEnd; // may lie behind the clip
+        uint32_t m_nSequenceNo;
         std::optional<int32_t> m_nEndStatus;
         bool m_bFinishing = false;
         std::vector<DoneFunction> m_vWaiters;
@@ -114,38 +113,38 @@ private:
     {
         std::shared_ptr<CAudioSink> m_pSink; // null until the file is open
         std::string m_strPath;
-        std::uint64_t m_ullMaxSamples;
-        std::uint32_t m_nSequenceNo;
+        uint64_t m_ullMaxSamples;
+        uint32_t m_nSequenceNo;
         std::optional<int32_t> m_nEndStatus;
         bool m_bFinishing = false;
         std::vector<DoneFunction> m_vWaiters;
     };
 
-    void OpenRecordFile(StartFunction done);
-    void AbandonRecord(const std::string& strError, const StartFunction& done);
-    void BeginRecord(std::shared_ptr<CAudioSink> pSink);
-    std::size_t AdvancePlay(std::size_t nSamples);
-    std::size_t AdvanceRecord(std::size_t nSamples);
-    void EndPlay(int32_t nStatus);
-    void EndRecord(int32_t nStatus);
-    void EndRecordIfDue();
-    void OnPlayFinished(bool bOk);
-    void OnRecordFinished(bool bOk);
-    bool IsMoving() const;
-    void UpdateClock();
+    void openRecordFile(StartFunction done);
+    void abandonRecord(const std::string& strError, const StartFunction& done);
+    void beginRecord(std::shared_ptr<CAudioSink> pSink);
+    size_t advancePlay(size_t nSamples);
+    size_t advanceRecord(size_t nSamples);
+    void endPlay(int32_t nStatus);
+    void endRecord(int32_t nStatus);
+    void endRecordIfDue();
+    void onPlayFinished(bool bOk);
+    void onRecordFinished(bool bOk);
+    bool isMoving() const;
+    void updateClock();
 
     // What the tick touches comes first.
     std::optional<CPlay> m_play;
     std::optional<CRecord> m_record;
     const std::unique_ptr<CChannel> m_pChannel;
-    std::uint64_t m_ullRecorded = 0; // samples
-    std::size_t m_nClockIndex = SIZE_MAX;
-    std::size_t m_nSettleIndex = SIZE_MAX;
+    uint64_t m_ullRecorded = 0; // samples
+    size_t m_nClockIndex = SIZE_MAX;
+    size_t m_nSettleIndex = SIZE_MAX;
     ERecordStatus m_eRecordStatus = ERecordStatus::None;
     bool m_bHungUp = false;
 
     const int m_nID;
-    const std::uint32_t m_nLegID;
+    const uint32_t m_nLegID;
     const std::string m_strCallID;
     CMediaClock& m_clock;
     CExecutor& m_disk;

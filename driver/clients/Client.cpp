@@ -9,50 +9,46 @@ CClient::CClient(int nConnectID, std::unique_ptr<CClientPort> pPort)
 {
 }
 
-void CClient::QueueEvent(const structMIEVT& evt)
+void CClient::queueEvent(const structMIEVT& evt)
 {
     m_events.push_back(evt);
 }
 
-std::optional<std::size_t> CClient::FlushEvents()
+std::optional<size_t> CClient::flushEvents()
 {
-    std::size_t nSent = 0;
+    size_t nSent = 0;
     for (; !m_events.empty(); ++nSent)
     {
-        const ESend eSend = m_pPort->SendEvent(m_events.front());
+        const ESend eSend = m_pPort->sendEvent(m_events.front());
         if (eSend == ESend::Gone)
-        {
             return std::nullopt;
-        }
         if (eSend == ESend::Full)
-        {
             break;
-        }
         m_events.pop_front();
     }
     if (m_bWatchesRoom != !m_events.empty())
     {
         m_bWatchesRoom = !m_events.empty();
-        m_pPort->WatchForRoom(m_bWatchesRoom);
+        m_pPort->watchForRoom(m_bWatchesRoom);
         spdlog::info("client {} {}", m_nConnectID,
                      m_bWatchesRoom ? "does not take its events; they wait" : "has taken all its events");
     }
     return nSent;
 }
 
-std::shared_ptr<CStream> CClient::FindStream(int nStreamID) const
+std::shared_ptr<CStream> CClient::findStream(int nStreamID) const
 {
     const auto it = m_mapStreamByID.find(nStreamID);
     return it == m_mapStreamByID.end() ? nullptr : it->second;
 }
 
-CClipPtr CClient::FindFile(int nFileID) const
+CClipPtr CClient::findFile(int nFileID) const
 {
     const auto it = m_mapFileByID.find(nFileID);
     return it == m_mapFileByID.end() ? nullptr : it->second;
 }
 
-CClientState CClient::State() const
+CClientState CClient::state() const
 {
-    return {m_nConnectID, m_pPort->ProcessID(), m_mapFileByID.size(), m_mapStreamByID.size(), m_events.size()};
+    return {m_nConnectID, m_pPort->processId(), m_mapFileByID.size(), m_mapStreamByID.size(), m_events.size()};
 }

@@ -19,29 +19,29 @@ class CClient
 public:
     // While this many events wait for the client it can start no further play or recording. That
     // bounds the queue without ever losing an event.
-    static constexpr std::size_t MAX_WAITING_EVENTS = 1000000;
+    static constexpr size_t MAX_WAITING_EVENTS = 1000000;
 
     // Requests that wait for an earlier one of the client. The library never has more than one under way.
-    static constexpr std::size_t MAX_WAITING_REQUESTS = 64;
+    static constexpr size_t MAX_WAITING_REQUESTS = 64;
 
     CClient(int nConnectID, std::unique_ptr<CClientPort> pPort);
 
-    int ConnectID() const { return m_nConnectID; }
-    CClientPort& Port() { return *m_pPort; }
+    int connectId() const { return m_nConnectID; }
+    CClientPort& port() { return *m_pPort; }
 
-    // Puts an event behind those that wait; FlushEvents sends them.
-    void QueueEvent(const structMIEVT& evt);
+    // Puts an event behind those that wait; flushEvents sends them.
+    void queueEvent(const structMIEVT& evt);
 
     // Sends what the client's pipe has room for, in order, and returns how many events those were. None
     // when the client is gone.
-    std::optional<std::size_t> FlushEvents();
-    std::size_t WaitingEvents() const { return m_events.size(); }
+    std::optional<size_t> flushEvents();
+    size_t waitingEvents() const { return m_events.size(); }
 
     // Null when the client has no such stream or file.
-    std::shared_ptr<CStream> FindStream(int nStreamID) const;
-    CClipPtr FindFile(int nFileID) const;
+    std::shared_ptr<CStream> findStream(int nStreamID) const;
+    CClipPtr findFile(int nFileID) const;
 
-    CClientState State() const;
+    CClientState state() const;
 
     std::map<int, std::shared_ptr<CStream>> m_mapStreamByID;
     std::map<int, CClipPtr> m_mapFileByID;
@@ -53,9 +53,9 @@ public:
         std::optional<CFaultAction> m_action; // known already when the driver froze over the request
     };
     std::deque<CRequest> m_requests;
-    std::uint64_t m_ullTicket = 0; // of the request under way, 0 for none
-    bool m_bRunning = false;       // its requests are being worked off
-    std::uint32_t m_nLatestSequenceNo = 0;
+    uint64_t m_ullTicket = 0; // of the request under way, 0 for none
+    bool m_bRunning = false;  // its requests are being worked off
+    uint32_t m_nLatestSequenceNo = 0;
     CLogLimiter m_warnings;
 
     // It was dropped, and is only kept until the end of the loop's turn.

@@ -15,12 +15,10 @@
 
 namespace
 {
-bool ParseName(const std::string& strName, std::string_view prefix, pid_t& nProcessID)
+bool parseName(const std::string& strName, std::string_view prefix, pid_t& nProcessID)
 {
     if (!strName.starts_with(prefix))
-    {
         return false;
-    }
     const char* pEnd = strName.data() + strName.size();
     const auto [pStop, error] = std::from_chars(strName.data() + prefix.size(), pEnd, nProcessID);
     // The second condition refuses leading zeros and the like: one process has one name.
@@ -28,19 +26,19 @@ bool ParseName(const std::string& strName, std::string_view prefix, pid_t& nProc
            strName.size() == prefix.size() + std::to_string(nProcessID).size();
 }
 
-bool IsFile(const struct stat& left, const struct stat& right)
+bool isFile(const struct stat& left, const struct stat& right)
 {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
 // The file is looked at before it is opened, because opening alone can have effects on a device, and after,
 // because it may have become another one.
-bool OpenFifo(const std::string& strPath, CFd& fd, struct stat& status, std::string& strError)
+bool openFifo(const std::string& strPath, CFd& fd, struct stat& status, std::string& strError)
 {
     struct stat before = {};
     if (::lstat(strPath.c_str(), &before) != 0)
     {
-        strError = strPath + " cannot be opened: " + ErrnoText(errno);
+        strError = strPath + " cannot be opened: " + errnoText(errno);
         return false;
     }
     if (!S_ISFIFO(before.st_mode))
@@ -49,12 +47,12 @@ bool OpenFifo(const std::string& strPath, CFd& fd, struct stat& status, std::str
         return false;
     }
     fd = CFd(::open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-    if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0)
+    if (!fd.isOpen() || ::fstat(fd.get(), &status) != 0)
     {
-        strError = errno == ENXIO ? strPath + " is read by nobody" : strPath + " cannot be opened: " + ErrnoText(errno);
+        strError = errno == ENXIO ? strPath + " is read by nobody" : strPath + " cannot be opened: " + errnoText(errno);
         return false;
     }
-    if (!S_ISFIFO(status.st_mode) || !IsFile(before, status))
+    if (!S_ISFIFO(status.st_mode) || !isFile(before, status))
     {
         strError = strPath + " was exchanged while it was opened";
         return false;
@@ -68,18 +66,16 @@ bool OpenFifo(const std::string& strPath, CFd& fd, struct stat& status, std::str
 }
 
 // Whether the file is no longer under the name. While that cannot be told, it counts as being there.
-bool IsLost(int nFd, const std::string& strPath)
+bool isLost(int nFd, const std::string& strPath)
 {
     struct stat open = {};
     struct stat there = {};
     if (::fstat(nFd, &open) != 0)
-    {
         return false;
-    }
-    return ::lstat(strPath.c_str(), &there) == 0 ? !IsFile(open, there) : errno == ENOENT;
+    return ::lstat(strPath.c_str(), &there) == 0 ? !isFile(open, there) : errno == ENOENT;
 }
 
-template <class TRecord> ESend WriteRecord(int nFd, const TRecord& record)
+template <class TRecord> ESend writeRecord(int nFd, const TRecord& record)
 {
     ssize_t nWritten = -1;
     do
@@ -87,28 +83,26 @@ template <class TRecord> ESend WriteRecord(int nFd, const TRecord& record)
         nWritten = ::write(nFd, &record, sizeof(record));
     } while (nWritten < 0 && errno == EINTR);
     if (nWritten == static_cast<ssize_t>(sizeof(record)))
-    {
         return ESend::Sent;
-    }
     return nWritten < 0 && errno == EAGAIN ? ESend::Full : ESend::Gone;
 }
 
 } // namespace
 
-bool ParseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNames& names, std::string& strError)
+bool parseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNames& names, std::string& strError)
 {
-    if (!FieldText(connect.szRspPipe, names.m_strRspPipe) || !FieldText(connect.szEvtPipe, names.m_strEvtPipe))
+    if (!fieldText(connect.szRspPipe, names.m_strRspPipe) || !fieldText(connect.szEvtPipe, names.m_strEvtPipe))
     {
         strError = "a pipe name has no end";
         return false;
     }
     pid_t nRspID = 0;
     pid_t nEvtID = 0;
-    if (!ParseName(names.m_strRspPipe, MI_RESPONSE_PIPE_PREFIX, nRspID) ||
-        !ParseName(names.m_strEvtPipe, MI_EVENT_PIPE_PREFIX, nEvtID))
+    if (!parseName(names.m_strRspPipe, MI_RESPONSE_PIPE_PREFIX, nRspID) ||
+        !parseName(names.m_strEvtPipe, MI_EVENT_PIPE_PREFIX, nEvtID))
     {
-        strError = fmt::format("\"{}\" and \"{}\" are not the pipes of a client", Printable(names.m_strRspPipe),
-                               Printable(names.m_strEvtPipe));
+        strError = fmt::format("\"{}\" and \"{}\" are not the pipes of a client", printable(names.m_strRspPipe),
+                               printable(names.m_strEvtPipe));
         return false;
     }
     if (nRspID != nEvtID)
@@ -126,58 +120,57 @@ CClientPipes::CClientPipes(CClientPipeNames names, CFd fdRsp, CFd fdEvt, CPoller
 {
 }
 
-ESend CClientPipes::SendResponse(const structMIRSP& rsp)
+ESend CClientPipes::sendResponse(const structMIRSP& rsp)
 {
-    return WriteRecord(m_fdRsp.Get(), rsp);
+    return writeRecord(m_fdRsp.get(), rsp);
 }
 
-ESend CClientPipes::SendEvent(const structMIEVT& evt)
+ESend CClientPipes::sendEvent(const structMIEVT& evt)
 {
-    return WriteRecord(m_fdEvt.Get(), evt);
+    return writeRecord(m_fdEvt.get(), evt);
 }
 
-bool CClientPipes::Watch(std::function<void()> broken, std::function<void()> writable)
+bool CClientPipes::watch(std::function<void()> broken, std::function<void()> writable)
 {
     // No event is asked for: a pipe without readers is reported anyway. The functions may end this port,
     // so they are kept by the poller.
-    m_watchRsp = m_poller.Watch(m_fdRsp.Get(), 0, [broken](std::uint32_t) { broken(); });
-    m_watchEvt = m_poller.Watch(m_fdEvt.Get(), 0, [broken, writable = std::move(writable)](std::uint32_t nEvents) {
+    m_watchRsp = m_poller.watch(
+        m_fdRsp.get(), 0, [broken](uint32_t) { broken(); });
+    m_watchEvt = m_poller.watch(m_fdEvt.get(), 0, [broken, writable = std::move(writable)](uint32_t nEvents) {
         (nEvents & (EPOLLERR | EPOLLHUP)) != 0 ? broken() : writable();
     });
-    return m_watchRsp.IsOn() && m_watchEvt.IsOn();
+    return m_watchRsp.isOn() && m_watchEvt.isOn();
 }
 
-void CClientPipes::WatchForRoom(bool bOn)
+void CClientPipes::watchForRoom(bool bOn)
 {
-    m_watchEvt.SetEvents(bOn ? static_cast<std::uint32_t>(EPOLLOUT) : 0U);
+    m_watchEvt.setEvents(bOn ? static_cast<uint32_t>(EPOLLOUT) : 0U);
 }
 
-pid_t CClientPipes::ProcessID() const
+pid_t CClientPipes::processId() const
 {
     return m_names.m_nProcessID;
 }
 
-bool CClientPipes::IsGone() const
+bool CClientPipes::isGone() const
 {
     return (m_bProcessVisible && ::kill(m_names.m_nProcessID, 0) != 0 && errno == ESRCH) ||
-           IsLost(m_fdRsp.Get(), m_names.m_strRspPipe) || IsLost(m_fdEvt.Get(), m_names.m_strEvtPipe);
+           isLost(m_fdRsp.get(), m_names.m_strRspPipe) || isLost(m_fdEvt.get(), m_names.m_strEvtPipe);
 }
 
 CClientPipesOpener::CClientPipesOpener(CPoller& poller) : m_poller(poller) {}
 
-std::unique_ptr<CClientPort> CClientPipesOpener::Open(const structMICMD::ConnectBody& connect, std::string& strError)
+std::unique_ptr<CClientPort> CClientPipesOpener::open(const structMICMD::ConnectBody& connect, std::string& strError)
 {
     CClientPipeNames names;
     CFd fdRsp;
     CFd fdEvt;
     struct stat statusRsp = {};
     struct stat statusEvt = {};
-    if (!ParseClientPipeNames(connect, names, strError) || !OpenFifo(names.m_strRspPipe, fdRsp, statusRsp, strError) ||
-        !OpenFifo(names.m_strEvtPipe, fdEvt, statusEvt, strError))
-    {
+    if (!parseClientPipeNames(connect, names, strError) || !openFifo(names.m_strRspPipe, fdRsp, statusRsp, strError) ||
+        !openFifo(names.m_strEvtPipe, fdEvt, statusEvt, strError))
         return nullptr;
-    }
-    if (IsFile(statusRsp, statusEvt) || statusRsp.st_uid != statusEvt.st_uid)
+    if (isFile(statusRsp, statusEvt) || statusRsp.st_uid != statusEvt.st_uid)
     {
         strError = fmt::format("{} and {} are not two pipes of one user", names.m_strRspPipe, names.m_strEvtPipe);
         return nullptr;

@@ -15,7 +15,7 @@ struct CClientPipeNames
 
 // The names in a connect request. False, with the reason in strError, unless both are the fixed
 // prefixes followed by one and the same process id.
-bool ParseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNames& names, std::string& strError);
+bool parseClientPipeNames(const structMICMD::ConnectBody& connect, CClientPipeNames& names, std::string& strError);
 
 class CClientPipes : public CClientPort
 {
@@ -23,12 +23,12 @@ public:
     // fdRsp and fdEvt are the pipes of these names, open for writing without blocking.
     CClientPipes(CClientPipeNames names, CFd fdRsp, CFd fdEvt, CPoller& poller);
 
-    ESend SendResponse(const structMIRSP& rsp) override;
-    ESend SendEvent(const structMIEVT& evt) override;
-    bool Watch(std::function<void()> broken, std::function<void()> writable) override;
-    void WatchForRoom(bool bOn) override;
-    pid_t ProcessID() const override;
-    bool IsGone() const override;
+    ESend sendResponse(const structMIRSP& rsp) override;
+    ESend sendEvent(const structMIEVT& evt) override;
+    bool watch(std::function<void()> broken, std::function<void()> writable) override;
+    void watchForRoom(bool bOn) override;
+    pid_t processId() const override;
+    bool isGone() const override;
 
 private:
     const CClientPipeNames m_names;
@@ -50,7 +50,7 @@ class CClientPipesOpener : public CClientPortOpener
 public:
     explicit CClientPipesOpener(CPoller& poller);
 
-    std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) override;
+    std::unique_ptr<CClientPort> open(const structMICMD::ConnectBody& connect, std::string& strError) override;
 
 private:
     CPoller& m_poller;

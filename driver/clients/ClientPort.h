@@ -23,19 +23,19 @@ class CClientPort
 public:
     virtual ~CClientPort() = default;
 
-    virtual ESend SendResponse(const structMIRSP& rsp) = 0;
-    virtual ESend SendEvent(const structMIEVT& evt) = 0;
+    virtual ESend sendResponse(const structMIRSP& rsp) = 0;
+    virtual ESend sendEvent(const structMIEVT& evt) = 0;
 
     // From now on broken is called when nobody reads one of the pipes, and writable, while asked for, when
     // events can be written again. Either may end this port. False when it cannot be watched.
-    virtual bool Watch(std::function<void()> broken, std::function<void()> writable) = 0;
-    virtual void WatchForRoom(bool bOn) = 0;
+    virtual bool watch(std::function<void()> broken, std::function<void()> writable) = 0;
+    virtual void watchForRoom(bool bOn) = 0;
 
-    virtual pid_t ProcessID() const = 0;
+    virtual pid_t processId() const = 0;
 
     // Whether the process has ended, as far as that can be known, or its pipes are no longer to be found
     // under their names.
-    virtual bool IsGone() const = 0;
+    virtual bool isGone() const = 0;
 };
 
 // Opens what MICMD_CONNECT names. Null, with the reason in strError, when that is not acceptable.
@@ -44,7 +44,7 @@ class CClientPortOpener
 public:
     virtual ~CClientPortOpener() = default;
 
-    virtual std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) = 0;
+    virtual std::unique_ptr<CClientPort> open(const structMICMD::ConnectBody& connect, std::string& strError) = 0;
 };
 
 #endif

@@ -8,22 +8,18 @@
 
 CClientRegistry::CClientRegistry(CStatistics& statistics) : m_statistics(statistics) {}
 
-CClient* CClientRegistry::Add(std::unique_ptr<CClientPort> pPort)
+CClient* CClientRegistry::add(std::unique_ptr<CClientPort> pPort)
 {
-    const pid_t nProcessID = pPort->ProcessID();
+    const pid_t nProcessID = pPort->processId();
     const auto itFormer = std::find_if(m_mapClientByID.begin(), m_mapClientByID.end(), [nProcessID](const auto& item) {
-        return item.second->Port().ProcessID() == nProcessID;
+        return item.second->port().processId() == nProcessID;
     });
     if (itFormer != m_mapClientByID.end())
-    {
-        Drop(itFormer->first, "its process connects anew");
-    }
+        drop(itFormer->first, "its process connects anew");
     const int nConnectID = m_nNextConnectID;
-    if (nConnectID == INT_MAX || !pPort->Watch([this, nConnectID] { Drop(nConnectID, "nobody reads its pipes"); },
-                                               [this, nConnectID] { FlushEvents(nConnectID); }))
-    {
+    if (nConnectID == INT_MAX || !pPort->watch([this, nConnectID] { drop(nConnectID, "nobody reads its pipes"); },
+                                               [this, nConnectID] { flushEvents(nConnectID); }))
         return nullptr;
-    }
     ++m_nNextConnectID;
     ++m_statistics.m_ullClientsConnected;
     auto pClient = std::make_unique<CClient>(nConnectID, std::move(pPort));
@@ -31,41 +27,39 @@ CClient* CClientRegistry::Add(std::unique_ptr<CClientPort> pPort)
     return m_mapClientByID.emplace(nConnectID, std::move(pClient)).first->second.get();
 }
 
-CClient* CClientRegistry::Find(int nConnectID)
+CClient* CClientRegistry::find(int nConnectID)
 {
     const auto it = m_mapClientByID.find(nConnectID);
     return it == m_mapClientByID.end() ? nullptr : it->second.get();
 }
 
-std::optional<std::uint32_t> CClientRegistry::LatestSequenceNo(int nConnectID)
+std::optional<uint32_t> CClientRegistry::latestSequenceNo(int nConnectID)
 {
-    const CClient* pClient = Find(nConnectID);
+    const CClient* pClient = find(nConnectID);
     return pClient != nullptr ? std::optional(pClient->m_nLatestSequenceNo) : std::nullopt;
 }
 
-bool CClientRegistry::Disconnect(int nConnectID)
+bool CClientRegistry::disconnect(int nConnectID)
 {
-    return Remove(nConnectID, "it disconnects");
+    return remove(nConnectID, "it disconnects");
 }
 
-bool CClientRegistry::Drop(int nConnectID, const char* pReason)
+bool CClientRegistry::drop(int nConnectID, const char* pReason)
 {
-    const bool bDropped = Remove(nConnectID, pReason);
+    const bool bDropped = remove(nConnectID, pReason);
     m_statistics.m_ullClientsDropped += bDropped ? 1 : 0;
     return bDropped;
 }
 
-bool CClientRegistry::Remove(int nConnectID, const char* pReason)
+bool CClientRegistry::remove(int nConnectID, const char* pReason)
 {
     const auto it = m_mapClientByID.find(nConnectID);
     if (it == m_mapClientByID.end())
-    {
         return false;
-    }
     CClient& client = *it->second;
     spdlog::info("client {} leaves with {} streams, {} files and {} events: {}", nConnectID,
-                 client.m_mapStreamByID.size(), client.m_mapFileByID.size(), client.WaitingEvents(), pReason);
-    m_statistics.m_ullEventsDropped += client.WaitingEvents();
+                 client.m_mapStreamByID.size(), client.m_mapFileByID.size(), client.waitingEvents(), pReason);
+    m_statistics.m_ullEventsDropped += client.waitingEvents();
     client.m_bGone = true;
     client.m_mapStreamByID.clear();
     client.m_mapFileByID.clear();
@@ -74,69 +68,57 @@ bool CClientRegistry::Remove(int nConnectID, const char* pReason)
     return true;
 }
 
-void CClientRegistry::DropAll(const char* pReason)
+void CClientRegistry::dropAll(const char* pReason)
 {
     while (!m_mapClientByID.empty())
-    {
-        Drop(m_mapClientByID.begin()->first, pReason);
-    }
+        drop(m_mapClientByID.begin()->first, pReason);
 }
 
-void CClientRegistry::DropDead()
+void CClientRegistry::dropDead()
 {
     std::vector<int> vDead;
     for (const auto& [nConnectID, pClient] : m_mapClientByID)
-    {
-        if (pClient->Port().IsGone())
-        {
+        if (pClient->port().isGone())
             vDead.push_back(nConnectID);
-        }
-    }
     for (const int nConnectID : vDead)
-    {
-        Drop(nConnectID, "its process or its pipes are gone");
-    }
+        drop(nConnectID, "its process or its pipes are gone");
 }
 
-void CClientRegistry::QueueEvent(int nConnectID, const structMIEVT& evt)
+void CClientRegistry::queueEvent(int nConnectID, const structMIEVT& evt)
 {
-    CClient* pClient = Find(nConnectID);
+    CClient* pClient = find(nConnectID);
     if (pClient == nullptr)
     {
         ++m_statistics.m_ullEventsDropped;
         return;
     }
-    pClient->QueueEvent(evt);
+    pClient->queueEvent(evt);
     m_vWithEvents.push_back(nConnectID);
 }
 
-void CClientRegistry::FlushEvents(int nConnectID)
+void CClientRegistry::flushEvents(int nConnectID)
 {
-    CClient* pClient = Find(nConnectID);
+    CClient* pClient = find(nConnectID);
     if (pClient == nullptr)
-    {
         return;
-    }
-    const auto nSent = pClient->FlushEvents();
+    const auto nSent = pClient->flushEvents();
     if (!nSent)
     {
-        Drop(nConnectID, "its event pipe is broken");
+        drop(nConnectID, "its event pipe is broken");
         return;
     }
     m_statistics.m_ullEventsSent += *nSent;
 }
 
-void CClientRegistry::FlushEvents()
+void CClientRegistry::flushEvents()
 {
     std::vector<int> vWithEvents;
     vWithEvents.swap(m_vWithEvents);
     for (const int nConnectID : vWithEvents)
-    {
-        FlushEvents(nConnectID);
-    }
+        flushEvents(nConnectID);
 }
 
-void CClientRegistry::Sweep()
+void CClientRegistry::sweep()
 {
     m_vGone.clear();
 }

@@ -17,38 +17,38 @@ public:
 
     // Takes a new client in, under a connect id that was never used before. A client of the same
     // process is dropped: it has lost its connection and comes back. Null when it cannot be watched.
-    CClient* Add(std::unique_ptr<CClientPort> pPort);
+    CClient* add(std::unique_ptr<CClientPort> pPort);
 
     // Null for an unknown id.
-    CClient* Find(int nConnectID);
+    CClient* find(int nConnectID);
 
     // The number of the client's latest request; none for an unknown id.
-    std::optional<std::uint32_t> LatestSequenceNo(int nConnectID);
+    std::optional<uint32_t> latestSequenceNo(int nConnectID);
 
     // Closes the streams and files of a client and forgets it: one that has disconnected, or one that is
-    // dropped, which is counted. The object stays until Sweep, for those who are just using it. False for
+    // dropped, which is counted. The object stays until sweep, for those who are just using it. False for
     // an unknown id.
-    bool Disconnect(int nConnectID);
-    bool Drop(int nConnectID, const char* pReason);
-    void DropAll(const char* pReason);
+    bool disconnect(int nConnectID);
+    bool drop(int nConnectID, const char* pReason);
+    void dropAll(const char* pReason);
 
     // Drops the clients whose process or pipes are gone.
-    void DropDead();
+    void dropDead();
 
-    // Queues an event for the client, if there is such a one; FlushEvents sends it.
-    void QueueEvent(int nConnectID, const structMIEVT& evt);
+    // Queues an event for the client, if there is such a one; flushEvents sends it.
+    void queueEvent(int nConnectID, const structMIEVT& evt);
 
     // Sends the events that wait for one client, or for all that got new ones. Drops who is gone.
-    void FlushEvents(int nConnectID);
-    void FlushEvents();
+    void flushEvents(int nConnectID);
+    void flushEvents();
 
     // Ends what was dropped. Called when nobody is using a client.
-    void Sweep();
+    void sweep();
 
-    const std::map<int, std::unique_ptr<CClient>>& Clients() const { return m_mapClientByID; }
+    const std::map<int, std::unique_ptr<CClient>>& clients() const { return m_mapClientByID; }
 
 private:
-    bool Remove(int nConnectID, const char* pReason);
+    bool remove(int nConnectID, const char* pReason);
 
     CStatistics& m_statistics;
     std::map<int, std::unique_ptr<CClient>> m_mapClientByID;

@@ -10,232 +10,222 @@
 namespace
 {
 // The stream, or null after a refusal.
-std::shared_ptr<CStream> StreamOf(const CClient& client, int nStreamID, const CReply& reply)
+std::shared_ptr<CStream> streamOf(const CClient& client, int nStreamID, const CReply& reply)
 {
-    auto pStream = client.FindStream(nStreamID);
+    auto pStream = client.findStream(nStreamID);
     if (!pStream)
-    {
-        reply.Refuse(fmt::format("the client has no stream {}", nStreamID));
-    }
+        reply.refuse(fmt::format("the client has no stream {}", nStreamID));
     return pStream;
 }
 
 // The same for a stream on which something is to begin.
-std::shared_ptr<CStream> FreeStreamOf(const CClient& client, int nStreamID, bool bRecord, const CReply& reply)
+std::shared_ptr<CStream> freeStreamOf(const CClient& client, int nStreamID, bool bRecord, const CReply& reply)
 {
-    auto pStream = StreamOf(client, nStreamID, reply);
+    auto pStream = streamOf(client, nStreamID, reply);
     if (!pStream)
+        return nullptr;
+    if (pStream->isHungUp())
     {
+        reply.refuse("the caller has hung up");
         return nullptr;
     }
-    if (pStream->IsHungUp())
+    if (bRecord ? pStream->isRecording() : pStream->isPlaying())
     {
-        reply.Refuse("the caller has hung up");
+        reply.refuse(fmt::format("stream {} is {}", nStreamID, bRecord ? "recording" : "playing"));
         return nullptr;
     }
-    if (bRecord ? pStream->IsRecording() : pStream->IsPlaying())
+    if (client.waitingEvents() >= CClient::MAX_WAITING_EVENTS)
     {
-        reply.Refuse(fmt::format("stream {} is {}", nStreamID, bRecord ? "recording" : "playing"));
-        return nullptr;
-    }
-    if (client.WaitingEvents() >= CClient::MAX_WAITING_EVENTS)
-    {
-        reply.Refuse("the client does not take its events");
+        reply.refuse("the client does not take its events");
         return nullptr;
     }
     return pStream;
 }
 
-bool FileNameOf(const char (&szField)[MI_FILE_NAME_SIZE], std::string& strName, const CReply& reply)
+bool fileNameOf(const char (&szField)[MI_FILE_NAME_SIZE], std::string& strName, const CReply& reply)
 {
-    if (!FieldText(szField, strName))
+    if (!fieldText(szField, strName))
     {
-        reply.Refuse("the file name has no end");
+        reply.refuse("the file name has no end");
         return false;
     }
     if (strName.empty())
     {
-        reply.Refuse("the file name is empty");
+        reply.refuse("the file name is empty");
         return false;
     }
     return true;
 }
 
 // What is left to do for a play when its clip has been loaded.
-CClipStore::LoadFunction PlayWhenLoaded(const std::shared_ptr<CStream>& pStream, std::size_t nOffset,
-                                        std::size_t nLength, const CReply& reply)
+CClipStore::LoadFunction playWhenLoaded(const std::shared_ptr<CStream>& pStream, size_t nOffset, size_t nLength,
+                                        const CReply& reply)
 {
     return
         [pWeak = std::weak_ptr(pStream), nOffset, nLength, reply](const CClipPtr& pClip, const std::string& strError) {
             const auto pStreamNow = pWeak.lock();
             if (!pStreamNow || !pClip)
             {
-                reply.Refuse(pClip ? "the stream is closed" : strError);
+                reply.refuse(pClip ? "the stream is closed" : strError);
             }
-            else if (pStreamNow->IsHungUp())
+            else if (pStreamNow->isHungUp())
             {
-                reply.Refuse("the caller has hung up");
+                reply.refuse("the caller has hung up");
             }
-            else if (nOffset > pClip->Ready())
+            else if (nOffset > pClip->ready())
             {
-                reply.Refuse(fmt::format("position {} is past the end of \"{}\" at {}", nOffset,
-                                         Printable(pClip->Path()), pClip->Ready()));
+                reply.refuse(fmt::format("position {} is past the end of \"{}\" at {}", nOffset,
+                                         printable(pClip->path()), pClip->ready()));
             }
             else
             {
-                pStreamNow->StartPlay(pClip, nOffset, nLength, reply.SequenceNo());
-                reply.Ok();
+                pStreamNow->startPlay(pClip, nOffset, nLength, reply.sequenceNo());
+                reply.ok();
             }
         };
 }
 } // namespace
 
-void CRequestHandler::Disconnect(CClient& client, const structMICMD&, const CReply& reply)
+void CRequestHandler::disconnect(CClient& client, const structMICMD&, const CReply& reply)
 {
     client.m_mapStreamByID.clear();
     // By then the disk has completed the files of the streams. The answer lets the client go.
-    m_parts.m_disk.Post([] {}, [reply] { reply.Ok(); });
+    m_parts.m_disk.post([] {}, [reply] { reply.ok(); });
 }
 
-void CRequestHandler::OpenFile(CClient&, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::openFile(CClient&, const structMICMD& cmd, const CReply& reply)
 {
     std::string strName;
-    if (FileNameOf(cmd.openFile.szFileName, strName, reply))
+    if (fileNameOf(cmd.openFile.szFileName, strName, reply))
     {
-        m_parts.m_clipStore.Load(strName, 0, [this, reply](CClipPtr pClip, const std::string& strError) {
-            pClip ? AddFile(reply, std::move(pClip)) : reply.Refuse(strError);
-        });
+        m_parts.m_clipStore.load(
+            strName, 0,
+            [this, reply](CClipPtr pClip, const std::string& strError) {
+                pClip ? addFile(reply, std::move(pClip)) : reply.refuse(strError);
+            });
     }
 }
 
-void CRequestHandler::AddFile(const CReply& reply, CClipPtr pClip)
+void CRequestHandler::addFile(const CReply& reply, CClipPtr pClip)
 {
-    CClient* pClient = m_parts.m_registry.Find(reply.ConnectID());
+    CClient* pClient = m_parts.m_registry.find(reply.connectId());
     if (pClient == nullptr)
-    {
         return;
-    }
     if (m_nNextFileID == INT_MAX)
     {
-        reply.Refuse("all file ids are used up");
+        reply.refuse("all file ids are used up");
         return;
     }
     const int nFileID = m_nNextFileID++;
     pClient->m_mapFileByID.emplace(nFileID, std::move(pClip));
-    reply.Value(MIRSP_OPENFILE, nFileID);
+    reply.value(MIRSP_OPENFILE, nFileID);
 }
 
-void CRequestHandler::CloseFile(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::closeFile(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
     if (client.m_mapFileByID.erase(cmd.closeFile.nFileID) == 0)
     {
-        reply.Refuse(fmt::format("the client has no file {}", cmd.closeFile.nFileID));
+        reply.refuse(fmt::format("the client has no file {}", cmd.closeFile.nFileID));
         return;
     }
-    reply.Ok();
+    reply.ok();
 }
 
-void CRequestHandler::OpenStream(CClient&, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::openStream(CClient&, const structMICMD& cmd, const CReply& reply)
 {
     std::string strCallID;
-    if (!FieldText(cmd.openStream.szCallID, strCallID))
+    if (!fieldText(cmd.openStream.szCallID, strCallID))
     {
-        reply.Refuse("the call id has no end");
+        reply.refuse("the call id has no end");
         return;
     }
-    const std::uint32_t nLegID = cmd.openStream.nLegID;
-    m_parts.m_channels.Open(
+    const uint32_t nLegID = cmd.openStream.nLegID;
+    m_parts.m_channels.open(
         strCallID, nLegID,
         [this, strCallID, nLegID, reply](std::unique_ptr<CChannel> pChannel, const std::string& strError) {
-            pChannel ? AddStream(reply, strCallID, nLegID, std::move(pChannel)) : reply.Refuse(strError);
+            pChannel ? addStream(reply, strCallID, nLegID, std::move(pChannel)) : reply.refuse(strError);
         });
 }
 
-void CRequestHandler::AddStream(const CReply& reply, const std::string& strCallID, std::uint32_t nLegID,
+void CRequestHandler::addStream(const CReply& reply, const std::string& strCallID, uint32_t nLegID,
                                 std::unique_ptr<CChannel> pChannel)
 {
-    const int nConnectID = reply.ConnectID();
-    CClient* pClient = m_parts.m_registry.Find(nConnectID);
+    const int nConnectID = reply.connectId();
+    CClient* pClient = m_parts.m_registry.find(nConnectID);
     if (pClient == nullptr)
-    {
         return;
-    }
     if (m_nNextStreamID == INT_MAX)
     {
-        reply.Refuse("all stream ids are used up");
+        reply.refuse("all stream ids are used up");
         return;
     }
     const int nStreamID = m_nNextStreamID++;
     spdlog::info("client {} opens stream {} on call id \"{}\", leg {}, {} channel", nConnectID, nStreamID,
-                 Printable(strCallID), nLegID, pChannel->Kind());
+                 printable(strCallID), nLegID, pChannel->kind());
     auto onEvent = [this, nConnectID, strCallID](bool bRecord, const structMIEVT& evt) {
-        m_parts.m_outbox.Event(nConnectID, bRecord, strCallID, evt);
+        m_parts.m_outbox.event(nConnectID, bRecord, strCallID, evt);
     };
     pClient->m_mapStreamByID.emplace(nStreamID,
                                      std::make_shared<CStream>(nStreamID, strCallID, nLegID, std::move(pChannel),
                                                                m_parts.m_clock, m_parts.m_disk, std::move(onEvent)));
-    reply.Value(MIRSP_OPENSTREAM, nStreamID);
+    reply.value(MIRSP_OPENSTREAM, nStreamID);
 }
 
-void CRequestHandler::CloseStream(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::closeStream(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
-    if (StreamOf(client, cmd.stream.nStreamID, reply))
+    if (streamOf(client, cmd.stream.nStreamID, reply))
     {
         client.m_mapStreamByID.erase(cmd.stream.nStreamID);
-        spdlog::info("client {} closes stream {}", client.ConnectID(), cmd.stream.nStreamID);
+        spdlog::info("client {} closes stream {}", client.connectId(), cmd.stream.nStreamID);
         // By then the disk has completed the files of the stream.
-        m_parts.m_disk.Post([] {}, [reply] { reply.Ok(); });
+        m_parts.m_disk.post([] {}, [reply] { reply.ok(); });
     }
 }
 
-void CRequestHandler::PlayClip(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::playClip(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
     const structMICMD::PlayClipBody& body = cmd.playClip;
-    const auto pStream = FreeStreamOf(client, body.nStreamID, false, reply);
+    const auto pStream = freeStreamOf(client, body.nStreamID, false, reply);
     if (!pStream)
-    {
         return;
-    }
-    const CClipPtr pClip = client.FindFile(body.nFileID);
+    const CClipPtr pClip = client.findFile(body.nFileID);
     if (!pClip)
     {
-        reply.Refuse(fmt::format("the client has no file {}", body.nFileID));
+        reply.refuse(fmt::format("the client has no file {}", body.nFileID));
         return;
     }
-    m_parts.m_clipStore.WaitFor(pClip, body.nOffset, PlayWhenLoaded(pStream, body.nOffset, body.nLength, reply));
+    m_parts.m_clipStore.waitFor(pClip, body.nOffset, playWhenLoaded(pStream, body.nOffset, body.nLength, reply));
 }
 
-void CRequestHandler::PlayFile(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::playFile(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
     const structMICMD::PlayFileBody& body = cmd.playFile;
     std::string strName;
-    const auto pStream = FreeStreamOf(client, body.nStreamID, false, reply);
-    if (pStream && FileNameOf(body.szFileName, strName, reply))
+    const auto pStream = freeStreamOf(client, body.nStreamID, false, reply);
+    if (pStream && fileNameOf(body.szFileName, strName, reply))
     {
-        m_parts.m_clipStore.Load(strName, body.nStartPos,
-                                 PlayWhenLoaded(pStream, body.nStartPos, MAX_CLIP_SAMPLES, reply));
+        m_parts.m_clipStore.load(strName, body.nStartPos,
+                                 playWhenLoaded(pStream, body.nStartPos, MAX_CLIP_SAMPLES, reply));
     }
 }
 
-void CRequestHandler::RecordFile(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::recordFile(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
     std::string strName;
-    const auto pStream = FreeStreamOf(client, cmd.recordFile.nStreamID, true, reply);
-    if (pStream && FileNameOf(cmd.recordFile.szFileName, strName, reply))
+    const auto pStream = freeStreamOf(client, cmd.recordFile.nStreamID, true, reply);
+    if (pStream && fileNameOf(cmd.recordFile.szFileName, strName, reply))
     {
-        pStream->StartRecord(
-            strName, cmd.recordFile.nMaxSamples, reply.SequenceNo(),
-            [reply](bool bOk, const std::string& strError) { bOk ? reply.Ok() : reply.Refuse(strError); });
+        pStream->startRecord(
+            strName, cmd.recordFile.nMaxSamples, reply.sequenceNo(),
+            [reply](bool bOk, const std::string& strError) { bOk ? reply.ok() : reply.refuse(strError); });
     }
 }
 
-void CRequestHandler::Cancel(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::cancel(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
-    const auto pStream = StreamOf(client, cmd.cancel.nStreamID, reply);
+    const auto pStream = streamOf(client, cmd.cancel.nStreamID, reply);
     if (!pStream)
-    {
         return;
-    }
     // A client may leave the type unset; then it means whatever is active.
     const bool bPlay = cmd.cancel.nCancelType != MICANCEL_RECORD;
     const bool bRecord = cmd.cancel.nCancelType != MICANCEL_PLAY;
@@ -243,50 +233,46 @@ void CRequestHandler::Cancel(CClient& client, const structMICMD& cmd, const CRep
         const auto pStreamNow = pWeak.lock();
         if (pStreamNow && bRecord)
         {
-            pStreamNow->CancelRecord([reply] { reply.Ok(); });
+            pStreamNow->cancelRecord([reply] { reply.ok(); });
             return;
         }
-        reply.Ok();
+        reply.ok();
     };
-    bPlay ? pStream->CancelPlay(cancelRecord) : cancelRecord();
+    bPlay ? pStream->cancelPlay(cancelRecord) : cancelRecord();
 }
 
-void CRequestHandler::GetStats(CClient&, const structMICMD&, const CReply& reply)
+void CRequestHandler::getStats(CClient&, const structMICMD&, const CReply& reply)
 {
-    reply.Refuse("there are no statistics of this kind");
+    reply.refuse("there are no statistics of this kind");
 }
 
-void CRequestHandler::Ping(CClient&, const structMICMD&, const CReply& reply)
+void CRequestHandler::ping(CClient&, const structMICMD&, const CReply& reply)
 {
-    reply.Ok();
+    reply.ok();
 }
 
-void CRequestHandler::Dump(CClient& client, const structMICMD&, const CReply& reply)
+void CRequestHandler::dump(CClient& client, const structMICMD&, const CReply& reply)
 {
     spdlog::info("dump for client {}: {} clients, {} clips in memory, next file id {}, next stream id {}",
-                 client.ConnectID(), m_parts.m_registry.Clients().size(), m_parts.m_clipStore.Count(), m_nNextFileID,
+                 client.connectId(), m_parts.m_registry.clients().size(), m_parts.m_clipStore.count(), m_nNextFileID,
                  m_nNextStreamID);
-    Dump();
-    reply.Ok();
+    dump();
+    reply.ok();
 }
 
-void CRequestHandler::RecordGetTime(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::recordGetTime(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
-    if (const auto pStream = StreamOf(client, cmd.stream.nStreamID, reply))
-    {
-        reply.Value(MIRSP_RECORDGETTIME, pStream->RecordedMs());
-    }
+    if (const auto pStream = streamOf(client, cmd.stream.nStreamID, reply))
+        reply.value(MIRSP_RECORDGETTIME, pStream->recordedMs());
 }
 
-void CRequestHandler::RecordGetStatus(CClient& client, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::recordGetStatus(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
-    if (const auto pStream = StreamOf(client, cmd.stream.nStreamID, reply))
-    {
-        reply.Value(MIRSP_RECORDGETSTATUS, static_cast<int32_t>(pStream->RecordStatus()));
-    }
+    if (const auto pStream = streamOf(client, cmd.stream.nStreamID, reply))
+        reply.value(MIRSP_RECORDGETSTATUS, static_cast<int32_t>(pStream->recordStatus()));
 }
 
-void CRequestHandler::Unknown(CClient&, const structMICMD&, const CReply& reply)
+void CRequestHandler::unknown(CClient&, const structMICMD&, const CReply& reply)
 {
-    reply.Refuse("there is no such command");
+    reply.refuse("there is no such command");
 }

@@ -8,68 +8,54 @@ COutbox::COutbox(CClientRegistry& registry, CFaultRules& faults, CTimerQueue& ti
 {
 }
 
-void COutbox::Respond(int nConnectID, const structMIRSP& rsp, const CFaultAction& action)
+void COutbox::respond(int nConnectID, const structMIRSP& rsp, const CFaultAction& action)
 {
     structMIRSP sent = rsp;
     sent.nRespSequenceNo -= action.m_bOldNumber ? 1 : 0;
     for (int nAnswer = 0; nAnswer < action.m_nAnswers; ++nAnswer)
-    {
         if (action.m_delay.count() > 0)
-        {
-            m_timers.After(action.m_delay, [this, nConnectID, sent] { Send(nConnectID, sent); });
-        }
+            m_timers.after(action.m_delay, [this, nConnectID, sent] { send(nConnectID, sent); });
         else
-        {
-            Send(nConnectID, sent);
-        }
-    }
+            send(nConnectID, sent);
 }
 
-void COutbox::AfterResponse(const CFaultAction& action, std::function<void()> function)
+void COutbox::afterResponse(const CFaultAction& action, std::function<void()> function)
 {
     if (action.m_delay.count() > 0)
     {
-        m_timers.After(action.m_delay, std::move(function)); // behind the answer, which has the same time
+        m_timers.after(action.m_delay, std::move(function)); // behind the answer, which has the same time
         return;
     }
     function();
 }
 
-void COutbox::Send(int nConnectID, const structMIRSP& rsp)
+void COutbox::send(int nConnectID, const structMIRSP& rsp)
 {
-    CClient* pClient = m_registry.Find(nConnectID);
+    CClient* pClient = m_registry.find(nConnectID);
     if (pClient == nullptr)
-    {
         return;
-    }
-    switch (pClient->Port().SendResponse(rsp))
+    switch (pClient->port().sendResponse(rsp))
     {
     case ESend::Sent: ++m_statistics.m_ullResponsesSent; break;
     case ESend::Full:
         ++m_statistics.m_ullResponsesLost;
-        pClient->m_warnings.Warn("client {} does not take its responses; the one to sequence {} is lost", nConnectID,
+        pClient->m_warnings.warn("client {} does not take its responses; the one to sequence {} is lost", nConnectID,
                                  rsp.nRespSequenceNo);
         break;
     case ESend::Gone:
         ++m_statistics.m_ullResponsesLost;
-        m_registry.Drop(nConnectID, "its response pipe is broken");
+        m_registry.drop(nConnectID, "its response pipe is broken");
         break;
     }
 }
 
-void COutbox::Event(int nConnectID, bool bRecord, const std::string& strCallID, structMIEVT evt)
+void COutbox::event(int nConnectID, bool bRecord, const std::string& strCallID, structMIEVT evt)
 {
-    const CEventFault fault = m_faults.OnEvent(bRecord, strCallID);
+    const CEventFault fault = m_faults.onEvent(bRecord, strCallID);
     evt.s_mcstatus = fault.m_nStatus.value_or(evt.s_mcstatus);
     for (int nEvent = 0; nEvent < fault.m_nEvents; ++nEvent)
-    {
         if (fault.m_delay.count() > 0)
-        {
-            m_timers.After(fault.m_delay, [this, nConnectID, evt] { m_registry.QueueEvent(nConnectID, evt); });
-        }
+            m_timers.after(fault.m_delay, [this, nConnectID, evt] { m_registry.queueEvent(nConnectID, evt); });
         else
-        {
-            m_registry.QueueEvent(nConnectID, evt);
-        }
-    }
+            m_registry.queueEvent(nConnectID, evt);
 }

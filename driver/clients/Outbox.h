@@ -17,16 +17,16 @@ public:
 
     // Sends a response to the client, if it is still there: at once, later, twice or not at all. Drops the
     // client when its pipe is broken. What a full pipe does not take is lost.
-    void Respond(int nConnectID, const structMIRSP& rsp, const CFaultAction& action);
+    void respond(int nConnectID, const structMIRSP& rsp, const CFaultAction& action);
 
-    // Calls the function once Respond has sent the answer of the same action, or would have.
-    void AfterResponse(const CFaultAction& action, std::function<void()> function);
+    // Calls the function once respond has sent the answer of the same action, or would have.
+    void afterResponse(const CFaultAction& action, std::function<void()> function);
 
     // Queues the event of a play or recording on a stream of the given call id.
-    void Event(int nConnectID, bool bRecord, const std::string& strCallID, structMIEVT evt);
+    void event(int nConnectID, bool bRecord, const std::string& strCallID, structMIEVT evt);
 
 private:
-    void Send(int nConnectID, const structMIRSP& rsp);
+    void send(int nConnectID, const structMIRSP& rsp);
 
     CClientRegistry& m_registry;
     CFaultRules& m_faults;

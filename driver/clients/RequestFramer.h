@@ -29,27 +29,27 @@ class CRequestFramer
 public:
     // The number of the latest request that was given out of a client, its connect request at first; none
     // when no live client has the id.
-    using LatestFunction = std::function<std::optional<std::uint32_t>(int nConnectID)>;
+    using LatestFunction = std::function<std::optional<uint32_t>(int nConnectID)>;
 
-    static constexpr std::size_t BUFFER_BYTES = 65536;
+    static constexpr size_t BUFFER_BYTES = 65536;
 
     explicit CRequestFramer(LatestFunction latest);
 
-    // Where the next bytes go. There is room for a request at least after Next has returned false.
-    std::span<unsigned char> Room();
+    // Where the next bytes go. There is room for a request at least after next has returned false.
+    std::span<unsigned char> room();
 
-    // So many bytes of Room were filled. bAll: there were no more in the pipe behind them. No request is
+    // So many bytes of room were filled. bAll: there were no more in the pipe behind them. No request is
     // cut off there, so a rest that is too short for one is rubbish.
-    void Added(std::size_t nBytes, bool bAll);
+    void added(size_t nBytes, bool bAll);
 
     // Gives out the next request. False when that takes more bytes. Takes BUFFER_BYTES at most.
-    bool Next(structMICMD& cmd);
+    bool next(structMICMD& cmd);
 
-    // Bytes that wait, for Next or for what comes behind them.
-    std::size_t Waiting() const;
+    // Bytes that wait, for next or for what comes behind them.
+    size_t waiting() const;
 
     // Bytes of rubbish since the last call.
-    std::size_t TakeRubbish();
+    size_t takeRubbish();
 
 private:
     enum class ELook
@@ -60,18 +60,18 @@ private:
         Expected
     };
 
-    ELook Look(std::size_t nPosition) const;
-    ELook FindBest(std::size_t& nAhead) const;
-    void Take(structMICMD& cmd);
-    void Drop(std::size_t nBytes);
+    ELook look(size_t nPosition) const;
+    ELook findBest(size_t& nAhead) const;
+    void take(structMICMD& cmd);
+    void drop(size_t nBytes);
 
     const LatestFunction m_latest;
     std::vector<unsigned char> m_vBuffer;
-    std::size_t m_nBegin = 0; // what waits is [m_nBegin, m_nEnd)
-    std::size_t m_nEnd = 0;
+    size_t m_nBegin = 0; // what waits is [m_nBegin, m_nEnd)
+    size_t m_nEnd = 0;
     bool m_bAll = false;
     bool m_bInStep = true; // a write of somebody is sure to begin at m_nBegin
-    std::size_t m_nRubbish = 0;
+    size_t m_nRubbish = 0;
 };
 
 #endif

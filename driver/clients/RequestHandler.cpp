@@ -13,7 +13,7 @@
 
 namespace
 {
-structMIRSP Response(MIRSP mirsp, std::uint32_t nSequenceNo, int32_t nResult)
+structMIRSP response(MIRSP mirsp, uint32_t nSequenceNo, int32_t nResult)
 {
     structMIRSP rsp = {};
     rsp.s_mirsp = mirsp;
@@ -23,50 +23,50 @@ structMIRSP Response(MIRSP mirsp, std::uint32_t nSequenceNo, int32_t nResult)
 }
 } // namespace
 
-CReply::CReply(CRequestHandler& handler, int nConnectID, std::uint64_t ullTicket, const structMICMD& cmd,
+CReply::CReply(CRequestHandler& handler, int nConnectID, uint64_t ullTicket, const structMICMD& cmd,
                const CFaultAction& action)
     : m_pHandler(&handler), m_nConnectID(nConnectID), m_ullTicket(ullTicket), m_micmd(cmd.s_micmd),
       m_nSequenceNo(cmd.nSequenceNo), m_action(action)
 {
 }
 
-void CReply::Ok() const
+void CReply::ok() const
 {
-    Value(MIRSP_STATUS, MISTATUS_OK);
+    value(MIRSP_STATUS, MISTATUS_OK);
 }
 
-void CReply::Value(MIRSP mirsp, int32_t nValue) const
+void CReply::value(MIRSP mirsp, int32_t nValue) const
 {
-    m_pHandler->Answer(*this, Response(mirsp, m_nSequenceNo, nValue));
+    m_pHandler->answer(*this, response(mirsp, m_nSequenceNo, nValue));
 }
 
-void CReply::Refuse(const std::string& strError) const
+void CReply::refuse(const std::string& strError) const
 {
-    m_pHandler->Refuse(*this, strError);
+    m_pHandler->refuse(*this, strError);
 }
 
 const CRequestHandler::CCommandEntry CRequestHandler::COMMANDS[] = {
-    {MICMD_CONNECT, "MICMD_CONNECT", nullptr}, // not of a client yet: see Handle
-    {MICMD_DISCONNECT, "MICMD_DISCONNECT", &CRequestHandler::Disconnect},
-    {MICMD_OPENFILE, "MICMD_OPENFILE", &CRequestHandler::OpenFile},
-    {MICMD_CLOSEFILE, "MICMD_CLOSEFILE", &CRequestHandler::CloseFile},
-    {MICMD_OPENSTREAM, "MICMD_OPENSTREAM", &CRequestHandler::OpenStream},
-    {MICMD_CLOSESTREAM, "MICMD_CLOSESTREAM", &CRequestHandler::CloseStream},
-    {MICMD_PLAYCLIP, "MICMD_PLAYCLIP", &CRequestHandler::PlayClip},
-    {MICMD_PLAYFILE, "MICMD_PLAYFILE", &CRequestHandler::PlayFile},
-    {MICMD_RECORDFILE, "MICMD_RECORDFILE", &CRequestHandler::RecordFile},
-    {MICMD_CANCEL, "MICMD_CANCEL", &CRequestHandler::Cancel},
-    {MICMD_PLAYGETSTATS, "MICMD_PLAYGETSTATS", &CRequestHandler::GetStats},
-    {MICMD_RECORDGETSTATS, "MICMD_RECORDGETSTATS", &CRequestHandler::GetStats},
-    {MICMD_PING, "MICMD_PING", &CRequestHandler::Ping},
-    {MICMD_DUMP, "MICMD_DUMP", &CRequestHandler::Dump},
-    {MICMD_RECORDGETTIME, "MICMD_RECORDGETTIME", &CRequestHandler::RecordGetTime},
-    {MICMD_RECORDGETSTATUS, "MICMD_RECORDGETSTATUS", &CRequestHandler::RecordGetStatus},
+    {MICMD_CONNECT, "MICMD_CONNECT", nullptr}, // not of a client yet: see handle
+    {MICMD_DISCONNECT, "MICMD_DISCONNECT", &CRequestHandler::disconnect},
+    {MICMD_OPENFILE, "MICMD_OPENFILE", &CRequestHandler::openFile},
+    {MICMD_CLOSEFILE, "MICMD_CLOSEFILE", &CRequestHandler::closeFile},
+    {MICMD_OPENSTREAM, "MICMD_OPENSTREAM", &CRequestHandler::openStream},
+    {MICMD_CLOSESTREAM, "MICMD_CLOSESTREAM", &CRequestHandler::closeStream},
+    {MICMD_PLAYCLIP, "MICMD_PLAYCLIP", &CRequestHandler::playClip},
+    {MICMD_PLAYFILE, "MICMD_PLAYFILE", &CRequestHandler::playFile},
+    {MICMD_RECORDFILE, "MICMD_RECORDFILE", &CRequestHandler::recordFile},
+    {MICMD_CANCEL, "MICMD_CANCEL", &CRequestHandler::cancel},
+    {MICMD_PLAYGETSTATS, "MICMD_PLAYGETSTATS", &CRequestHandler::getStats},
+    {MICMD_RECORDGETSTATS, "MICMD_RECORDGETSTATS", &CRequestHandler::getStats},
+    {MICMD_PING, "MICMD_PING", &CRequestHandler::ping},
+    {MICMD_DUMP, "MICMD_DUMP", &CRequestHandler::dump},
+    {MICMD_RECORDGETTIME, "MICMD_RECORDGETTIME", &CRequestHandler::recordGetTime},
+    {MICMD_RECORDGETSTATUS, "MICMD_RECORDGETSTATUS", &CRequestHandler::recordGetStatus},
 };
 
-const CRequestHandler::CCommandEntry& CRequestHandler::EntryOf(MICMD micmd)
+const CRequestHandler::CCommandEntry& CRequestHandler::entryOf(MICMD micmd)
 {
-    static constexpr CCommandEntry UNKNOWN = {MICMD_NULL, "unknown command", &CRequestHandler::Unknown};
+    static constexpr CCommandEntry UNKNOWN = {MICMD_NULL, "unknown command", &CRequestHandler::unknown};
     const auto* pEntry = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
                                       [micmd](const CCommandEntry& entry) { return entry.m_micmd == micmd; });
     return pEntry == std::end(COMMANDS) ? UNKNOWN : *pEntry;
@@ -77,19 +77,19 @@ CRequestHandler::CRequestHandler(const CParts& parts, CHooks hooks)
 {
 }
 
-void CRequestHandler::Handle(const structMICMD& cmd)
+void CRequestHandler::handle(const structMICMD& cmd)
 {
-    m_parts.m_statistics.OnRequest(cmd.s_micmd);
+    m_parts.m_statistics.onRequest(cmd.s_micmd);
     if (cmd.s_micmd == MICMD_CONNECT)
     {
-        Connect({cmd, std::nullopt});
+        connect({cmd, std::nullopt});
         return;
     }
-    CClient* pClient = m_parts.m_registry.Find(cmd.nConnectID);
+    CClient* pClient = m_parts.m_registry.find(cmd.nConnectID);
     if (pClient == nullptr)
     {
         ++m_parts.m_statistics.m_ullDropped;
-        m_strangers.Warn("dropped {} ({}), sequence {}: there is no client {} to answer", EntryOf(cmd.s_micmd).m_pName,
+        m_strangers.warn("dropped {} ({}), sequence {}: there is no client {} to answer", entryOf(cmd.s_micmd).m_pName,
                          static_cast<int>(cmd.s_micmd), cmd.nSequenceNo, cmd.nConnectID);
         return;
     }
@@ -97,73 +97,59 @@ void CRequestHandler::Handle(const structMICMD& cmd)
     if (pClient->m_requests.size() >= CClient::MAX_WAITING_REQUESTS)
     {
         ++m_parts.m_statistics.m_ullDropped;
-        pClient->m_warnings.Warn("dropped {} of client {}, sequence {}: too many of its requests wait",
-                                 EntryOf(cmd.s_micmd).m_pName, cmd.nConnectID, cmd.nSequenceNo);
+        pClient->m_warnings.warn("dropped {} of client {}, sequence {}: too many of its requests wait",
+                                 entryOf(cmd.s_micmd).m_pName, cmd.nConnectID, cmd.nSequenceNo);
         return;
     }
     pClient->m_requests.push_back({cmd, std::nullopt});
-    Run(*pClient);
+    run(*pClient);
 }
 
-void CRequestHandler::Freeze(bool bOn)
+void CRequestHandler::freeze(bool bOn)
 {
     m_bFrozen = bOn;
     if (bOn)
-    {
         return;
-    }
     std::deque<CClient::CRequest> connects;
     connects.swap(m_connects);
     for (const CClient::CRequest& request : connects)
-    {
-        Connect(request); // which may freeze it again
-    }
+        connect(request); // which may freeze it again
     std::vector<int> vConnectIDs;
-    for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
-    {
+    for (const auto& [nConnectID, pClient] : m_parts.m_registry.clients())
         vConnectIDs.push_back(nConnectID);
-    }
     for (const int nConnectID : vConnectIDs)
-    {
-        if (CClient* pClient = m_parts.m_registry.Find(nConnectID))
-        {
-            Run(*pClient);
-        }
-    }
+        if (CClient* pClient = m_parts.m_registry.find(nConnectID))
+            run(*pClient);
 }
 
-void CRequestHandler::Run(CClient& client)
+void CRequestHandler::run(CClient& client)
 {
     if (client.m_bRunning)
-    {
         return;
-    }
     client.m_bRunning = true;
     while (client.m_ullTicket == 0 && !client.m_requests.empty() && !client.m_bGone && !m_bFrozen)
     {
         const CClient::CRequest request = client.m_requests.front();
         client.m_requests.pop_front();
-        Execute(client, request);
+        execute(client, request);
     }
     client.m_bRunning = false;
 }
 
-void CRequestHandler::Execute(CClient& client, CClient::CRequest request)
+void CRequestHandler::execute(CClient& client, CClient::CRequest request)
 {
     if (!request.m_action)
     {
-        request.m_action = m_parts.m_faults.OnCommand(request.m_cmd.s_micmd, CallIDOf(client, request.m_cmd));
-        if (ActOnFault(client, request))
-        {
+        request.m_action = m_parts.m_faults.onCommand(request.m_cmd.s_micmd, callIdOf(client, request.m_cmd));
+        if (actOnFault(client, request))
             return;
-        }
     }
-    const CCommandEntry& entry = EntryOf(request.m_cmd.s_micmd);
+    const CCommandEntry& entry = entryOf(request.m_cmd.s_micmd);
     client.m_ullTicket = m_ullNextTicket++;
-    const CReply reply(*this, client.ConnectID(), client.m_ullTicket, request.m_cmd, *request.m_action);
+    const CReply reply(*this, client.connectId(), client.m_ullTicket, request.m_cmd, *request.m_action);
     if (request.m_action->m_bRefuse)
     {
-        reply.Refuse("a fault rule says so");
+        reply.refuse("a fault rule says so");
         return;
     }
     try
@@ -173,12 +159,12 @@ void CRequestHandler::Execute(CClient& client, CClient::CRequest request)
     catch (const std::exception& exception)
     {
         // Out of memory, in the first place: it is this client's request that asks for too much.
-        reply.Refuse(exception.what());
+        reply.refuse(exception.what());
     }
 }
 
 // Whether the request is not to be carried out, or not now.
-bool CRequestHandler::ActOnFault(CClient& client, CClient::CRequest& request)
+bool CRequestHandler::actOnFault(CClient& client, CClient::CRequest& request)
 {
     const CFaultAction action = *request.m_action;
     if (action.m_bDie)
@@ -188,7 +174,7 @@ bool CRequestHandler::ActOnFault(CClient& client, CClient::CRequest& request)
     }
     if (action.m_bDropClient)
     {
-        m_parts.m_registry.Drop(client.ConnectID(), "a fault rule says so");
+        m_parts.m_registry.drop(client.connectId(), "a fault rule says so");
         return true;
     }
     if (action.m_bFreeze)
@@ -200,131 +186,121 @@ bool CRequestHandler::ActOnFault(CClient& client, CClient::CRequest& request)
     return false;
 }
 
-std::string CRequestHandler::CallIDOf(const CClient& client, const structMICMD& cmd) const
+std::string CRequestHandler::callIdOf(const CClient& client, const structMICMD& cmd) const
 {
     std::string strCallID;
     if (cmd.s_micmd == MICMD_OPENSTREAM)
     {
-        FieldText(cmd.openStream.szCallID, strCallID);
+        fieldText(cmd.openStream.szCallID, strCallID);
         return strCallID;
     }
-    const auto names = CommandNames();
+    const auto names = commandNames();
     const auto it = std::find_if(names.begin(), names.end(),
                                  [&cmd](const CCommandName& name) { return name.m_micmd == cmd.s_micmd; });
-    const auto pStream = it != names.end() && it->m_bNamesStream ? client.FindStream(cmd.stream.nStreamID) : nullptr;
-    return pStream ? pStream->CallID() : strCallID;
+    const auto pStream = it != names.end() && it->m_bNamesStream ? client.findStream(cmd.stream.nStreamID) : nullptr;
+    return pStream ? pStream->callId() : strCallID;
 }
 
-void CRequestHandler::Connect(CClient::CRequest request)
+void CRequestHandler::connect(CClient::CRequest request)
 {
     if (!m_bFrozen && !request.m_action)
     {
-        request.m_action = m_parts.m_faults.OnCommand(MICMD_CONNECT, {});
+        request.m_action = m_parts.m_faults.onCommand(MICMD_CONNECT, {});
         if (request.m_action->m_bDie)
         {
             m_hooks.m_die();
             return;
         }
         if (request.m_action->m_bFreeze)
-        {
             m_hooks.m_freeze(request.m_action->m_freezeFor);
-        }
     }
     if (m_bFrozen && m_connects.size() < CClient::MAX_WAITING_REQUESTS)
     {
         m_connects.push_back(request);
         return;
     }
-    m_bFrozen ? DropConnect(request.m_cmd, "too many wait") : AddClient(request.m_cmd, *request.m_action);
+    m_bFrozen ? dropConnect(request.m_cmd, "too many wait") : addClient(request.m_cmd, *request.m_action);
 }
 
-void CRequestHandler::DropConnect(const structMICMD& cmd, const std::string& strError)
+void CRequestHandler::dropConnect(const structMICMD& cmd, const std::string& strError)
 {
     ++m_parts.m_statistics.m_ullDropped;
-    m_strangers.Warn("dropped MICMD_CONNECT, sequence {}: {}", cmd.nSequenceNo, strError);
+    m_strangers.warn("dropped MICMD_CONNECT, sequence {}: {}", cmd.nSequenceNo, strError);
 }
 
-void CRequestHandler::AddClient(const structMICMD& cmd, const CFaultAction& action)
+void CRequestHandler::addClient(const structMICMD& cmd, const CFaultAction& action)
 {
     std::string strError;
-    std::unique_ptr<CClientPort> pPort = m_parts.m_opener.Open(cmd.connect, strError);
-    CClient* pClient = pPort ? m_parts.m_registry.Add(std::move(pPort)) : nullptr;
+    std::unique_ptr<CClientPort> pPort = m_parts.m_opener.open(cmd.connect, strError);
+    CClient* pClient = pPort ? m_parts.m_registry.add(std::move(pPort)) : nullptr;
     if (pClient == nullptr)
     {
-        DropConnect(cmd, strError.empty() ? "no further client can be watched" : strError);
+        dropConnect(cmd, strError.empty() ? "no further client can be watched" : strError);
         return;
     }
     pClient->m_nLatestSequenceNo = cmd.nSequenceNo;
-    const int nConnectID = pClient->ConnectID();
+    const int nConnectID = pClient->connectId();
     if (action.m_bRefuse)
     {
         ++m_parts.m_statistics.m_ullRefused;
-        m_parts.m_outbox.Respond(nConnectID, Response(MIRSP_STATUS, cmd.nSequenceNo, MISTATUS_FAILED), action);
+        m_parts.m_outbox.respond(nConnectID, response(MIRSP_STATUS, cmd.nSequenceNo, MISTATUS_FAILED), action);
     }
     else if (!action.m_bDropClient)
     {
-        m_parts.m_outbox.Respond(nConnectID, Response(MIRSP_CONNECT, cmd.nSequenceNo, nConnectID), action);
+        m_parts.m_outbox.respond(nConnectID, response(MIRSP_CONNECT, cmd.nSequenceNo, nConnectID), action);
     }
     if (action.m_bRefuse || action.m_bDropClient)
     {
-        m_parts.m_outbox.AfterResponse(
-            action, [this, nConnectID] { m_parts.m_registry.Drop(nConnectID, "a fault rule says so"); });
+        m_parts.m_outbox.afterResponse(
+            action, [this, nConnectID] { m_parts.m_registry.drop(nConnectID, "a fault rule says so"); });
     }
 }
 
-void CRequestHandler::Refuse(const CReply& reply, const std::string& strError)
+void CRequestHandler::refuse(const CReply& reply, const std::string& strError)
 {
-    CClient* pClient = m_parts.m_registry.Find(reply.m_nConnectID);
+    CClient* pClient = m_parts.m_registry.find(reply.m_nConnectID);
     if (pClient != nullptr && pClient->m_ullTicket == reply.m_ullTicket)
     {
         ++m_parts.m_statistics.m_ullRefused;
-        pClient->m_warnings.Warn("refused {} ({}) of client {}, sequence {}: {}", EntryOf(reply.m_micmd).m_pName,
+        pClient->m_warnings.warn("refused {} ({}) of client {}, sequence {}: {}", entryOf(reply.m_micmd).m_pName,
                                  static_cast<int>(reply.m_micmd), reply.m_nConnectID, reply.m_nSequenceNo, strError);
     }
-    Answer(reply, Response(MIRSP_STATUS, reply.m_nSequenceNo, MISTATUS_FAILED));
+    answer(reply, response(MIRSP_STATUS, reply.m_nSequenceNo, MISTATUS_FAILED));
 }
 
-void CRequestHandler::Answer(const CReply& reply, const structMIRSP& rsp)
+void CRequestHandler::answer(const CReply& reply, const structMIRSP& rsp)
 {
-    CClient* pClient = m_parts.m_registry.Find(reply.m_nConnectID);
+    CClient* pClient = m_parts.m_registry.find(reply.m_nConnectID);
     if (pClient == nullptr || pClient->m_ullTicket != reply.m_ullTicket)
-    {
         return;
-    }
-    spdlog::debug("answers {} of client {}, sequence {}, with {} {}", EntryOf(reply.m_micmd).m_pName,
+    spdlog::debug("answers {} of client {}, sequence {}, with {} {}", entryOf(reply.m_micmd).m_pName,
                   reply.m_nConnectID, reply.m_nSequenceNo, static_cast<int>(rsp.s_mirsp), rsp.s_nResult);
     pClient->m_ullTicket = 0;
-    m_parts.m_outbox.Respond(reply.m_nConnectID, rsp, reply.m_action);
+    m_parts.m_outbox.respond(reply.m_nConnectID, rsp, reply.m_action);
     if (reply.m_micmd == MICMD_DISCONNECT)
     {
-        m_parts.m_outbox.AfterResponse(
-            reply.m_action, [this, nConnectID = reply.m_nConnectID] { m_parts.m_registry.Disconnect(nConnectID); });
+        m_parts.m_outbox.afterResponse(
+            reply.m_action, [this, nConnectID = reply.m_nConnectID] { m_parts.m_registry.disconnect(nConnectID); });
     }
-    Run(*pClient);
+    run(*pClient);
 }
 
-void CRequestHandler::Dump() const
+void CRequestHandler::dump() const
 {
-    for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
+    for (const auto& [nConnectID, pClient] : m_parts.m_registry.clients())
     {
-        spdlog::info("dump: client {}, process {}, {} events wait", nConnectID, pClient->Port().ProcessID(),
-                     pClient->WaitingEvents());
+        spdlog::info("dump: client {}, process {}, {} events wait", nConnectID, pClient->port().processId(),
+                     pClient->waitingEvents());
         for (const auto& [nFileID, pClip] : pClient->m_mapFileByID)
-        {
-            spdlog::info("dump:   file {}, \"{}\", {} samples", nFileID, Printable(pClip->Path()), pClip->Ready());
-        }
+            spdlog::info("dump:   file {}, \"{}\", {} samples", nFileID, printable(pClip->path()), pClip->ready());
         for (const auto& [nStreamID, pStream] : pClient->m_mapStreamByID)
-        {
-            spdlog::info("dump:   {}", pStream->Describe());
-        }
+            spdlog::info("dump:   {}", pStream->describe());
     }
 }
 
-void CRequestHandler::ReportLeftOut()
+void CRequestHandler::reportLeftOut()
 {
-    m_strangers.ReportLeftOut();
-    for (const auto& [nConnectID, pClient] : m_parts.m_registry.Clients())
-    {
-        pClient->m_warnings.ReportLeftOut();
-    }
+    m_strangers.reportLeftOut();
+    for (const auto& [nConnectID, pClient] : m_parts.m_registry.clients())
+        pClient->m_warnings.reportLeftOut();
 }

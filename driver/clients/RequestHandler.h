@@ -24,24 +24,24 @@ class CRequestHandler;
 class CReply
 {
 public:
-    CReply(CRequestHandler& handler, int nConnectID, std::uint64_t ullTicket, const structMICMD& cmd,
+    CReply(CRequestHandler& handler, int nConnectID, uint64_t ullTicket, const structMICMD& cmd,
            const CFaultAction& action);
 
-    int ConnectID() const { return m_nConnectID; }
-    std::uint32_t SequenceNo() const { return m_nSequenceNo; }
+    int connectId() const { return m_nConnectID; }
+    uint32_t sequenceNo() const { return m_nSequenceNo; }
 
-    void Ok() const;
-    void Value(MIRSP mirsp, int32_t nValue) const;
-    void Refuse(const std::string& strError) const;
+    void ok() const;
+    void value(MIRSP mirsp, int32_t nValue) const;
+    void refuse(const std::string& strError) const;
 
 private:
     friend class CRequestHandler;
 
     CRequestHandler* m_pHandler;
     int m_nConnectID;
-    std::uint64_t m_ullTicket;
+    uint64_t m_ullTicket;
     MICMD m_micmd;
-    std::uint32_t m_nSequenceNo;
+    uint32_t m_nSequenceNo;
     CFaultAction m_action;
 };
 
@@ -73,16 +73,16 @@ public:
     // Carries out a request and answers it, after the client's earlier ones. What cannot be answered,
     // because it comes from no known client, is logged and dropped. Any content is acceptable; nothing is
     // thrown for it.
-    void Handle(const structMICMD& cmd);
+    void handle(const structMICMD& cmd);
 
     // While it is frozen no request is carried out; they wait.
-    void Freeze(bool bOn);
+    void freeze(bool bOn);
 
     // Logs the clients with their files and streams.
-    void Dump() const;
+    void dump() const;
 
     // About once a second: says which warnings were left out.
-    void ReportLeftOut();
+    void reportLeftOut();
 
 private:
     friend class CReply;
@@ -96,44 +96,44 @@ private:
     };
     static const CCommandEntry COMMANDS[];
 
-    static const CCommandEntry& EntryOf(MICMD micmd);
+    static const CCommandEntry& entryOf(MICMD micmd);
 
-    void Run(CClient& client);
-    void Execute(CClient& client, CClient::CRequest request);
-    bool ActOnFault(CClient& client, CClient::CRequest& request);
-    std::string CallIDOf(const CClient& client, const structMICMD& cmd) const;
-    void Connect(CClient::CRequest request);
-    void AddClient(const structMICMD& cmd, const CFaultAction& action);
-    void DropConnect(const structMICMD& cmd, const std::string& strError);
-    void Answer(const CReply& reply, const structMIRSP& rsp);
-    void Refuse(const CReply& reply, const std::string& strError);
+    void run(CClient& client);
+    void execute(CClient& client, CClient::CRequest request);
+    bool actOnFault(CClient& client, CClient::CRequest& request);
+    std::string callIdOf(const CClient& client, const structMICMD& cmd) const;
+    void connect(CClient::CRequest request);
+    void addClient(const structMICMD& cmd, const CFaultAction& action);
+    void dropConnect(const structMICMD& cmd, const std::string& strError);
+    void answer(const CReply& reply, const structMIRSP& rsp);
+    void refuse(const CReply& reply, const std::string& strError);
 
     // In MediaRequests.cpp. Each calls one operation of the reply, now or later.
-    void Disconnect(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void OpenFile(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void CloseFile(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void OpenStream(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void CloseStream(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void PlayClip(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void PlayFile(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void RecordFile(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void Cancel(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void GetStats(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void Ping(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void Dump(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void RecordGetTime(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void RecordGetStatus(CClient& client, const structMICMD& cmd, const CReply& reply);
-    void Unknown(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void disconnect(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void openFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void closeFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void openStream(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void closeStream(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void playClip(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void playFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void recordFile(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void cancel(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void getStats(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void ping(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void dump(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void recordGetTime(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void recordGetStatus(CClient& client, const structMICMD& cmd, const CReply& reply);
+    void unknown(CClient& client, const structMICMD& cmd, const CReply& reply);
 
-    void AddFile(const CReply& reply, CClipPtr pClip);
-    void AddStream(const CReply& reply, const std::string& strCallID, std::uint32_t nLegID,
+    void addFile(const CReply& reply, CClipPtr pClip);
+    void addStream(const CReply& reply, const std::string& strCallID, uint32_t nLegID,
                    std::unique_ptr<CChannel> pChannel);
 
     const CParts m_parts;
     const CHooks m_hooks;
     bool m_bFrozen = false;
     std::deque<CClient::CRequest> m_connects; // came while it was frozen
-    std::uint64_t m_ullNextTicket = 1;
+    uint64_t m_ullNextTicket = 1;
     int m_nNextFileID = 1;
     int m_nNextStreamID = 1;
     CLogLimiter m_strangers;

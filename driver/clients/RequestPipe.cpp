@@ -24,10 +24,10 @@ constexpr int PIPE_BYTES = 1 << 20;
 
 // Rubbish must not keep the loop from its other work, neither by its size nor by coming byte by byte.
 // Two reads are needed: the second one may tell that nothing follows what the first one has got.
-constexpr std::size_t MAX_RUBBISH_PER_TURN = 32768;
+constexpr size_t MAX_RUBBISH_PER_TURN = 32768;
 constexpr int MAX_READS = 2;
 
-bool IsFileAt(int nFd, const char* pPath)
+bool isFileAt(int nFd, const char* pPath)
 {
     struct stat open = {};
     struct stat there = {};
@@ -43,50 +43,42 @@ CRequestPipe::CRequestPipe(CRequestFramer::LatestFunction latest, CLogLimiter& r
 
 CRequestPipe::~CRequestPipe()
 {
-    if (m_fdPipe.IsOpen() && IsFileAt(m_fdPipe.Get(), PIPE_PATH))
-    {
+    if (m_fdPipe.isOpen() && isFileAt(m_fdPipe.get(), PIPE_PATH))
         ::unlink(PIPE_PATH);
-    }
-    if (m_fdLock.IsOpen() && IsFileAt(m_fdLock.Get(), LOCK_PATH))
-    {
+    if (m_fdLock.isOpen() && isFileAt(m_fdLock.get(), LOCK_PATH))
         ::unlink(LOCK_PATH);
-    }
 }
 
-bool CRequestPipe::Open(std::string& strError)
+bool CRequestPipe::open(std::string& strError)
 {
-    if (!Lock(strError))
+    if (!lock(strError))
     {
-        m_fdLock.Close();
+        m_fdLock.close();
         return false;
     }
-    return RemoveOldFifo(strError) && MakeFifo(strError);
+    return removeOldFifo(strError) && makeFifo(strError);
 }
 
-bool CRequestPipe::Lock(std::string& strError)
+bool CRequestPipe::lock(std::string& strError)
 {
     const std::string strPath = LOCK_PATH;
     for (;;)
     {
-        if (!OpenLockFile(strError))
-        {
+        if (!openLockFile(strError))
             return false;
-        }
-        if (::flock(m_fdLock.Get(), LOCK_EX | LOCK_NB) != 0)
+        if (::flock(m_fdLock.get(), LOCK_EX | LOCK_NB) != 0)
         {
             strError = errno == EWOULDBLOCK ? "another driver is running: it holds " + strPath
-                                            : "cannot lock " + strPath + ": " + ErrnoText(errno);
+                                            : "cannot lock " + strPath + ": " + errnoText(errno);
             return false;
         }
         // A driver that was just ending may have removed the file between our open and our lock.
-        if (IsFileAt(m_fdLock.Get(), LOCK_PATH))
-        {
+        if (isFileAt(m_fdLock.get(), LOCK_PATH))
             return true;
-        }
     }
 }
 
-bool CRequestPipe::OpenLockFile(std::string& strError)
+bool CRequestPipe::openLockFile(std::string& strError)
 {
     const std::string strPath = LOCK_PATH;
     const int nFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -94,20 +86,18 @@ bool CRequestPipe::OpenLockFile(std::string& strError)
     {
         // Not in one step: systems may forbid O_CREAT on what another user's driver has left in /tmp.
         m_fdLock = CFd(::open(LOCK_PATH, nFlags));
-        if (!m_fdLock.IsOpen() && errno == ENOENT)
+        if (!m_fdLock.isOpen() && errno == ENOENT)
         {
             m_fdLock = CFd(::open(LOCK_PATH, nFlags | O_CREAT | O_EXCL, 0600));
             // Readable for the drivers of other users, to find it locked.
-            if (m_fdLock.IsOpen() && ::fchmod(m_fdLock.Get(), 0644) != 0)
-            {
-                m_fdLock.Close();
-            }
+            if (m_fdLock.isOpen() && ::fchmod(m_fdLock.get(), 0644) != 0)
+                m_fdLock.close();
         }
-    } while (!m_fdLock.IsOpen() && errno == EEXIST);
+    } while (!m_fdLock.isOpen() && errno == EEXIST);
     struct stat status = {};
-    if (!m_fdLock.IsOpen() || ::fstat(m_fdLock.Get(), &status) != 0)
+    if (!m_fdLock.isOpen() || ::fstat(m_fdLock.get(), &status) != 0)
     {
-        strError = "cannot open the lock file " + strPath + ": " + ErrnoText(errno);
+        strError = "cannot open the lock file " + strPath + ": " + errnoText(errno);
         return false;
     }
     if (!S_ISREG(status.st_mode))
@@ -118,14 +108,12 @@ bool CRequestPipe::OpenLockFile(std::string& strError)
     return true;
 }
 
-bool CRequestPipe::RemoveOldFifo(std::string& strError)
+bool CRequestPipe::removeOldFifo(std::string& strError)
 {
     const std::string strPath = PIPE_PATH;
     struct stat status = {};
     if (::lstat(PIPE_PATH, &status) != 0)
-    {
         return true;
-    }
     if (!S_ISFIFO(status.st_mode))
     {
         strError = strPath + " exists and is not a FIFO; remove it if it is of no use";
@@ -138,101 +126,93 @@ bool CRequestPipe::RemoveOldFifo(std::string& strError)
     }
     if (::unlink(PIPE_PATH) != 0)
     {
-        strError = "cannot remove the old " + strPath + ": " + ErrnoText(errno);
+        strError = "cannot remove the old " + strPath + ": " + errnoText(errno);
         return false;
     }
     return true;
 }
 
-bool CRequestPipe::MakeFifo(std::string& strError)
+bool CRequestPipe::makeFifo(std::string& strError)
 {
     const std::string strPath = PIPE_PATH;
     if (::mkfifo(PIPE_PATH, 0600) != 0)
     {
-        strError = "cannot create " + strPath + ": " + ErrnoText(errno);
+        strError = "cannot create " + strPath + ": " + errnoText(errno);
         return false;
     }
     // Open for both directions, the pipe never reports an end when its last writer leaves.
     struct stat status = {};
     m_fdPipe = CFd(::open(PIPE_PATH, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    if (!m_fdPipe.IsOpen() || ::fstat(m_fdPipe.Get(), &status) != 0 || !S_ISFIFO(status.st_mode))
+    if (!m_fdPipe.isOpen() || ::fstat(m_fdPipe.get(), &status) != 0 || !S_ISFIFO(status.st_mode))
     {
-        strError = "cannot open " + strPath + ": " + ErrnoText(errno);
+        strError = "cannot open " + strPath + ": " + errnoText(errno);
         return false;
     }
     // For clients of every user, whatever the umask.
-    if (::fchmod(m_fdPipe.Get(), 0666) != 0)
+    if (::fchmod(m_fdPipe.get(), 0666) != 0)
     {
-        strError = "cannot open " + strPath + " to everybody: " + ErrnoText(errno);
+        strError = "cannot open " + strPath + " to everybody: " + errnoText(errno);
         return false;
     }
-    if (::fcntl(m_fdPipe.Get(), F_SETPIPE_SZ, PIPE_BYTES) < 0)
-    {
-        spdlog::warn("{} keeps its default size: {}", strPath, ErrnoText(errno));
-    }
+    if (::fcntl(m_fdPipe.get(), F_SETPIPE_SZ, PIPE_BYTES) < 0)
+        spdlog::warn("{} keeps its default size: {}", strPath, errnoText(errno));
     return true;
 }
 
-int CRequestPipe::Fd() const
+int CRequestPipe::fd() const
 {
-    return m_fdPipe.Get();
+    return m_fdPipe.get();
 }
 
-bool CRequestPipe::HasBuffered() const
+bool CRequestPipe::hasBuffered() const
 {
-    return m_framer.Waiting() > 0;
+    return m_framer.waiting() > 0;
 }
 
-bool CRequestPipe::Read(structMICMD& cmd)
+bool CRequestPipe::read(structMICMD& cmd)
 {
     for (int nReads = 0; nReads <= MAX_READS; ++nReads)
     {
-        if (Next(cmd))
-        {
+        if (next(cmd))
             return true;
-        }
-        if (m_nRubbishInTurn >= MAX_RUBBISH_PER_TURN || nReads == MAX_READS || !Fill())
-        {
+        if (m_nRubbishInTurn >= MAX_RUBBISH_PER_TURN || nReads == MAX_READS || !fill())
             break;
-        }
     }
     m_nRubbishInTurn = 0;
     return false;
 }
 
-bool CRequestPipe::Next(structMICMD& cmd)
+bool CRequestPipe::next(structMICMD& cmd)
 {
-    const bool bFound = m_framer.Next(cmd);
-    const std::size_t nRubbish = m_framer.TakeRubbish();
+    const bool bFound = m_framer.next(cmd);
+    const size_t nRubbish = m_framer.takeRubbish();
     if (nRubbish > 0)
     {
         m_nRubbishInTurn += nRubbish;
         m_ullRubbish += nRubbish;
-        m_rubbishLog.Warn("dropped {} bytes out of {} that are no request", nRubbish, PIPE_PATH);
+        m_rubbishLog.warn("dropped {} bytes out of {} that are no request", nRubbish, PIPE_PATH);
     }
     return bFound;
 }
 
 // False when there is nothing new for the framer.
-bool CRequestPipe::Fill()
+bool CRequestPipe::fill()
 {
-    const std::span<unsigned char> room = m_framer.Room();
+    const std::span<unsigned char> room = m_framer.room();
     ssize_t nRead = -1;
     do
     {
-        nRead = ::read(m_fdPipe.Get(), room.data(), room.size());
+        nRead = ::read(m_fdPipe.get(), room.data(), room.size());
     } while (nRead < 0 && errno == EINTR);
     if (nRead > 0)
     {
         // A pipe gives what it has: less than asked for means that it was empty then, or that a write in
         // packet mode ended there. Neither is in the middle of a request.
-        m_framer.Added(static_cast<std::size_t>(nRead), static_cast<std::size_t>(nRead) < room.size());
+        m_framer.added(static_cast<size_t>(nRead), static_cast<size_t>(nRead) < room.size());
         return true;
     }
     if (nRead < 0 && errno != EAGAIN)
-    {
-        m_rubbishLog.Warn("cannot read {}: {}", PIPE_PATH, ErrnoText(errno));
-    }
-    m_framer.Added(0, true);
-    return m_framer.Waiting() > 0;
+        m_rubbishLog.warn("cannot read {}: {}", PIPE_PATH, errnoText(errno));
+    m_framer.added(0, true);
+    return m_framer.waiting() > 0;
 }

@@ -26,36 +26,36 @@ public:
     // driver of the same user is replaced, so that its clients find it broken; root replaces anybody's.
     // False, with the whole message in strError, when another driver runs, or the path is taken by
     // another user's pipe or by something that is no FIFO (which stays).
-    bool Open(std::string& strError);
+    bool open(std::string& strError);
 
-    // Readable when there are requests that HasBuffered does not tell of.
-    int Fd() const;
+    // Readable when there are requests that hasBuffered does not tell of.
+    int fd() const;
 
-    // Whether bytes were read that Read has not looked at, or not to the end. Then call it again without
-    // waiting for Fd.
-    bool HasBuffered() const;
+    // Whether bytes were read that read has not looked at, or not to the end. Then call it again without
+    // waiting for fd.
+    bool hasBuffered() const;
 
     // Takes one request out, without blocking. False when there is none left, or when the rubbish that
     // was dropped since it was last false is enough work for one turn of the loop.
-    bool Read(structMICMD& cmd);
+    bool read(structMICMD& cmd);
 
     // Bytes that were no request, since the beginning.
-    std::uint64_t RubbishBytes() const { return m_ullRubbish; }
+    uint64_t rubbishBytes() const { return m_ullRubbish; }
 
 private:
-    bool Lock(std::string& strError);
-    bool OpenLockFile(std::string& strError);
-    bool RemoveOldFifo(std::string& strError);
-    bool MakeFifo(std::string& strError);
-    bool Next(structMICMD& cmd);
-    bool Fill();
+    bool lock(std::string& strError);
+    bool openLockFile(std::string& strError);
+    bool removeOldFifo(std::string& strError);
+    bool makeFifo(std::string& strError);
+    bool next(structMICMD& cmd);
+    bool fill();
 
     CFd m_fdLock;
     CFd m_fdPipe;
     CRequestFramer m_framer;
     CLogLimiter& m_rubbishLog;
-    std::size_t m_nRubbishInTurn = 0;
-    std::uint64_t m_ullRubbish = 0;
+    size_t m_nRubbishInTurn = 0;
+    uint64_t m_ullRubbish = 0;
 };
 
 #endif

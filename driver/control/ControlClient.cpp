@@ -21,16 +21,16 @@ namespace
 {
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t MAX_ANSWER = 256U << 20U;
+constexpr size_t MAX_ANSWER = 256U << 20U;
 constexpr int MAX_DEPTH = 16; // printing is recursive
 
-int Fail(int nExitCode, const std::string& strError)
+int fail(int nExitCode, const std::string& strError)
 {
     fmt::print(stderr, "zelmedia-driver: {}\n", strError);
     return nExitCode;
 }
 
-bool MakeLine(const std::vector<std::string>& vWords, std::string& strLine, std::string& strError)
+bool makeLine(const std::vector<std::string>& vWords, std::string& strLine, std::string& strError)
 {
     if (vWords.size() == 1 && vWords[0].starts_with('{'))
     {
@@ -44,40 +44,34 @@ bool MakeLine(const std::vector<std::string>& vWords, std::string& strLine, std:
         return false;
     }
     nlohmann::json request = {{"request", vWords[0]}};
-    if (!AddWords(std::span(vWords).subspan(1), request, strError))
-    {
+    if (!addWords(std::span(vWords).subspan(1), request, strError))
         return false;
-    }
     strLine = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     return true;
 }
 
 // Waits for one event. False, with errno set, when it does not come in time.
-bool WaitFor(int nFd, short nEvent, Clock::time_point limit)
+bool waitFor(int nFd, short nEvent, Clock::time_point limit)
 {
     pollfd wait = {nFd, nEvent, 0};
     for (;;)
     {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(limit - Clock::now());
-        const int nReady = ::poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+        const int nReady = ::poll(&wait, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
         if (nReady > 0)
-        {
             return true;
-        }
         if (nReady == 0)
         {
             errno = ETIMEDOUT;
             return false;
         }
         if (errno != EINTR)
-        {
             return false;
-        }
     }
 }
 
 // The next three return false with errno set.
-bool Connect(const std::string& strPath, CFd& fd)
+bool connect(const std::string& strPath, CFd& fd)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -88,25 +82,23 @@ bool Connect(const std::string& strPath, CFd& fd)
     }
     std::memcpy(address.sun_path, strPath.c_str(), strPath.size() + 1);
     fd = CFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    return fd.IsOpen() && ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    return fd.isOpen() && ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-bool Send(int nFd, const std::string& strText, Clock::time_point limit)
+bool send(int nFd, const std::string& strText, Clock::time_point limit)
 {
-    std::size_t nDone = 0;
+    size_t nDone = 0;
     while (nDone < strText.size())
     {
         const ssize_t nSent = ::send(nFd, strText.data() + nDone, strText.size() - nDone, MSG_NOSIGNAL);
-        if (nSent < 0 && (errno != EAGAIN || !WaitFor(nFd, POLLOUT, limit)))
-        {
+        if (nSent < 0 && (errno != EAGAIN || !waitFor(nFd, POLLOUT, limit)))
             return false;
-        }
-        nDone += static_cast<std::size_t>(std::max<ssize_t>(nSent, 0));
+        nDone += static_cast<size_t>(std::max<ssize_t>(nSent, 0));
     }
     return true;
 }
 
-bool ReceiveLine(int nFd, std::string& strLine, Clock::time_point limit)
+bool receiveLine(int nFd, std::string& strLine, Clock::time_point limit)
 {
     std::array<char, 65536> bytes;
     while (strLine.empty() || strLine.back() != '\n')
@@ -117,16 +109,14 @@ bool ReceiveLine(int nFd, std::string& strLine, Clock::time_point limit)
             errno = nRead == 0 ? ECONNRESET : EMSGSIZE;
             return false;
         }
-        if (nRead < 0 && (errno != EAGAIN || !WaitFor(nFd, POLLIN, limit)))
-        {
+        if (nRead < 0 && (errno != EAGAIN || !waitFor(nFd, POLLIN, limit)))
             return false;
-        }
-        strLine.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(nRead, 0)));
+        strLine.append(bytes.data(), static_cast<size_t>(std::max<ssize_t>(nRead, 0)));
     }
     return true;
 }
 
-int PrintAnswer(const std::string& strAnswer)
+int printAnswer(const std::string& strAnswer)
 {
     using nlohmann::ordered_json;
     bool bDeep = false;
@@ -137,39 +127,33 @@ int PrintAnswer(const std::string& strAnswer)
     const ordered_json answer = ordered_json::parse(strAnswer, isShallow, false);
     const auto itOk = answer.is_object() ? answer.find("ok") : answer.end();
     if (bDeep || itOk == answer.end() || !itOk->is_boolean())
-    {
-        return Fail(1, "the answer is none of a driver");
-    }
+        return fail(1, "the answer is none of a driver");
     if (!itOk->get<bool>())
     {
         const auto itError = answer.find("error");
-        return Fail(1, itError != answer.end() && itError->is_string() ? Printable(itError->get<std::string>())
+        return fail(1, itError != answer.end() && itError->is_string() ? printable(itError->get<std::string>())
                                                                        : "the driver refuses");
     }
     fmt::print("{}\n", answer.dump(2));
-    return std::fflush(stdout) == 0 ? 0 : Fail(1, "cannot print the answer: " + ErrnoText(errno));
+    return std::fflush(stdout) == 0 ? 0 : fail(1, "cannot print the answer: " + errnoText(errno));
 }
 } // namespace
 
-int RunControl(const std::string& strSocketPath, const std::vector<std::string>& vWords,
+int runControl(const std::string& strSocketPath, const std::vector<std::string>& vWords,
                std::chrono::milliseconds limit)
 {
     std::string strLine;
     std::string strError;
-    if (!MakeLine(vWords, strLine, strError))
-    {
-        return Fail(2, strError);
-    }
+    if (!makeLine(vWords, strLine, strError))
+        return fail(2, strError);
     const Clock::time_point end = Clock::now() + limit;
     CFd fd;
     std::string strAnswer;
     // The driver may turn a request away before it has taken all of it: what it says counts then.
-    const bool bAnswered = Connect(strSocketPath, fd) &&
-                           (Send(fd.Get(), strLine + '\n', end) || errno == EPIPE || errno == ECONNRESET) &&
-                           ReceiveLine(fd.Get(), strAnswer, end);
+    const bool bAnswered = connect(strSocketPath, fd) &&
+                           (send(fd.get(), strLine + '\n', end) || errno == EPIPE || errno == ECONNRESET) &&
+                           receiveLine(fd.get(), strAnswer, end);
     if (!bAnswered)
-    {
-        return Fail(1, fmt::format("no driver answers at \"{}\": {}", Printable(strSocketPath), ErrnoText(errno)));
-    }
-    return PrintAnswer(strAnswer);
+        return fail(1, fmt::format("no driver answers at \"{}\": {}", printable(strSocketPath), errnoText(errno)));
+    return printAnswer(strAnswer);
 }

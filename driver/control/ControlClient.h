@@ -10,7 +10,7 @@
 // answer on the standard output, mistakes and refusals on the standard error. Returns the exit code:
 // 0 when the driver has done it, 1 when it refuses or does not answer in time, 2 for words
 // that make no request.
-int RunControl(const std::string& strSocketPath, const std::vector<std::string>& vWords,
+int runControl(const std::string& strSocketPath, const std::vector<std::string>& vWords,
                std::chrono::milliseconds limit = std::chrono::seconds(5));
 
 #endif

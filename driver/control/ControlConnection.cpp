@@ -10,51 +10,43 @@
 
 CControlConnection::CControlConnection(CFd fd) : m_fd(std::move(fd)) {}
 
-bool CControlConnection::Serve(const RequestFunction& request)
+bool CControlConnection::serve(const RequestFunction& request)
 {
-    if (!Flush())
-    {
+    if (!flush())
         return false;
-    }
     if (!m_strOut.empty())
-    {
         return true;
-    }
-    if (!HasLine() && !m_bEnded && !Read())
-    {
+    if (!hasLine() && !m_bEnded && !read())
         return false;
-    }
-    Answer(request);
-    return Flush() && (!m_bEnded || !m_strOut.empty());
+    answer(request);
+    return flush() && (!m_bEnded || !m_strOut.empty());
 }
 
-std::uint32_t CControlConnection::AwaitedEvents() const
+uint32_t CControlConnection::awaitedEvents() const
 {
     // A line that came along with the one before has to wait for no more than its turn.
-    return !m_strOut.empty() || HasLine() ? EPOLLOUT : EPOLLIN;
+    return !m_strOut.empty() || hasLine() ? EPOLLOUT : EPOLLIN;
 }
 
-bool CControlConnection::HasLine() const
+bool CControlConnection::hasLine() const
 {
     return m_strIn.find('\n') != std::string::npos;
 }
 
-bool CControlConnection::Read()
+bool CControlConnection::read()
 {
     std::array<char, MAX_LINE> bytes;
-    const ssize_t nRead = ::recv(m_fd.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+    const ssize_t nRead = ::recv(m_fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (nRead < 0)
-    {
         return errno == EAGAIN || errno == EINTR;
-    }
-    m_strIn.append(bytes.data(), static_cast<std::size_t>(nRead));
+    m_strIn.append(bytes.data(), static_cast<size_t>(nRead));
     m_bEnded = nRead == 0;
     return true;
 }
 
-void CControlConnection::Answer(const RequestFunction& request)
+void CControlConnection::answer(const RequestFunction& request)
 {
-    const std::size_t nLine = m_strIn.find('\n');
+    const size_t nLine = m_strIn.find('\n');
     if (std::min(nLine, m_strIn.size()) > MAX_LINE)
     {
         m_strOut = "{\"ok\":false,\"error\":\"the line is too long\"}\n";
@@ -68,16 +60,14 @@ void CControlConnection::Answer(const RequestFunction& request)
     }
 }
 
-bool CControlConnection::Flush()
+bool CControlConnection::flush()
 {
     while (!m_strOut.empty())
     {
-        const ssize_t nSent = ::send(m_fd.Get(), m_strOut.data(), m_strOut.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t nSent = ::send(m_fd.get(), m_strOut.data(), m_strOut.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (nSent < 0)
-        {
             return errno == EAGAIN || errno == EINTR;
-        }
-        m_strOut.erase(0, static_cast<std::size_t>(nSent));
+        m_strOut.erase(0, static_cast<size_t>(nSent));
     }
     return true;
 }

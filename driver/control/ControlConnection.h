@@ -13,7 +13,7 @@
 class CControlConnection
 {
 public:
-    static constexpr std::size_t MAX_LINE = 65536;
+    static constexpr size_t MAX_LINE = 65536;
 
     // Answers a line. Neither has the newline at its end.
     using RequestFunction = std::function<std::string(const std::string& strLine)>;
@@ -21,19 +21,19 @@ public:
     // The descriptor is a connected socket that does not block.
     explicit CControlConnection(CFd fd);
 
-    int Fd() const { return m_fd.Get(); }
+    int fd() const { return m_fd.get(); }
 
     // Does what can be done without waiting, one request at most. False when the connection is over.
-    bool Serve(const RequestFunction& request);
+    bool serve(const RequestFunction& request);
 
-    // What has to happen, by epoll's names, before Serve can do more.
-    std::uint32_t AwaitedEvents() const;
+    // What has to happen, by epoll's names, before serve can do more.
+    uint32_t awaitedEvents() const;
 
 private:
-    bool HasLine() const;
-    bool Read();
-    void Answer(const RequestFunction& request);
-    bool Flush();
+    bool hasLine() const;
+    bool read();
+    void answer(const RequestFunction& request);
+    bool flush();
 
     CFd m_fd;
     std::string m_strIn;

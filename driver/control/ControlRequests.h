@@ -18,7 +18,7 @@ public:
 
     // Carries out {"request": NAME, ...} and returns {"ok": true, ...} or {"ok": false, "error": TEXT}.
     // Any text is acceptable; nothing is thrown for it, and what is refused has changed nothing.
-    std::string Handle(const std::string& strLine);
+    std::string handle(const std::string& strLine);
 
 private:
     // Adds to the answer. False refuses the request; the reason is then in strError.
@@ -34,23 +34,23 @@ private:
     };
     static const CEntry REQUESTS[];
 
-    static const CEntry* FindRequest(const std::string& strName);
+    static const CEntry* findRequest(const std::string& strName);
 
-    bool Execute(const std::string& strLine, nlohmann::ordered_json& answer, std::string& strError);
+    bool execute(const std::string& strLine, nlohmann::ordered_json& answer, std::string& strError);
 
-    bool Clients(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Streams(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Stats(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Faults(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Fault(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Unfault(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool HangUp(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Drop(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Freeze(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Thaw(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Die(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Ping(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
-    bool Help(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool clients(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool streams(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool stats(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool faults(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool fault(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool unfault(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool hangUp(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool drop(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool freeze(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool thaw(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool die(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool ping(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
+    bool help(const nlohmann::json& fields, nlohmann::ordered_json& answer, std::string& strError);
 
     CDriverControl& m_driver;
 };

@@ -17,16 +17,16 @@ namespace
 {
 constexpr int BACKLOG = 64;
 
-CFd NewSocket()
+CFd newSocket()
 {
     return CFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
-bool AddressOf(const std::string& strPath, sockaddr_un& address, std::string& strError)
+bool addressOf(const std::string& strPath, sockaddr_un& address, std::string& strError)
 {
     if (strPath.empty() || strPath.size() >= sizeof(address.sun_path))
     {
-        strError = fmt::format("\"{}\" cannot be the path of a socket: it must have 1 to {} bytes", Printable(strPath),
+        strError = fmt::format("\"{}\" cannot be the path of a socket: it must have 1 to {} bytes", printable(strPath),
                                sizeof(address.sun_path) - 1);
         return false;
     }
@@ -36,41 +36,37 @@ bool AddressOf(const std::string& strPath, sockaddr_un& address, std::string& st
 }
 
 // Removes a socket that nobody listens to.
-bool RemoveStale(const sockaddr_un& address, std::string& strError)
+bool removeStale(const sockaddr_un& address, std::string& strError)
 {
     const char* pPath = address.sun_path;
     struct stat status = {};
     if (::lstat(pPath, &status) != 0)
-    {
         return true; // most likely there is none; if not, bind says what is wrong
-    }
     if (!S_ISSOCK(status.st_mode))
     {
-        strError = fmt::format("\"{}\" exists and is not a socket; remove it if it is of no use", Printable(pPath));
+        strError = fmt::format("\"{}\" exists and is not a socket; remove it if it is of no use", printable(pPath));
         return false;
     }
-    const CFd fd = NewSocket();
-    if (::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 || errno == EAGAIN)
+    const CFd fd = newSocket();
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 || errno == EAGAIN)
     {
-        strError = fmt::format("another program listens at \"{}\"", Printable(pPath));
+        strError = fmt::format("another program listens at \"{}\"", printable(pPath));
         return false;
     }
     if (errno != ECONNREFUSED || ::unlink(pPath) != 0)
     {
-        strError = fmt::format("cannot replace \"{}\": {}", Printable(pPath), ErrnoText(errno));
+        strError = fmt::format("cannot replace \"{}\": {}", printable(pPath), errnoText(errno));
         return false;
     }
     return true;
 }
 
-bool IsPeerAllowed(int nFd)
+bool isPeerAllowed(int nFd)
 {
     ucred peer = {};
     socklen_t nSize = sizeof(peer);
     if (::getsockopt(nFd, SOL_SOCKET, SO_PEERCRED, &peer, &nSize) != 0)
-    {
         return false;
-    }
     if (peer.uid != 0 && peer.uid != ::geteuid())
     {
         spdlog::warn("control: turned away process {} of user {}", peer.pid, peer.uid);
@@ -91,97 +87,80 @@ CControlSocket::~CControlSocket()
     struct stat there = {};
     if (!m_strPath.empty() && ::lstat(m_strPath.c_str(), &there) == 0 && there.st_dev == m_file.st_dev &&
         there.st_ino == m_file.st_ino)
-    {
         ::unlink(m_strPath.c_str());
-    }
 }
 
-bool CControlSocket::Open(const std::string& strPath, std::string& strError)
+bool CControlSocket::open(const std::string& strPath, std::string& strError)
 {
     sockaddr_un address = {};
-    if (!AddressOf(strPath, address, strError) || !RemoveStale(address, strError))
-    {
+    if (!addressOf(strPath, address, strError) || !removeStale(address, strError))
         return false;
-    }
-    m_fdListen = NewSocket();
+    m_fdListen = newSocket();
     m_fdSpare = CFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     const mode_t nUmask = ::umask(0177);
-    const bool bBound = ::bind(m_fdListen.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    const bool bBound = ::bind(m_fdListen.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     const int nErrno = errno;
     ::umask(nUmask);
     if (!bBound)
     {
-        strError = fmt::format("cannot create the socket \"{}\": {}", Printable(strPath), ErrnoText(nErrno));
+        strError = fmt::format("cannot create the socket \"{}\": {}", printable(strPath), errnoText(nErrno));
         return false;
     }
     if (::lstat(strPath.c_str(), &m_file) == 0)
-    {
         m_strPath = strPath;
-    }
-    if (::listen(m_fdListen.Get(), BACKLOG) == 0)
+    if (::listen(m_fdListen.get(), BACKLOG) == 0)
+        m_watchListen = m_poller.watch(m_fdListen.get(), EPOLLIN, [this](uint32_t) { accept(); });
+    if (!m_watchListen.isOn())
     {
-        m_watchListen = m_poller.Watch(m_fdListen.Get(), EPOLLIN, [this](std::uint32_t) { Accept(); });
-    }
-    if (!m_watchListen.IsOn())
-    {
-        strError = fmt::format("cannot listen at \"{}\": {}", Printable(strPath), ErrnoText(errno));
+        strError = fmt::format("cannot listen at \"{}\": {}", printable(strPath), errnoText(errno));
         return false;
     }
     return true;
 }
 
-void CControlSocket::Accept()
+void CControlSocket::accept()
 {
-    CFd fd(::accept4(m_fdListen.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (!fd.IsOpen())
+    CFd fd(::accept4(m_fdListen.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!fd.isOpen())
     {
         if (errno == EMFILE || errno == ENFILE)
         {
             // One that waits for ever would wake the loop for ever.
-            m_fdSpare.Close();
-            CFd(::accept4(m_fdListen.Get(), nullptr, nullptr, SOCK_CLOEXEC)).Close();
+            m_fdSpare.close();
+            CFd(::accept4(m_fdListen.get(), nullptr, nullptr, SOCK_CLOEXEC)).close();
             m_fdSpare = CFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
             spdlog::error("control: turned somebody away: all file descriptors are in use");
         }
         return;
     }
-    if (!IsPeerAllowed(fd.Get()))
-    {
+    if (!isPeerAllowed(fd.get()))
         return;
-    }
-    MakeRoom();
-    const std::uint64_t ullID = m_ullNextID++;
-    const int nFd = fd.Get();
+    makeRoom();
+    const uint64_t ullID = m_ullNextID++;
+    const int nFd = fd.get();
     CServed& served = m_mapServedByID.try_emplace(ullID, std::move(fd)).first->second;
     served.m_ullLastUse = ++m_ullUses;
-    served.m_watch = m_poller.Watch(nFd, EPOLLIN, [this, ullID](std::uint32_t) { OnReady(ullID); });
-    if (!served.m_watch.IsOn())
-    {
+    served.m_watch = m_poller.watch(nFd, EPOLLIN, [this, ullID](uint32_t) { onReady(ullID); });
+    if (!served.m_watch.isOn())
         m_mapServedByID.erase(ullID);
-    }
 }
 
-void CControlSocket::MakeRoom()
+void CControlSocket::makeRoom()
 {
     if (m_mapServedByID.size() >= MAX_CONNECTIONS)
     {
-        m_mapServedByID.erase(
-            std::min_element(m_mapServedByID.begin(), m_mapServedByID.end(), [](const auto& left, const auto& right) {
-                return left.second.m_ullLastUse < right.second.m_ullLastUse;
-            }));
+        m_mapServedByID.erase(std::min_element(
+            m_mapServedByID.begin(), m_mapServedByID.end(),
+            [](const auto& left, const auto& right) { return left.second.m_ullLastUse < right.second.m_ullLastUse; }));
     }
 }
 
-void CControlSocket::OnReady(std::uint64_t ullID)
+void CControlSocket::onReady(uint64_t ullID)
 {
     CServed& served = m_mapServedByID.at(ullID);
     served.m_ullLastUse = ++m_ullUses;
-    if (served.m_connection.Serve(m_request))
-    {
-        served.m_watch.SetEvents(served.m_connection.AwaitedEvents());
-    }
+    if (served.m_connection.serve(m_request))
+        served.m_watch.setEvents(served.m_connection.awaitedEvents());
     else
-    {
         m_mapServedByID.erase(ullID);
-    }
 }

@@ -18,7 +18,7 @@ class CControlSocket
 {
 public:
     // With that many connections, a new one ends the one that has been quiet for the longest time.
-    static constexpr std::size_t MAX_CONNECTIONS = 32;
+    static constexpr size_t MAX_CONNECTIONS = 32;
 
     // The poller must outlive the socket. The function must not end it.
     CControlSocket(CPoller& poller, CControlConnection::RequestFunction request);
@@ -31,7 +31,7 @@ public:
     // False, with the reason in strError, when the system refuses or anything else is at the path,
     // which then stays as it is. Sets the umask for a moment: to be called before other threads make
     // files.
-    bool Open(const std::string& strPath, std::string& strError);
+    bool open(const std::string& strPath, std::string& strError);
 
 private:
     struct CServed
@@ -40,12 +40,12 @@ private:
 
         CControlConnection m_connection;
         CPoller::CWatch m_watch;
-        std::uint64_t m_ullLastUse = 0;
+        uint64_t m_ullLastUse = 0;
     };
 
-    void Accept();
-    void MakeRoom();
-    void OnReady(std::uint64_t ullID);
+    void accept();
+    void makeRoom();
+    void onReady(uint64_t ullID);
 
     CPoller& m_poller;
     const CControlConnection::RequestFunction m_request;
@@ -54,9 +54,9 @@ private:
     CFd m_fdListen;
     CFd m_fdSpare; // given up to turn somebody away when there is no other descriptor
     CPoller::CWatch m_watchListen;
-    std::map<std::uint64_t, CServed> m_mapServedByID;
-    std::uint64_t m_ullNextID = 1;
-    std::uint64_t m_ullUses = 0;
+    std::map<uint64_t, CServed> m_mapServedByID;
+    uint64_t m_ullNextID = 1;
+    uint64_t m_ullUses = 0;
 };
 
 #endif

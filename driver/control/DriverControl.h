@@ -19,24 +19,24 @@ class CDriverControl
 public:
     virtual ~CDriverControl() = default;
 
-    virtual std::vector<CClientState> Clients() const = 0;
-    virtual std::vector<CStreamState> Streams() const = 0;
-    virtual CStatistics Statistics() const = 0; // m_now is filled
-    virtual CFaultRules& Faults() = 0;
+    virtual std::vector<CClientState> clients() const = 0;
+    virtual std::vector<CStreamState> streams() const = 0;
+    virtual CStatistics statistics() const = 0; // m_now is filled
+    virtual CFaultRules& faults() = 0;
 
     // Ends the call as the far end would, on one leg or on all. Returns how many streams it had.
-    virtual std::size_t HangUp(const std::string& strCallID, std::optional<std::uint32_t> nLegID) = 0;
+    virtual size_t hangUp(const std::string& strCallID, std::optional<uint32_t> nLegID) = 0;
 
     // False when there is no such client.
-    virtual bool DropClient(int nConnectID) = 0;
+    virtual bool dropClient(int nConnectID) = 0;
 
-    // Stops requests, events and audio, for some time or until Thaw, but not the control socket.
-    virtual void Freeze(std::optional<std::chrono::milliseconds> time) = 0;
-    virtual void Thaw() = 0;
+    // Stops requests, events and audio, for some time or until thaw, but not the control socket.
+    virtual void freeze(std::optional<std::chrono::milliseconds> time) = 0;
+    virtual void thaw() = 0;
 
     // Kills the process as a crash would: not within this call but at the next turn of the loop, so
     // that the answer can leave.
-    virtual void Die() = 0;
+    virtual void die() = 0;
 };
 
 #endif

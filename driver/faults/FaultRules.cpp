@@ -11,8 +11,8 @@
 
 namespace
 {
-constexpr std::int64_t MAX_TIMES = 1000000000;
-constexpr std::int64_t MAX_MS = 3600000;
+constexpr int64_t MAX_TIMES = 1000000000;
+constexpr int64_t MAX_MS = 3600000;
 
 enum class EFault
 {
@@ -62,94 +62,70 @@ const CFaultRules::CFaultKind CFaultRules::KINDS[] = {
 namespace
 {
 // A field that the kind of fault needs, may have or must not have.
-template <typename T> void Check(CFieldReader& fields, const char* pKey, ENeed eNeed, const std::optional<T>& value)
+template <typename T> void check(CFieldReader& fields, const char* pKey, ENeed eNeed, const std::optional<T>& value)
 {
     if (eNeed == ENeed::Must && !value)
-    {
-        fields.Fail(fmt::format("\"{}\" is missing", pKey));
-    }
+        fields.fail(fmt::format("\"{}\" is missing", pKey));
     else if (eNeed == ENeed::No && value)
-    {
-        fields.Fail(fmt::format("\"{}\" has no meaning for this fault", pKey));
-    }
+        fields.fail(fmt::format("\"{}\" has no meaning for this fault", pKey));
 }
 } // namespace
 
-const CFaultRules::CFaultKind* CFaultRules::FindKind(const std::string& strName)
+const CFaultRules::CFaultKind* CFaultRules::findKind(const std::string& strName)
 {
     const auto* pKind = std::find_if(std::begin(KINDS), std::end(KINDS),
                                      [&strName](const CFaultKind& kind) { return strName == kind.m_pName; });
     return pKind == std::end(KINDS) ? nullptr : pKind;
 }
 
-void CFaultRules::ReadTarget(CFieldReader& fields, CRule& rule)
+void CFaultRules::readTarget(CFieldReader& fields, CRule& rule)
 {
-    rule.m_strOn = fields.Text("on").value_or("");
-    const auto strCallID = fields.Text("call");
+    rule.m_strOn = fields.text("on").value_or("");
+    const auto strCallID = fields.text("call");
     rule.m_strCallID = strCallID.value_or("");
-    rule.m_pCommand = FindCommandName(rule.m_strOn);
+    rule.m_pCommand = findCommandName(rule.m_strOn);
     const bool bAny = rule.m_strOn == "any";
     const bool bCommand = rule.m_pCommand != nullptr || (bAny && rule.m_pKind->m_bOfCommands);
     if (rule.m_strOn.empty())
-    {
-        fields.Fail("\"on\" is missing: a command, an event or \"any\"");
-    }
+        fields.fail("\"on\" is missing: a command, an event or \"any\"");
     else if (bCommand)
-    {
         rule.m_eTarget = ETarget::Commands;
-    }
     else if (rule.m_strOn == "play" || rule.m_strOn == "record")
-    {
         rule.m_eTarget = rule.m_strOn == "play" ? ETarget::Play : ETarget::Record;
-    }
     else if (rule.m_strOn == "event" || bAny)
-    {
         rule.m_eTarget = ETarget::Events;
-    }
     else
-    {
-        fields.Fail(fmt::format("there is no command or event \"{}\"", Printable(rule.m_strOn)));
-    }
+        fields.fail(fmt::format("there is no command or event \"{}\"", printable(rule.m_strOn)));
     if (bCommand ? !rule.m_pKind->m_bOfCommands : !rule.m_pKind->m_bOfEvents)
     {
-        fields.Fail(fmt::format("\"{}\" is for {}", rule.m_pKind->m_pName,
+        fields.fail(fmt::format("\"{}\" is for {}", rule.m_pKind->m_pName,
                                 bCommand ? "events: play, record or any" : "commands"));
     }
     if (strCallID && strCallID->empty())
-    {
-        fields.Fail("\"call\" is empty");
-    }
+        fields.fail("\"call\" is empty");
     if (strCallID && rule.m_pCommand != nullptr && !rule.m_pCommand->m_bNamesStream)
-    {
-        fields.Fail(fmt::format("\"{}\" is not of a call", rule.m_strOn));
-    }
+        fields.fail(fmt::format("\"{}\" is not of a call", rule.m_strOn));
 }
 
-void CFaultRules::ReadLimits(CFieldReader& fields, CRule& rule)
+void CFaultRules::readLimits(CFieldReader& fields, CRule& rule)
 {
-    const auto nth = fields.Number("nth", 1, MAX_TIMES);
-    const auto count = fields.Number("count", 1, MAX_TIMES);
-    const auto ms = fields.Number("ms", 1, MAX_MS);
-    const auto status = fields.Number("status", INT32_MIN, INT32_MAX);
-    Check(fields, "ms", rule.m_pKind->m_eMs, ms);
-    Check(fields, "status", rule.m_pKind->m_eStatus, status);
+    const auto nth = fields.number("nth", 1, MAX_TIMES);
+    const auto count = fields.number("count", 1, MAX_TIMES);
+    const auto ms = fields.number("ms", 1, MAX_MS);
+    const auto status = fields.number("status", INT32_MIN, INT32_MAX);
+    check(fields, "ms", rule.m_pKind->m_eMs, ms);
+    check(fields, "status", rule.m_pKind->m_eStatus, status);
 
-    rule.m_ullFirst = static_cast<std::uint64_t>(nth.value_or(1));
+    rule.m_ullFirst = static_cast<uint64_t>(nth.value_or(1));
     if (nth || count)
-    {
-        rule.m_ullCount = static_cast<std::uint64_t>(count.value_or(1));
-    }
+        rule.m_ullCount = static_cast<uint64_t>(count.value_or(1));
     if (ms)
-    {
         rule.m_time = std::chrono::milliseconds(*ms);
-    }
     if (status)
-    {
-        rule.m_nStatus = static_cast<std::int32_t>(*status);
-    }
+        rule.m_nStatus = static_cast<int32_t>(*status);
 }
 
-std::optional<int> CFaultRules::Add(const nlohmann::json& rule, std::string& strError)
+std::optional<int> CFaultRules::add(const nlohmann::json& rule, std::string& strError)
 {
     if (!rule.is_object())
     {
@@ -162,64 +138,53 @@ std::optional<int> CFaultRules::Add(const nlohmann::json& rule, std::string& str
         return std::nullopt;
     }
     CFieldReader fields(rule);
-    const auto strKind = fields.Text("do");
+    const auto strKind = fields.text("do");
     CRule added;
-    added.m_pKind = FindKind(strKind.value_or(""));
+    added.m_pKind = findKind(strKind.value_or(""));
     if (added.m_pKind == nullptr)
     {
-        fields.Fail(strKind ? fmt::format("there is no fault \"{}\"", Printable(*strKind)) : "\"do\" is missing");
-        fields.Finish(strError);
+        fields.fail(strKind ? fmt::format("there is no fault \"{}\"", printable(*strKind)) : "\"do\" is missing");
+        fields.finish(strError);
         return std::nullopt;
     }
-    ReadTarget(fields, added);
-    ReadLimits(fields, added);
-    if (!fields.Finish(strError))
-    {
+    readTarget(fields, added);
+    readLimits(fields, added);
+    if (!fields.finish(strError))
         return std::nullopt;
-    }
     added.m_nID = m_nNextID++;
     m_vRules.push_back(std::move(added));
     return m_vRules.back().m_nID;
 }
 
-bool CFaultRules::Remove(int nID)
+bool CFaultRules::remove(int nID)
 {
-    return std::erase_if(m_vRules, [nID](const CRule& rule) { return rule.m_nID == nID; }) > 0;
+    return std::erase_if(
+               m_vRules, [nID](const CRule& rule) { return rule.m_nID == nID; }) > 0;
 }
 
-std::size_t CFaultRules::RemoveAll()
+size_t CFaultRules::removeAll()
 {
-    const std::size_t nCount = m_vRules.size();
+    const size_t nCount = m_vRules.size();
     m_vRules.clear();
     return nCount;
 }
 
-nlohmann::ordered_json CFaultRules::ToJson() const
+nlohmann::ordered_json CFaultRules::toJson() const
 {
     auto rules = nlohmann::ordered_json::array();
     for (const CRule& rule : m_vRules)
     {
         nlohmann::ordered_json fields = {{"id", rule.m_nID}, {"do", rule.m_pKind->m_pName}, {"on", rule.m_strOn}};
         if (!rule.m_strCallID.empty())
-        {
             fields["call"] = rule.m_strCallID;
-        }
         if (rule.m_ullFirst != 1)
-        {
             fields["nth"] = rule.m_ullFirst;
-        }
         if (rule.m_ullCount)
-        {
             fields["count"] = *rule.m_ullCount;
-        }
         if (rule.m_time)
-        {
             fields["ms"] = rule.m_time->count();
-        }
         if (rule.m_nStatus)
-        {
             fields["status"] = *rule.m_nStatus;
-        }
         fields["matched"] = rule.m_ullMatched;
         fields["acted"] = rule.m_ullActed;
         rules.push_back(std::move(fields));
@@ -227,18 +192,16 @@ nlohmann::ordered_json CFaultRules::ToJson() const
     return rules;
 }
 
-bool CFaultRules::IsItsTurn(CRule& rule)
+bool CFaultRules::isItsTurn(CRule& rule)
 {
     ++rule.m_ullMatched;
     if (rule.m_ullMatched < rule.m_ullFirst || (rule.m_ullCount && rule.m_ullActed >= *rule.m_ullCount))
-    {
         return false;
-    }
     ++rule.m_ullActed;
     return true;
 }
 
-CFaultAction CFaultRules::OnCommand(MICMD micmd, const std::string& strCallID)
+CFaultAction CFaultRules::onCommand(MICMD micmd, const std::string& strCallID)
 {
     CFaultAction action;
     bool bDrop = false;
@@ -247,10 +210,8 @@ CFaultAction CFaultRules::OnCommand(MICMD micmd, const std::string& strCallID)
         const bool bMatches = rule.m_eTarget == ETarget::Commands &&
                               (rule.m_pCommand == nullptr || rule.m_pCommand->m_micmd == micmd) &&
                               (rule.m_strCallID.empty() || rule.m_strCallID == strCallID);
-        if (!bMatches || !IsItsTurn(rule))
-        {
+        if (!bMatches || !isItsTurn(rule))
             continue;
-        }
         switch (rule.m_pKind->m_eFault)
         {
         case EFault::Refuse: action.m_bRefuse = true; break;
@@ -272,13 +233,11 @@ CFaultAction CFaultRules::OnCommand(MICMD micmd, const std::string& strCallID)
         }
     }
     if (bDrop)
-    {
         action.m_nAnswers = 0;
-    }
     return action;
 }
 
-CEventFault CFaultRules::OnEvent(bool bRecord, const std::string& strCallID)
+CEventFault CFaultRules::onEvent(bool bRecord, const std::string& strCallID)
 {
     CEventFault fault;
     bool bDrop = false;
@@ -287,10 +246,8 @@ CEventFault CFaultRules::OnEvent(bool bRecord, const std::string& strCallID)
         const bool bMatches =
             (rule.m_eTarget == ETarget::Events || rule.m_eTarget == (bRecord ? ETarget::Record : ETarget::Play)) &&
             (rule.m_strCallID.empty() || rule.m_strCallID == strCallID);
-        if (!bMatches || !IsItsTurn(rule))
-        {
+        if (!bMatches || !isItsTurn(rule))
             continue;
-        }
         switch (rule.m_pKind->m_eFault)
         {
         case EFault::Late: fault.m_delay = std::max(fault.m_delay, *rule.m_time); break;
@@ -301,8 +258,6 @@ CEventFault CFaultRules::OnEvent(bool bRecord, const std::string& strCallID)
         }
     }
     if (bDrop)
-    {
         fault.m_nEvents = 0;
-    }
     return fault;
 }

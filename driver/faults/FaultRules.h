@@ -30,7 +30,7 @@ struct CFaultAction
 // What is to happen to the event of a play or recording that has ended.
 struct CEventFault
 {
-    std::optional<std::int32_t> m_nStatus; // instead of the true one
+    std::optional<int32_t> m_nStatus; // instead of the true one
     std::chrono::milliseconds m_delay = {};
     int m_nEvents = 1; // 0: none; 2: the same event twice
 };
@@ -40,23 +40,23 @@ struct CEventFault
 class CFaultRules
 {
 public:
-    static constexpr std::size_t MAX_RULES = 1000;
+    static constexpr size_t MAX_RULES = 1000;
 
     // Returns the id of the new rule, or nothing and the reason in strError. Ids rise from 1.
-    std::optional<int> Add(const nlohmann::json& rule, std::string& strError);
+    std::optional<int> add(const nlohmann::json& rule, std::string& strError);
     // False when there is no such rule.
-    bool Remove(int nID);
+    bool remove(int nID);
     // Returns how many there were.
-    std::size_t RemoveAll();
+    size_t removeAll();
 
     // All rules by id: their fields, their id, and how often they matched and acted.
-    nlohmann::ordered_json ToJson() const;
+    nlohmann::ordered_json toJson() const;
 
     // To be asked once for each command before it is carried out. strCallID is that of its stream, empty
     // when it has none.
-    CFaultAction OnCommand(MICMD micmd, const std::string& strCallID);
+    CFaultAction onCommand(MICMD micmd, const std::string& strCallID);
     // To be asked once for each play or recording that has ended.
-    CEventFault OnEvent(bool bRecord, const std::string& strCallID);
+    CEventFault onEvent(bool bRecord, const std::string& strCallID);
 
 private:
     struct CFaultKind; // what a rule may do, and the fields that go with it
@@ -75,20 +75,20 @@ private:
         ETarget m_eTarget = ETarget::Commands;
         const CCommandName* m_pCommand = nullptr; // null: any
         std::string m_strCallID;                  // empty: any
-        std::uint64_t m_ullFirst = 1;             // the match, counted from 1, from which on it acts
-        std::optional<std::uint64_t> m_ullCount;
+        uint64_t m_ullFirst = 1;                  // the match, counted from 1, from which on it acts
+        std::optional<uint64_t> m_ullCount;
         std::optional<std::chrono::milliseconds> m_time;
-        std::optional<std::int32_t> m_nStatus;
-        std::uint64_t m_ullMatched = 0;
-        std::uint64_t m_ullActed = 0;
+        std::optional<int32_t> m_nStatus;
+        uint64_t m_ullMatched = 0;
+        uint64_t m_ullActed = 0;
     };
     static const CFaultKind KINDS[];
 
-    static const CFaultKind* FindKind(const std::string& strName);
-    static void ReadTarget(CFieldReader& fields, CRule& rule);
-    static void ReadLimits(CFieldReader& fields, CRule& rule);
+    static const CFaultKind* findKind(const std::string& strName);
+    static void readTarget(CFieldReader& fields, CRule& rule);
+    static void readLimits(CFieldReader& fields, CRule& rule);
     // Counts the match.
-    static bool IsItsTurn(CRule& rule);
+    static bool isItsTurn(CRule& rule);
 
     std::vector<CRule> m_vRules;
     int m_nNextID = 1;

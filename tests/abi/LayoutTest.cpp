@@ -21,7 +21,7 @@ using OrvLogLib::LogLib_Priority;
 
 namespace
 {
-constexpr std::size_t WORD = sizeof(void*);
+constexpr size_t WORD = sizeof(void*);
 
 template <typename T> constexpr bool isOneWord = sizeof(T) == WORD && alignof(T) == WORD;
 static_assert(isOneWord<CZelMediaServices> && !std::is_polymorphic_v<CZelMediaServices>);
@@ -72,7 +72,7 @@ static_assert(WORD != 8 || (sizeof(CLogFile) == 24 && sizeof(CLogFileRegistry) =
 std::string s_strCalls;
 
 // The slots of an object's dispatch table: the address is the first word of the object.
-template <typename FUNCTION> FUNCTION slot(const void* pObject, std::size_t nSlot)
+template <typename FUNCTION> FUNCTION slot(const void* pObject, size_t nSlot)
 {
     void** ppTable;
     std::memcpy(&ppTable, pObject, sizeof(ppTable));
@@ -82,7 +82,7 @@ template <typename FUNCTION> FUNCTION slot(const void* pObject, std::size_t nSlo
 }
 
 // How many slots there are: the library tells the size of the table, which begins with two words of its own.
-std::size_t slotsOf(const char* pszTable)
+size_t slotsOf(const char* pszTable)
 {
     void* pTable = dlsym(RTLD_DEFAULT, pszTable);
     Dl_info info;
@@ -105,7 +105,7 @@ public:
     }
     void OnMediaStreamCompletion(CZelMediaStream* pStream, MCSTATUS mcstatus, MCCOMPLETION_REASON reason) override
     {
-        s_strCalls += "completion " + std::to_string(reinterpret_cast<std::size_t>(pStream)) + " " +
+        s_strCalls += "completion " + std::to_string(reinterpret_cast<size_t>(pStream)) + " " +
                       std::to_string(mcstatus) + " " + std::to_string(reason) + " ";
     }
 };

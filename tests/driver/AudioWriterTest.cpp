@@ -9,46 +9,46 @@ using testing::HasSubstr;
 
 namespace
 {
-std::unique_ptr<CAudioWriter> MustCreate(const std::string& strPath)
+std::unique_ptr<CAudioWriter> mustCreate(const std::string& strPath)
 {
     std::string strError;
-    auto pWriter = CAudioWriter::Create(strPath, strError);
+    auto pWriter = CAudioWriter::create(strPath, strError);
     EXPECT_TRUE(pWriter) << strError;
     return pWriter;
 }
 
-std::string ErrorOfCreating(const std::string& strPath)
+std::string errorOfCreating(const std::string& strPath)
 {
     std::string strError;
-    EXPECT_FALSE(CAudioWriter::Create(strPath, strError));
+    EXPECT_FALSE(CAudioWriter::create(strPath, strError));
     return strError;
 }
 
-void WriteAll(const std::string& strPath, const CSamples& samples)
+void writeAll(const std::string& strPath, const CSamples& samples)
 {
-    const auto pWriter = MustCreate(strPath);
+    const auto pWriter = mustCreate(strPath);
     ASSERT_TRUE(pWriter);
-    EXPECT_TRUE(pWriter->Write(samples));
-    EXPECT_TRUE(pWriter->Close());
+    EXPECT_TRUE(pWriter->write(samples));
+    EXPECT_TRUE(pWriter->close());
 }
 } // namespace
 
 TEST(AudioWriter, WritesTheFormatThatTheEndingNames)
 {
     const CTempFolder folder;
-    const CSamples noise = Noise(12345);
-    WriteAll(folder.Path("a.wav"), noise);
-    EXPECT_EQ(ReadULawFile(folder.Path("a.wav"), SF_FORMAT_WAV), noise);
-    WriteAll(folder.Path("a.WAV"), noise);
-    EXPECT_EQ(ReadULawFile(folder.Path("a.WAV"), SF_FORMAT_WAV), noise);
-    WriteAll(folder.Path("a.au"), noise);
-    EXPECT_EQ(ReadULawFile(folder.Path("a.au"), SF_FORMAT_AU), noise);
-    WriteAll(folder.Path("a.snd"), noise);
-    EXPECT_EQ(ReadULawFile(folder.Path("a.snd"), SF_FORMAT_AU), noise);
+    const CSamples noise = ::noise(12345);
+    writeAll(folder.path("a.wav"), noise);
+    EXPECT_EQ(readULawFile(folder.path("a.wav"), SF_FORMAT_WAV), noise);
+    writeAll(folder.path("a.WAV"), noise);
+    EXPECT_EQ(readULawFile(folder.path("a.WAV"), SF_FORMAT_WAV), noise);
+    writeAll(folder.path("a.au"), noise);
+    EXPECT_EQ(readULawFile(folder.path("a.au"), SF_FORMAT_AU), noise);
+    writeAll(folder.path("a.snd"), noise);
+    EXPECT_EQ(readULawFile(folder.path("a.snd"), SF_FORMAT_AU), noise);
     for (const char* pName : {"a.ul", "a.ulaw", "a.raw"})
     {
-        WriteAll(folder.Path(pName), noise);
-        EXPECT_EQ(ReadBytes(folder.Path(pName)), noise) << pName;
+        writeAll(folder.path(pName), noise);
+        EXPECT_EQ(readBytes(folder.path(pName)), noise) << pName;
     }
 }
 
@@ -57,82 +57,82 @@ TEST(AudioWriter, RefusesOtherEndingsAndCreatesNothing)
     const CTempFolder folder;
     for (const char* pName : {"a.mp3", "a", "wav", ".wav.txt"})
     {
-        EXPECT_THAT(ErrorOfCreating(folder.Path(pName)), HasSubstr("ending")) << pName;
-        EXPECT_NE(::access(folder.Path(pName).c_str(), F_OK), 0) << pName;
+        EXPECT_THAT(errorOfCreating(folder.path(pName)), HasSubstr("ending")) << pName;
+        EXPECT_NE(::access(folder.path(pName).c_str(), F_OK), 0) << pName;
     }
 }
 
 TEST(AudioWriter, LeavesAValidFileWithoutSamples)
 {
     const CTempFolder folder;
-    WriteAll(folder.Path("a.wav"), {});
-    EXPECT_TRUE(ReadULawWav(folder.Path("a.wav")).empty());
+    writeAll(folder.path("a.wav"), {});
+    EXPECT_TRUE(readULawWav(folder.path("a.wav")).empty());
 }
 
 TEST(AudioWriter, ReplacesTheFormerContents)
 {
     const CTempFolder folder;
-    WriteAll(folder.Path("a.wav"), Noise(5000));
-    WriteAll(folder.Path("a.wav"), Noise(99, 2));
-    EXPECT_EQ(ReadULawWav(folder.Path("a.wav")), Noise(99, 2));
+    writeAll(folder.path("a.wav"), noise(5000));
+    writeAll(folder.path("a.wav"), noise(99, 2));
+    EXPECT_EQ(readULawWav(folder.path("a.wav")), noise(99, 2));
 }
 
 TEST(AudioWriter, UpdateMakesTheFileCompleteWhileItGrows)
 {
     const CTempFolder folder;
-    const CSamples noise = Noise(1001);
-    const auto pWriter = MustCreate(folder.Path("a.wav"));
+    const CSamples noise = ::noise(1001);
+    const auto pWriter = mustCreate(folder.path("a.wav"));
     ASSERT_TRUE(pWriter);
-    EXPECT_TRUE(ReadULawWav(folder.Path("a.wav")).empty());
-    EXPECT_TRUE(pWriter->Write(noise));
-    EXPECT_TRUE(pWriter->Update());
-    EXPECT_EQ(ReadULawWav(folder.Path("a.wav")), noise);
-    EXPECT_TRUE(pWriter->Write(noise));
-    EXPECT_TRUE(pWriter->Update());
-    EXPECT_EQ(ReadULawWav(folder.Path("a.wav")), noise + noise);
+    EXPECT_TRUE(readULawWav(folder.path("a.wav")).empty());
+    EXPECT_TRUE(pWriter->write(noise));
+    EXPECT_TRUE(pWriter->update());
+    EXPECT_EQ(readULawWav(folder.path("a.wav")), noise);
+    EXPECT_TRUE(pWriter->write(noise));
+    EXPECT_TRUE(pWriter->update());
+    EXPECT_EQ(readULawWav(folder.path("a.wav")), noise + noise);
 }
 
 TEST(AudioWriter, DestructionMakesTheFileComplete)
 {
     const CTempFolder folder;
-    MustCreate(folder.Path("a.wav"))->Write(Noise(333));
-    EXPECT_EQ(ReadULawWav(folder.Path("a.wav")), Noise(333));
+    mustCreate(folder.path("a.wav"))->write(noise(333));
+    EXPECT_EQ(readULawWav(folder.path("a.wav")), noise(333));
 }
 
 TEST(AudioWriter, RefusesAFileThatIsBeingWritten)
 {
     const CTempFolder folder;
-    auto pWriter = MustCreate(folder.Path("a.wav"));
+    auto pWriter = mustCreate(folder.path("a.wav"));
     ASSERT_TRUE(pWriter);
-    EXPECT_TRUE(pWriter->Write(Noise(50)));
-    EXPECT_THAT(ErrorOfCreating(folder.Path("a.wav")), HasSubstr("being written"));
+    EXPECT_TRUE(pWriter->write(noise(50)));
+    EXPECT_THAT(errorOfCreating(folder.path("a.wav")), HasSubstr("being written"));
     pWriter.reset();
-    EXPECT_EQ(ReadULawWav(folder.Path("a.wav")), Noise(50));
-    EXPECT_TRUE(MustCreate(folder.Path("a.wav")));
+    EXPECT_EQ(readULawWav(folder.path("a.wav")), noise(50));
+    EXPECT_TRUE(mustCreate(folder.path("a.wav")));
 }
 
 TEST(AudioWriter, RefusesWhatIsNoRegularFile)
 {
     const CTempFolder folder;
-    ASSERT_EQ(::mkfifo(folder.Path("fifo.wav").c_str(), 0600), 0);
-    EXPECT_THAT(ErrorOfCreating(folder.Path("fifo.wav")), HasSubstr("not a regular file"));
-    ASSERT_EQ(::mkdir(folder.Path("folder.wav").c_str(), 0700), 0);
-    EXPECT_THAT(ErrorOfCreating(folder.Path("folder.wav")), HasSubstr("directory"));
-    EXPECT_THAT(ErrorOfCreating(folder.Path("none/a.wav")), HasSubstr("No such file"));
+    ASSERT_EQ(::mkfifo(folder.path("fifo.wav").c_str(), 0600), 0);
+    EXPECT_THAT(errorOfCreating(folder.path("fifo.wav")), HasSubstr("not a regular file"));
+    ASSERT_EQ(::mkdir(folder.path("folder.wav").c_str(), 0700), 0);
+    EXPECT_THAT(errorOfCreating(folder.path("folder.wav")), HasSubstr("directory"));
+    EXPECT_THAT(errorOfCreating(folder.path("none/a.wav")), HasSubstr("No such file"));
 }
 
 TEST(AudioWriter, ReportsAFullDiskAndKeepsWhatGotThrough)
 {
     const CTempFolder folder;
-    const CSamples noise = Noise(1000);
+    const CSamples noise = ::noise(1000);
     {
-        const auto pWriter = MustCreate(folder.Path("a.wav"));
+        const auto pWriter = mustCreate(folder.path("a.wav"));
         ASSERT_TRUE(pWriter);
         const CFileSizeLimit limit(1500);
-        EXPECT_TRUE(pWriter->Write(noise));
-        EXPECT_FALSE(pWriter->Write(noise));
+        EXPECT_TRUE(pWriter->write(noise));
+        EXPECT_FALSE(pWriter->write(noise));
     }
-    const CSamples kept = ReadULawWav(folder.Path("a.wav"));
+    const CSamples kept = readULawWav(folder.path("a.wav"));
     ASSERT_GE(kept.size(), 1000U);
-    EXPECT_EQ(Slice(kept, 0, 1000), noise);
+    EXPECT_EQ(slice(kept, 0, 1000), noise);
 }

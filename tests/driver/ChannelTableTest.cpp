@@ -14,47 +14,43 @@ using testing::HasSubstr;
 
 namespace
 {
-CChannelTable MustParse(const std::string& strText)
+CChannelTable mustParse(const std::string& strText)
 {
     std::string strError;
-    std::optional<CChannelTable> table = CChannelTable::Parse(strText, "table", strError);
+    std::optional<CChannelTable> table = CChannelTable::parse(strText, "table", strError);
     EXPECT_TRUE(table) << strError;
     return table.value_or(CChannelTable());
 }
 
-std::string ParseError(const std::string& strText)
+std::string parseError(const std::string& strText)
 {
     std::string strError;
-    EXPECT_FALSE(CChannelTable::Parse(strText, "table", strError)) << strText;
+    EXPECT_FALSE(CChannelTable::parse(strText, "table", strError)) << strText;
     return strError;
 }
 
 // A table of entries that are given with ' for ".
-std::string Channels(std::string strEntries)
+std::string channels(std::string strEntries)
 {
     std::replace(strEntries.begin(), strEntries.end(), '\'', '"');
     return "{\"channels\": [" + strEntries + "]}";
 }
 
-std::string Find(const CChannelTable& table, const std::string& strCallID, std::uint32_t nLegID)
+std::string find(const CChannelTable& table, const std::string& strCallID, uint32_t nLegID)
 {
     std::string strError;
-    const std::optional<CChannelRoute> route = table.Find(strCallID, nLegID, strError);
+    const std::optional<CChannelRoute> route = table.find(strCallID, nLegID, strError);
     if (!route)
-    {
         return strError;
-    }
     if (const CRtpRoute* pRtp = std::get_if<CRtpRoute>(&*route))
-    {
-        return pRtp->m_local.Text() + " " + pRtp->m_remote.Text();
-    }
+        return pRtp->m_local.text() + " " + pRtp->m_remote.text();
     return std::holds_alternative<CFileRoute>(*route) ? "file" : "null";
 }
 
-CRtpRoute FindRtp(const CChannelTable& table, const std::string& strCallID)
+CRtpRoute findRtp(const CChannelTable& table, const std::string& strCallID)
 {
     std::string strError;
-    const std::optional<CChannelRoute> route = table.Find(strCallID, 1, strError);
+    const std::optional<CChannelRoute> route = table.find(strCallID, 1, strError);
     EXPECT_TRUE(route && std::holds_alternative<CRtpRoute>(*route)) << strError;
     return route && std::holds_alternative<CRtpRoute>(*route) ? std::get<CRtpRoute>(*route) : CRtpRoute();
 }
@@ -65,7 +61,7 @@ const std::string RTP = "'type': 'rtp', 'local': '127.0.0.1:40000', 'remote': '1
 class CNotingFactory : public CChannelFactory
 {
 public:
-    void Open(const std::string& strCallID, std::uint32_t nLegID, OpenFunction done) override
+    void open(const std::string& strCallID, uint32_t nLegID, OpenFunction done) override
     {
         m_strOpened = strCallID + "-" + std::to_string(nLegID);
         done(nullptr, "noted");
@@ -77,92 +73,92 @@ public:
 
 TEST(ChannelTable, MakesEveryCallAFileChannelByDefault)
 {
-    EXPECT_EQ(Find(CChannelTable(), "anything", 7), "file");
-    EXPECT_EQ(Find(CChannelTable(), "", 0), "file");
+    EXPECT_EQ(find(CChannelTable(), "anything", 7), "file");
+    EXPECT_EQ(find(CChannelTable(), "", 0), "file");
 }
 
 TEST(ChannelTable, TakesTheFirstEntryThatFits)
 {
     const CChannelTable table =
-        MustParse(Channels("{'call': '1001', 'leg': 1, " + RTP +
+        mustParse(channels("{'call': '1001', 'leg': 1, " + RTP +
                            "}, {'call': 'load-*', 'type': 'null'},"
                            "{'call': 'load-1', 'type': 'file'}, {'call': '*', 'type': 'file'}"));
-    EXPECT_EQ(Find(table, "1001", 1), "127.0.0.1:40000 127.0.0.1:50000");
-    EXPECT_EQ(Find(table, "1001", 2), "file");
-    EXPECT_EQ(Find(table, "load-1", 1), "null");
-    EXPECT_EQ(Find(table, "load", 1), "file");
+    EXPECT_EQ(find(table, "1001", 1), "127.0.0.1:40000 127.0.0.1:50000");
+    EXPECT_EQ(find(table, "1001", 2), "file");
+    EXPECT_EQ(find(table, "load-1", 1), "null");
+    EXPECT_EQ(find(table, "load", 1), "file");
 }
 
 TEST(ChannelTable, MatchesCallsLikeFileNames)
 {
-    const CChannelTable table = MustParse(Channels("{'call': 'a?[0-9]*', 'type': 'null'}"));
-    EXPECT_EQ(Find(table, "ax7/y", 1), "null");
-    EXPECT_EQ(Find(table, "ax7", 1), "null");
-    EXPECT_THAT(Find(table, "axx", 1), HasSubstr("not in the channel table"));
+    const CChannelTable table = mustParse(channels("{'call': 'a?[0-9]*', 'type': 'null'}"));
+    EXPECT_EQ(find(table, "ax7/y", 1), "null");
+    EXPECT_EQ(find(table, "ax7", 1), "null");
+    EXPECT_THAT(find(table, "axx", 1), HasSubstr("not in the channel table"));
 }
 
 TEST(ChannelTable, SaysWhichCallIsNotInIt)
 {
-    const CChannelTable table = MustParse(Channels("{'call': 'x', 'leg': 4294967295, 'type': 'null'}"));
-    EXPECT_EQ(Find(table, "x", 4294967295), "null");
-    EXPECT_EQ(Find(table, "x", 3), "call \"x\", leg 3, is not in the channel table");
-    EXPECT_EQ(Find(table, "a\n", 3), "call \"a\\x0a\", leg 3, is not in the channel table");
+    const CChannelTable table = mustParse(channels("{'call': 'x', 'leg': 4294967295, 'type': 'null'}"));
+    EXPECT_EQ(find(table, "x", 4294967295), "null");
+    EXPECT_EQ(find(table, "x", 3), "call \"x\", leg 3, is not in the channel table");
+    EXPECT_EQ(find(table, "a\n", 3), "call \"a\\x0a\", leg 3, is not in the channel table");
 }
 
 TEST(ChannelTable, LetsPortsFollowTheLeg)
 {
     const CChannelTable table =
-        MustParse(Channels("{'call': '*', " + RTP + ", 'localPortStep': 2, 'remotePortStep': 10}"));
-    EXPECT_EQ(Find(table, "x", 0), "127.0.0.1:40000 127.0.0.1:50000");
-    EXPECT_EQ(Find(table, "x", 3), "127.0.0.1:40006 127.0.0.1:50030");
-    EXPECT_EQ(Find(table, "x", 1553), "127.0.0.1:43106 127.0.0.1:65530");
+        mustParse(channels("{'call': '*', " + RTP + ", 'localPortStep': 2, 'remotePortStep': 10}"));
+    EXPECT_EQ(find(table, "x", 0), "127.0.0.1:40000 127.0.0.1:50000");
+    EXPECT_EQ(find(table, "x", 3), "127.0.0.1:40006 127.0.0.1:50030");
+    EXPECT_EQ(find(table, "x", 1553), "127.0.0.1:43106 127.0.0.1:65530");
 }
 
 TEST(ChannelTable, HasNoPortsPastTheLast)
 {
-    const CChannelTable table = MustParse(Channels("{'call': '*', " + RTP + ", 'localPortStep': 2}"));
-    EXPECT_EQ(Find(table, "x", 12767), "127.0.0.1:65534 127.0.0.1:50000");
-    EXPECT_EQ(Find(table, "x", 12768), "leg 12768 has no port: 40000 + 2 * 12768 is more than 65535");
-    EXPECT_THAT(Find(table, "x", 4294967295), HasSubstr("is more than 65535"));
+    const CChannelTable table = mustParse(channels("{'call': '*', " + RTP + ", 'localPortStep': 2}"));
+    EXPECT_EQ(find(table, "x", 12767), "127.0.0.1:65534 127.0.0.1:50000");
+    EXPECT_EQ(find(table, "x", 12768), "leg 12768 has no port: 40000 + 2 * 12768 is more than 65535");
+    EXPECT_THAT(find(table, "x", 4294967295), HasSubstr("is more than 65535"));
 }
 
 TEST(ChannelTable, ReadsAllOfAnRtpEntry)
 {
     const CChannelTable table =
-        MustParse(Channels("{'call': 'a', 'type': 'rtp', 'local': '[::1]:1', 'remote': '[::2]:2', 'codec': 'pcma',"
+        mustParse(channels("{'call': 'a', 'type': 'rtp', 'local': '[::1]:1', 'remote': '[::2]:2', 'codec': 'pcma',"
                            "'jitterMs': 100}, {'call': 'u', " +
                            RTP + ", 'codec': 'pcmu'}, {'call': 'd', " + RTP + "}"));
-    EXPECT_EQ(Find(table, "a", 1), "[::1]:1 [::2]:2");
-    EXPECT_EQ(FindRtp(table, "a").m_eCodec, ERtpCodec::Pcma);
-    EXPECT_EQ(FindRtp(table, "a").m_nJitterMs, 100);
-    EXPECT_EQ(FindRtp(table, "u").m_eCodec, ERtpCodec::Pcmu);
-    EXPECT_EQ(FindRtp(table, "d").m_eCodec, ERtpCodec::Pcmu);
-    EXPECT_EQ(FindRtp(table, "d").m_nJitterMs, 60);
+    EXPECT_EQ(find(table, "a", 1), "[::1]:1 [::2]:2");
+    EXPECT_EQ(findRtp(table, "a").m_eCodec, ERtpCodec::Pcma);
+    EXPECT_EQ(findRtp(table, "a").m_nJitterMs, 100);
+    EXPECT_EQ(findRtp(table, "u").m_eCodec, ERtpCodec::Pcmu);
+    EXPECT_EQ(findRtp(table, "d").m_eCodec, ERtpCodec::Pcmu);
+    EXPECT_EQ(findRtp(table, "d").m_nJitterMs, 60);
 }
 
 TEST(ChannelTable, SaysWhereItIsNoJson)
 {
-    EXPECT_THAT(ParseError("{\"channels\": [\n{\"call\" 1}]}"), HasSubstr("\"table\": "));
-    EXPECT_THAT(ParseError("{\"channels\": [\n{\"call\" 1}]}"), HasSubstr("line 2, column 9"));
-    EXPECT_THAT(ParseError(""), HasSubstr("line 1, column 1"));
-    EXPECT_THAT(ParseError("{\"channels\": [{\"call\": \"\xff\"}]}"), HasSubstr("line 1"));
-    EXPECT_FALSE(ParseError(std::string(1000000, '[')).empty());
+    EXPECT_THAT(parseError("{\"channels\": [\n{\"call\" 1}]}"), HasSubstr("\"table\": "));
+    EXPECT_THAT(parseError("{\"channels\": [\n{\"call\" 1}]}"), HasSubstr("line 2, column 9"));
+    EXPECT_THAT(parseError(""), HasSubstr("line 1, column 1"));
+    EXPECT_THAT(parseError("{\"channels\": [{\"call\": \"\xff\"}]}"), HasSubstr("line 1"));
+    EXPECT_FALSE(parseError(std::string(1000000, '[')).empty());
 }
 
 TEST(ChannelTable, RefusesOtherShapes)
 {
-    EXPECT_EQ(ParseError("[]"), "\"table\": must hold an object with \"channels\"");
-    EXPECT_EQ(ParseError("{}"), "\"table\": \"channels\" must be a list with an entry at least");
-    EXPECT_EQ(ParseError("{\"channels\": []}"), "\"table\": \"channels\" must be a list with an entry at least");
-    EXPECT_EQ(ParseError("{\"channels\": {}}"), "\"table\": \"channels\" must be a list with an entry at least");
-    EXPECT_EQ(ParseError("{\"channels\": [], \"x\": 1}"), "\"table\": unknown key \"x\"");
-    EXPECT_EQ(ParseError(Channels("1")), "\"table\": entry 1: must be an object");
+    EXPECT_EQ(parseError("[]"), "\"table\": must hold an object with \"channels\"");
+    EXPECT_EQ(parseError("{}"), "\"table\": \"channels\" must be a list with an entry at least");
+    EXPECT_EQ(parseError("{\"channels\": []}"), "\"table\": \"channels\" must be a list with an entry at least");
+    EXPECT_EQ(parseError("{\"channels\": {}}"), "\"table\": \"channels\" must be a list with an entry at least");
+    EXPECT_EQ(parseError("{\"channels\": [], \"x\": 1}"), "\"table\": unknown key \"x\"");
+    EXPECT_EQ(parseError(channels("1")), "\"table\": entry 1: must be an object");
 }
 
 TEST(ChannelTable, RefusesKeysThatAreGivenTwice)
 {
-    EXPECT_EQ(ParseError("{\"channels\": [], \"channels\": []}"), "\"table\": key \"channels\" is given twice");
-    EXPECT_EQ(ParseError(Channels("{'call': 'x', 'type': 'null'}, {'call': 'x', 'type': 'null', 'call': 'y'}")),
+    EXPECT_EQ(parseError("{\"channels\": [], \"channels\": []}"), "\"table\": key \"channels\" is given twice");
+    EXPECT_EQ(parseError(channels("{'call': 'x', 'type': 'null'}, {'call': 'x', 'type': 'null', 'call': 'y'}")),
               "\"table\": entry 2: key \"call\" is given twice");
 }
 
@@ -193,32 +189,32 @@ TEST(ChannelTable, SaysWhichEntryIsWrongAndWhy)
         {"'call': 'x', 'remotePortStep': -2, " + RTP, "\"remotePortStep\" must be a number from 0 to 65535"}};
     for (const auto& [strEntry, strReason] : vCases)
     {
-        EXPECT_EQ(ParseError(Channels("{'call': '*', 'type': 'file'}, {" + strEntry + "}")),
+        EXPECT_EQ(parseError(channels("{'call': '*', 'type': 'file'}, {" + strEntry + "}")),
                   "\"table\": entry 2: " + strReason);
     }
 }
 
 TEST(ChannelTable, IsLoadedFromAFile)
 {
-    std::ofstream("/tmp/channels.json") << Channels("{'call': 'x', 'type': 'null'}");
+    std::ofstream("/tmp/channels.json") << channels("{'call': 'x', 'type': 'null'}");
     std::string strError;
-    const std::optional<CChannelTable> table = CChannelTable::Load("/tmp/channels.json", strError);
+    const std::optional<CChannelTable> table = CChannelTable::load("/tmp/channels.json", strError);
     ASSERT_TRUE(table) << strError;
-    EXPECT_EQ(Find(*table, "x", 1), "null");
+    EXPECT_EQ(find(*table, "x", 1), "null");
     ::unlink("/tmp/channels.json");
 }
 
 TEST(ChannelTable, SaysWhyAFileCannotBeLoaded)
 {
     std::string strError;
-    EXPECT_FALSE(CChannelTable::Load("/tmp/none.json", strError));
+    EXPECT_FALSE(CChannelTable::load("/tmp/none.json", strError));
     EXPECT_EQ(strError, "\"/tmp/none.json\" cannot be opened: No such file or directory");
-    EXPECT_FALSE(CChannelTable::Load("/tmp", strError));
+    EXPECT_FALSE(CChannelTable::load("/tmp", strError));
     EXPECT_EQ(strError, "\"/tmp\" is no regular file of up to 16 MiB");
-    EXPECT_FALSE(CChannelTable::Load("/dev/zero", strError));
+    EXPECT_FALSE(CChannelTable::load("/dev/zero", strError));
     EXPECT_EQ(strError, "\"/dev/zero\" is no regular file of up to 16 MiB");
     ASSERT_EQ(::mkfifo("/tmp/channels.fifo", 0600), 0);
-    EXPECT_FALSE(CChannelTable::Load("/tmp/channels.fifo", strError));
+    EXPECT_FALSE(CChannelTable::load("/tmp/channels.fifo", strError));
     EXPECT_EQ(strError, "\"/tmp/channels.fifo\" is no regular file of up to 16 MiB");
     ::unlink("/tmp/channels.fifo");
 }
@@ -226,9 +222,9 @@ TEST(ChannelTable, SaysWhyAFileCannotBeLoaded)
 TEST(ChannelTable, IsNoHugeFile)
 {
     const CFd fdFile(::open("/tmp/huge.json", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    ASSERT_EQ(::ftruncate(fdFile.Get(), (16 << 20) + 1), 0);
+    ASSERT_EQ(::ftruncate(fdFile.get(), (16 << 20) + 1), 0);
     std::string strError;
-    EXPECT_FALSE(CChannelTable::Load("/tmp/huge.json", strError));
+    EXPECT_FALSE(CChannelTable::load("/tmp/huge.json", strError));
     EXPECT_EQ(strError, "\"/tmp/huge.json\" is no regular file of up to 16 MiB");
     ::unlink("/tmp/huge.json");
 }
@@ -237,13 +233,13 @@ TEST(TableChannelFactory, OpensTheKindOfChannelThatTheTableSays)
 {
     CRtpPorts ports;
     std::string strError;
-    std::shared_ptr<CRtpPort> pFree = ports.Open(CNetAddress::Parse("127.0.0.1:0").value(), strError);
+    std::shared_ptr<CRtpPort> pFree = ports.open(CNetAddress::parse("127.0.0.1:0").value(), strError);
     ASSERT_TRUE(pFree) << strError;
-    const std::string strLocal = pFree->Local().Text();
+    const std::string strLocal = pFree->local().text();
     pFree.reset();
     CNotingFactory files;
     CTableChannelFactory factory(
-        MustParse(Channels("{'call': 'r', 'type': 'rtp', 'remote': '127.0.0.1:9', 'local': '" + strLocal +
+        mustParse(channels("{'call': 'r', 'type': 'rtp', 'remote': '127.0.0.1:9', 'local': '" + strLocal +
                            "'}, {'call': 'n', 'type': 'null'}, {'call': 'f', 'type': 'file'}")),
         ports, files);
 
@@ -252,24 +248,24 @@ TEST(TableChannelFactory, OpensTheKindOfChannelThatTheTableSays)
         pChannel = std::move(pOpened);
         strError = strReason;
     };
-    factory.Open("n", 1, Take);
+    factory.open("n", 1, Take);
     ASSERT_TRUE(pChannel);
-    EXPECT_STREQ(pChannel->Kind(), "null");
+    EXPECT_STREQ(pChannel->kind(), "null");
 
-    factory.Open("r", 1, Take);
+    factory.open("r", 1, Take);
     ASSERT_TRUE(pChannel) << strError;
-    EXPECT_STREQ(pChannel->Kind(), "rtp");
+    EXPECT_STREQ(pChannel->kind(), "rtp");
     const std::unique_ptr<CChannel> pRtp = std::move(pChannel);
-    factory.Open("r", 2, Take);
+    factory.open("r", 2, Take);
     EXPECT_FALSE(pChannel);
     EXPECT_THAT(strError, HasSubstr("another channel is open between " + strLocal));
 
-    factory.Open("f", 7, Take);
+    factory.open("f", 7, Take);
     EXPECT_FALSE(pChannel);
     EXPECT_EQ(strError, "noted");
     EXPECT_EQ(files.m_strOpened, "f-7");
 
-    factory.Open("other", 1, Take);
+    factory.open("other", 1, Take);
     EXPECT_FALSE(pChannel);
     EXPECT_EQ(strError, "call \"other\", leg 1, is not in the channel table");
 }

@@ -19,11 +19,11 @@ namespace
 const std::string RSP = MI_RESPONSE_PIPE_PREFIX;
 const std::string EVT = MI_EVENT_PIPE_PREFIX;
 
-structMICMD::ConnectBody Body(const std::string& strRspPipe, const std::string& strEvtPipe)
+structMICMD::ConnectBody body(const std::string& strRspPipe, const std::string& strEvtPipe)
 {
     structMICMD::ConnectBody body;
-    SetText(body.szRspPipe, strRspPipe);
-    SetText(body.szEvtPipe, strEvtPipe);
+    setText(body.szRspPipe, strRspPipe);
+    setText(body.szEvtPipe, strEvtPipe);
     return body;
 }
 
@@ -35,7 +35,7 @@ protected:
     {
         ::unlink(m_strRsp.c_str());
         ::unlink(m_strEvt.c_str());
-        EXPECT_TRUE(m_poller.Create(m_strError)) << m_strError;
+        EXPECT_TRUE(m_poller.create(m_strError)) << m_strError;
         ::signal(SIGPIPE, SIG_IGN);
     }
     ~ClientPipes() override
@@ -44,29 +44,29 @@ protected:
         ::unlink(m_strEvt.c_str());
     }
 
-    void MakeFifos()
+    void makeFifos()
     {
         ASSERT_EQ(::mkfifo(m_strRsp.c_str(), 0600), 0);
         ASSERT_EQ(::mkfifo(m_strEvt.c_str(), 0600), 0);
     }
-    void OpenReaders()
+    void openReaders()
     {
         m_fdRsp = CFd(::open(m_strRsp.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
         m_fdEvt = CFd(::open(m_strEvt.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-        ASSERT_TRUE(m_fdRsp.IsOpen() && m_fdEvt.IsOpen());
+        ASSERT_TRUE(m_fdRsp.isOpen() && m_fdEvt.isOpen());
     }
-    std::unique_ptr<CClientPort> Open() { return m_opener.Open(Body(m_strRsp, m_strEvt), m_strError); }
+    std::unique_ptr<CClientPort> open() { return m_opener.open(body(m_strRsp, m_strEvt), m_strError); }
     // A watched port of pipes that are there and read.
-    std::unique_ptr<CClientPort> MustOpen()
+    std::unique_ptr<CClientPort> mustOpen()
     {
-        MakeFifos();
-        OpenReaders();
-        auto pPort = Open();
+        makeFifos();
+        openReaders();
+        auto pPort = open();
         EXPECT_TRUE(pPort) << m_strError;
-        EXPECT_TRUE(pPort && pPort->Watch([this] { ++m_nBroken; }, [this] { ++m_nWritable; }));
+        EXPECT_TRUE(pPort && pPort->watch([this] { ++m_nBroken; }, [this] { ++m_nWritable; }));
         return pPort;
     }
-    void Wait(int nTimeoutMs) { ASSERT_TRUE(m_poller.Wait(nTimeoutMs, m_strError)) << m_strError; }
+    void wait(int nTimeoutMs) { ASSERT_TRUE(m_poller.wait(nTimeoutMs, m_strError)) << m_strError; }
 
     const std::string m_strRsp = RSP + std::to_string(::getpid());
     const std::string m_strEvt = EVT + std::to_string(::getpid());
@@ -84,7 +84,7 @@ TEST(ClientPipeNames, AreThePrefixesWithOneProcessID)
 {
     CClientPipeNames names;
     std::string strError;
-    EXPECT_TRUE(ParseClientPipeNames(Body(RSP + "1234567", EVT + "1234567"), names, strError)) << strError;
+    EXPECT_TRUE(parseClientPipeNames(body(RSP + "1234567", EVT + "1234567"), names, strError)) << strError;
     EXPECT_EQ(names.m_nProcessID, 1234567);
     EXPECT_EQ(names.m_strRspPipe, RSP + "1234567");
     EXPECT_EQ(names.m_strEvtPipe, EVT + "1234567");
@@ -98,13 +98,13 @@ TEST(ClientPipeNames, OfAnyOtherFormAreRefused)
     std::string strError;
     for (const std::string& strSuffix : vSuffixes)
     {
-        EXPECT_FALSE(ParseClientPipeNames(Body(RSP + strSuffix, EVT + strSuffix), names, strError)) << strSuffix;
-        EXPECT_FALSE(ParseClientPipeNames(Body(RSP + "5", EVT + strSuffix), names, strError)) << strSuffix;
+        EXPECT_FALSE(parseClientPipeNames(body(RSP + strSuffix, EVT + strSuffix), names, strError)) << strSuffix;
+        EXPECT_FALSE(parseClientPipeNames(body(RSP + "5", EVT + strSuffix), names, strError)) << strSuffix;
     }
-    EXPECT_FALSE(ParseClientPipeNames(Body("/tmp/other-5", EVT + "5"), names, strError));
-    EXPECT_FALSE(ParseClientPipeNames(Body("", ""), names, strError));
-    EXPECT_FALSE(ParseClientPipeNames(Body(EVT + "5", RSP + "5"), names, strError));
-    EXPECT_FALSE(ParseClientPipeNames(Body(RSP + "5", EVT + "6"), names, strError));
+    EXPECT_FALSE(parseClientPipeNames(body("/tmp/other-5", EVT + "5"), names, strError));
+    EXPECT_FALSE(parseClientPipeNames(body("", ""), names, strError));
+    EXPECT_FALSE(parseClientPipeNames(body(EVT + "5", RSP + "5"), names, strError));
+    EXPECT_FALSE(parseClientPipeNames(body(RSP + "5", EVT + "6"), names, strError));
     EXPECT_THAT(strError, HasSubstr("two processes"));
 }
 
@@ -112,63 +112,63 @@ TEST(ClientPipeNames, WithoutAnEndAreRefused)
 {
     CClientPipeNames names;
     std::string strError;
-    structMICMD::ConnectBody body = Body(RSP + "5", EVT + "5");
+    structMICMD::ConnectBody body = ::body(RSP + "5", EVT + "5");
     std::fill(std::begin(body.szEvtPipe) + EVT.size(), std::end(body.szEvtPipe), '5');
-    EXPECT_FALSE(ParseClientPipeNames(body, names, strError));
+    EXPECT_FALSE(parseClientPipeNames(body, names, strError));
     EXPECT_THAT(strError, HasSubstr("no end"));
 }
 
 TEST_F(ClientPipes, CarryResponsesAndEvents)
 {
-    MakeFifos();
-    OpenReaders();
-    const auto pPort = Open();
+    makeFifos();
+    openReaders();
+    const auto pPort = open();
     ASSERT_TRUE(pPort) << m_strError;
     structMIRSP rsp = {};
     rsp.nRespSequenceNo = 42;
-    EXPECT_EQ(pPort->SendResponse(rsp), ESend::Sent);
-    EXPECT_EQ(pPort->SendEvent({MIEVT_DONE, 1, 2, 3}), ESend::Sent);
+    EXPECT_EQ(pPort->sendResponse(rsp), ESend::Sent);
+    EXPECT_EQ(pPort->sendEvent({MIEVT_DONE, 1, 2, 3}), ESend::Sent);
     structMIRSP rspRead = {};
-    EXPECT_EQ(::read(m_fdRsp.Get(), &rspRead, sizeof(rspRead)), 48);
+    EXPECT_EQ(::read(m_fdRsp.get(), &rspRead, sizeof(rspRead)), 48);
     EXPECT_EQ(rspRead.nRespSequenceNo, 42U);
     structMIEVT evtRead = {};
-    EXPECT_EQ(::read(m_fdEvt.Get(), &evtRead, sizeof(evtRead)), 16);
+    EXPECT_EQ(::read(m_fdEvt.get(), &evtRead, sizeof(evtRead)), 16);
     EXPECT_EQ(evtRead, (structMIEVT{MIEVT_DONE, 1, 2, 3}));
 }
 
 TEST_F(ClientPipes, MustExist)
 {
-    EXPECT_FALSE(Open());
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr("No such file"));
     EXPECT_NE(::access(m_strRsp.c_str(), F_OK), 0);
 }
 
 TEST_F(ClientPipes, MustHaveAReader)
 {
-    MakeFifos();
-    EXPECT_FALSE(Open());
+    makeFifos();
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr("is read by nobody"));
 }
 
 TEST_F(ClientPipes, MustNotBeLinks)
 {
     const CTempFolder folder;
-    ASSERT_EQ(::mkfifo(folder.Path("fifo").c_str(), 0600), 0);
-    ASSERT_EQ(::symlink(folder.Path("fifo").c_str(), m_strRsp.c_str()), 0);
+    ASSERT_EQ(::mkfifo(folder.path("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::symlink(folder.path("fifo").c_str(), m_strRsp.c_str()), 0);
     ASSERT_EQ(::mkfifo(m_strEvt.c_str(), 0600), 0);
-    OpenReaders();
-    EXPECT_FALSE(Open());
+    openReaders();
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr(m_strRsp + " is not a FIFO"));
 }
 
 TEST_F(ClientPipes, MustNotBeRegularFilesAndThoseStayAsTheyAre)
 {
-    WriteBytes(m_strRsp, {1, 2, 3});
+    writeBytes(m_strRsp, {1, 2, 3});
     ASSERT_EQ(::mkfifo(m_strEvt.c_str(), 0600), 0);
-    OpenReaders();
-    EXPECT_FALSE(Open());
+    openReaders();
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr("is not a FIFO"));
-    EXPECT_EQ(ReadBytes(m_strRsp), (CSamples{1, 2, 3}));
+    EXPECT_EQ(readBytes(m_strRsp), (CSamples{1, 2, 3}));
 }
 
 TEST_F(ClientPipes, MustNotBeFoldersSocketsOrDevices)
@@ -176,96 +176,90 @@ TEST_F(ClientPipes, MustNotBeFoldersSocketsOrDevices)
     ASSERT_EQ(::mkfifo(m_strEvt.c_str(), 0600), 0);
     m_fdEvt = CFd(::open(m_strEvt.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     ASSERT_EQ(::mkdir(m_strRsp.c_str(), 0700), 0);
-    EXPECT_FALSE(Open());
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr("is not a FIFO"));
     ASSERT_EQ(::rmdir(m_strRsp.c_str()), 0);
 
     const CFd fdSocket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    SetText(address.sun_path, m_strRsp);
-    ASSERT_EQ(::bind(fdSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_FALSE(Open());
+    setText(address.sun_path, m_strRsp);
+    ASSERT_EQ(::bind(fdSocket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr("is not a FIFO"));
     ::unlink(m_strRsp.c_str());
 
     if (::mknod(m_strRsp.c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0)
     {
-        EXPECT_FALSE(Open());
+        EXPECT_FALSE(open());
         EXPECT_THAT(m_strError, HasSubstr("is not a FIFO"));
     }
 }
 
 TEST_F(ClientPipes, MustHaveNoOtherNames)
 {
-    MakeFifos();
-    OpenReaders();
+    makeFifos();
+    openReaders();
     const std::string strOther = m_strRsp + "-other";
     ASSERT_EQ(::link(m_strEvt.c_str(), strOther.c_str()), 0);
-    EXPECT_FALSE(Open());
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr(m_strEvt + " has other names"));
     ::unlink(strOther.c_str());
-    EXPECT_TRUE(Open()) << m_strError;
+    EXPECT_TRUE(open()) << m_strError;
     ::unlink(m_strRsp.c_str());
     ASSERT_EQ(::link(m_strEvt.c_str(), m_strRsp.c_str()), 0);
-    EXPECT_FALSE(Open());
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr("has other names"));
 }
 
 TEST_F(ClientPipes, MustBelongToOneUser)
 {
-    MakeFifos();
-    OpenReaders();
+    makeFifos();
+    openReaders();
     if (::chown(m_strEvt.c_str(), 12345, 12345) != 0)
-    {
         GTEST_SKIP() << "only root can give a file away";
-    }
-    EXPECT_FALSE(Open());
+    EXPECT_FALSE(open());
     EXPECT_THAT(m_strError, HasSubstr("are not two pipes of one user"));
     ASSERT_EQ(::chown(m_strRsp.c_str(), 12345, 12345), 0);
-    EXPECT_TRUE(Open()) << m_strError;
+    EXPECT_TRUE(open()) << m_strError;
 }
 
 TEST_F(ClientPipes, ThatAreFullTakeNoHalfEventAndTellWhenThereIsRoom)
 {
-    const auto pPort = MustOpen();
-    std::uint32_t nSent = 0;
-    while (nSent < 100000 && pPort->SendEvent({MIEVT_DONE, 1, nSent, 0}) == ESend::Sent)
-    {
+    const auto pPort = mustOpen();
+    uint32_t nSent = 0;
+    while (nSent < 100000 && pPort->sendEvent({MIEVT_DONE, 1, nSent, 0}) == ESend::Sent)
         ++nSent;
-    }
     ASSERT_LT(nSent, 100000U);
-    EXPECT_EQ(pPort->SendEvent({}), ESend::Full);
-    pPort->WatchForRoom(true);
-    Wait(0);
+    EXPECT_EQ(pPort->sendEvent({}), ESend::Full);
+    pPort->watchForRoom(true);
+    wait(0);
     EXPECT_EQ(m_nWritable, 0);
 
     structMIEVT evt = {};
-    for (std::uint32_t n = 0; n < nSent; ++n)
+    for (uint32_t n = 0; n < nSent; ++n)
     {
-        ASSERT_EQ(::read(m_fdEvt.Get(), &evt, sizeof(evt)), static_cast<ssize_t>(sizeof(evt)));
+        ASSERT_EQ(::read(m_fdEvt.get(), &evt, sizeof(evt)), static_cast<ssize_t>(sizeof(evt)));
         ASSERT_EQ(evt.nSequenceID, n);
     }
-    Wait(5000);
+    wait(5000);
     EXPECT_EQ(m_nWritable, 1);
-    EXPECT_EQ(pPort->SendEvent({}), ESend::Sent);
-    pPort->WatchForRoom(false);
-    Wait(0);
+    EXPECT_EQ(pPort->sendEvent({}), ESend::Sent);
+    pPort->watchForRoom(false);
+    wait(0);
     EXPECT_EQ(m_nWritable, 1);
     EXPECT_EQ(m_nBroken, 0);
 }
 
 TEST_F(ClientPipes, FullOfResponsesSayFull)
 {
-    MakeFifos();
-    OpenReaders();
-    const auto pPort = Open();
+    makeFifos();
+    openReaders();
+    const auto pPort = open();
     ASSERT_TRUE(pPort) << m_strError;
     ESend eSend = ESend::Sent;
     for (int n = 0; n < 100000 && eSend == ESend::Sent; ++n)
-    {
-        eSend = pPort->SendResponse({});
-    }
+        eSend = pPort->sendResponse({});
     EXPECT_EQ(eSend, ESend::Full);
 }
 
@@ -274,13 +268,13 @@ TEST_F(ClientPipes, ReportThatTheirReaderHasVanished)
     for (CFd* pReader : {&m_fdEvt, &m_fdRsp})
     {
         m_nBroken = 0;
-        const auto pPort = MustOpen();
-        Wait(0);
+        const auto pPort = mustOpen();
+        wait(0);
         EXPECT_EQ(m_nBroken, 0);
-        pReader->Close();
-        Wait(5000);
+        pReader->close();
+        wait(5000);
         EXPECT_EQ(m_nBroken, 1);
-        EXPECT_EQ(pReader == &m_fdEvt ? pPort->SendEvent({}) : pPort->SendResponse({}), ESend::Gone);
+        EXPECT_EQ(pReader == &m_fdEvt ? pPort->sendEvent({}) : pPort->sendResponse({}), ESend::Gone);
         ::unlink(m_strRsp.c_str());
         ::unlink(m_strEvt.c_str());
     }
@@ -289,20 +283,20 @@ TEST_F(ClientPipes, ReportThatTheirReaderHasVanished)
 
 TEST_F(ClientPipes, MayBeEndedByWhoIsToldThatTheyAreBroken)
 {
-    MakeFifos();
-    OpenReaders();
-    auto pPort = Open();
+    makeFifos();
+    openReaders();
+    auto pPort = open();
     ASSERT_TRUE(pPort) << m_strError;
-    ASSERT_TRUE(pPort->Watch(
+    ASSERT_TRUE(pPort->watch(
         [this, &pPort] {
             pPort.reset();
             ++m_nBroken;
         },
         [] {}));
-    m_fdRsp.Close();
-    m_fdEvt.Close();
-    Wait(5000);
-    Wait(0);
+    m_fdRsp.close();
+    m_fdEvt.close();
+    wait(5000);
+    wait(0);
     EXPECT_EQ(m_nBroken, 1);
     EXPECT_FALSE(pPort);
 }
@@ -311,17 +305,17 @@ TEST_F(ClientPipes, AreGoneWithEitherOfTheirNames)
 {
     for (const std::string& strPath : {m_strRsp, m_strEvt})
     {
-        const auto pPort = MustOpen();
-        EXPECT_FALSE(pPort->IsGone());
+        const auto pPort = mustOpen();
+        EXPECT_FALSE(pPort->isGone());
         ASSERT_EQ(::rename(strPath.c_str(), (strPath + "-old").c_str()), 0);
-        EXPECT_TRUE(pPort->IsGone());
+        EXPECT_TRUE(pPort->isGone());
         ASSERT_EQ(::mkfifo(strPath.c_str(), 0600), 0);
-        EXPECT_TRUE(pPort->IsGone());
+        EXPECT_TRUE(pPort->isGone());
         ASSERT_EQ(::rename((strPath + "-old").c_str(), strPath.c_str()), 0);
-        EXPECT_FALSE(pPort->IsGone());
+        EXPECT_FALSE(pPort->isGone());
         ::unlink(m_strRsp.c_str());
         ::unlink(m_strEvt.c_str());
-        EXPECT_TRUE(pPort->IsGone());
+        EXPECT_TRUE(pPort->isGone());
     }
 }
 
@@ -337,17 +331,17 @@ TEST_F(ClientPipes, AreGoneWhenTheirProcessHasEnded)
         ::_exit(::read(anGate[0], &c, 1) == 0 ? 0 : 1);
     }
     ::close(anGate[0]);
-    MakeFifos();
-    OpenReaders();
+    makeFifos();
+    openReaders();
     const auto pipes = [&] {
         return CClientPipes({m_strRsp, m_strEvt, nChild}, CFd(::open(m_strRsp.c_str(), O_WRONLY | O_NONBLOCK)),
                             CFd(::open(m_strEvt.c_str(), O_WRONLY | O_NONBLOCK)), m_poller);
     };
     const CClientPipes client = pipes();
-    EXPECT_FALSE(client.IsGone());
+    EXPECT_FALSE(client.isGone());
     ::close(anGate[1]);
     EXPECT_EQ(::waitpid(nChild, nullptr, 0), nChild);
-    EXPECT_TRUE(client.IsGone());
+    EXPECT_TRUE(client.isGone());
     // A process that was never to be seen lives elsewhere; nothing can be said of it.
-    EXPECT_FALSE(pipes().IsGone());
+    EXPECT_FALSE(pipes().isGone());
 }

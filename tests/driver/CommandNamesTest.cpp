@@ -5,13 +5,11 @@
 
 TEST(CommandNames, AreFoundInBothDirections)
 {
-    EXPECT_EQ(CommandNames().size(), 16U);
-    for (const CCommandName& command : CommandNames())
-    {
-        EXPECT_EQ(FindCommandName(command.m_pName), &command);
-    }
-    ASSERT_NE(FindCommandName("playfile"), nullptr);
-    EXPECT_EQ(FindCommandName("playfile")->m_micmd, MICMD_PLAYFILE);
-    EXPECT_EQ(FindCommandName("PLAYFILE"), nullptr);
-    EXPECT_EQ(FindCommandName(""), nullptr);
+    EXPECT_EQ(commandNames().size(), 16U);
+    for (const CCommandName& command : commandNames())
+        EXPECT_EQ(findCommandName(command.m_pName), &command);
+    ASSERT_NE(findCommandName("playfile"), nullptr);
+    EXPECT_EQ(findCommandName("playfile")->m_micmd, MICMD_PLAYFILE);
+    EXPECT_EQ(findCommandName("PLAYFILE"), nullptr);
+    EXPECT_EQ(findCommandName(""), nullptr);
 }

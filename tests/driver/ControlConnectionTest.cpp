@@ -24,41 +24,37 @@ protected:
         m_connection = CControlConnection(CFd(fds[1]));
     }
 
-    void Send(const std::string& strText)
+    void send(const std::string& strText)
     {
         const int nBytes = 1 << 18;
-        ::setsockopt(m_fdPeer.Get(), SOL_SOCKET, SO_SNDBUF, &nBytes, sizeof(nBytes));
-        ASSERT_EQ(::send(m_fdPeer.Get(), strText.data(), strText.size(), MSG_NOSIGNAL),
+        ::setsockopt(m_fdPeer.get(), SOL_SOCKET, SO_SNDBUF, &nBytes, sizeof(nBytes));
+        ASSERT_EQ(::send(m_fdPeer.get(), strText.data(), strText.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(strText.size()));
     }
-    std::string Received()
+    std::string received()
     {
         std::string strText(2000000, '\0');
-        const ssize_t nRead = ::recv(m_fdPeer.Get(), strText.data(), strText.size(), 0);
-        strText.resize(nRead < 0 ? 0 : static_cast<std::size_t>(nRead));
+        const ssize_t nRead = ::recv(m_fdPeer.get(), strText.data(), strText.size(), 0);
+        strText.resize(nRead < 0 ? 0 : static_cast<size_t>(nRead));
         return strText;
     }
-    bool Serve()
+    bool serve()
     {
-        return m_connection.Serve([this](const std::string& strLine) {
+        return m_connection.serve([this](const std::string& strLine) {
             m_vLines.push_back(strLine);
             return m_strAnswer.empty() ? "got " + strLine : m_strAnswer;
         });
     }
     // Serves for as long as there is something to do. False when the connection is over.
-    bool ServeAll()
+    bool serveAll()
     {
         for (int nTurn = 0; nTurn < 20; ++nTurn)
-        {
-            if (!Serve())
-            {
+            if (!serve())
                 return false;
-            }
-        }
         return true;
     }
-    bool AwaitsInput() const { return m_connection.AwaitedEvents() == EPOLLIN; }
-    bool AwaitsRoom() const { return m_connection.AwaitedEvents() == EPOLLOUT; }
+    bool awaitsInput() const { return m_connection.awaitedEvents() == EPOLLIN; }
+    bool awaitsRoom() const { return m_connection.awaitedEvents() == EPOLLOUT; }
 
     CFd m_fdPeer;
     CControlConnection m_connection{CFd()};
@@ -69,19 +65,19 @@ protected:
 
 TEST_F(ControlConnection, AnswersOneLineAtATime)
 {
-    Send("one\ntwo\n");
-    EXPECT_TRUE(Serve());
-    EXPECT_EQ(Received(), "got one\n");
-    EXPECT_TRUE(AwaitsRoom());
-    EXPECT_TRUE(Serve());
-    EXPECT_EQ(Received(), "got two\n");
-    EXPECT_TRUE(AwaitsInput());
+    send("one\ntwo\n");
+    EXPECT_TRUE(serve());
+    EXPECT_EQ(received(), "got one\n");
+    EXPECT_TRUE(awaitsRoom());
+    EXPECT_TRUE(serve());
+    EXPECT_EQ(received(), "got two\n");
+    EXPECT_TRUE(awaitsInput());
 }
 
 TEST_F(ControlConnection, DoesNothingWhenThereIsNothing)
 {
-    EXPECT_TRUE(ServeAll());
-    EXPECT_TRUE(AwaitsInput());
+    EXPECT_TRUE(serveAll());
+    EXPECT_TRUE(awaitsInput());
     EXPECT_THAT(m_vLines, IsEmpty());
 }
 
@@ -89,90 +85,88 @@ TEST_F(ControlConnection, PutsALineTogether)
 {
     for (const char* pPart : {"he", "l", "lo"})
     {
-        Send(pPart);
-        EXPECT_TRUE(Serve());
-        EXPECT_TRUE(AwaitsInput());
+        send(pPart);
+        EXPECT_TRUE(serve());
+        EXPECT_TRUE(awaitsInput());
     }
-    Send("\nwor");
-    EXPECT_TRUE(ServeAll());
+    send("\nwor");
+    EXPECT_TRUE(serveAll());
     EXPECT_THAT(m_vLines, ElementsAre("hello"));
-    EXPECT_TRUE(AwaitsInput());
+    EXPECT_TRUE(awaitsInput());
 }
 
 TEST_F(ControlConnection, TakesAnyBytesForALine)
 {
     std::string strAll;
     for (int n = 0; n < 256; ++n)
-    {
         strAll += n == '\n' ? ' ' : static_cast<char>(n);
-    }
-    Send(strAll + "\n\n");
-    EXPECT_TRUE(ServeAll());
+    send(strAll + "\n\n");
+    EXPECT_TRUE(serveAll());
     EXPECT_THAT(m_vLines, ElementsAre(strAll, ""));
 }
 
 TEST_F(ControlConnection, TakesALineOfTheLongestLength)
 {
     const std::string strLine(CControlConnection::MAX_LINE, 'x');
-    Send(strLine + '\n' + strLine + '\n');
-    EXPECT_TRUE(ServeAll());
+    send(strLine + '\n' + strLine + '\n');
+    EXPECT_TRUE(serveAll());
     EXPECT_THAT(m_vLines, ElementsAre(strLine, strLine));
 }
 
 TEST_F(ControlConnection, IsOverAfterALineThatIsTooLong)
 {
-    Send("one\n" + std::string(CControlConnection::MAX_LINE + 1, 'x') + "\nmore\n");
-    EXPECT_FALSE(ServeAll());
+    send("one\n" + std::string(CControlConnection::MAX_LINE + 1, 'x') + "\nmore\n");
+    EXPECT_FALSE(serveAll());
     EXPECT_THAT(m_vLines, ElementsAre("one"));
-    EXPECT_EQ(Received(), "got one\n{\"ok\":false,\"error\":\"the line is too long\"}\n");
+    EXPECT_EQ(received(), "got one\n{\"ok\":false,\"error\":\"the line is too long\"}\n");
 }
 
 TEST_F(ControlConnection, DoesNotWaitForTheEndOfALineThatIsTooLong)
 {
-    Send(std::string(CControlConnection::MAX_LINE + 1, 'x'));
-    EXPECT_FALSE(ServeAll());
-    EXPECT_EQ(Received(), "{\"ok\":false,\"error\":\"the line is too long\"}\n");
+    send(std::string(CControlConnection::MAX_LINE + 1, 'x'));
+    EXPECT_FALSE(serveAll());
+    EXPECT_EQ(received(), "{\"ok\":false,\"error\":\"the line is too long\"}\n");
 }
 
 TEST_F(ControlConnection, AnswersAllLinesOfAPeerThatHasSaidItsLast)
 {
-    Send("one\ntwo\nhal");
-    ::shutdown(m_fdPeer.Get(), SHUT_WR);
-    EXPECT_FALSE(ServeAll());
-    EXPECT_EQ(Received(), "got one\ngot two\n");
+    send("one\ntwo\nhal");
+    ::shutdown(m_fdPeer.get(), SHUT_WR);
+    EXPECT_FALSE(serveAll());
+    EXPECT_EQ(received(), "got one\ngot two\n");
     EXPECT_THAT(m_vLines, ElementsAre("one", "two"));
 }
 
 TEST_F(ControlConnection, CarriesOutTheWholeLineOfAPeerThatHasLeft)
 {
-    Send("thaw\nhal");
-    m_fdPeer.Close();
-    EXPECT_FALSE(ServeAll());
+    send("thaw\nhal");
+    m_fdPeer.close();
+    EXPECT_FALSE(serveAll());
     EXPECT_THAT(m_vLines, ElementsAre("thaw"));
 }
 
 TEST_F(ControlConnection, TakesNoLineBeforeItsLastAnswerIsTaken)
 {
     m_strAnswer = std::string(1000000, 'a');
-    Send("one\ntwo\n");
-    EXPECT_TRUE(ServeAll());
+    send("one\ntwo\n");
+    EXPECT_TRUE(serveAll());
     EXPECT_THAT(m_vLines, ElementsAre("one"));
-    EXPECT_TRUE(AwaitsRoom());
-    std::size_t nReceived = 0;
+    EXPECT_TRUE(awaitsRoom());
+    size_t nReceived = 0;
     while (nReceived < 2000002)
     {
-        ASSERT_TRUE(Serve());
-        nReceived += Received().size();
+        ASSERT_TRUE(serve());
+        nReceived += received().size();
     }
     EXPECT_THAT(m_vLines, ElementsAre("one", "two"));
-    EXPECT_TRUE(AwaitsInput());
+    EXPECT_TRUE(awaitsInput());
 }
 
 TEST_F(ControlConnection, IsOverWhenThePeerLeavesItsAnswer)
 {
     m_strAnswer = std::string(1000000, 'a');
-    Send("one\n");
-    EXPECT_TRUE(ServeAll());
-    m_fdPeer.Close();
-    EXPECT_FALSE(ServeAll());
+    send("one\n");
+    EXPECT_TRUE(serveAll());
+    m_fdPeer.close();
+    EXPECT_FALSE(serveAll());
 }

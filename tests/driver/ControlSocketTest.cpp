@@ -23,7 +23,7 @@ namespace
 {
 const std::string SOCKET_PATH = "/tmp/control-test.sock";
 
-sockaddr_un Address(const std::string& strPath)
+sockaddr_un unixAddress(const std::string& strPath)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -31,22 +31,20 @@ sockaddr_un Address(const std::string& strPath)
     return address;
 }
 
-bool ConnectTo(int nFd, const std::string& strPath)
+bool connectTo(int nFd, const std::string& strPath)
 {
-    const sockaddr_un address = Address(strPath);
+    const sockaddr_un address = unixAddress(strPath);
     return ::connect(nFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
 // A socket file with a listener, or without one when the descriptor is closed.
-CFd BindAt(const std::string& strPath, int nType = SOCK_STREAM)
+CFd bindAt(const std::string& strPath, int nType = SOCK_STREAM)
 {
     CFd fd(::socket(AF_UNIX, nType | SOCK_CLOEXEC, 0));
-    const sockaddr_un address = Address(strPath);
-    EXPECT_EQ(::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    const sockaddr_un address = unixAddress(strPath);
+    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     if (nType == SOCK_STREAM)
-    {
-        EXPECT_EQ(::listen(fd.Get(), 1), 0);
-    }
+        EXPECT_EQ(::listen(fd.get(), 1), 0);
     return fd;
 }
 
@@ -56,33 +54,31 @@ class CPeer
 public:
     CPeer() : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
     {
-        EXPECT_TRUE(ConnectTo(m_fd.Get(), SOCKET_PATH));
+        EXPECT_TRUE(connectTo(m_fd.get(), SOCKET_PATH));
     }
 
     // Returns how much of it found room.
-    std::size_t Send(const std::string& strText)
+    size_t send(const std::string& strText)
     {
-        const ssize_t nSent = ::send(m_fd.Get(), strText.data(), strText.size(), MSG_NOSIGNAL);
-        return nSent < 0 ? 0 : static_cast<std::size_t>(nSent);
+        const ssize_t nSent = ::send(m_fd.get(), strText.data(), strText.size(), MSG_NOSIGNAL);
+        return nSent < 0 ? 0 : static_cast<size_t>(nSent);
     }
     // All that came so far.
-    const std::string& Text()
+    const std::string& text()
     {
         std::array<char, 65536> bytes;
         ssize_t nRead = 0;
-        while ((nRead = ::recv(m_fd.Get(), bytes.data(), bytes.size(), 0)) > 0)
-        {
-            m_strText.append(bytes.data(), static_cast<std::size_t>(nRead));
-        }
+        while ((nRead = ::recv(m_fd.get(), bytes.data(), bytes.size(), 0)) > 0)
+            m_strText.append(bytes.data(), static_cast<size_t>(nRead));
         m_bEnded = m_bEnded || nRead == 0 || errno == ECONNRESET;
         return m_strText;
     }
-    bool HasEnded()
+    bool hasEnded()
     {
-        Text();
+        text();
         return m_bEnded;
     }
-    void EndSending() { ::shutdown(m_fd.Get(), SHUT_WR); }
+    void endSending() { ::shutdown(m_fd.get(), SHUT_WR); }
 
 private:
     CFd m_fd;
@@ -97,8 +93,8 @@ protected:
     {
         std::filesystem::remove_all(SOCKET_PATH);
         std::string strError;
-        EXPECT_TRUE(m_poller.Create(strError)) << strError;
-        m_pSocket = NewSocket();
+        EXPECT_TRUE(m_poller.create(strError)) << strError;
+        m_pSocket = newSocket();
     }
     ~ControlSocket() override
     {
@@ -106,44 +102,44 @@ protected:
         std::filesystem::remove_all(SOCKET_PATH);
     }
 
-    std::unique_ptr<CControlSocket> NewSocket()
+    std::unique_ptr<CControlSocket> newSocket()
     {
-        return std::make_unique<CControlSocket>(m_poller, [this](const std::string& strLine) {
-            m_vLines.push_back(strLine);
-            return m_strAnswer.empty() ? "got " + strLine : m_strAnswer;
-        });
+        return std::make_unique<CControlSocket>(
+            m_poller,
+            [this](const std::string& strLine) {
+                m_vLines.push_back(strLine);
+                return m_strAnswer.empty() ? "got " + strLine : m_strAnswer;
+            });
     }
-    void MustOpen()
+    void mustOpen()
     {
         std::string strError;
-        ASSERT_TRUE(m_pSocket->Open(SOCKET_PATH, strError)) << strError;
+        ASSERT_TRUE(m_pSocket->open(SOCKET_PATH, strError)) << strError;
     }
-    std::string ErrorOfOpen(const std::string& strPath = SOCKET_PATH)
+    std::string errorOfOpen(const std::string& strPath = SOCKET_PATH)
     {
         std::string strError;
-        EXPECT_FALSE(NewSocket()->Open(strPath, strError));
+        EXPECT_FALSE(newSocket()->open(strPath, strError));
         return strError;
     }
-    void Turns(int nTurns = 10)
+    void turns(int nTurns = 10)
     {
         std::string strError;
         for (int nTurn = 0; nTurn < nTurns; ++nTurn)
-        {
-            ASSERT_TRUE(m_poller.Wait(0, strError)) << strError;
-        }
+            ASSERT_TRUE(m_poller.wait(0, strError)) << strError;
     }
     // Whether the loop has nothing to do.
-    bool IsQuiet()
+    bool isQuiet()
     {
         const auto before = std::chrono::steady_clock::now();
         std::string strError;
-        return m_poller.Wait(50, strError) &&
+        return m_poller.wait(50, strError) &&
                std::chrono::steady_clock::now() - before >= std::chrono::milliseconds(50);
     }
-    static std::size_t OpenFiles()
+    static size_t openFiles()
     {
         const std::filesystem::directory_iterator files("/proc/self/fd");
-        return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+        return static_cast<size_t>(std::distance(begin(files), end(files)));
     }
 
     CPoller m_poller;
@@ -158,26 +154,26 @@ TEST_F(ControlSocket, IsForItsUserAloneWhateverTheUmask)
     for (const mode_t nUmask : {0U, 0077U, 0777U})
     {
         const mode_t nFormer = ::umask(nUmask);
-        MustOpen();
+        mustOpen();
         EXPECT_EQ(::umask(nFormer), nUmask);
         struct stat status = {};
         ASSERT_EQ(::lstat(SOCKET_PATH.c_str(), &status), 0);
         EXPECT_TRUE(S_ISSOCK(status.st_mode));
         EXPECT_EQ(status.st_mode & 07777, 0600U);
-        m_pSocket = NewSocket();
+        m_pSocket = newSocket();
     }
 }
 
 TEST_F(ControlSocket, IsRemovedAtItsEnd)
 {
-    MustOpen();
+    mustOpen();
     m_pSocket.reset();
     EXPECT_FALSE(std::filesystem::exists(SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesAnotherFileInItsPlaceAlone)
 {
-    MustOpen();
+    mustOpen();
     std::filesystem::remove(SOCKET_PATH);
     std::ofstream(SOCKET_PATH) << "mine";
     m_pSocket.reset();
@@ -186,66 +182,66 @@ TEST_F(ControlSocket, LeavesAnotherFileInItsPlaceAlone)
 
 TEST_F(ControlSocket, ReplacesASocketThatNobodyListensTo)
 {
-    BindAt(SOCKET_PATH).Close();
+    bindAt(SOCKET_PATH).close();
     ASSERT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
-    MustOpen();
+    mustOpen();
     CPeer peer;
-    peer.Send("hello\n");
-    Turns();
-    EXPECT_EQ(peer.Text(), "got hello\n");
+    peer.send("hello\n");
+    turns();
+    EXPECT_EQ(peer.text(), "got hello\n");
 }
 
 TEST_F(ControlSocket, LeavesASocketAloneThatSomebodyListensTo)
 {
-    const CFd fdOther = BindAt(SOCKET_PATH);
-    EXPECT_THAT(ErrorOfOpen(), HasSubstr("another program listens at \"/tmp/control-test.sock\""));
+    const CFd fdOther = bindAt(SOCKET_PATH);
+    EXPECT_THAT(errorOfOpen(), HasSubstr("another program listens at \"/tmp/control-test.sock\""));
     const CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    EXPECT_TRUE(ConnectTo(fd.Get(), SOCKET_PATH));
+    EXPECT_TRUE(connectTo(fd.get(), SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesASocketAloneWhoseListenerHasNoRoom)
 {
-    const CFd fdOther = BindAt(SOCKET_PATH);
+    const CFd fdOther = bindAt(SOCKET_PATH);
     std::vector<CFd> vWaiting;
     do
     {
         vWaiting.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    } while (ConnectTo(vWaiting.back().Get(), SOCKET_PATH));
-    EXPECT_THAT(ErrorOfOpen(), HasSubstr("another program listens"));
+    } while (connectTo(vWaiting.back().get(), SOCKET_PATH));
+    EXPECT_THAT(errorOfOpen(), HasSubstr("another program listens"));
     EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesASocketOfAnotherTypeAlone)
 {
-    const CFd fdOther = BindAt(SOCKET_PATH, SOCK_DGRAM);
-    EXPECT_THAT(ErrorOfOpen(), HasSubstr("cannot replace"));
+    const CFd fdOther = bindAt(SOCKET_PATH, SOCK_DGRAM);
+    EXPECT_THAT(errorOfOpen(), HasSubstr("cannot replace"));
     EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
 }
 
 TEST_F(ControlSocket, LeavesFilesFoldersAndLinksAlone)
 {
     std::ofstream(SOCKET_PATH) << "mine";
-    EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
+    EXPECT_THAT(errorOfOpen(), HasSubstr("exists and is not a socket"));
     EXPECT_EQ(std::filesystem::file_size(SOCKET_PATH), 4U);
     std::filesystem::remove(SOCKET_PATH);
 
     std::filesystem::create_directory(SOCKET_PATH);
-    EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
+    EXPECT_THAT(errorOfOpen(), HasSubstr("exists and is not a socket"));
     EXPECT_TRUE(std::filesystem::is_directory(SOCKET_PATH));
     std::filesystem::remove(SOCKET_PATH);
 
     std::filesystem::create_symlink("/tmp/elsewhere", SOCKET_PATH);
-    EXPECT_THAT(ErrorOfOpen(), HasSubstr("exists and is not a socket"));
+    EXPECT_THAT(errorOfOpen(), HasSubstr("exists and is not a socket"));
     EXPECT_TRUE(std::filesystem::is_symlink(SOCKET_PATH));
     EXPECT_FALSE(std::filesystem::exists("/tmp/elsewhere"));
 }
 
 TEST_F(ControlSocket, SaysWhatIsWrongWithItsPath)
 {
-    EXPECT_THAT(ErrorOfOpen(""), HasSubstr("must have 1 to 107 bytes"));
-    EXPECT_THAT(ErrorOfOpen("/tmp/" + std::string(103, 'x')), HasSubstr("must have 1 to 107 bytes"));
-    EXPECT_THAT(ErrorOfOpen("/tmp/no/such/folder"), HasSubstr("No such file or directory"));
-    EXPECT_THAT(ErrorOfOpen("/proc/x"), HasSubstr("cannot create the socket \"/proc/x\""));
+    EXPECT_THAT(errorOfOpen(""), HasSubstr("must have 1 to 107 bytes"));
+    EXPECT_THAT(errorOfOpen("/tmp/" + std::string(103, 'x')), HasSubstr("must have 1 to 107 bytes"));
+    EXPECT_THAT(errorOfOpen("/tmp/no/such/folder"), HasSubstr("No such file or directory"));
+    EXPECT_THAT(errorOfOpen("/proc/x"), HasSubstr("cannot create the socket \"/proc/x\""));
 }
 
 TEST_F(ControlSocket, SaysWhenItCannotListen)
@@ -253,111 +249,105 @@ TEST_F(ControlSocket, SaysWhenItCannotListen)
     CPoller dead;
     CControlSocket socket(dead, nullptr);
     std::string strError;
-    EXPECT_FALSE(socket.Open(SOCKET_PATH, strError));
+    EXPECT_FALSE(socket.open(SOCKET_PATH, strError));
     EXPECT_THAT(strError, HasSubstr("cannot listen at"));
 }
 
 TEST_F(ControlSocket, TurnsOtherUsersAway)
 {
     if (::geteuid() != 0)
-    {
         GTEST_SKIP() << "only root can be somebody else";
-    }
-    MustOpen();
+    mustOpen();
     ASSERT_EQ(::chmod(SOCKET_PATH.c_str(), 0666), 0);
     const pid_t nChild = ::fork();
     if (nChild == 0)
     {
         const CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         char c = 0;
-        if (::setuid(65534) != 0 || !ConnectTo(fd.Get(), SOCKET_PATH))
-        {
+        if (::setuid(65534) != 0 || !connectTo(fd.get(), SOCKET_PATH))
             ::_exit(2);
-        }
-        ::send(fd.Get(), "hello\n", 6, MSG_NOSIGNAL);
-        ::_exit(::recv(fd.Get(), &c, 1, 0) > 0 ? 1 : 0);
+        ::send(fd.get(), "hello\n", 6, MSG_NOSIGNAL);
+        ::_exit(::recv(fd.get(), &c, 1, 0) > 0 ? 1 : 0);
     }
     int nStatus = 0;
     std::string strError;
     while (::waitpid(nChild, &nStatus, WNOHANG) == 0)
-    {
-        ASSERT_TRUE(m_poller.Wait(10, strError));
-    }
+        ASSERT_TRUE(m_poller.wait(10, strError));
     EXPECT_EQ(nStatus, 0);
     EXPECT_THAT(m_vLines, IsEmpty());
 }
 
 TEST_F(ControlSocket, AnswersEachLineInOrder)
 {
-    MustOpen();
+    mustOpen();
     CPeer peer;
-    peer.Send("one\ntwo\n\nfour\n");
-    Turns();
-    EXPECT_EQ(peer.Text(), "got one\ngot two\ngot \ngot four\n");
-    peer.Send("five\n");
-    Turns();
-    EXPECT_THAT(peer.Text(), HasSubstr("got five\n"));
-    EXPECT_FALSE(peer.HasEnded());
-    EXPECT_TRUE(IsQuiet());
+    peer.send("one\ntwo\n\nfour\n");
+    turns();
+    EXPECT_EQ(peer.text(), "got one\ngot two\ngot \ngot four\n");
+    peer.send("five\n");
+    turns();
+    EXPECT_THAT(peer.text(), HasSubstr("got five\n"));
+    EXPECT_FALSE(peer.hasEnded());
+    EXPECT_TRUE(isQuiet());
 }
 
 TEST_F(ControlSocket, TakesOneLineAtEachTurn)
 {
-    MustOpen();
+    mustOpen();
     CPeer peer;
-    Turns(1);
-    peer.Send("one\ntwo\nthree\n");
-    for (std::size_t nLines = 1; nLines <= 3; ++nLines)
+    turns(1);
+    peer.send("one\ntwo\nthree\n");
+    for (size_t nLines = 1; nLines <= 3; ++nLines)
     {
-        Turns(1);
+        turns(1);
         EXPECT_EQ(m_vLines.size(), nLines);
     }
 }
 
 TEST_F(ControlSocket, ListensNoMoreToAPeerThatDoesNotTakeItsAnswers)
 {
-    MustOpen();
+    mustOpen();
     m_strAnswer = std::string(1000000, 'a');
     CPeer deaf;
-    std::size_t nSent = 0;
+    size_t nSent = 0;
     for (int n = 0; n < 1000; ++n)
     {
-        nSent += deaf.Send("0123456789abcdef0123456789abcde\n");
-        Turns(1);
+        nSent += deaf.send("0123456789abcdef0123456789abcde\n");
+        turns(1);
     }
     EXPECT_EQ(m_vLines.size(), 1U);
-    EXPECT_TRUE(IsQuiet());
+    EXPECT_TRUE(isQuiet());
 
     m_strAnswer.clear();
     CPeer other;
-    other.Send("hello\n");
-    Turns();
-    EXPECT_EQ(other.Text(), "got hello\n");
+    other.send("hello\n");
+    turns();
+    EXPECT_EQ(other.text(), "got hello\n");
 
-    const std::size_t nLines = nSent / 32;
+    const size_t nLines = nSent / 32;
     while (m_vLines.size() < 1 + nLines)
     {
-        ASSERT_FALSE(deaf.HasEnded());
-        Turns(1);
+        ASSERT_FALSE(deaf.hasEnded());
+        turns(1);
     }
-    Turns();
-    EXPECT_EQ(deaf.Text().size(), 1000001 + (nLines - 1) * 36);
+    turns();
+    EXPECT_EQ(deaf.text().size(), 1000001 + (nLines - 1) * 36);
 }
 
 TEST_F(ControlSocket, ForgetsAPeerThatLeavesAtAnyPoint)
 {
-    MustOpen();
-    Turns();
-    const std::size_t nFiles = OpenFiles();
+    mustOpen();
+    turns();
+    const size_t nFiles = openFiles();
     m_strAnswer = std::string(1000000, 'a');
     const std::vector<std::function<void(CPeer&)>> vDeeds = {
         [](CPeer&) {},
-        [](CPeer& peer) { peer.Send("hal"); },
-        [](CPeer& peer) { peer.Send("one\ntwo\n"); },
-        [](CPeer& peer) { peer.EndSending(); },
+        [](CPeer& peer) { peer.send("hal"); },
+        [](CPeer& peer) { peer.send("one\ntwo\n"); },
+        [](CPeer& peer) { peer.endSending(); },
         [](CPeer& peer) {
-            peer.Send("one\n");
-            peer.EndSending();
+            peer.send("one\n");
+            peer.endSending();
         },
     };
     for (const auto& deed : vDeeds)
@@ -367,36 +357,36 @@ TEST_F(ControlSocket, ForgetsAPeerThatLeavesAtAnyPoint)
             {
                 CPeer peer;
                 deed(peer);
-                Turns(nTurns);
+                turns(nTurns);
             }
-            Turns();
-            EXPECT_EQ(OpenFiles(), nFiles);
+            turns();
+            EXPECT_EQ(openFiles(), nFiles);
         }
     }
-    EXPECT_TRUE(IsQuiet());
+    EXPECT_TRUE(isQuiet());
 }
 
 TEST_F(ControlSocket, LetsNobodyBeKeptOutByPeersThatAreQuiet)
 {
-    MustOpen();
-    const std::size_t nFiles = OpenFiles();
+    mustOpen();
+    const size_t nFiles = openFiles();
     std::vector<std::unique_ptr<CPeer>> vPeers;
-    for (std::size_t n = 0; n < CControlSocket::MAX_CONNECTIONS; ++n)
+    for (size_t n = 0; n < CControlSocket::MAX_CONNECTIONS; ++n)
     {
         vPeers.push_back(std::make_unique<CPeer>());
-        Turns(1);
+        turns(1);
     }
-    vPeers[0]->Send("busy\n");
-    Turns();
+    vPeers[0]->send("busy\n");
+    turns();
     CPeer last;
-    last.Send("hello\n");
-    Turns();
-    EXPECT_EQ(last.Text(), "got hello\n");
-    EXPECT_FALSE(vPeers[0]->HasEnded());
-    EXPECT_TRUE(vPeers[1]->HasEnded());
-    EXPECT_FALSE(vPeers[2]->HasEnded());
-    const std::size_t nHere = CControlSocket::MAX_CONNECTIONS;
-    EXPECT_EQ(OpenFiles(), nFiles + nHere + vPeers.size() + 1);
+    last.send("hello\n");
+    turns();
+    EXPECT_EQ(last.text(), "got hello\n");
+    EXPECT_FALSE(vPeers[0]->hasEnded());
+    EXPECT_TRUE(vPeers[1]->hasEnded());
+    EXPECT_FALSE(vPeers[2]->hasEnded());
+    const size_t nHere = CControlSocket::MAX_CONNECTIONS;
+    EXPECT_EQ(openFiles(), nFiles + nHere + vPeers.size() + 1);
 }
 
 TEST_F(ControlSocket, TurnsPeersAwayWhenItHasNoDescriptorForThem)
@@ -404,9 +394,9 @@ TEST_F(ControlSocket, TurnsPeersAwayWhenItHasNoDescriptorForThem)
 #if defined(ZELMEDIA_ASAN)
     GTEST_SKIP() << "the sanitizers of this build need descriptors themselves";
 #endif
-    MustOpen();
+    mustOpen();
     CPeer first;
-    Turns();
+    turns();
     CPeer second;
     rlimit former = {};
     ::getrlimit(RLIMIT_NOFILE, &former);
@@ -416,29 +406,29 @@ TEST_F(ControlSocket, TurnsPeersAwayWhenItHasNoDescriptorForThem)
     do
     {
         vAll.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    } while (vAll.back().IsOpen());
-    Turns();
-    EXPECT_TRUE(second.HasEnded());
-    EXPECT_TRUE(IsQuiet());
+    } while (vAll.back().isOpen());
+    turns();
+    EXPECT_TRUE(second.hasEnded());
+    EXPECT_TRUE(isQuiet());
     vAll.clear();
     ::setrlimit(RLIMIT_NOFILE, &former);
 
     CPeer third;
     for (CPeer* pPeer : {&first, &third})
     {
-        pPeer->Send("hello\n");
-        Turns();
-        EXPECT_EQ(pPeer->Text(), "got hello\n");
+        pPeer->send("hello\n");
+        turns();
+        EXPECT_EQ(pPeer->text(), "got hello\n");
     }
 }
 
 TEST_F(ControlSocket, HangsUpOnItsPeersAtItsEnd)
 {
-    MustOpen();
+    mustOpen();
     CPeer served;
-    Turns();
+    turns();
     CPeer waiting;
     m_pSocket.reset();
-    EXPECT_TRUE(served.HasEnded());
-    EXPECT_TRUE(waiting.HasEnded());
+    EXPECT_TRUE(served.hasEnded());
+    EXPECT_TRUE(waiting.hasEnded());
 }

@@ -26,12 +26,12 @@ CTempFolder::~CTempFolder()
     std::filesystem::remove_all(m_strFolder, ignored);
 }
 
-std::string CTempFolder::Path(const std::string& strName) const
+std::string CTempFolder::path(const std::string& strName) const
 {
     return m_strFolder + "/" + strName;
 }
 
-const std::string& CTempFolder::Folder() const
+const std::string& CTempFolder::folder() const
 {
     return m_strFolder;
 }
@@ -49,7 +49,7 @@ CLogCapture::~CLogCapture()
     spdlog::set_default_logger(std::make_shared<spdlog::logger>("none"));
 }
 
-std::string CLogCapture::Text() const
+std::string CLogCapture::text() const
 {
     return m_stream.str();
 }
@@ -67,18 +67,16 @@ CFileSizeLimit::~CFileSizeLimit()
     ::setrlimit(RLIMIT_FSIZE, &m_former);
 }
 
-CSamples Noise(std::size_t nCount, unsigned nSeed)
+CSamples noise(size_t nCount, unsigned nSeed)
 {
     std::mt19937 random(nSeed);
     CSamples samples(nCount);
     for (auto& sample : samples)
-    {
-        sample = static_cast<std::uint8_t>(random() >> 24);
-    }
+        sample = static_cast<uint8_t>(random() >> 24);
     return samples;
 }
 
-CSamples Slice(const CSamples& samples, std::size_t nBegin, std::size_t nEnd)
+CSamples slice(const CSamples& samples, size_t nBegin, size_t nEnd)
 {
     return {samples.begin() + static_cast<std::ptrdiff_t>(nBegin), samples.begin() + static_cast<std::ptrdiff_t>(nEnd)};
 }
@@ -90,7 +88,7 @@ CSamples operator+(const CSamples& left, const CSamples& right)
     return sum;
 }
 
-void WriteULaw(const std::string& strPath, int nContainer, const CSamples& samples)
+void writeULaw(const std::string& strPath, int nContainer, const CSamples& samples)
 {
     SF_INFO info = {};
     info.format = nContainer | SF_FORMAT_ULAW;
@@ -102,7 +100,7 @@ void WriteULaw(const std::string& strPath, int nContainer, const CSamples& sampl
     ASSERT_EQ(sf_write_raw(pFile.get(), samples.data(), nCount), nCount);
 }
 
-void WriteShorts(const std::string& strPath, int nFormat, int nRate, int nChannels, const std::vector<short>& vShorts)
+void writeShorts(const std::string& strPath, int nFormat, int nRate, int nChannels, const std::vector<short>& vShorts)
 {
     SF_INFO info = {};
     info.format = nFormat;
@@ -114,36 +112,32 @@ void WriteShorts(const std::string& strPath, int nFormat, int nRate, int nChanne
     ASSERT_EQ(sf_write_short(pFile.get(), vShorts.data(), nCount), nCount);
 }
 
-void WriteBytes(const std::string& strPath, const CSamples& bytes)
+void writeBytes(const std::string& strPath, const CSamples& bytes)
 {
     std::ofstream file(strPath, std::ios::binary);
-    for (const std::uint8_t byte : bytes)
-    {
+    for (const uint8_t byte : bytes)
         file.put(static_cast<char>(byte));
-    }
 }
 
-void WriteDamagedFlac(const std::string& strPath)
+void writeDamagedFlac(const std::string& strPath)
 {
     std::vector<short> vShorts;
-    for (const std::uint8_t nByte : Noise(200000))
-    {
+    for (const uint8_t nByte : noise(200000))
         vShorts.push_back(static_cast<short>(nByte * 100));
-    }
-    WriteShorts(strPath, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 8000, 1, vShorts);
-    CSamples bytes = ReadBytes(strPath);
+    writeShorts(strPath, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 8000, 1, vShorts);
+    CSamples bytes = readBytes(strPath);
     const auto itMiddle = bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2);
-    std::fill(itMiddle, bytes.end(), std::uint8_t{0x55});
-    WriteBytes(strPath, bytes);
+    std::fill(itMiddle, bytes.end(), uint8_t{0x55});
+    writeBytes(strPath, bytes);
 }
 
-CSamples ReadBytes(const std::string& strPath)
+CSamples readBytes(const std::string& strPath)
 {
     std::ifstream file(strPath, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-CSamples ReadULawFile(const std::string& strPath, int nContainer)
+CSamples readULawFile(const std::string& strPath, int nContainer)
 {
     SF_INFO info = {};
     const CSndFile pFile(sf_open(strPath.c_str(), SFM_READ, &info));
@@ -156,17 +150,17 @@ CSamples ReadULawFile(const std::string& strPath, int nContainer)
     EXPECT_EQ(info.format & SF_FORMAT_TYPEMASK, nContainer);
     EXPECT_EQ(info.samplerate, 8000);
     EXPECT_EQ(info.channels, 1);
-    CSamples samples(static_cast<std::size_t>(info.frames));
+    CSamples samples(static_cast<size_t>(info.frames));
     EXPECT_EQ(sf_read_raw(pFile.get(), samples.data(), info.frames), info.frames);
     return samples;
 }
 
-CSamples ReadULawWav(const std::string& strPath)
+CSamples readULawWav(const std::string& strPath)
 {
-    return ReadULawFile(strPath, SF_FORMAT_WAV);
+    return readULawFile(strPath, SF_FORMAT_WAV);
 }
 
-structMICMD Command(MICMD micmd, int nConnectID, std::uint32_t nSequenceNo)
+structMICMD command(MICMD micmd, int nConnectID, uint32_t nSequenceNo)
 {
     structMICMD cmd;
     std::memset(&cmd, 0xA5, sizeof(cmd));
@@ -186,36 +180,32 @@ public:
         m_client.m_bPortOpen = true;
     }
     ~CMemoryPort() override { m_client.m_bPortOpen = false; }
-    ESend SendResponse(const structMIRSP& rsp) override
+    ESend sendResponse(const structMIRSP& rsp) override
     {
         if (m_client.m_bGone || m_client.m_bResponsesFull)
-        {
             return m_client.m_bGone ? ESend::Gone : ESend::Full;
-        }
         m_client.m_vResponses.push_back(rsp);
         m_client.m_vOrder.push_back("response " + std::to_string(rsp.nRespSequenceNo));
         return ESend::Sent;
     }
-    ESend SendEvent(const structMIEVT& evt) override
+    ESend sendEvent(const structMIEVT& evt) override
     {
         if (m_client.m_bGone || m_client.m_nRoom == 0)
-        {
             return m_client.m_bGone ? ESend::Gone : ESend::Full;
-        }
         --m_client.m_nRoom;
         m_client.m_vEvents.push_back(evt);
         m_client.m_vOrder.push_back("event " + std::to_string(evt.nSequenceID));
         return ESend::Sent;
     }
-    bool Watch(std::function<void()> broken, std::function<void()> writable) override
+    bool watch(std::function<void()> broken, std::function<void()> writable) override
     {
         m_client.m_broken = std::move(broken);
         m_client.m_writable = std::move(writable);
         return true;
     }
-    void WatchForRoom(bool bOn) override { m_client.m_bWatchesRoom = bOn; }
-    pid_t ProcessID() const override { return m_nProcessID; }
-    bool IsGone() const override { return m_client.m_bProcessGone; }
+    void watchForRoom(bool bOn) override { m_client.m_bWatchesRoom = bOn; }
+    pid_t processId() const override { return m_nProcessID; }
+    bool isGone() const override { return m_client.m_bProcessGone; }
 
 private:
     const pid_t m_nProcessID;
@@ -223,27 +213,23 @@ private:
 };
 } // namespace
 
-std::unique_ptr<CClientPort> CMemoryOpener::Open(const structMICMD::ConnectBody& connect, std::string& strError)
+std::unique_ptr<CClientPort> CMemoryOpener::open(const structMICMD::ConnectBody& connect, std::string& strError)
 {
     CClientPipeNames names;
-    if (!ParseClientPipeNames(connect, names, strError))
-    {
+    if (!parseClientPipeNames(connect, names, strError))
         return nullptr;
-    }
     return std::make_unique<CMemoryPort>(names.m_nProcessID, m_mapClientByProcess[names.m_nProcessID]);
 }
 
-void CManualExecutor::Post(Function work, Function done)
+void CManualExecutor::post(Function work, Function done)
 {
     m_queue.emplace_back(std::move(work), std::move(done));
 }
 
-bool CManualExecutor::RunOne()
+bool CManualExecutor::runOne()
 {
     if (m_queue.empty())
-    {
         return false;
-    }
     const auto [work, done] = std::move(m_queue.front());
     m_queue.pop_front();
     work();
@@ -251,9 +237,9 @@ bool CManualExecutor::RunOne()
     return true;
 }
 
-void CManualExecutor::RunAll()
+void CManualExecutor::runAll()
 {
-    while (RunOne())
+    while (runOne())
     {
     }
 }
@@ -262,177 +248,173 @@ CDriverInMemory::CDriverInMemory() : CDriverInMemory(m_inline, m_inline, {.m_bRe
 
 CDriverInMemory::CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChannelOptions options)
     : m_disk(disk), m_clipStore(loader),
-      m_channels(m_clipStore, disk, {m_folder.Folder(), options.m_bRealTime, options.m_bSilenceAfterCaller}),
+      m_channels(m_clipStore, disk, {m_folder.folder(), options.m_bRealTime, options.m_bSilenceAfterCaller}),
       m_handler({m_registry, m_outbox, m_clipStore, m_channels, m_opener, m_mediaClock, disk, m_faults, m_statistics},
                 {[this](auto time) {
                      m_vHooks.push_back(time ? "freeze " + std::to_string(time->count()) : "freeze");
-                     m_handler.Freeze(true);
+                     m_handler.freeze(true);
                  },
                  [this] { m_vHooks.push_back("die"); }})
 {
     if (&disk == &m_inline)
-    {
-        m_nConnectID = Connect(100);
-    }
+        m_nConnectID = connect(100);
 }
 
 CDriverInMemory::~CDriverInMemory()
 {
-    m_registry.DropAll("the driver ends");
-    m_registry.Sweep();
+    m_registry.dropAll("the driver ends");
+    m_registry.sweep();
 }
 
-int CDriverInMemory::Connect(pid_t nProcessID)
+int CDriverInMemory::connect(pid_t nProcessID)
 {
-    structMICMD cmd = Next(MICMD_CONNECT);
-    SetText(cmd.connect.szRspPipe, MI_RESPONSE_PIPE_PREFIX + std::to_string(nProcessID));
-    SetText(cmd.connect.szEvtPipe, MI_EVENT_PIPE_PREFIX + std::to_string(nProcessID));
-    const structMIRSP rsp = Request(cmd, nProcessID);
+    structMICMD cmd = next(MICMD_CONNECT);
+    setText(cmd.connect.szRspPipe, MI_RESPONSE_PIPE_PREFIX + std::to_string(nProcessID));
+    setText(cmd.connect.szEvtPipe, MI_EVENT_PIPE_PREFIX + std::to_string(nProcessID));
+    const structMIRSP rsp = request(cmd, nProcessID);
     return rsp.s_mirsp == MIRSP_CONNECT ? rsp.s_nConnectID : 0;
 }
 
-CMemoryClient& CDriverInMemory::Client(pid_t nProcessID)
+CMemoryClient& CDriverInMemory::client(pid_t nProcessID)
 {
     return m_opener.m_mapClientByProcess[nProcessID];
 }
 
-structMIRSP CDriverInMemory::Request(const structMICMD& cmd, pid_t nProcessID)
+structMIRSP CDriverInMemory::request(const structMICMD& cmd, pid_t nProcessID)
 {
-    CMemoryClient& client = Client(nProcessID);
-    const std::size_t nFormer = client.m_vResponses.size();
-    Send(cmd);
+    CMemoryClient& client = this->client(nProcessID);
+    const size_t nFormer = client.m_vResponses.size();
+    send(cmd);
     if (client.m_vResponses.size() == nFormer)
-    {
         return {};
-    }
     EXPECT_EQ(client.m_vResponses.size(), nFormer + 1);
     EXPECT_EQ(client.m_vResponses.back().nRespSequenceNo, cmd.nSequenceNo);
     return client.m_vResponses.back();
 }
 
-structMICMD CDriverInMemory::Next(MICMD micmd)
+structMICMD CDriverInMemory::next(MICMD micmd)
 {
-    return Command(micmd, m_nConnectID, ++m_nSequenceNo);
+    return command(micmd, m_nConnectID, ++m_nSequenceNo);
 }
 
-int CDriverInMemory::OpenStream(const std::string& strCallID, std::uint32_t nLegID)
+int CDriverInMemory::openStream(const std::string& strCallID, uint32_t nLegID)
 {
-    structMICMD cmd = Next(MICMD_OPENSTREAM);
-    SetText(cmd.openStream.szCallID, strCallID);
+    structMICMD cmd = next(MICMD_OPENSTREAM);
+    setText(cmd.openStream.szCallID, strCallID);
     cmd.openStream.nLegID = nLegID;
-    const structMIRSP rsp = Request(cmd);
+    const structMIRSP rsp = request(cmd);
     return rsp.s_mirsp == MIRSP_OPENSTREAM ? rsp.s_nStreamID : 0;
 }
 
-int CDriverInMemory::OpenFile(const std::string& strPath)
+int CDriverInMemory::openFile(const std::string& strPath)
 {
-    structMICMD cmd = Next(MICMD_OPENFILE);
-    SetText(cmd.openFile.szFileName, strPath);
-    const structMIRSP rsp = Request(cmd);
+    structMICMD cmd = next(MICMD_OPENFILE);
+    setText(cmd.openFile.szFileName, strPath);
+    const structMIRSP rsp = request(cmd);
     return rsp.s_mirsp == MIRSP_OPENFILE ? rsp.s_nFileID : 0;
 }
 
 namespace
 {
-bool IsDone(const structMIRSP& rsp)
+bool isDone(const structMIRSP& rsp)
 {
     EXPECT_EQ(rsp.s_mirsp, MIRSP_STATUS);
     return rsp.s_nResult != MISTATUS_FAILED;
 }
 } // namespace
 
-bool CDriverInMemory::PlayClip(int nStreamID, int nFileID, std::uint32_t nOffset, std::uint32_t nLength)
+bool CDriverInMemory::playClip(int nStreamID, int nFileID, uint32_t nOffset, uint32_t nLength)
 {
-    structMICMD cmd = Next(MICMD_PLAYCLIP);
+    structMICMD cmd = next(MICMD_PLAYCLIP);
     cmd.playClip.nStreamID = nStreamID;
     cmd.playClip.nFileID = nFileID;
     cmd.playClip.nOffset = nOffset;
     cmd.playClip.nLength = nLength;
-    return IsDone(Request(cmd));
+    return isDone(request(cmd));
 }
 
-bool CDriverInMemory::PlayFile(int nStreamID, const std::string& strPath, std::uint32_t nStartPos)
+bool CDriverInMemory::playFile(int nStreamID, const std::string& strPath, uint32_t nStartPos)
 {
-    structMICMD cmd = Next(MICMD_PLAYFILE);
+    structMICMD cmd = next(MICMD_PLAYFILE);
     cmd.playFile.nStreamID = nStreamID;
-    SetText(cmd.playFile.szFileName, strPath);
+    setText(cmd.playFile.szFileName, strPath);
     cmd.playFile.nStartPos = nStartPos;
-    return IsDone(Request(cmd));
+    return isDone(request(cmd));
 }
 
-bool CDriverInMemory::RecordFile(int nStreamID, const std::string& strPath, std::uint32_t nMaxSamples)
+bool CDriverInMemory::recordFile(int nStreamID, const std::string& strPath, uint32_t nMaxSamples)
 {
-    structMICMD cmd = Next(MICMD_RECORDFILE);
+    structMICMD cmd = next(MICMD_RECORDFILE);
     cmd.recordFile.nStreamID = nStreamID;
-    SetText(cmd.recordFile.szFileName, strPath);
+    setText(cmd.recordFile.szFileName, strPath);
     cmd.recordFile.nMaxSamples = nMaxSamples;
-    return IsDone(Request(cmd));
+    return isDone(request(cmd));
 }
 
-bool CDriverInMemory::Cancel(int nStreamID, std::uint32_t nCancelType)
+bool CDriverInMemory::cancel(int nStreamID, uint32_t nCancelType)
 {
-    structMICMD cmd = Next(MICMD_CANCEL);
+    structMICMD cmd = next(MICMD_CANCEL);
     cmd.cancel.nStreamID = nStreamID;
     cmd.cancel.nCancelType = nCancelType;
-    return IsDone(Request(cmd));
+    return isDone(request(cmd));
 }
 
-structMIRSP CDriverInMemory::StreamRequest(MICMD micmd, int nStreamID)
+structMIRSP CDriverInMemory::streamRequest(MICMD micmd, int nStreamID)
 {
-    structMICMD cmd = Next(micmd);
+    structMICMD cmd = next(micmd);
     cmd.stream.nStreamID = nStreamID;
-    return Request(cmd);
+    return request(cmd);
 }
 
-void CDriverInMemory::Ticks(int nTicks)
+void CDriverInMemory::ticks(int nTicks)
 {
     for (int nTick = 0; nTick < nTicks; ++nTick)
     {
-        m_mediaClock.TickRealTime();
-        m_mediaClock.TickFast();
-        m_registry.FlushEvents();
-        m_registry.Sweep();
+        m_mediaClock.tickRealTime();
+        m_mediaClock.tickFast();
+        m_registry.flushEvents();
+        m_registry.sweep();
     }
 }
 
-void CDriverInMemory::Send(const structMICMD& cmd)
+void CDriverInMemory::send(const structMICMD& cmd)
 {
-    m_handler.Handle(cmd);
-    m_registry.FlushEvents();
-    m_registry.Sweep();
+    m_handler.handle(cmd);
+    m_registry.flushEvents();
+    m_registry.sweep();
 }
 
-std::uint32_t CDriverInMemory::SendPlayFile(int nStreamID, const std::string& strPath)
+uint32_t CDriverInMemory::sendPlayFile(int nStreamID, const std::string& strPath)
 {
-    structMICMD cmd = Next(MICMD_PLAYFILE);
+    structMICMD cmd = next(MICMD_PLAYFILE);
     cmd.playFile.nStreamID = nStreamID;
-    SetText(cmd.playFile.szFileName, strPath);
+    setText(cmd.playFile.szFileName, strPath);
     cmd.playFile.nStartPos = 0;
-    Send(cmd);
+    send(cmd);
     return cmd.nSequenceNo;
 }
 
-void CDriverInMemory::Pass(std::chrono::milliseconds time)
+void CDriverInMemory::pass(std::chrono::milliseconds time)
 {
     m_clock.m_now += time;
-    m_timers.RunDue();
-    m_registry.FlushEvents();
-    m_registry.Sweep();
+    m_timers.runDue();
+    m_registry.flushEvents();
+    m_registry.sweep();
 }
 
-std::shared_ptr<CStream> CDriverInMemory::Stream(int nStreamID)
+std::shared_ptr<CStream> CDriverInMemory::stream(int nStreamID)
 {
-    return m_registry.Find(m_nConnectID)->FindStream(nStreamID);
+    return m_registry.find(m_nConnectID)->findStream(nStreamID);
 }
 
-std::uint32_t CDriverInMemory::Sequence() const
+uint32_t CDriverInMemory::sequence() const
 {
     return m_nSequenceNo;
 }
 
-std::string CDriverInMemory::Path(const std::string& strName) const
+std::string CDriverInMemory::path(const std::string& strName) const
 {
-    return m_folder.Path(strName);
+    return m_folder.path(strName);
 }
 
 bool operator==(const structMIEVT& left, const structMIEVT& right)
@@ -440,7 +422,7 @@ bool operator==(const structMIEVT& left, const structMIEVT& right)
     return std::memcmp(&left, &right, sizeof(left)) == 0;
 }
 
-void PrintTo(const structMIEVT& evt, std::ostream* pStream)
+void printTo(const structMIEVT& evt, std::ostream* pStream)
 {
     *pStream << "event " << evt.s_mievt << ", stream " << evt.nStreamID << ", sequence " << evt.nSequenceID
              << ", status " << evt.s_mcstatus;

@@ -32,8 +32,8 @@ public:
     CTempFolder(const CTempFolder&) = delete;
     CTempFolder& operator=(const CTempFolder&) = delete;
 
-    std::string Path(const std::string& strName) const;
-    const std::string& Folder() const;
+    std::string path(const std::string& strName) const;
+    const std::string& folder() const;
 
 private:
     std::string m_strFolder;
@@ -48,7 +48,7 @@ public:
     CLogCapture(const CLogCapture&) = delete;
     CLogCapture& operator=(const CLogCapture&) = delete;
 
-    std::string Text() const;
+    std::string text() const;
 
 private:
     std::ostringstream m_stream;
@@ -68,30 +68,30 @@ private:
 };
 
 // One byte of µ-law per sample.
-using CSamples = std::vector<std::uint8_t>;
+using CSamples = std::vector<uint8_t>;
 
 // Samples in which every µ-law byte occurs, different for each seed.
-CSamples Noise(std::size_t nCount, unsigned nSeed = 1);
-CSamples Slice(const CSamples& samples, std::size_t nBegin, std::size_t nEnd);
+CSamples noise(size_t nCount, unsigned nSeed = 1);
+CSamples slice(const CSamples& samples, size_t nBegin, size_t nEnd);
 CSamples operator+(const CSamples& left, const CSamples& right);
 
 // Files made by libsndfile itself, or byte by byte.
-void WriteULaw(const std::string& strPath, int nContainer, const CSamples& samples);
-void WriteShorts(const std::string& strPath, int nFormat, int nRate, int nChannels, const std::vector<short>& vShorts);
-void WriteBytes(const std::string& strPath, const CSamples& bytes);
+void writeULaw(const std::string& strPath, int nContainer, const CSamples& samples);
+void writeShorts(const std::string& strPath, int nFormat, int nRate, int nChannels, const std::vector<short>& vShorts);
+void writeBytes(const std::string& strPath, const CSamples& bytes);
 
 // A compressed file of many samples that is damaged in its middle. Whatever its name, the format is known.
-void WriteDamagedFlac(const std::string& strPath);
-CSamples ReadBytes(const std::string& strPath);
+void writeDamagedFlac(const std::string& strPath);
+CSamples readBytes(const std::string& strPath);
 
 // The samples of a µ-law file at 8000 per second, mono. Any other file is a failure of the test.
-CSamples ReadULawFile(const std::string& strPath, int nContainer);
-CSamples ReadULawWav(const std::string& strPath);
+CSamples readULawFile(const std::string& strPath, int nContainer);
+CSamples readULawWav(const std::string& strPath);
 
 // A record with every byte of its body set, as one with a past would have it.
-structMICMD Command(MICMD micmd, int nConnectID, std::uint32_t nSequenceNo);
+structMICMD command(MICMD micmd, int nConnectID, uint32_t nSequenceNo);
 
-template <std::size_t nSize> void SetText(char (&szField)[nSize], const std::string& strText)
+template <size_t nSize> void setText(char (&szField)[nSize], const std::string& strText)
 {
     std::memset(szField, 0, nSize);
     std::memcpy(szField, strText.data(), std::min(strText.size(), nSize));
@@ -103,7 +103,7 @@ struct CMemoryClient
     std::vector<structMIRSP> m_vResponses;
     std::vector<structMIEVT> m_vEvents;
     std::vector<std::string> m_vOrder; // "response 5", "event 5"
-    std::size_t m_nRoom = SIZE_MAX;    // events that still fit
+    size_t m_nRoom = SIZE_MAX;         // events that still fit
     bool m_bResponsesFull = false;
     bool m_bGone = false;
     bool m_bProcessGone = false;
@@ -116,7 +116,7 @@ struct CMemoryClient
 class CMemoryOpener : public CClientPortOpener
 {
 public:
-    std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) override;
+    std::unique_ptr<CClientPort> open(const structMICMD::ConnectBody& connect, std::string& strError) override;
 
     std::map<pid_t, CMemoryClient> m_mapClientByProcess;
 };
@@ -125,7 +125,7 @@ public:
 class CManualClock : public CClock
 {
 public:
-    TimePoint Now() const override { return m_now; }
+    TimePoint now() const override { return m_now; }
 
     TimePoint m_now = TimePoint(std::chrono::hours(1));
 };
@@ -134,11 +134,11 @@ public:
 class CManualExecutor : public CExecutor
 {
 public:
-    void Post(Function work, Function done) override;
+    void post(Function work, Function done) override;
 
     // Runs the oldest piece of work and what is to be done for it. False when there was none.
-    bool RunOne();
-    void RunAll();
+    bool runOne();
+    void runAll();
 
 private:
     std::deque<std::pair<Function, Function>> m_queue;
@@ -154,38 +154,38 @@ public:
     ~CDriverInMemory();
 
     // Connects the process and returns its connect id, 0 when it got none.
-    int Connect(pid_t nProcessID);
-    CMemoryClient& Client(pid_t nProcessID = 100);
+    int connect(pid_t nProcessID);
+    CMemoryClient& client(pid_t nProcessID = 100);
 
     // Hands over a request of a client and returns the response; one of all zeros if there was none.
-    structMIRSP Request(const structMICMD& cmd, pid_t nProcessID = 100);
+    structMIRSP request(const structMICMD& cmd, pid_t nProcessID = 100);
 
     // Requests of process 100. Ids are 0 when refused; the others say whether it was done.
-    int OpenStream(const std::string& strCallID, std::uint32_t nLegID = 1);
-    int OpenFile(const std::string& strPath);
-    bool PlayClip(int nStreamID, int nFileID, std::uint32_t nOffset, std::uint32_t nLength);
-    bool PlayFile(int nStreamID, const std::string& strPath, std::uint32_t nStartPos);
-    bool RecordFile(int nStreamID, const std::string& strPath, std::uint32_t nMaxSamples);
-    bool Cancel(int nStreamID, std::uint32_t nCancelType);
-    structMIRSP StreamRequest(MICMD micmd, int nStreamID);
+    int openStream(const std::string& strCallID, uint32_t nLegID = 1);
+    int openFile(const std::string& strPath);
+    bool playClip(int nStreamID, int nFileID, uint32_t nOffset, uint32_t nLength);
+    bool playFile(int nStreamID, const std::string& strPath, uint32_t nStartPos);
+    bool recordFile(int nStreamID, const std::string& strPath, uint32_t nMaxSamples);
+    bool cancel(int nStreamID, uint32_t nCancelType);
+    structMIRSP streamRequest(MICMD micmd, int nStreamID);
 
     // Hands over a request and lets everything due happen, whether it is answered or not.
-    void Send(const structMICMD& cmd);
+    void send(const structMICMD& cmd);
 
     // The same for a play of a file from its start. Returns the request's number.
-    std::uint32_t SendPlayFile(int nStreamID, const std::string& strPath);
-    void Ticks(int nTicks);
+    uint32_t sendPlayFile(int nStreamID, const std::string& strPath);
+    void ticks(int nTicks);
 
     // Lets time pass for late answers and events.
-    void Pass(std::chrono::milliseconds time);
+    void pass(std::chrono::milliseconds time);
 
     // Of the last request.
-    std::uint32_t Sequence() const;
-    std::string Path(const std::string& strName) const;
-    std::shared_ptr<CStream> Stream(int nStreamID);
+    uint32_t sequence() const;
+    std::string path(const std::string& strName) const;
+    std::shared_ptr<CStream> stream(int nStreamID);
 
     // A record of process 100, with the next number.
-    structMICMD Next(MICMD micmd);
+    structMICMD next(MICMD micmd);
 
     CTempFolder m_folder;
     CLogCapture m_log;
@@ -206,10 +206,10 @@ public:
     int m_nConnectID = 0; // of process 100
 
 private:
-    std::uint32_t m_nSequenceNo = 0;
+    uint32_t m_nSequenceNo = 0;
 };
 
 bool operator==(const structMIEVT& left, const structMIEVT& right);
-void PrintTo(const structMIEVT& evt, std::ostream* pStream);
+void printTo(const structMIEVT& evt, std::ostream* pStream);
 
 #endif

@@ -25,7 +25,7 @@ class CTimedChannel : public CNullChannel
 public:
     explicit CTimedChannel(std::vector<Clock::time_point>& vTimes) : m_vTimes(vTimes) {}
 
-    std::size_t Hear(std::span<const std::uint8_t> samples) override
+    size_t hear(std::span<const uint8_t> samples) override
     {
         m_vTimes.push_back(Clock::now());
         return samples.size();
@@ -41,12 +41,12 @@ class CSignalFd
 public:
     CSignalFd() : m_fd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
-    int Get() const { return m_fd.Get(); }
-    void Raise() const { EXPECT_EQ(::eventfd_write(m_fd.Get(), 1), 0); }
-    void Lower() const
+    int get() const { return m_fd.get(); }
+    void raise() const { EXPECT_EQ(::eventfd_write(m_fd.get(), 1), 0); }
+    void lower() const
     {
         eventfd_t ullValue = 0;
-        ::eventfd_read(m_fd.Get(), &ullValue);
+        ::eventfd_read(m_fd.get(), &ullValue);
     }
 
 private:
@@ -59,59 +59,57 @@ protected:
     explicit EventLoop(const CClock& clock = STEADY)
         : m_timers(clock), m_loop(m_poller, m_clock, m_timers, clock, m_statistics)
     {
-        CEventLoop::BlockSignals();
-        TakeSignals(); // of a former test in the same process
+        CEventLoop::blockSignals();
+        takeSignals(); // of a former test in the same process
         std::string strError;
-        EXPECT_TRUE(m_poller.Create(strError) && m_loop.Create(strError)) << strError;
+        EXPECT_TRUE(m_poller.create(strError) && m_loop.create(strError)) << strError;
     }
 
-    // Runs the loop until somebody calls Stop.
-    void RunLoop()
+    // Runs the loop until somebody calls stop.
+    void runLoop()
     {
         std::string strError;
-        EXPECT_TRUE(m_loop.Run({[this] { return m_bHasWork; },
+        EXPECT_TRUE(m_loop.run({[this] { return m_bHasWork; },
                                 [this] {
                                     ++m_nTurns;
                                     if (m_onTurn)
-                                    {
                                         m_onTurn();
-                                    }
                                 },
                                 [this] { ++m_nSeconds; }, [this] { ++m_nReloads; }},
                                strError))
             << strError;
     }
 
-    static void Stop() { ::kill(::getpid(), SIGTERM); }
+    static void stop() { ::kill(::getpid(), SIGTERM); }
 
-    void AddInput(int nFd, std::function<void()> ready)
+    void addInput(int nFd, std::function<void()> ready)
     {
         std::string strError;
-        EXPECT_TRUE(m_loop.AddInput(nFd, std::move(ready), strError)) << strError;
+        EXPECT_TRUE(m_loop.addInput(nFd, std::move(ready), strError)) << strError;
     }
 
     // Calls the function in some time even while the loop is frozen, as the control socket would.
-    void FromOutside(milliseconds delay, std::function<void()> function)
+    void fromOutside(milliseconds delay, std::function<void()> function)
     {
         m_fdOutside = CFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
         itimerspec time = {};
         time.it_value.tv_nsec = std::chrono::nanoseconds(delay).count();
-        ::timerfd_settime(m_fdOutside.Get(), 0, &time, nullptr);
-        m_watchOutside = m_poller.Watch(m_fdOutside.Get(), EPOLLIN, [this, function](std::uint32_t) {
-            m_watchOutside.SetEvents(0);
+        ::timerfd_settime(m_fdOutside.get(), 0, &time, nullptr);
+        m_watchOutside = m_poller.watch(m_fdOutside.get(), EPOLLIN, [this, function](uint32_t) {
+            m_watchOutside.setEvents(0);
             function();
         });
-        EXPECT_TRUE(m_watchOutside.IsOn());
+        EXPECT_TRUE(m_watchOutside.isOn());
     }
 
-    std::shared_ptr<CStream> PlayingStream(std::size_t nTicks)
+    std::shared_ptr<CStream> playingStream(size_t nTicks)
     {
-        auto pStream = OpenOn(std::make_unique<CTimedChannel>(m_vTicks), m_executor);
-        pStream->StartPlay(Clip(CSamples(nTicks * TICK_SAMPLES)), 0, nTicks * TICK_SAMPLES, 1);
+        auto pStream = openOn(std::make_unique<CTimedChannel>(m_vTicks), m_executor);
+        pStream->startPlay(clip(CSamples(nTicks * TICK_SAMPLES)), 0, nTicks * TICK_SAMPLES, 1);
         return pStream;
     }
 
-    static void TakeSignals()
+    static void takeSignals()
     {
         sigset_t signals;
         sigfillset(&signals);
@@ -132,7 +130,7 @@ protected:
     int m_nTurns = 0;
     int m_nSeconds = 0;
     int m_nReloads = 0;
-    std::vector<Clock::time_point> m_vTicks; // in which PlayingStream was moved
+    std::vector<Clock::time_point> m_vTicks; // in which playingStream was moved
 
 private:
     CFd m_fdOutside;
@@ -155,28 +153,27 @@ TEST_F(EventLoop, ServesInputsUntilASignalEndsIt)
 {
     const CSignalFd input;
     int nServed = 0;
-    AddInput(input.Get(), [&] {
+    addInput(input.get(), [&] {
         if (++nServed == 3)
         {
-            input.Lower();
-            Stop();
+            input.lower();
+            stop();
         }
     });
-    input.Raise();
-    RunLoop();
+    input.raise();
+    runLoop();
     EXPECT_EQ(nServed, 3);
 }
 
 TEST_F(EventLoop, EndsAtSIGINTAndReloadsAtSIGHUP)
 {
-    m_timers.After(milliseconds(0), [] { ::kill(::getpid(), SIGHUP); });
+    m_timers.after(
+        milliseconds(0), [] { ::kill(::getpid(), SIGHUP); });
     m_onTurn = [this] {
         if (m_nReloads == 1)
-        {
             ::kill(::getpid(), SIGINT);
-        }
     };
-    RunLoop();
+    runLoop();
     EXPECT_EQ(m_nReloads, 1);
 }
 
@@ -194,53 +191,50 @@ TEST_F(EventLoop, CallsTimersInTheirTime)
 {
     const auto start = Clock::now();
     std::vector<int> vCalled;
-    m_timers.After(milliseconds(40), [&] {
+    m_timers.after(milliseconds(40), [&] {
         vCalled.push_back(40);
         EXPECT_GE(Clock::now() - start, milliseconds(40));
-        Stop();
+        stop();
     });
-    m_timers.After(milliseconds(20), [&] {
+    m_timers.after(milliseconds(20), [&] {
         vCalled.push_back(20);
         EXPECT_GE(Clock::now() - start, milliseconds(20));
     });
-    RunLoop();
+    runLoop();
     EXPECT_THAT(vCalled, ElementsAre(20, 40));
 }
 
 TEST_F(EventLoop, MovesStreamsByItsClockAndNeverEarly)
 {
     const auto start = Clock::now();
-    const auto pStream = PlayingStream(5);
+    const auto pStream = playingStream(5);
     m_onTurn = [&] {
-        if (!pStream->IsPlaying())
-        {
-            Stop();
-        }
+        if (!pStream->isPlaying())
+            stop();
     };
-    RunLoop();
+    runLoop();
     ASSERT_EQ(m_vTicks.size(), 5U);
-    for (std::size_t nTick = 0; nTick < m_vTicks.size(); ++nTick)
-    {
+    for (size_t nTick = 0; nTick < m_vTicks.size(); ++nTick)
         EXPECT_GE(m_vTicks[nTick] - start, milliseconds(20) * (nTick + 1)) << nTick;
-    }
-    EXPECT_EQ(m_statistics.m_tickLateness.Count(), 5U);
-    EXPECT_EQ(m_statistics.m_tickDuration.Count(), 5U);
+    EXPECT_EQ(m_statistics.m_tickLateness.count(), 5U);
+    EXPECT_EQ(m_statistics.m_tickDuration.count(), 5U);
 }
 
 TEST_F(EventLoop, DoesNothingWhenNothingIsToBeDone)
 {
-    m_timers.After(milliseconds(150), Stop);
-    RunLoop();
+    m_timers.after(milliseconds(150), stop);
+    runLoop();
     EXPECT_LE(m_nTurns, 5);
 }
 
 TEST_F(EventLoop, TicksNoMoreWhenNobodyPlays)
 {
-    auto pStream = PlayingStream(1000);
-    m_timers.After(milliseconds(50), [&] { pStream.reset(); });
-    m_timers.After(milliseconds(60), [this] { m_nTurns = 0; });
-    m_timers.After(milliseconds(260), Stop);
-    RunLoop();
+    auto pStream = playingStream(1000);
+    m_timers.after(
+        milliseconds(50), [&] { pStream.reset(); });
+    m_timers.after(milliseconds(60), [this] { m_nTurns = 0; });
+    m_timers.after(milliseconds(260), stop);
+    runLoop();
     EXPECT_LE(m_nTurns, 5);
 }
 
@@ -249,33 +243,29 @@ TEST_F(EventLoop, DoesNotWaitWhileThereIsWork)
     m_bHasWork = true;
     m_onTurn = [this] {
         if (m_nTurns == 100)
-        {
-            Stop();
-        }
+            stop();
     };
-    RunLoop(); // without an input, a timer or a tick
+    runLoop(); // without an input, a timer or a tick
     EXPECT_GE(m_nTurns, 100);
 }
 
 TEST_F(EventLoop, FastStreamsRunAtOnceAndLetInputsHaveTheirTurn)
 {
     const CSignalFd input;
-    std::size_t nAtInput = 0;
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(160000)), 0, 160000, 1);
-    AddInput(input.Get(), [&] {
-        input.Lower();
-        nAtInput = pStream->State().m_nPlayPosition;
+    size_t nAtInput = 0;
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(160000)), 0, 160000, 1);
+    addInput(input.get(), [&] {
+        input.lower();
+        nAtInput = pStream->state().m_nPlayPosition;
     });
-    input.Raise();
+    input.raise();
     m_onTurn = [&] {
-        if (!pStream->IsPlaying())
-        {
-            Stop();
-        }
+        if (!pStream->isPlaying())
+            stop();
     };
     const auto start = Clock::now();
-    RunLoop();
+    runLoop();
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(20)); // of audio
     EXPECT_LT(nAtInput, 160000U);
     EXPECT_GE(m_nTurns, 1000);
@@ -284,11 +274,11 @@ TEST_F(EventLoop, FastStreamsRunAtOnceAndLetInputsHaveTheirTurn)
 TEST_F(EventLoop, FastStreamsThatCannotMoveKeepNobodyBusy)
 {
     const auto pClip = std::make_shared<CClip>("clip", 1000);
-    const auto pStream = Open();
-    pStream->StartPlay(pClip, 0, 1000, 1);
-    m_timers.After(milliseconds(100), Stop);
+    const auto pStream = open();
+    pStream->startPlay(pClip, 0, 1000, 1);
+    m_timers.after(milliseconds(100), stop);
     const auto start = Clock::now();
-    RunLoop();
+    runLoop();
     EXPECT_LE(m_nTurns, (Clock::now() - start) / milliseconds(1) + 10);
 }
 
@@ -298,32 +288,36 @@ TEST_F(EventLoop, StandsStillWhileItIsFrozenForATime)
     Clock::time_point frozen;
     Clock::time_point thawed;
     int nThawed = 0;
-    const auto pStream = PlayingStream(6);
-    AddInput(input.Get(), [&] {
-        input.Lower();
-        if (m_loop.IsFrozen() || nThawed == 0)
-        {
-            frozen = Clock::now();
-            m_loop.Freeze(milliseconds(100), [&] {
-                thawed = Clock::now();
-                ++nThawed;
-            });
-            input.Raise(); // while it is frozen
-        }
-    });
-    m_timers.After(milliseconds(50), [&] { input.Raise(); });
-    m_timers.After(milliseconds(60), [&] { EXPECT_EQ(nThawed, 1) << "a timer has gone on"; });
+    const auto pStream = playingStream(6);
+    addInput(
+        input.get(),
+        [&] {
+            input.lower();
+            if (m_loop.isFrozen() || nThawed == 0)
+            {
+                frozen = Clock::now();
+                m_loop.freeze(
+                    milliseconds(100),
+                    [&] {
+                        thawed = Clock::now();
+                        ++nThawed;
+                    });
+                input.raise(); // while it is frozen
+            }
+        });
+    m_timers.after(
+        milliseconds(50), [&] { input.raise(); });
+    m_timers.after(
+        milliseconds(60), [&] { EXPECT_EQ(nThawed, 1) << "a timer has gone on"; });
     m_onTurn = [&] {
-        if (!pStream->IsPlaying())
-        {
-            Stop();
-        }
+        if (!pStream->isPlaying())
+            stop();
     };
-    RunLoop();
+    runLoop();
     EXPECT_EQ(nThawed, 1);
     EXPECT_GE(thawed - frozen, milliseconds(100));
     ASSERT_EQ(m_vTicks.size(), 6U);
-    std::size_t nAfter = 0;
+    size_t nAfter = 0;
     for (const auto& tick : m_vTicks)
     {
         EXPECT_TRUE(tick <= frozen || tick >= thawed);
@@ -340,20 +334,20 @@ TEST_F(EventLoop, StaysFrozenUntilItIsThawedFromOutside)
 {
     int nThawed = 0;
     bool bStoppedFrozen = false;
-    m_timers.After(milliseconds(0), [&] {
-        m_loop.Freeze(std::nullopt, [&] { ++nThawed; });
-        m_timers.After(milliseconds(0), [&] {
+    m_timers.after(milliseconds(0), [&] {
+        m_loop.freeze(std::nullopt, [&] { ++nThawed; });
+        m_timers.after(milliseconds(0), [&] {
             bStoppedFrozen = nThawed == 0;
-            Stop();
+            stop();
         });
     });
-    FromOutside(milliseconds(50), [&] {
-        EXPECT_TRUE(m_loop.IsFrozen());
-        m_loop.Thaw();
-        EXPECT_FALSE(m_loop.IsFrozen());
-        m_loop.Thaw();
+    fromOutside(milliseconds(50), [&] {
+        EXPECT_TRUE(m_loop.isFrozen());
+        m_loop.thaw();
+        EXPECT_FALSE(m_loop.isFrozen());
+        m_loop.thaw();
     });
-    RunLoop();
+    runLoop();
     EXPECT_EQ(nThawed, 1);
     EXPECT_FALSE(bStoppedFrozen);
     EXPECT_LE(m_nTurns, 6) << "it was busy while it was frozen";
@@ -367,20 +361,18 @@ TEST_F(EventLoop, ServesNoInputThatIsReportedTogetherWithTheOneThatFreezesIt)
     int nServedFrozen = 0;
     for (const CSignalFd* pInput : {&first, &second})
     {
-        AddInput(pInput->Get(), [&, pInput] {
-            pInput->Lower();
-            nServedFrozen += m_loop.IsFrozen() ? 1 : 0;
-            m_loop.Freeze(milliseconds(10), [&] {
+        addInput(pInput->get(), [&, pInput] {
+            pInput->lower();
+            nServedFrozen += m_loop.isFrozen() ? 1 : 0;
+            m_loop.freeze(milliseconds(10), [&] {
                 if (++nFrozen == 2)
-                {
-                    Stop();
-                }
+                    stop();
             });
         });
-        pInput->Raise();
+        pInput->raise();
     }
-    FromOutside(milliseconds(900), Stop); // if it never comes to the second
-    RunLoop();
+    fromOutside(milliseconds(900), stop); // if it never comes to the second
+    runLoop();
     EXPECT_EQ(nFrozen, 2);
     EXPECT_EQ(nServedFrozen, 0);
 }
@@ -391,56 +383,57 @@ TEST_F(EventLoop, MayFreezeAgainWhenItThaws)
     std::function<void()> thawed = [&] {
         if (++nThawed < 3)
         {
-            m_loop.Freeze(milliseconds(5), thawed);
+            m_loop.freeze(milliseconds(5), thawed);
             return;
         }
-        Stop();
+        stop();
     };
-    m_timers.After(milliseconds(0), [&] { m_loop.Freeze(milliseconds(5), thawed); });
-    RunLoop();
+    m_timers.after(milliseconds(0), [&] { m_loop.freeze(milliseconds(5), thawed); });
+    runLoop();
     EXPECT_EQ(nThawed, 3);
 }
 
 TEST_F(EventLoop, HearsSignalsWhileItIsFrozen)
 {
-    m_timers.After(milliseconds(0), [&] {
-        m_loop.Freeze(std::nullopt, [] {});
+    m_timers.after(milliseconds(0), [&] {
+        m_loop.freeze(std::nullopt, [] {});
         ::kill(::getpid(), SIGHUP);
-        Stop();
+        stop();
     });
-    RunLoop();
+    runLoop();
     EXPECT_EQ(m_nReloads, 1);
-    EXPECT_TRUE(m_loop.IsFrozen());
+    EXPECT_TRUE(m_loop.isFrozen());
 }
 
 TEST_F(EventLoop, ForgetsTheTickOfStreamsThatHaveGoneWhileItWasFrozen)
 {
-    auto pStream = PlayingStream(1000);
-    m_timers.After(milliseconds(30), [&] { m_loop.Freeze(milliseconds(20), [&] { m_nTurns = 0; }); });
-    FromOutside(milliseconds(40), [&] { pStream.reset(); });
-    m_timers.After(milliseconds(300), Stop);
-    RunLoop();
+    auto pStream = playingStream(1000);
+    m_timers.after(
+        milliseconds(30),
+        [&] {
+            m_loop.freeze(
+                milliseconds(20), [&] { m_nTurns = 0; });
+        });
+    fromOutside(milliseconds(40), [&] { pStream.reset(); });
+    m_timers.after(milliseconds(300), stop);
+    runLoop();
     EXPECT_LE(m_nTurns, 5);
 }
 
 TEST_F(EventLoopOfStillTime, MakesUpForMissedTicksInPartsAndServesInputsInBetween)
 {
     m_bHasWork = true; // without which it would wait for a timer that never comes
-    const auto pStream = PlayingStream(1000);
-    std::vector<std::size_t> vMoved;
+    const auto pStream = playingStream(1000);
+    std::vector<size_t> vMoved;
     m_onTurn = [&] {
         vMoved.push_back(m_vTicks.size());
         m_vTicks.clear();
         if (m_nTurns == 1)
-        {
             m_still.m_now += milliseconds(20 * 120);
-        }
         else if (m_nTurns == 5)
-        {
-            Stop();
-        }
+            stop();
     };
-    RunLoop();
+    runLoop();
     ASSERT_GE(vMoved.size(), 5U);
     vMoved.resize(5);
     EXPECT_THAT(vMoved, ElementsAre(0, 50, 50, 20, 0));
@@ -459,7 +452,7 @@ TEST(EventLoopWithoutDescriptors, SaysThatItCannotBeSetUp)
     const rlimit none = {0, former.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     std::string strError;
-    const bool bCreated = loop.Create(strError);
+    const bool bCreated = loop.create(strError);
     ::setrlimit(RLIMIT_NOFILE, &former);
     EXPECT_FALSE(bCreated);
     EXPECT_THAT(strError, HasSubstr("cannot set up the event loop: Too many open files"));
@@ -468,7 +461,7 @@ TEST(EventLoopWithoutDescriptors, SaysThatItCannotBeSetUp)
 TEST_F(EventLoop, SaysWhichInputItCannotWatch)
 {
     std::string strError;
-    EXPECT_FALSE(m_loop.AddInput(
+    EXPECT_FALSE(m_loop.addInput(
         -1, [] {}, strError));
     EXPECT_THAT(strError, HasSubstr("Bad file descriptor"));
 }

@@ -19,7 +19,7 @@ using testing::IsEmpty;
 
 namespace
 {
-bool IsReadable(int nFd, int nTimeoutMs)
+bool isReadable(int nFd, int nTimeoutMs)
 {
     pollfd poll = {nFd, POLLIN, 0};
     return ::poll(&poll, 1, nTimeoutMs) == 1;
@@ -31,16 +31,16 @@ protected:
     ThreadExecutor()
     {
         std::string strError;
-        EXPECT_TRUE(m_executor.Start("some-worker", strError)) << strError;
+        EXPECT_TRUE(m_executor.start("some-worker", strError)) << strError;
     }
 
     // As the loop does it.
-    void RunDoneUntil(const std::function<bool()>& condition)
+    void runDoneUntil(const std::function<bool()>& condition)
     {
         while (!condition())
         {
-            ASSERT_TRUE(IsReadable(m_executor.Fd(), 30000)) << "nothing is done any more";
-            m_executor.RunDone();
+            ASSERT_TRUE(isReadable(m_executor.fd(), 30000)) << "nothing is done any more";
+            m_executor.runDone();
         }
     }
 
@@ -52,7 +52,7 @@ TEST(InlineExecutor, HasRunWorkAndDoneWhenPostReturns)
 {
     CInlineExecutor executor;
     std::vector<std::string> vOrder;
-    executor.Post([&] { vOrder.push_back("work"); }, [&] { vOrder.push_back("done"); });
+    executor.post([&] { vOrder.push_back("work"); }, [&] { vOrder.push_back("done"); });
     EXPECT_THAT(vOrder, ElementsAre("work", "done"));
 }
 
@@ -61,15 +61,15 @@ TEST(InlineExecutor, RunsWhatIsPostedByARunningFunctionAfterIt)
     CInlineExecutor executor;
     std::vector<std::string> vOrder;
     const auto add = [&](const char* pText) { return [&vOrder, pText] { vOrder.push_back(pText); }; };
-    executor.Post(
+    executor.post(
         [&] {
             vOrder.push_back("work 1 begins");
-            executor.Post(add("work 2"), add("done 2"));
+            executor.post(add("work 2"), add("done 2"));
             vOrder.push_back("work 1 ends");
         },
         [&] {
             vOrder.push_back("done 1 begins");
-            executor.Post(add("work 3"), add("done 3"));
+            executor.post(add("work 3"), add("done 3"));
             vOrder.push_back("done 1 ends");
         });
     EXPECT_THAT(vOrder, ElementsAre("work 1 begins", "work 1 ends", "done 1 begins", "done 1 ends", "work 2", "done 2",
@@ -81,10 +81,8 @@ TEST_F(ThreadExecutor, WorksInTheOrderOfThePosts)
     std::vector<int> vWork;
     std::vector<int> vDone;
     for (int n = 0; n < 1000; ++n)
-    {
-        m_executor.Post([&vWork, n] { vWork.push_back(n); }, [&vDone, n] { vDone.push_back(n); });
-    }
-    RunDoneUntil([&] { return vDone.size() == 1000; });
+        m_executor.post([&vWork, n] { vWork.push_back(n); }, [&vDone, n] { vDone.push_back(n); });
+    runDoneUntil([&] { return vDone.size() == 1000; });
     std::vector<int> vExpected(1000);
     std::iota(vExpected.begin(), vExpected.end(), 0);
     EXPECT_EQ(vWork, vExpected);
@@ -95,10 +93,10 @@ TEST_F(ThreadExecutor, WorksOnAThreadOfItsOwnAndIsDoneOnTheLoops)
 {
     std::thread::id work;
     std::thread::id done;
-    m_executor.Post([&] { work = std::this_thread::get_id(); }, [&] { done = std::this_thread::get_id(); });
-    ASSERT_TRUE(IsReadable(m_executor.Fd(), 30000));
+    m_executor.post([&] { work = std::this_thread::get_id(); }, [&] { done = std::this_thread::get_id(); });
+    ASSERT_TRUE(isReadable(m_executor.fd(), 30000));
     EXPECT_EQ(done, std::thread::id()) << "done before the loop has asked for it";
-    m_executor.RunDone();
+    m_executor.runDone();
     EXPECT_EQ(done, std::this_thread::get_id());
     EXPECT_NE(work, std::thread::id());
     EXPECT_NE(work, done);
@@ -106,11 +104,11 @@ TEST_F(ThreadExecutor, WorksOnAThreadOfItsOwnAndIsDoneOnTheLoops)
 
 TEST_F(ThreadExecutor, IsNotReadableWhenNothingIsToBeDone)
 {
-    EXPECT_FALSE(IsReadable(m_executor.Fd(), 0));
+    EXPECT_FALSE(isReadable(m_executor.fd(), 0));
     bool bDone = false;
-    m_executor.Post([] {}, [&] { bDone = true; });
-    RunDoneUntil([&] { return bDone; });
-    EXPECT_FALSE(IsReadable(m_executor.Fd(), 0));
+    m_executor.post([] {}, [&] { bDone = true; });
+    runDoneUntil([&] { return bDone; });
+    EXPECT_FALSE(isReadable(m_executor.fd(), 0));
 }
 
 TEST_F(ThreadExecutor, LetsGoOfWorkWhereItMayBlock)
@@ -118,13 +116,15 @@ TEST_F(ThreadExecutor, LetsGoOfWorkWhereItMayBlock)
     std::thread::id released;
     bool bDone = false;
     {
-        const std::shared_ptr<int> pHeld(new int(0), [&](int* pInt) {
-            released = std::this_thread::get_id();
-            delete pInt;
-        });
-        m_executor.Post([pHeld] {}, [&] { bDone = true; });
+        const std::shared_ptr<int> pHeld(
+            new int(0),
+            [&](int* pInt) {
+                released = std::this_thread::get_id();
+                delete pInt;
+            });
+        m_executor.post([pHeld] {}, [&] { bDone = true; });
     }
-    RunDoneUntil([&] { return bDone; });
+    runDoneUntil([&] { return bDone; });
     EXPECT_NE(released, std::thread::id());
     EXPECT_NE(released, std::this_thread::get_id());
 }
@@ -134,14 +134,12 @@ TEST_F(ThreadExecutor, FinishRunsWhatDoneFunctionsPostToo)
     int nLinks = 0;
     std::function<void()> link = [&] {
         if (++nLinks < 20)
-        {
-            m_executor.Post([] {}, link);
-        }
+            m_executor.post([] {}, link);
     };
-    m_executor.Post([] {}, link);
-    m_executor.Finish();
+    m_executor.post([] {}, link);
+    m_executor.finish();
     EXPECT_EQ(nLinks, 20);
-    EXPECT_FALSE(IsReadable(m_executor.Fd(), 0));
+    EXPECT_FALSE(isReadable(m_executor.fd(), 0));
 }
 
 TEST_F(ThreadExecutor, FinishWaitsForWorkThatHasBegun)
@@ -149,7 +147,7 @@ TEST_F(ThreadExecutor, FinishWaitsForWorkThatHasBegun)
     std::latch begun(1);
     std::latch goOn(1);
     bool bDone = false;
-    m_executor.Post(
+    m_executor.post(
         [&] {
             begun.count_down();
             goOn.wait();
@@ -157,7 +155,7 @@ TEST_F(ThreadExecutor, FinishWaitsForWorkThatHasBegun)
         [&] { bDone = true; });
     begun.wait();
     goOn.count_down();
-    m_executor.Finish();
+    m_executor.finish();
     EXPECT_TRUE(bDone);
 }
 
@@ -169,7 +167,7 @@ TEST_F(ThreadExecutor, TakesNoSignalsAndLeavesTheLoopsMaskAlone)
     ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, nullptr, &loop), 0);
     EXPECT_EQ(sigismember(&loop, SIGUSR1), 0);
     std::string strName;
-    m_executor.Post(
+    m_executor.post(
         [&] {
             ::pthread_sigmask(SIG_BLOCK, nullptr, &worker);
             std::array<char, 16> name{};
@@ -177,11 +175,9 @@ TEST_F(ThreadExecutor, TakesNoSignalsAndLeavesTheLoopsMaskAlone)
             strName = name.data();
         },
         [] {});
-    m_executor.Finish();
+    m_executor.finish();
     for (const int nSignal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
-    {
         EXPECT_EQ(sigismember(&worker, nSignal), 1) << nSignal;
-    }
     EXPECT_EQ(strName, "some-worker");
 }
 
@@ -193,12 +189,10 @@ TEST(ThreadExecutorEnd, DoesTheWorkThatWaitsAndGivesNothingToTheLoop)
         std::latch goOn(1);
         CThreadExecutor executor;
         std::string strError;
-        ASSERT_TRUE(executor.Start("worker", strError)) << strError;
-        executor.Post([&] { goOn.wait(); }, [&] { ++nDone; });
+        ASSERT_TRUE(executor.start("worker", strError)) << strError;
+        executor.post([&] { goOn.wait(); }, [&] { ++nDone; });
         for (int n = 0; n < 100; ++n)
-        {
-            executor.Post([&] { ++nWork; }, [&] { ++nDone; });
-        }
+            executor.post([&] { ++nWork; }, [&] { ++nDone; });
         goOn.count_down();
     }
     EXPECT_EQ(nWork, 100);
@@ -208,7 +202,7 @@ TEST(ThreadExecutorEnd, DoesTheWorkThatWaitsAndGivesNothingToTheLoop)
 TEST(ThreadExecutorEnd, NeedsNoStart)
 {
     const CThreadExecutor executor;
-    EXPECT_EQ(executor.Fd(), -1);
+    EXPECT_EQ(executor.fd(), -1);
 }
 
 TEST(ThreadExecutorStart, SaysWhyItFails)
@@ -219,7 +213,7 @@ TEST(ThreadExecutorStart, SaysWhyItFails)
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
     const rlimit none = {0, former.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    const bool bStarted = executor.Start("worker", strError);
+    const bool bStarted = executor.start("worker", strError);
     ::setrlimit(RLIMIT_NOFILE, &former);
     EXPECT_FALSE(bStarted);
     EXPECT_THAT(strError, HasSubstr("cannot set up a worker: Too many open files"));

@@ -16,43 +16,43 @@ class FaultyDriver : public testing::Test
 protected:
     FaultyDriver()
     {
-        WriteULaw(m_driver.Path("clip.wav"), SF_FORMAT_WAV, Noise(300));
-        m_nStreamID = m_driver.OpenStream("call");
-        Forget();
+        writeULaw(m_driver.path("clip.wav"), SF_FORMAT_WAV, noise(300));
+        m_nStreamID = m_driver.openStream("call");
+        forget();
     }
 
-    void AddFault(const std::string& strWords)
+    void addFault(const std::string& strWords)
     {
         nlohmann::json rule;
         std::string strError;
-        EXPECT_TRUE(ParseWordList(strWords, rule, strError)) << strError;
-        EXPECT_TRUE(m_driver.m_faults.Add(rule, strError)) << strError;
+        EXPECT_TRUE(parseWordList(strWords, rule, strError)) << strError;
+        EXPECT_TRUE(m_driver.m_faults.add(rule, strError)) << strError;
     }
 
-    CMemoryClient& Client() { return m_driver.Client(); }
+    CMemoryClient& client() { return m_driver.client(); }
 
-    void Forget()
+    void forget()
     {
-        Client().m_vResponses.clear();
-        Client().m_vEvents.clear();
-        Client().m_vOrder.clear();
+        client().m_vResponses.clear();
+        client().m_vEvents.clear();
+        client().m_vOrder.clear();
     }
 
     // Sends a request and returns its number.
-    std::uint32_t Ping()
+    uint32_t ping()
     {
-        const structMICMD cmd = m_driver.Next(MICMD_PING);
-        m_driver.Send(cmd);
+        const structMICMD cmd = m_driver.next(MICMD_PING);
+        m_driver.send(cmd);
         return cmd.nSequenceNo;
     }
 
-    std::uint32_t Play() { return m_driver.SendPlayFile(m_nStreamID, m_driver.Path("clip.wav")); }
+    uint32_t play() { return m_driver.sendPlayFile(m_nStreamID, m_driver.path("clip.wav")); }
 
     // The statuses of the responses so far, in words.
-    std::vector<std::string> Answers()
+    std::vector<std::string> answers()
     {
         std::vector<std::string> vAnswers;
-        for (const structMIRSP& rsp : Client().m_vResponses)
+        for (const structMIRSP& rsp : client().m_vResponses)
         {
             const bool bRefused = rsp.s_mirsp == MIRSP_STATUS && rsp.s_nResult == MISTATUS_FAILED;
             vAnswers.push_back((bRefused ? "refused " : "ok ") + std::to_string(rsp.nRespSequenceNo));
@@ -60,18 +60,18 @@ protected:
         return vAnswers;
     }
 
-    static std::string Ok(std::uint32_t nSequenceNo) { return "ok " + std::to_string(nSequenceNo); }
-    static std::string Refused(std::uint32_t nSequenceNo) { return "refused " + std::to_string(nSequenceNo); }
+    static std::string ok(uint32_t nSequenceNo) { return "ok " + std::to_string(nSequenceNo); }
+    static std::string refused(uint32_t nSequenceNo) { return "refused " + std::to_string(nSequenceNo); }
 
     // A request to connect, of process 200.
-    structMICMD ConnectRecord()
+    structMICMD connectRecord()
     {
-        structMICMD cmd = m_driver.Next(MICMD_CONNECT);
-        SetText(cmd.connect.szRspPipe, MI_RESPONSE_PIPE_PREFIX "200");
-        SetText(cmd.connect.szEvtPipe, MI_EVENT_PIPE_PREFIX "200");
+        structMICMD cmd = m_driver.next(MICMD_CONNECT);
+        setText(cmd.connect.szRspPipe, MI_RESPONSE_PIPE_PREFIX "200");
+        setText(cmd.connect.szEvtPipe, MI_EVENT_PIPE_PREFIX "200");
         return cmd;
     }
-    std::vector<structMIRSP>& OtherResponses() { return m_driver.Client(200).m_vResponses; }
+    std::vector<structMIRSP>& otherResponses() { return m_driver.client(200).m_vResponses; }
 
     CDriverInMemory m_driver;
     int m_nStreamID = 0;
@@ -80,346 +80,344 @@ protected:
 
 TEST_F(FaultyDriver, RefusesTheNthCommandAndDoesNotCarryItOut)
 {
-    AddFault("do=refuse,on=playfile,nth=2");
-    const std::uint32_t nFirst = Play();
-    m_driver.Ticks(2);
-    const std::uint32_t nPing = Ping();
-    const std::uint32_t nSecond = Play();
-    EXPECT_FALSE(m_driver.Stream(m_nStreamID)->IsPlaying());
-    const std::uint32_t nThird = Play();
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nFirst), Ok(nPing), Refused(nSecond), Ok(nThird)));
-    EXPECT_THAT(m_driver.m_log.Text(), HasSubstr("a fault rule says so"));
+    addFault("do=refuse,on=playfile,nth=2");
+    const uint32_t nFirst = play();
+    m_driver.ticks(2);
+    const uint32_t nPing = ping();
+    const uint32_t nSecond = play();
+    EXPECT_FALSE(m_driver.stream(m_nStreamID)->isPlaying());
+    const uint32_t nThird = play();
+    EXPECT_THAT(answers(), ElementsAre(ok(nFirst), ok(nPing), refused(nSecond), ok(nThird)));
+    EXPECT_THAT(m_driver.m_log.text(), HasSubstr("a fault rule says so"));
 }
 
 TEST_F(FaultyDriver, CountsOverAllClients)
 {
-    const int nOther = m_driver.Connect(200);
-    OtherResponses().clear();
-    AddFault("do=refuse,on=ping,nth=2,count=2");
-    const std::uint32_t nFirst = Ping();
-    m_driver.Send(Command(MICMD_PING, nOther, 7));
-    const std::uint32_t nThird = Ping();
-    m_driver.Send(Command(MICMD_PING, nOther, 8));
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nFirst), Refused(nThird)));
-    ASSERT_EQ(OtherResponses().size(), 2U);
-    EXPECT_EQ(OtherResponses()[0].s_nResult, MISTATUS_FAILED);
-    EXPECT_EQ(OtherResponses()[1].s_nResult, MISTATUS_OK);
+    const int nOther = m_driver.connect(200);
+    otherResponses().clear();
+    addFault("do=refuse,on=ping,nth=2,count=2");
+    const uint32_t nFirst = ping();
+    m_driver.send(command(MICMD_PING, nOther, 7));
+    const uint32_t nThird = ping();
+    m_driver.send(command(MICMD_PING, nOther, 8));
+    EXPECT_THAT(answers(), ElementsAre(ok(nFirst), refused(nThird)));
+    ASSERT_EQ(otherResponses().size(), 2U);
+    EXPECT_EQ(otherResponses()[0].s_nResult, MISTATUS_FAILED);
+    EXPECT_EQ(otherResponses()[1].s_nResult, MISTATUS_OK);
 }
 
 TEST_F(FaultyDriver, ActsOnTheStreamsOfOneCall)
 {
-    AddFault("do=refuse,on=any,call=other");
-    EXPECT_EQ(m_driver.OpenStream("other"), 0);
-    EXPECT_GT(m_driver.OpenStream("third"), 0);
-    EXPECT_TRUE(m_driver.PlayFile(m_nStreamID, m_driver.Path("clip.wav"), 0));
+    addFault("do=refuse,on=any,call=other");
+    EXPECT_EQ(m_driver.openStream("other"), 0);
+    EXPECT_GT(m_driver.openStream("third"), 0);
+    EXPECT_TRUE(m_driver.playFile(m_nStreamID, m_driver.path("clip.wav"), 0));
 }
 
 TEST_F(FaultyDriver, AnswersLateAndServesTheNextRequestsMeanwhile)
 {
-    AddFault("do=late,on=ping,nth=1,ms=500");
-    const std::uint32_t nLate = Ping();
-    const std::uint32_t nNext = Ping();
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nNext)));
-    m_driver.Pass(milliseconds(499));
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nNext)));
-    m_driver.Pass(milliseconds(1));
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nNext), Ok(nLate)));
+    addFault("do=late,on=ping,nth=1,ms=500");
+    const uint32_t nLate = ping();
+    const uint32_t nNext = ping();
+    EXPECT_THAT(answers(), ElementsAre(ok(nNext)));
+    m_driver.pass(milliseconds(499));
+    EXPECT_THAT(answers(), ElementsAre(ok(nNext)));
+    m_driver.pass(milliseconds(1));
+    EXPECT_THAT(answers(), ElementsAre(ok(nNext), ok(nLate)));
 }
 
 TEST_F(FaultyDriver, CarriesOutAtOnceWhatItAnswersLate)
 {
-    AddFault("do=late,on=playfile,ms=500");
-    const std::uint32_t nPlay = Play();
-    m_driver.Ticks(2);
-    EXPECT_THAT(Client().m_vOrder, ElementsAre("event " + std::to_string(nPlay)));
-    m_driver.Pass(milliseconds(500));
-    EXPECT_THAT(Client().m_vOrder, ElementsAre("event " + std::to_string(nPlay), "response " + std::to_string(nPlay)));
+    addFault("do=late,on=playfile,ms=500");
+    const uint32_t nPlay = play();
+    m_driver.ticks(2);
+    EXPECT_THAT(client().m_vOrder, ElementsAre("event " + std::to_string(nPlay)));
+    m_driver.pass(milliseconds(500));
+    EXPECT_THAT(client().m_vOrder, ElementsAre("event " + std::to_string(nPlay), "response " + std::to_string(nPlay)));
 }
 
 TEST_F(FaultyDriver, AnswersADisconnectLateAndLetsTheClientGoThen)
 {
-    AddFault("do=late,on=disconnect,ms=500");
-    const structMICMD cmd = m_driver.Next(MICMD_DISCONNECT);
-    m_driver.Send(cmd);
-    EXPECT_THAT(Answers(), IsEmpty());
-    m_driver.Pass(milliseconds(500));
-    EXPECT_THAT(Answers(), ElementsAre(Ok(cmd.nSequenceNo)));
-    EXPECT_FALSE(Client().m_bPortOpen);
+    addFault("do=late,on=disconnect,ms=500");
+    const structMICMD cmd = m_driver.next(MICMD_DISCONNECT);
+    m_driver.send(cmd);
+    EXPECT_THAT(answers(), IsEmpty());
+    m_driver.pass(milliseconds(500));
+    EXPECT_THAT(answers(), ElementsAre(ok(cmd.nSequenceNo)));
+    EXPECT_FALSE(client().m_bPortOpen);
     EXPECT_EQ(m_driver.m_statistics.m_ullClientsDropped, 0U);
 }
 
 TEST_F(FaultyDriver, LateAnswersToAClientThatIsGoneGoNowhere)
 {
-    AddFault("do=late,on=ping,ms=500");
-    Ping();
-    m_driver.m_registry.Drop(m_driver.m_nConnectID, "test");
-    m_driver.m_registry.Sweep();
-    m_driver.m_nConnectID = m_driver.Connect(100);
-    Forget();
-    m_driver.Pass(milliseconds(500));
-    EXPECT_THAT(Answers(), IsEmpty());
+    addFault("do=late,on=ping,ms=500");
+    ping();
+    m_driver.m_registry.drop(m_driver.m_nConnectID, "test");
+    m_driver.m_registry.sweep();
+    m_driver.m_nConnectID = m_driver.connect(100);
+    forget();
+    m_driver.pass(milliseconds(500));
+    EXPECT_THAT(answers(), IsEmpty());
 }
 
 TEST_F(FaultyDriver, AnswersTwice)
 {
-    AddFault("do=twice,on=openstream,nth=1");
-    structMICMD cmd = m_driver.Next(MICMD_OPENSTREAM);
-    SetText(cmd.openStream.szCallID, "other");
-    m_driver.Send(cmd);
-    ASSERT_EQ(Client().m_vResponses.size(), 2U);
-    EXPECT_EQ(Client().m_vResponses[0].s_nStreamID, Client().m_vResponses[1].s_nStreamID);
-    EXPECT_THAT(Answers(), ElementsAre(Ok(cmd.nSequenceNo), Ok(cmd.nSequenceNo)));
-    const std::uint32_t nNext = Ping();
-    EXPECT_EQ(Answers().back(), Ok(nNext));
-    EXPECT_EQ(Client().m_vResponses.size(), 3U);
+    addFault("do=twice,on=openstream,nth=1");
+    structMICMD cmd = m_driver.next(MICMD_OPENSTREAM);
+    setText(cmd.openStream.szCallID, "other");
+    m_driver.send(cmd);
+    ASSERT_EQ(client().m_vResponses.size(), 2U);
+    EXPECT_EQ(client().m_vResponses[0].s_nStreamID, client().m_vResponses[1].s_nStreamID);
+    EXPECT_THAT(answers(), ElementsAre(ok(cmd.nSequenceNo), ok(cmd.nSequenceNo)));
+    const uint32_t nNext = ping();
+    EXPECT_EQ(answers().back(), ok(nNext));
+    EXPECT_EQ(client().m_vResponses.size(), 3U);
 }
 
 TEST_F(FaultyDriver, AnswersTwiceLate)
 {
-    AddFault("do=twice,on=ping,nth=1");
-    AddFault("do=late,on=ping,nth=1,ms=20");
-    const std::uint32_t nPing = Ping();
-    EXPECT_THAT(Answers(), IsEmpty());
-    m_driver.Pass(milliseconds(20));
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nPing), Ok(nPing)));
+    addFault("do=twice,on=ping,nth=1");
+    addFault("do=late,on=ping,nth=1,ms=20");
+    const uint32_t nPing = ping();
+    EXPECT_THAT(answers(), IsEmpty());
+    m_driver.pass(milliseconds(20));
+    EXPECT_THAT(answers(), ElementsAre(ok(nPing), ok(nPing)));
 }
 
 TEST_F(FaultyDriver, AnswersWithAnOldNumber)
 {
-    AddFault("do=old-number,on=ping,nth=1");
-    const std::uint32_t nPing = Ping();
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nPing - 1)));
+    addFault("do=old-number,on=ping,nth=1");
+    const uint32_t nPing = ping();
+    EXPECT_THAT(answers(), ElementsAre(ok(nPing - 1)));
 }
 
 TEST_F(FaultyDriver, DropsAnAnswerButCarriesTheRequestOut)
 {
-    AddFault("do=drop,on=playfile,nth=1");
-    const std::uint32_t nPlay = Play();
-    EXPECT_THAT(Answers(), IsEmpty());
-    m_driver.Ticks(2);
-    EXPECT_THAT(Client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nPlay, 0}));
-    const std::uint32_t nPing = Ping();
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nPing)));
+    addFault("do=drop,on=playfile,nth=1");
+    const uint32_t nPlay = play();
+    EXPECT_THAT(answers(), IsEmpty());
+    m_driver.ticks(2);
+    EXPECT_THAT(client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nPlay, 0}));
+    const uint32_t nPing = ping();
+    EXPECT_THAT(answers(), ElementsAre(ok(nPing)));
 }
 
 TEST_F(FaultyDriver, DropsAnEventAndTheStreamGoesOn)
 {
-    AddFault("do=drop-event,on=play,nth=1");
-    Play();
-    m_driver.Ticks(3);
-    EXPECT_THAT(Client().m_vEvents, IsEmpty());
-    const std::uint32_t nSecond = Play();
-    m_driver.Ticks(3);
-    EXPECT_THAT(Client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nSecond, 0}));
+    addFault("do=drop-event,on=play,nth=1");
+    play();
+    m_driver.ticks(3);
+    EXPECT_THAT(client().m_vEvents, IsEmpty());
+    const uint32_t nSecond = play();
+    m_driver.ticks(3);
+    EXPECT_THAT(client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nSecond, 0}));
 }
 
 TEST_F(FaultyDriver, SendsAnEventTwiceOrLateOrWithAnotherStatus)
 {
-    AddFault("do=twice,on=play,nth=1");
-    AddFault("do=late,on=play,nth=2,ms=500");
-    AddFault("do=status,on=play,nth=3,status=77");
-    const std::uint32_t nFirst = Play();
-    m_driver.Ticks(2);
+    addFault("do=twice,on=play,nth=1");
+    addFault("do=late,on=play,nth=2,ms=500");
+    addFault("do=status,on=play,nth=3,status=77");
+    const uint32_t nFirst = play();
+    m_driver.ticks(2);
     const structMIEVT first = {MIEVT_DONE, m_nStreamID, nFirst, 0};
-    EXPECT_THAT(Client().m_vEvents, ElementsAre(first, first));
-    Forget();
-    const std::uint32_t nSecond = Play();
-    m_driver.Ticks(2);
-    m_driver.Pass(milliseconds(499));
-    EXPECT_THAT(Client().m_vEvents, IsEmpty());
-    m_driver.Pass(milliseconds(1));
-    EXPECT_THAT(Client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nSecond, 0}));
-    Forget();
-    const std::uint32_t nThird = Play();
-    m_driver.Ticks(2);
-    EXPECT_THAT(Client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nThird, 77}));
+    EXPECT_THAT(client().m_vEvents, ElementsAre(first, first));
+    forget();
+    const uint32_t nSecond = play();
+    m_driver.ticks(2);
+    m_driver.pass(milliseconds(499));
+    EXPECT_THAT(client().m_vEvents, IsEmpty());
+    m_driver.pass(milliseconds(1));
+    EXPECT_THAT(client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nSecond, 0}));
+    forget();
+    const uint32_t nThird = play();
+    m_driver.ticks(2);
+    EXPECT_THAT(client().m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, m_nStreamID, nThird, 77}));
 }
 
 TEST_F(FaultyDriver, EventsOfRecordingsHaveRulesOfTheirOwn)
 {
-    AddFault("do=status,on=record,status=-5");
-    Play();
-    EXPECT_TRUE(m_driver.RecordFile(m_nStreamID, m_driver.Path("msg.wav"), 300));
-    const std::uint32_t nRecord = m_driver.Sequence();
-    m_driver.Ticks(2);
-    ASSERT_EQ(Client().m_vEvents.size(), 2U);
-    EXPECT_EQ(Client().m_vEvents[0].s_mcstatus, 0);
-    EXPECT_EQ(Client().m_vEvents[1], (structMIEVT{MIEVT_DONE, m_nStreamID, nRecord, -5}));
+    addFault("do=status,on=record,status=-5");
+    play();
+    EXPECT_TRUE(m_driver.recordFile(m_nStreamID, m_driver.path("msg.wav"), 300));
+    const uint32_t nRecord = m_driver.sequence();
+    m_driver.ticks(2);
+    ASSERT_EQ(client().m_vEvents.size(), 2U);
+    EXPECT_EQ(client().m_vEvents[0].s_mcstatus, 0);
+    EXPECT_EQ(client().m_vEvents[1], (structMIEVT{MIEVT_DONE, m_nStreamID, nRecord, -5}));
 }
 
 TEST_F(FaultyDriver, FreezesOverARequestAndCarriesItOutOnceThereafter)
 {
-    AddFault("do=freeze,on=playfile,nth=1,ms=100");
-    const std::uint32_t nPlay = Play();
+    addFault("do=freeze,on=playfile,nth=1,ms=100");
+    const uint32_t nPlay = play();
     EXPECT_THAT(m_driver.m_vHooks, ElementsAre("freeze 100"));
-    EXPECT_FALSE(m_driver.Stream(m_nStreamID)->IsPlaying());
-    const std::uint32_t nPing = Ping();
-    EXPECT_THAT(Answers(), IsEmpty());
-    m_driver.m_handler.Freeze(false);
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nPlay), Ok(nPing)));
-    EXPECT_TRUE(m_driver.Stream(m_nStreamID)->IsPlaying());
+    EXPECT_FALSE(m_driver.stream(m_nStreamID)->isPlaying());
+    const uint32_t nPing = ping();
+    EXPECT_THAT(answers(), IsEmpty());
+    m_driver.m_handler.freeze(false);
+    EXPECT_THAT(answers(), ElementsAre(ok(nPlay), ok(nPing)));
+    EXPECT_TRUE(m_driver.stream(m_nStreamID)->isPlaying());
     EXPECT_THAT(m_driver.m_vHooks, ElementsAre("freeze 100"));
 }
 
 TEST_F(FaultyDriver, AsksTheRulesOnceForARequestOverWhichItFreezes)
 {
-    AddFault("do=freeze,on=ping");
-    AddFault("do=refuse,on=ping,nth=1");
-    const std::uint32_t nPing = Ping();
-    m_driver.m_handler.Freeze(false);
+    addFault("do=freeze,on=ping");
+    addFault("do=refuse,on=ping,nth=1");
+    const uint32_t nPing = ping();
+    m_driver.m_handler.freeze(false);
     EXPECT_THAT(m_driver.m_vHooks, ElementsAre("freeze"));
-    EXPECT_THAT(Answers(), ElementsAre(Refused(nPing)));
-    const auto rules = m_driver.m_faults.ToJson();
+    EXPECT_THAT(answers(), ElementsAre(refused(nPing)));
+    const auto rules = m_driver.m_faults.toJson();
     EXPECT_EQ(rules[0]["matched"], 1);
     EXPECT_EQ(rules[1]["matched"], 1);
 }
 
 TEST_F(FaultyDriver, FreezesAgainOverTheNextRequest)
 {
-    AddFault("do=freeze,on=ping,count=2,ms=10");
-    const std::uint32_t nFirst = Ping();
-    const std::uint32_t nSecond = Ping();
-    m_driver.m_handler.Freeze(false);
+    addFault("do=freeze,on=ping,count=2,ms=10");
+    const uint32_t nFirst = ping();
+    const uint32_t nSecond = ping();
+    m_driver.m_handler.freeze(false);
     EXPECT_THAT(m_driver.m_vHooks, ElementsAre("freeze 10", "freeze 10"));
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nFirst)));
-    m_driver.m_handler.Freeze(false);
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nFirst), Ok(nSecond)));
+    EXPECT_THAT(answers(), ElementsAre(ok(nFirst)));
+    m_driver.m_handler.freeze(false);
+    EXPECT_THAT(answers(), ElementsAre(ok(nFirst), ok(nSecond)));
 }
 
 TEST_F(FaultyDriver, ServesAllClientsWhenItHasThawed)
 {
-    const int nOther = m_driver.Connect(200);
-    OtherResponses().clear();
-    m_driver.m_handler.Freeze(true);
-    const std::uint32_t nPing = Ping();
-    m_driver.Send(Command(MICMD_PING, nOther, 7));
-    m_driver.Send(Command(MICMD_PING, nOther, 8));
-    EXPECT_THAT(OtherResponses(), IsEmpty());
-    m_driver.m_handler.Freeze(false);
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nPing)));
-    EXPECT_EQ(OtherResponses().size(), 2U);
+    const int nOther = m_driver.connect(200);
+    otherResponses().clear();
+    m_driver.m_handler.freeze(true);
+    const uint32_t nPing = ping();
+    m_driver.send(command(MICMD_PING, nOther, 7));
+    m_driver.send(command(MICMD_PING, nOther, 8));
+    EXPECT_THAT(otherResponses(), IsEmpty());
+    m_driver.m_handler.freeze(false);
+    EXPECT_THAT(answers(), ElementsAre(ok(nPing)));
+    EXPECT_EQ(otherResponses().size(), 2U);
 }
 
 TEST_F(FaultyDriver, ForgetsTheRequestsOfAClientThatIsDroppedWhileItIsFrozen)
 {
-    AddFault("do=freeze,on=playfile,nth=1");
-    Play();
-    Ping();
-    m_driver.m_registry.Drop(m_driver.m_nConnectID, "test");
-    m_driver.m_registry.Sweep();
-    m_driver.m_handler.Freeze(false);
-    EXPECT_THAT(Answers(), IsEmpty());
+    addFault("do=freeze,on=playfile,nth=1");
+    play();
+    ping();
+    m_driver.m_registry.drop(m_driver.m_nConnectID, "test");
+    m_driver.m_registry.sweep();
+    m_driver.m_handler.freeze(false);
+    EXPECT_THAT(answers(), IsEmpty());
 }
 
 TEST_F(FaultyDriver, DropsTheClientInsteadOfAnswering)
 {
-    const int nOther = m_driver.Connect(200);
-    OtherResponses().clear();
-    AddFault("do=drop-client,on=ping,nth=2");
-    const std::uint32_t nFirst = Ping();
-    Ping();
-    EXPECT_THAT(Answers(), ElementsAre(Ok(nFirst)));
-    EXPECT_FALSE(Client().m_bPortOpen);
+    const int nOther = m_driver.connect(200);
+    otherResponses().clear();
+    addFault("do=drop-client,on=ping,nth=2");
+    const uint32_t nFirst = ping();
+    ping();
+    EXPECT_THAT(answers(), ElementsAre(ok(nFirst)));
+    EXPECT_FALSE(client().m_bPortOpen);
     EXPECT_EQ(m_driver.m_statistics.m_ullClientsDropped, 1U);
-    m_driver.Send(Command(MICMD_PING, nOther, 7));
-    EXPECT_EQ(OtherResponses().size(), 1U);
+    m_driver.send(command(MICMD_PING, nOther, 7));
+    EXPECT_EQ(otherResponses().size(), 1U);
 }
 
 TEST_F(FaultyDriver, DiesInsteadOfCarryingTheRequestOut)
 {
-    AddFault("do=die,on=playfile");
-    Play();
+    addFault("do=die,on=playfile");
+    play();
     EXPECT_THAT(m_driver.m_vHooks, ElementsAre("die"));
-    EXPECT_FALSE(m_driver.Stream(m_nStreamID)->IsPlaying());
-    EXPECT_THAT(Answers(), IsEmpty());
+    EXPECT_FALSE(m_driver.stream(m_nStreamID)->isPlaying());
+    EXPECT_THAT(answers(), IsEmpty());
 }
 
 TEST_F(FaultyDriver, RefusesAConnectAndForgetsTheClient)
 {
-    AddFault("do=refuse,on=connect");
-    const structMICMD cmd = ConnectRecord();
-    m_driver.Send(cmd);
-    ASSERT_EQ(OtherResponses().size(), 1U);
-    EXPECT_EQ(OtherResponses()[0].s_mirsp, MIRSP_STATUS);
-    EXPECT_EQ(OtherResponses()[0].s_nResult, MISTATUS_FAILED);
-    EXPECT_EQ(OtherResponses()[0].nRespSequenceNo, cmd.nSequenceNo);
-    EXPECT_FALSE(m_driver.Client(200).m_bPortOpen);
+    addFault("do=refuse,on=connect");
+    const structMICMD cmd = connectRecord();
+    m_driver.send(cmd);
+    ASSERT_EQ(otherResponses().size(), 1U);
+    EXPECT_EQ(otherResponses()[0].s_mirsp, MIRSP_STATUS);
+    EXPECT_EQ(otherResponses()[0].s_nResult, MISTATUS_FAILED);
+    EXPECT_EQ(otherResponses()[0].nRespSequenceNo, cmd.nSequenceNo);
+    EXPECT_FALSE(m_driver.client(200).m_bPortOpen);
 }
 
 TEST_F(FaultyDriver, RefusesAConnectLate)
 {
-    AddFault("do=refuse,on=connect");
-    AddFault("do=late,on=connect,ms=500");
-    m_driver.Send(ConnectRecord());
-    EXPECT_THAT(OtherResponses(), IsEmpty());
-    m_driver.Pass(milliseconds(500));
-    ASSERT_EQ(OtherResponses().size(), 1U);
-    EXPECT_EQ(OtherResponses()[0].s_nResult, MISTATUS_FAILED);
-    EXPECT_FALSE(m_driver.Client(200).m_bPortOpen);
+    addFault("do=refuse,on=connect");
+    addFault("do=late,on=connect,ms=500");
+    m_driver.send(connectRecord());
+    EXPECT_THAT(otherResponses(), IsEmpty());
+    m_driver.pass(milliseconds(500));
+    ASSERT_EQ(otherResponses().size(), 1U);
+    EXPECT_EQ(otherResponses()[0].s_nResult, MISTATUS_FAILED);
+    EXPECT_FALSE(m_driver.client(200).m_bPortOpen);
 }
 
 TEST_F(FaultyDriver, AnswersAConnectLateTwiceOrWithAnOldNumber)
 {
-    AddFault("do=late,on=connect,nth=1,ms=500");
-    AddFault("do=twice,on=connect,nth=2");
-    AddFault("do=old-number,on=connect,nth=3");
-    m_driver.Send(ConnectRecord());
-    EXPECT_THAT(OtherResponses(), IsEmpty());
-    m_driver.Pass(milliseconds(500));
-    ASSERT_EQ(OtherResponses().size(), 1U);
-    EXPECT_GT(OtherResponses()[0].s_nConnectID, m_driver.m_nConnectID);
-    m_driver.Send(ConnectRecord());
-    ASSERT_EQ(OtherResponses().size(), 3U);
-    EXPECT_EQ(OtherResponses()[1].s_nConnectID, OtherResponses()[2].s_nConnectID);
-    const structMICMD cmd = ConnectRecord();
-    m_driver.Send(cmd);
-    ASSERT_EQ(OtherResponses().size(), 4U);
-    EXPECT_EQ(OtherResponses()[3].nRespSequenceNo, cmd.nSequenceNo - 1);
+    addFault("do=late,on=connect,nth=1,ms=500");
+    addFault("do=twice,on=connect,nth=2");
+    addFault("do=old-number,on=connect,nth=3");
+    m_driver.send(connectRecord());
+    EXPECT_THAT(otherResponses(), IsEmpty());
+    m_driver.pass(milliseconds(500));
+    ASSERT_EQ(otherResponses().size(), 1U);
+    EXPECT_GT(otherResponses()[0].s_nConnectID, m_driver.m_nConnectID);
+    m_driver.send(connectRecord());
+    ASSERT_EQ(otherResponses().size(), 3U);
+    EXPECT_EQ(otherResponses()[1].s_nConnectID, otherResponses()[2].s_nConnectID);
+    const structMICMD cmd = connectRecord();
+    m_driver.send(cmd);
+    ASSERT_EQ(otherResponses().size(), 4U);
+    EXPECT_EQ(otherResponses()[3].nRespSequenceNo, cmd.nSequenceNo - 1);
 }
 
 TEST_F(FaultyDriver, DropsAConnectWithOrWithoutItsClient)
 {
-    AddFault("do=drop,on=connect,nth=1");
-    AddFault("do=drop-client,on=connect,nth=2");
-    m_driver.Send(ConnectRecord());
-    EXPECT_THAT(OtherResponses(), IsEmpty());
-    EXPECT_TRUE(m_driver.Client(200).m_bPortOpen);
-    m_driver.Send(ConnectRecord());
-    EXPECT_THAT(OtherResponses(), IsEmpty());
-    EXPECT_FALSE(m_driver.Client(200).m_bPortOpen);
+    addFault("do=drop,on=connect,nth=1");
+    addFault("do=drop-client,on=connect,nth=2");
+    m_driver.send(connectRecord());
+    EXPECT_THAT(otherResponses(), IsEmpty());
+    EXPECT_TRUE(m_driver.client(200).m_bPortOpen);
+    m_driver.send(connectRecord());
+    EXPECT_THAT(otherResponses(), IsEmpty());
+    EXPECT_FALSE(m_driver.client(200).m_bPortOpen);
 }
 
 TEST_F(FaultyDriver, FreezesOverAConnectAndCarriesItOutOnceThereafter)
 {
-    AddFault("do=freeze,on=connect,nth=1,ms=100");
-    const structMICMD cmd = ConnectRecord();
-    m_driver.Send(cmd);
+    addFault("do=freeze,on=connect,nth=1,ms=100");
+    const structMICMD cmd = connectRecord();
+    m_driver.send(cmd);
     EXPECT_THAT(m_driver.m_vHooks, ElementsAre("freeze 100"));
-    EXPECT_THAT(OtherResponses(), IsEmpty());
-    m_driver.m_handler.Freeze(false);
-    ASSERT_EQ(OtherResponses().size(), 1U);
-    EXPECT_EQ(OtherResponses()[0].s_mirsp, MIRSP_CONNECT);
-    EXPECT_EQ(OtherResponses()[0].nRespSequenceNo, cmd.nSequenceNo);
-    EXPECT_EQ(m_driver.m_faults.ToJson()[0]["matched"], 1);
+    EXPECT_THAT(otherResponses(), IsEmpty());
+    m_driver.m_handler.freeze(false);
+    ASSERT_EQ(otherResponses().size(), 1U);
+    EXPECT_EQ(otherResponses()[0].s_mirsp, MIRSP_CONNECT);
+    EXPECT_EQ(otherResponses()[0].nRespSequenceNo, cmd.nSequenceNo);
+    EXPECT_EQ(m_driver.m_faults.toJson()[0]["matched"], 1);
 }
 
 TEST_F(FaultyDriver, ConnectsNobodyWhileItIsFrozenAndNotTooManyThereafter)
 {
-    m_driver.m_handler.Freeze(true);
+    m_driver.m_handler.freeze(true);
     for (int nConnect = 0; nConnect < 1000; ++nConnect)
-    {
-        m_driver.Send(ConnectRecord());
-    }
-    EXPECT_THAT(OtherResponses(), IsEmpty());
-    m_driver.m_handler.Freeze(false);
-    EXPECT_EQ(OtherResponses().size(), CClient::MAX_WAITING_REQUESTS);
-    EXPECT_THAT(m_driver.m_log.Text(), HasSubstr("dropped MICMD_CONNECT"));
+        m_driver.send(connectRecord());
+    EXPECT_THAT(otherResponses(), IsEmpty());
+    m_driver.m_handler.freeze(false);
+    EXPECT_EQ(otherResponses().size(), CClient::MAX_WAITING_REQUESTS);
+    EXPECT_THAT(m_driver.m_log.text(), HasSubstr("dropped MICMD_CONNECT"));
 }
 
 TEST_F(FaultyDriver, DiesOverAConnect)
 {
-    AddFault("do=die,on=connect");
-    m_driver.Send(ConnectRecord());
+    addFault("do=die,on=connect");
+    m_driver.send(connectRecord());
     EXPECT_THAT(m_driver.m_vHooks, ElementsAre("die"));
-    EXPECT_THAT(OtherResponses(), IsEmpty());
+    EXPECT_THAT(otherResponses(), IsEmpty());
 }

@@ -7,34 +7,32 @@
 
 namespace
 {
-template <class FUNCTION> void ForEachByte(FUNCTION function)
+template <class FUNCTION> void forEachByte(FUNCTION function)
 {
     for (int n = 0; n < 256; ++n)
-    {
-        function(static_cast<std::uint8_t>(n));
-    }
+        function(static_cast<uint8_t>(n));
 }
 } // namespace
 
 TEST(G711, DecodesKnownBytes)
 {
-    EXPECT_EQ(DecodeULaw(0xFF), 0);
-    EXPECT_EQ(DecodeULaw(0x7F), 0);
-    EXPECT_EQ(DecodeULaw(0xFE), 8);
-    EXPECT_EQ(DecodeULaw(0x80), 32124);
-    EXPECT_EQ(DecodeULaw(0x00), -32124);
+    EXPECT_EQ(decodeULaw(0xFF), 0);
+    EXPECT_EQ(decodeULaw(0x7F), 0);
+    EXPECT_EQ(decodeULaw(0xFE), 8);
+    EXPECT_EQ(decodeULaw(0x80), 32124);
+    EXPECT_EQ(decodeULaw(0x00), -32124);
 }
 
 TEST(G711, EncodesEveryDecodedByteToItselfButForNegativeZero)
 {
-    ForEachByte([](std::uint8_t n) { EXPECT_EQ(EncodeULaw(DecodeULaw(n)), n == 0x7F ? 0xFF : n); });
+    forEachByte([](uint8_t n) { EXPECT_EQ(encodeULaw(decodeULaw(n)), n == 0x7F ? 0xFF : n); });
 }
 
 TEST(G711, EncodesEverySampleToAnAdjacentStep)
 {
     for (int nSample = INT16_MIN; nSample <= INT16_MAX; ++nSample)
     {
-        const int nDecoded = DecodeULaw(EncodeULaw(static_cast<std::int16_t>(nSample)));
+        const int nDecoded = decodeULaw(encodeULaw(static_cast<int16_t>(nSample)));
         const int nLevel = std::abs(nSample) + 132; // steps double with each power of two of this
         const int nHalfStep = nLevel >= 32768 ? 1024 : (1 << (31 - __builtin_clz(static_cast<unsigned>(nLevel)))) / 32;
         ASSERT_LE(std::abs(nDecoded - nSample), nHalfStep) << nSample;
@@ -43,29 +41,29 @@ TEST(G711, EncodesEverySampleToAnAdjacentStep)
 
 TEST(G711, ConvertsBetweenTheLawsAsItsTablesSay)
 {
-    EXPECT_EQ(ULawToALaw()[0xFF], 0xD5);
-    EXPECT_EQ(ULawToALaw()[0x7F], 0x55);
-    EXPECT_EQ(ULawToALaw()[0x80], 0xAA);
-    EXPECT_EQ(ULawToALaw()[0x00], 0x2A);
-    EXPECT_EQ(ALawToULaw()[0xD5], 0xFE);
-    EXPECT_EQ(ALawToULaw()[0x55], 0x7E);
-    EXPECT_EQ(ALawToULaw()[0xAA], 0x80);
-    EXPECT_EQ(ALawToULaw()[0x2A], 0x00);
+    EXPECT_EQ(uLawToALaw()[0xFF], 0xD5);
+    EXPECT_EQ(uLawToALaw()[0x7F], 0x55);
+    EXPECT_EQ(uLawToALaw()[0x80], 0xAA);
+    EXPECT_EQ(uLawToALaw()[0x00], 0x2A);
+    EXPECT_EQ(aLawToULaw()[0xD5], 0xFE);
+    EXPECT_EQ(aLawToULaw()[0x55], 0x7E);
+    EXPECT_EQ(aLawToULaw()[0xAA], 0x80);
+    EXPECT_EQ(aLawToULaw()[0x2A], 0x00);
 }
 
 TEST(G711, KeepsTheSignOverTheOtherLaw)
 {
-    ForEachByte([](std::uint8_t n) {
-        EXPECT_EQ(ULawToALaw()[n] & 0x80, n & 0x80);
-        EXPECT_EQ(ALawToULaw()[n] & 0x80, n & 0x80);
+    forEachByte([](uint8_t n) {
+        EXPECT_EQ(uLawToALaw()[n] & 0x80, n & 0x80);
+        EXPECT_EQ(aLawToULaw()[n] & 0x80, n & 0x80);
     });
 }
 
 TEST(G711, ComesBackFromTheOtherLawWithinAStep)
 {
-    ForEachByte([](std::uint8_t n) {
-        EXPECT_LE(std::abs(ALawToULaw()[ULawToALaw()[n]] - n), 1) << +n;
+    forEachByte([](uint8_t n) {
+        EXPECT_LE(std::abs(aLawToULaw()[uLawToALaw()[n]] - n), 1) << +n;
         // The bits of A-law bytes are inverted by turns; without that neighbours differ by one.
-        EXPECT_LE(std::abs((ULawToALaw()[ALawToULaw()[n]] ^ 0x55) - (n ^ 0x55)), 1) << +n;
+        EXPECT_LE(std::abs((uLawToALaw()[aLawToULaw()[n]] ^ 0x55) - (n ^ 0x55)), 1) << +n;
     });
 }

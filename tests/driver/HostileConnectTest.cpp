@@ -20,25 +20,25 @@ using HostileConnect = CHostileFixture;
 
 TEST_F(HostileConnect, ConnectsWithFilesThatAreNoFifos)
 {
-    const std::string strVictim = m_folder.Path("victim");
-    const CSamples content = Noise(5000, 3);
-    WriteBytes(strVictim, content);
+    const std::string strVictim = m_folder.path("victim");
+    const CSamples content = noise(5000, 3);
+    writeBytes(strVictim, content);
     const CFifoPair pipes(NO_PROCESS);
-    const std::string strRsp = RspPath(NO_PROCESS + 1);
+    const std::string strRsp = rspPath(NO_PROCESS + 1);
     const auto connect = [&] {
-        Write(ConnectCommand(strRsp, EvtPath(NO_PROCESS + 1)));
-        EXPECT_TRUE(IsTaken());
-        EXPECT_TRUE(WaitUntilAllLeft());
+        write(connectCommand(strRsp, evtPath(NO_PROCESS + 1)));
+        EXPECT_TRUE(isTaken());
+        EXPECT_TRUE(waitUntilAllLeft());
         ::remove(strRsp.c_str());
     };
     const CFifoPair others(NO_PROCESS + 1);
     ::unlink(strRsp.c_str());
 
     connect(); // nothing there
-    WriteBytes(strRsp, content);
-    Write(ConnectCommand(strRsp, EvtPath(NO_PROCESS + 1)));
-    EXPECT_TRUE(IsTaken());
-    EXPECT_EQ(ReadBytes(strRsp), content);
+    writeBytes(strRsp, content);
+    write(connectCommand(strRsp, evtPath(NO_PROCESS + 1)));
+    EXPECT_TRUE(isTaken());
+    EXPECT_EQ(readBytes(strRsp), content);
     connect();
     ASSERT_EQ(::symlink(strVictim.c_str(), strRsp.c_str()), 0);
     connect();
@@ -51,28 +51,26 @@ TEST_F(HostileConnect, ConnectsWithFilesThatAreNoFifos)
     ASSERT_EQ(::mkdir(strRsp.c_str(), 0700), 0);
     connect();
     if (::mknod(strRsp.c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0)
-    {
         connect();
-    }
     ASSERT_EQ(::mkfifo(strRsp.c_str(), 0600), 0); // without a reader
     connect();
     const CFd fdSocket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    SetText(address.sun_path, strRsp);
-    ASSERT_EQ(::bind(fdSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    setText(address.sun_path, strRsp);
+    ASSERT_EQ(::bind(fdSocket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     connect();
 
-    EXPECT_EQ(ReadBytes(strVictim), content);
-    EXPECT_TRUE(pipes.IsEmpty());
-    EXPECT_TRUE(others.IsEmpty());
+    EXPECT_EQ(readBytes(strVictim), content);
+    EXPECT_TRUE(pipes.isEmpty());
+    EXPECT_TRUE(others.isEmpty());
 }
 
 TEST_F(HostileConnect, ConnectsWithNamesThatAreNotTheOnesOfAProcess)
 {
     const CFifoPair first(NO_PROCESS);
     const CFifoPair second(NO_PROCESS + 1);
-    const std::string strOther = m_folder.Path("fifo");
+    const std::string strOther = m_folder.path("fifo");
     ASSERT_EQ(::mkfifo(strOther.c_str(), 0600), 0);
     const CFd fdOther(::open(strOther.c_str(), O_RDWR | O_NONBLOCK));
     const std::pair<std::string, std::string> vNames[] = {
@@ -91,14 +89,14 @@ TEST_F(HostileConnect, ConnectsWithNamesThatAreNotTheOnesOfAProcess)
     };
     for (const auto& [strRsp, strEvt] : vNames)
     {
-        Write(ConnectCommand(strRsp, strEvt));
-        ASSERT_TRUE(IsTaken()) << strRsp;
-        EXPECT_TRUE(WaitUntilAllLeft()) << strRsp;
+        write(connectCommand(strRsp, strEvt));
+        ASSERT_TRUE(isTaken()) << strRsp;
+        EXPECT_TRUE(waitUntilAllLeft()) << strRsp;
     }
-    EXPECT_TRUE(first.IsEmpty());
-    EXPECT_TRUE(second.IsEmpty());
+    EXPECT_TRUE(first.isEmpty());
+    EXPECT_TRUE(second.isEmpty());
     char c = 0;
-    EXPECT_LT(::read(fdOther.Get(), &c, 1), 0);
+    EXPECT_LT(::read(fdOther.get(), &c, 1), 0);
 }
 
 TEST_F(HostileConnect, LosesTheFilesOfItsPipes)
@@ -107,23 +105,19 @@ TEST_F(HostileConnect, LosesTheFilesOfItsPipes)
     {
         CChildProcess hostile([bReplaced](const CChildProcess::CParent& parent) {
             CRawClient client;
-            if (!client.Connect() || client.OpenStream("call", 1) == 0)
-            {
+            if (!client.connect() || client.openStream("call", 1) == 0)
                 return false;
-            }
-            const std::string strEvt = EvtPath(::getpid());
+            const std::string strEvt = evtPath(::getpid());
             ::unlink(strEvt.c_str());
             if (bReplaced)
-            {
                 ::mkfifo(strEvt.c_str(), 0600);
-            }
-            parent.Report();
-            return parent.WaitAsked(); // with all its pipes still open
+            parent.report();
+            return parent.waitAsked(); // with all its pipes still open
         });
-        ASSERT_TRUE(hostile.WaitReport());
-        EXPECT_TRUE(WaitUntilAllLeft());
-        hostile.Ask();
-        EXPECT_TRUE(hostile.WaitEnd());
+        ASSERT_TRUE(hostile.waitReport());
+        EXPECT_TRUE(waitUntilAllLeft());
+        hostile.ask();
+        EXPECT_TRUE(hostile.waitEnd());
     }
 }
 
@@ -141,12 +135,10 @@ TEST_F(HostileConnect, ConnectsAThousandTimesAndVanishes)
             {
                 // Every other one waits for the answer, and leaves its files behind.
                 CFifoPair pipes(::getpid());
-                const structMICMD cmd = ConnectCommand(pipes.m_strRsp, pipes.m_strEvt);
-                bool bOk = ::write(m_fdReq.Get(), &cmd, sizeof(cmd)) == static_cast<ssize_t>(sizeof(cmd));
-                while (bOk && n % 2 == 0 && pipes.IsEmpty())
-                {
+                const structMICMD cmd = connectCommand(pipes.m_strRsp, pipes.m_strEvt);
+                bool bOk = ::write(m_fdReq.get(), &cmd, sizeof(cmd)) == static_cast<ssize_t>(sizeof(cmd));
+                while (bOk && n % 2 == 0 && pipes.isEmpty())
                     ::sched_yield();
-                }
                 ::_exit(bOk ? 0 : 1);
             }
         }
@@ -157,10 +149,10 @@ TEST_F(HostileConnect, ConnectsAThousandTimesAndVanishes)
             ASSERT_EQ(nStatus, 0);
             if (nChild % 2 == 0)
             {
-                ::unlink(RspPath(nChild).c_str());
-                ::unlink(EvtPath(nChild).c_str());
+                ::unlink(rspPath(nChild).c_str());
+                ::unlink(evtPath(nChild).c_str());
             }
         }
     }
-    EXPECT_TRUE(WaitUntilAllLeft());
+    EXPECT_TRUE(waitUntilAllLeft());
 }

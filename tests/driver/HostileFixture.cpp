@@ -12,168 +12,150 @@
 
 namespace
 {
-constexpr std::uint32_t PIECE = 160; // what the good client plays at a time
+constexpr uint32_t PIECE = 160; // what the good client plays at a time
 
 // How much more memory the driver may have in use after a test. Sanitizers keep what was freed.
 #if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
-constexpr std::size_t MEMORY_SLACK = std::size_t{512} << 20;
+constexpr size_t MEMORY_SLACK = size_t{512} << 20;
 #else
-constexpr std::size_t MEMORY_SLACK = std::size_t{6} << 20;
+constexpr size_t MEMORY_SLACK = size_t{6} << 20;
 #endif
-constexpr std::size_t LOG_LIMIT = std::size_t{1} << 20;
+constexpr size_t LOG_LIMIT = size_t{1} << 20;
 
-bool Round(CRawClient& client, int nStreamID, int nFileID)
+bool round(CRawClient& client, int nStreamID, int nFileID)
 {
-    if (!client.PlayClip(nStreamID, nFileID, 0, PIECE))
-    {
+    if (!client.playClip(nStreamID, nFileID, 0, PIECE))
         return false;
-    }
-    const structMIEVT expected = {MIEVT_DONE, nStreamID, client.Sequence(), 0};
-    if (!client.Request(Command(MICMD_PING, 0, 0)))
-    {
+    const structMIEVT expected = {MIEVT_DONE, nStreamID, client.sequence(), 0};
+    if (!client.request(command(MICMD_PING, 0, 0)))
         return false;
-    }
-    const auto evt = client.WaitEvent();
+    const auto evt = client.waitEvent();
     return evt && *evt == expected;
 }
 
-bool HasHeard(const CTempFolder& folder, std::size_t nRounds)
+bool hasHeard(const CTempFolder& folder, size_t nRounds)
 {
-    const CSamples piece = Slice(ReadULawWav(folder.Path("clip.wav")), 0, PIECE);
-    const CSamples heard = ReadULawWav(folder.Path("good-1.heard.wav"));
+    const CSamples piece = slice(readULawWav(folder.path("clip.wav")), 0, PIECE);
+    const CSamples heard = readULawWav(folder.path("good-1.heard.wav"));
     bool bAll = heard.size() == nRounds * PIECE;
-    for (std::size_t n = 0; n < heard.size() && bAll; n += PIECE)
-    {
+    for (size_t n = 0; n < heard.size() && bAll; n += PIECE)
         bAll = std::equal(piece.begin(), piece.end(), heard.begin() + static_cast<std::ptrdiff_t>(n));
-    }
     return bAll;
 }
 
-bool Live(const CTempFolder& folder, const CChildProcess::CParent& parent)
+bool live(const CTempFolder& folder, const CChildProcess::CParent& parent)
 {
     CRawClient client;
-    const bool bConnected = client.Connect();
-    const int nFileID = client.OpenFile(folder.Path("clip.wav"));
-    const int nStreamID = client.OpenStream("good", 1);
+    const bool bConnected = client.connect();
+    const int nFileID = client.openFile(folder.path("clip.wav"));
+    const int nStreamID = client.openStream("good", 1);
     if (!bConnected || nFileID == 0 || nStreamID == 0)
-    {
         return false;
-    }
-    parent.Report();
-    std::size_t nRounds = 0;
+    parent.report();
+    size_t nRounds = 0;
     for (bool bOpen = true; bOpen;)
     {
-        const bool bAsked = parent.HasAsked();
+        const bool bAsked = parent.hasAsked();
         for (int n = 0; n < 2; ++n, ++nRounds)
-        {
-            if (!Round(client, nStreamID, nFileID))
-            {
+            if (!round(client, nStreamID, nFileID))
                 return false;
-            }
-        }
         if (bAsked)
         {
-            bOpen = parent.WaitAsked();
+            bOpen = parent.waitAsked();
             if (bOpen)
-            {
-                parent.Report();
-            }
+                parent.report();
         }
     }
-    return HasHeard(folder, nRounds);
+    return hasHeard(folder, nRounds);
 }
 } // namespace
 
-std::string RspPath(int nProcessID)
+std::string rspPath(int nProcessID)
 {
     return MI_RESPONSE_PIPE_PREFIX + std::to_string(nProcessID);
 }
 
-std::string EvtPath(int nProcessID)
+std::string evtPath(int nProcessID)
 {
     return MI_EVENT_PIPE_PREFIX + std::to_string(nProcessID);
 }
 
-structMICMD ConnectCommand(const std::string& strRspPipe, const std::string& strEvtPipe)
+structMICMD connectCommand(const std::string& strRspPipe, const std::string& strEvtPipe)
 {
-    structMICMD cmd = Command(MICMD_CONNECT, 0, 1);
-    SetText(cmd.connect.szRspPipe, strRspPipe);
-    SetText(cmd.connect.szEvtPipe, strEvtPipe);
+    structMICMD cmd = command(MICMD_CONNECT, 0, 1);
+    setText(cmd.connect.szRspPipe, strRspPipe);
+    setText(cmd.connect.szEvtPipe, strEvtPipe);
     return cmd;
 }
 
 CGoodClient::CGoodClient(const CTempFolder& folder)
-    : m_child([&folder](const CChildProcess::CParent& parent) { return Live(folder, parent); })
+    : m_child([&folder](const CChildProcess::CParent& parent) { return live(folder, parent); })
 {
 }
 
-bool CGoodClient::WaitConnected()
+bool CGoodClient::waitConnected()
 {
-    return m_child.WaitReport();
+    return m_child.waitReport();
 }
 
-bool CGoodClient::IsServed()
+bool CGoodClient::isServed()
 {
-    m_child.Ask();
-    return m_child.WaitReport();
+    m_child.ask();
+    return m_child.waitReport();
 }
 
-bool CGoodClient::WaitEnd()
+bool CGoodClient::waitEnd()
 {
-    return m_child.WaitEnd();
+    return m_child.waitEnd();
 }
 
 CHostileFixture::CHostileFixture()
 {
     ::signal(SIGPIPE, SIG_IGN);
-    WriteULaw(m_folder.Path("clip.wav"), SF_FORMAT_WAV, Noise(3200, 1));
-    WriteULaw(m_folder.Path("call.in.wav"), SF_FORMAT_WAV, Noise(30000, 2));
+    writeULaw(m_folder.path("clip.wav"), SF_FORMAT_WAV, noise(3200, 1));
+    writeULaw(m_folder.path("call.in.wav"), SF_FORMAT_WAV, noise(30000, 2));
 }
 
 void CHostileFixture::SetUp()
 {
     m_pDriver = std::make_unique<CDriverProgram>(std::vector<std::string>{
-        "--audio", m_folder.Folder(), "--speed", "max", "--log", m_folder.Path("log"), "--log-level", "warning"});
-    ASSERT_TRUE(m_pDriver->WaitReady());
+        "--audio", m_folder.folder(), "--speed", "max", "--log", m_folder.path("log"), "--log-level", "warning"});
+    ASSERT_TRUE(m_pDriver->waitReady());
     m_pGood = std::make_unique<CGoodClient>(m_folder);
-    ASSERT_TRUE(m_pGood->WaitConnected());
+    ASSERT_TRUE(m_pGood->waitConnected());
     m_fdReq = CFd(::open(MI_REQUEST_PIPE, O_WRONLY | O_CLOEXEC));
-    ASSERT_TRUE(m_pGood->IsServed());
-    m_nDescriptors = m_pDriver->OpenDescriptors();
-    m_nMemory = m_pDriver->ResidentBytes();
+    ASSERT_TRUE(m_pGood->isServed());
+    m_nDescriptors = m_pDriver->openDescriptors();
+    m_nMemory = m_pDriver->residentBytes();
 }
 
 void CHostileFixture::TearDown()
 {
     ASSERT_TRUE(m_pGood);
-    EXPECT_TRUE(m_pGood->IsServed());
-    EXPECT_TRUE(WaitUntilAllLeft());
-    EXPECT_LE(m_pDriver->ResidentBytes(), m_nMemory + MEMORY_SLACK);
-    EXPECT_TRUE(m_pGood->WaitEnd());
-    m_pDriver->Signal(SIGTERM);
-    EXPECT_EQ(m_pDriver->WaitExit(), 0);
-    EXPECT_LE(std::filesystem::file_size(m_folder.Path("log")), LOG_LIMIT);
+    EXPECT_TRUE(m_pGood->isServed());
+    EXPECT_TRUE(waitUntilAllLeft());
+    EXPECT_LE(m_pDriver->residentBytes(), m_nMemory + MEMORY_SLACK);
+    EXPECT_TRUE(m_pGood->waitEnd());
+    m_pDriver->signal(SIGTERM);
+    EXPECT_EQ(m_pDriver->waitExit(), 0);
+    EXPECT_LE(std::filesystem::file_size(m_folder.path("log")), LOG_LIMIT);
 }
 
-bool CHostileFixture::WaitUntilAllLeft()
+bool CHostileFixture::waitUntilAllLeft()
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (m_pDriver->OpenDescriptors() > m_nDescriptors)
-    {
-        if (std::chrono::steady_clock::now() > deadline || !m_pGood->IsServed())
-        {
+    while (m_pDriver->openDescriptors() > m_nDescriptors)
+        if (std::chrono::steady_clock::now() > deadline || !m_pGood->isServed())
             return false;
-        }
-    }
     return true;
 }
 
-void CHostileFixture::Write(const void* pBytes, std::size_t nSize)
+void CHostileFixture::write(const void* pBytes, size_t nSize)
 {
-    ASSERT_EQ(::write(m_fdReq.Get(), pBytes, nSize), static_cast<ssize_t>(nSize));
+    ASSERT_EQ(::write(m_fdReq.get(), pBytes, nSize), static_cast<ssize_t>(nSize));
 }
 
-CFifoPair::CFifoPair(int nProcessID) : m_strRsp(RspPath(nProcessID)), m_strEvt(EvtPath(nProcessID))
+CFifoPair::CFifoPair(int nProcessID) : m_strRsp(rspPath(nProcessID)), m_strEvt(evtPath(nProcessID))
 {
     ::mkfifo(m_strRsp.c_str(), 0600);
     ::mkfifo(m_strEvt.c_str(), 0600);
@@ -181,8 +163,8 @@ CFifoPair::CFifoPair(int nProcessID) : m_strRsp(RspPath(nProcessID)), m_strEvt(E
     m_fdEvt = CFd(::open(m_strEvt.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
 }
 
-bool CFifoPair::IsEmpty() const
+bool CFifoPair::isEmpty() const
 {
     char c = 0;
-    return ::read(m_fdRsp.Get(), &c, 1) < 0 && ::read(m_fdEvt.Get(), &c, 1) < 0;
+    return ::read(m_fdRsp.get(), &c, 1) < 0 && ::read(m_fdEvt.get(), &c, 1) < 0;
 }

@@ -10,9 +10,9 @@
 #include <memory>
 #include <string>
 
-std::string RspPath(int nProcessID);
-std::string EvtPath(int nProcessID);
-structMICMD ConnectCommand(const std::string& strRspPipe, const std::string& strEvtPipe);
+std::string rspPath(int nProcessID);
+std::string evtPath(int nProcessID);
+structMICMD connectCommand(const std::string& strRspPipe, const std::string& strEvtPipe);
 
 // A client in a process of its own that pings and plays all the time, and ends badly as soon as a ping is
 // not answered, or an event is missing, twice there, out of order or not one of success.
@@ -21,13 +21,13 @@ class CGoodClient
 public:
     explicit CGoodClient(const CTempFolder& folder);
 
-    bool WaitConnected();
+    bool waitConnected();
 
     // Whether it has been served twice more from beginning to end.
-    bool IsServed();
+    bool isServed();
 
     // Ends it. Whether it was served well, and its caller has heard it all.
-    bool WaitEnd();
+    bool waitEnd();
 
 private:
     CChildProcess m_child;
@@ -43,21 +43,21 @@ protected:
     void TearDown() override;
 
     // Whether all clients but the good one have left the driver before long.
-    bool WaitUntilAllLeft();
+    bool waitUntilAllLeft();
 
     // Writes into the request pipe when there is room.
-    void Write(const void* pBytes, std::size_t nSize);
-    void Write(const structMICMD& cmd) { Write(&cmd, sizeof(cmd)); }
+    void write(const void* pBytes, size_t nSize);
+    void write(const structMICMD& cmd) { write(&cmd, sizeof(cmd)); }
 
     // Whether the driver has taken everything that was written, and still serves.
-    bool IsTaken() { return m_pGood->IsServed(); }
+    bool isTaken() { return m_pGood->isServed(); }
 
     CTempFolder m_folder; // with clip.wav, and call.in.wav
     std::unique_ptr<CDriverProgram> m_pDriver;
     std::unique_ptr<CGoodClient> m_pGood;
     CFd m_fdReq;
-    std::size_t m_nDescriptors = 0;
-    std::size_t m_nMemory = 0;
+    size_t m_nDescriptors = 0;
+    size_t m_nMemory = 0;
 };
 
 // Two FIFOs with readers under the names of a process, and nothing that came through them yet.
@@ -66,7 +66,7 @@ class CFifoPair
 public:
     explicit CFifoPair(int nProcessID);
 
-    bool IsEmpty() const;
+    bool isEmpty() const;
 
     const std::string m_strRsp;
     const std::string m_strEvt;

@@ -12,22 +12,18 @@ namespace
 class LogLimiter : public testing::Test
 {
 protected:
-    void Warn(int nTimes)
+    void warn(int nTimes)
     {
         for (int n = 0; n < nTimes; ++n)
-        {
-            m_limiter.Warn("bad {}", "input");
-        }
+            m_limiter.warn("bad {}", "input");
     }
-    void Pass(std::chrono::milliseconds time) { m_now += time; }
-    std::size_t Lines(const std::string& strPart) const
+    void pass(std::chrono::milliseconds time) { m_now += time; }
+    size_t lines(const std::string& strPart) const
     {
-        std::size_t nCount = 0;
-        const std::string strText = m_log.Text();
-        for (std::size_t n = strText.find(strPart); n != std::string::npos; n = strText.find(strPart, n + 1))
-        {
+        size_t nCount = 0;
+        const std::string strText = m_log.text();
+        for (size_t n = strText.find(strPart); n != std::string::npos; n = strText.find(strPart, n + 1))
             ++nCount;
-        }
         return nCount;
     }
 
@@ -39,59 +35,59 @@ protected:
 
 TEST_F(LogLimiter, LetsABurstThroughWhole)
 {
-    Warn(100);
-    EXPECT_EQ(Lines("warning: bad input\n"), 100U);
-    EXPECT_THAT(m_log.Text(), Not(HasSubstr("left out")));
+    warn(100);
+    EXPECT_EQ(lines("warning: bad input\n"), 100U);
+    EXPECT_THAT(m_log.text(), Not(HasSubstr("left out")));
 }
 
 TEST_F(LogLimiter, LetsTenPerSecondThroughAfterTheBurst)
 {
-    Warn(150);
-    EXPECT_EQ(Lines("bad input\n"), 100U);
+    warn(150);
+    EXPECT_EQ(lines("bad input\n"), 100U);
     for (int nSecond = 1; nSecond <= 5; ++nSecond)
     {
         for (int nStep = 0; nStep < 50; ++nStep)
         {
-            Pass(std::chrono::milliseconds(20));
-            Warn(3);
+            pass(std::chrono::milliseconds(20));
+            warn(3);
         }
-        EXPECT_EQ(Lines("warning: bad input\n"), 100U + 10U * static_cast<std::size_t>(nSecond));
+        EXPECT_EQ(lines("warning: bad input\n"), 100U + 10U * static_cast<size_t>(nSecond));
     }
 }
 
 TEST_F(LogLimiter, AllowsNoMoreThanABurstAfterALongRest)
 {
-    Warn(100);
-    Pass(std::chrono::hours(1));
-    Warn(200);
-    EXPECT_EQ(Lines("warning: bad input\n"), 200U);
+    warn(100);
+    pass(std::chrono::hours(1));
+    warn(200);
+    EXPECT_EQ(lines("warning: bad input\n"), 200U);
 }
 
 TEST_F(LogLimiter, SaysOnceHowManyWereLeftOutWhenItIsQuietAgain)
 {
-    Warn(123);
-    m_limiter.ReportLeftOut();
-    Pass(std::chrono::milliseconds(999));
-    m_limiter.ReportLeftOut();
-    EXPECT_THAT(m_log.Text(), Not(HasSubstr("left out")));
-    Pass(std::chrono::milliseconds(1));
-    m_limiter.ReportLeftOut();
-    m_limiter.ReportLeftOut();
-    EXPECT_EQ(Lines("warning: left out 23 warnings about bad input\n"), 1U);
+    warn(123);
+    m_limiter.reportLeftOut();
+    pass(std::chrono::milliseconds(999));
+    m_limiter.reportLeftOut();
+    EXPECT_THAT(m_log.text(), Not(HasSubstr("left out")));
+    pass(std::chrono::milliseconds(1));
+    m_limiter.reportLeftOut();
+    m_limiter.reportLeftOut();
+    EXPECT_EQ(lines("warning: left out 23 warnings about bad input\n"), 1U);
 }
 
 TEST_F(LogLimiter, SaysHowManyWereLeftOutBeforeTheNextWarning)
 {
-    Warn(105);
-    Pass(std::chrono::seconds(2));
-    Warn(1);
-    EXPECT_THAT(m_log.Text(), testing::EndsWith("warning: left out 5 warnings about bad input\n"
+    warn(105);
+    pass(std::chrono::seconds(2));
+    warn(1);
+    EXPECT_THAT(m_log.text(), testing::EndsWith("warning: left out 5 warnings about bad input\n"
                                                 "warning: bad input\n"));
 }
 
 TEST_F(LogLimiter, SaysNothingWhenNothingWasLeftOut)
 {
-    Pass(std::chrono::seconds(5));
-    m_limiter.ReportLeftOut();
-    EXPECT_EQ(m_log.Text(), "");
+    pass(std::chrono::seconds(5));
+    m_limiter.reportLeftOut();
+    EXPECT_EQ(m_log.text(), "");
 }

@@ -28,7 +28,7 @@ protected:
     {
         char szFolder[] = "/tmp/log-test-XXXXXX";
         m_strFolder = ::mkdtemp(szFolder);
-        m_options.m_strLogFile = Path("driver.log");
+        m_options.m_strLogFile = path("driver.log");
     }
 
     ~Log() override
@@ -37,23 +37,21 @@ protected:
         std::filesystem::remove_all(m_strFolder);
     }
 
-    std::string Path(const std::string& strName) const { return m_strFolder + "/" + strName; }
+    std::string path(const std::string& strName) const { return m_strFolder + "/" + strName; }
 
-    std::vector<std::string> Lines(const std::string& strName) const
+    std::vector<std::string> lines(const std::string& strName) const
     {
-        std::ifstream file(Path(strName));
+        std::ifstream file(path(strName));
         std::vector<std::string> vLines;
         for (std::string strLine; std::getline(file, strLine);)
-        {
             vLines.push_back(strLine);
-        }
         return vLines;
     }
 
-    bool SetUpLogWithJson()
+    bool setUpLogWithJson()
     {
         m_options.m_eLogFormat = ELogFormat::Json;
-        return SetUpLog(m_options, m_strError);
+        return setUpLog(m_options, m_strError);
     }
 
     COptions m_options;
@@ -67,9 +65,9 @@ private:
 
 TEST_F(Log, TextLinesHaveTimeLevelAndMessage)
 {
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
     spdlog::warn("client {} is slow", 7);
-    EXPECT_THAT(Lines("driver.log"),
+    EXPECT_THAT(lines("driver.log"),
                 ElementsAre(MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
                                          "warning: client 7 is slow")));
 }
@@ -77,34 +75,32 @@ TEST_F(Log, TextLinesHaveTimeLevelAndMessage)
 TEST_F(Log, LeavesOutLinesBelowItsLevel)
 {
     m_options.m_eLogLevel = spdlog::level::err;
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
     spdlog::warn("small");
     spdlog::error("big");
-    EXPECT_THAT(Lines("driver.log"), ElementsAre(EndsWith("error: big")));
+    EXPECT_THAT(lines("driver.log"), ElementsAre(EndsWith("error: big")));
 }
 
 TEST_F(Log, JsonLinesAreObjectsWithUtcTimeLevelAndMessage)
 {
-    ASSERT_TRUE(SetUpLogWithJson());
+    ASSERT_TRUE(setUpLogWithJson());
     spdlog::info("client {} connected", 7);
     EXPECT_THAT(
-        Lines("driver.log"),
+        lines("driver.log"),
         ElementsAre(MatchesRegex("\\{\"time\":\"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z\","
                                  "\"level\":\"info\",\"message\":\"client 7 connected\"\\}")));
 }
 
 TEST_F(Log, JsonLinesCanBeReadBackWhateverTheirBytes)
 {
-    ASSERT_TRUE(SetUpLogWithJson());
+    ASSERT_TRUE(setUpLogWithJson());
     std::string strBytes;
     for (int nByte = 0; nByte < 256; ++nByte)
-    {
         strBytes += static_cast<char>(nByte);
-    }
     spdlog::info("{}", strBytes);
     spdlog::info("\"quoted\" \\ gr\u00fc\u00df\nsecond line");
     spdlog::info("\xe2\x82"); // a character cut off
-    const auto vLines = Lines("driver.log");
+    const auto vLines = lines("driver.log");
     ASSERT_THAT(vLines, SizeIs(3));
     const std::string strRead = nlohmann::json::parse(vLines[0]).at("message");
     EXPECT_EQ(strRead.substr(0, 128), strBytes.substr(0, 128));
@@ -116,100 +112,92 @@ TEST_F(Log, GoesToTheStandardErrorWithoutAFile)
 {
     m_options.m_strLogFile.clear();
     testing::internal::CaptureStderr();
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
     spdlog::info("hello");
-    EXPECT_TRUE(ReopenLog(m_strError));
+    EXPECT_TRUE(reopenLog(m_strError));
     EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("info: hello\n"));
 }
 
 TEST_F(Log, AppendsToWhatTheFileHolds)
 {
-    std::ofstream(Path("driver.log")) << "earlier\n";
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
+    std::ofstream(path("driver.log")) << "earlier\n";
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
     spdlog::info("later");
-    EXPECT_THAT(Lines("driver.log"), ElementsAre("earlier", EndsWith("later")));
+    EXPECT_THAT(lines("driver.log"), ElementsAre("earlier", EndsWith("later")));
 }
 
 TEST_F(Log, FollowsALink)
 {
-    std::filesystem::create_symlink(Path("elsewhere.log"), Path("driver.log"));
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
+    std::filesystem::create_symlink(path("elsewhere.log"), path("driver.log"));
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
     spdlog::info("hello");
-    EXPECT_THAT(Lines("elsewhere.log"), SizeIs(1));
+    EXPECT_THAT(lines("elsewhere.log"), SizeIs(1));
 }
 
 TEST_F(Log, NamesTheFileThatCannotBeOpened)
 {
-    m_options.m_strLogFile = Path("none/driver.log");
-    EXPECT_FALSE(SetUpLog(m_options, m_strError));
+    m_options.m_strLogFile = path("none/driver.log");
+    EXPECT_FALSE(setUpLog(m_options, m_strError));
     EXPECT_THAT(m_strError, HasSubstr(m_options.m_strLogFile));
     EXPECT_THAT(m_strError, HasSubstr("No such file or directory"));
 }
 
 TEST_F(Log, DoesNotWaitForAPipesReader)
 {
-    ASSERT_EQ(::mkfifo(Path("driver.log").c_str(), 0600), 0);
-    EXPECT_FALSE(SetUpLog(m_options, m_strError));
-    EXPECT_THAT(m_strError, HasSubstr(Path("driver.log")));
+    ASSERT_EQ(::mkfifo(path("driver.log").c_str(), 0600), 0);
+    EXPECT_FALSE(setUpLog(m_options, m_strError));
+    EXPECT_THAT(m_strError, HasSubstr(path("driver.log")));
 }
 
 TEST_F(Log, GoesOnInANewFileAfterTheOldOneWasMovedAway)
 {
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
     spdlog::info("first");
-    std::filesystem::rename(Path("driver.log"), Path("driver.log.1"));
+    std::filesystem::rename(path("driver.log"), path("driver.log.1"));
     spdlog::info("second");
-    EXPECT_TRUE(ReopenLog(m_strError));
+    EXPECT_TRUE(reopenLog(m_strError));
     spdlog::info("third");
-    EXPECT_THAT(Lines("driver.log.1"), ElementsAre(EndsWith("first"), EndsWith("second")));
-    EXPECT_THAT(Lines("driver.log"), ElementsAre(EndsWith("the log file was opened anew"), EndsWith("third")));
+    EXPECT_THAT(lines("driver.log.1"), ElementsAre(EndsWith("first"), EndsWith("second")));
+    EXPECT_THAT(lines("driver.log"), ElementsAre(EndsWith("the log file was opened anew"), EndsWith("third")));
 }
 
 TEST_F(Log, StaysInTheOldFileWhenTheNewOneCannotBeOpened)
 {
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
-    std::filesystem::rename(Path("driver.log"), Path("driver.log.1"));
-    std::filesystem::create_directory(Path("driver.log"));
-    EXPECT_FALSE(ReopenLog(m_strError));
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
+    std::filesystem::rename(path("driver.log"), path("driver.log.1"));
+    std::filesystem::create_directory(path("driver.log"));
+    EXPECT_FALSE(reopenLog(m_strError));
     EXPECT_THAT(m_strError, HasSubstr("Is a directory"));
     spdlog::info("still here");
-    EXPECT_THAT(Lines("driver.log.1"),
+    EXPECT_THAT(lines("driver.log.1"),
                 ElementsAre(AllOf(HasSubstr(" error: "), HasSubstr(m_strError)), EndsWith("still here")));
 }
 
 TEST_F(Log, LinesOfManyThreadsStayWholeWhileTheFileIsOpenedAnew)
 {
-    ASSERT_TRUE(SetUpLogWithJson());
+    ASSERT_TRUE(setUpLogWithJson());
     const std::string strLong(300, 'x');
     std::vector<std::thread> vThreads;
     for (int nThread = 0; nThread < 4; ++nThread)
     {
         vThreads.emplace_back([&strLong] {
             for (int nLine = 0; nLine < 200; ++nLine)
-            {
                 spdlog::info("{}", strLong);
-            }
         });
     }
     for (int nTime = 0; nTime < 20; ++nTime)
-    {
-        EXPECT_TRUE(ReopenLog(m_strError));
-    }
+        EXPECT_TRUE(reopenLog(m_strError));
     for (std::thread& thread : vThreads)
-    {
         thread.join();
-    }
-    const auto vLines = Lines("driver.log");
+    const auto vLines = lines("driver.log");
     EXPECT_THAT(vLines, SizeIs(4 * 200 + 20));
     for (const std::string& strLine : vLines)
-    {
         EXPECT_TRUE(nlohmann::json::accept(strLine)) << strLine;
-    }
 }
 
 TEST_F(Log, ALineThatDidNotFitLeavesTheNextOneWhole)
 {
-    ASSERT_TRUE(SetUpLogWithJson());
+    ASSERT_TRUE(setUpLogWithJson());
     ::signal(SIGXFSZ, SIG_IGN);
     rlimit before = {};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
@@ -219,7 +207,7 @@ TEST_F(Log, ALineThatDidNotFitLeavesTheNextOneWhole)
     spdlog::info("{}", std::string(200, 'x'));
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
     spdlog::info("whole");
-    const auto vLines = Lines("driver.log");
+    const auto vLines = lines("driver.log");
     ASSERT_THAT(vLines, SizeIs(2));
     EXPECT_THAT(vLines[0], SizeIs(100));
     EXPECT_EQ(nlohmann::json::parse(vLines[1]).at("message"), "whole");
@@ -228,7 +216,7 @@ TEST_F(Log, ALineThatDidNotFitLeavesTheNextOneWhole)
 TEST_F(Log, AFullDiskIsReportedOnTheStandardError)
 {
     m_options.m_strLogFile = "/dev/full";
-    ASSERT_TRUE(SetUpLog(m_options, m_strError));
+    ASSERT_TRUE(setUpLog(m_options, m_strError));
     testing::internal::CaptureStderr();
     spdlog::info("lost");
     EXPECT_THAT(testing::internal::GetCapturedStderr(),

@@ -8,9 +8,9 @@ TEST(NetAddress, IsTheTextThatItWasMadeFrom)
     for (const std::string strText :
          {"127.0.0.1:40000", "0.0.0.0:1", "255.255.255.255:65535", "[::1]:40000", "[2001:db8::1]:0", "[::]:9"})
     {
-        const std::optional<CNetAddress> address = CNetAddress::Parse(strText);
+        const std::optional<CNetAddress> address = CNetAddress::parse(strText);
         ASSERT_TRUE(address) << strText;
-        EXPECT_EQ(address->Text(), strText);
+        EXPECT_EQ(address->text(), strText);
     }
 }
 
@@ -41,35 +41,31 @@ TEST(NetAddress, IsNothingButAnAddressAndAPort)
                                       "[:1",
                                       "[fe80::1%lo]:1",
                                       "[::g]:1"})
-    {
-        EXPECT_FALSE(CNetAddress::Parse(strText)) << strText;
-    }
-    EXPECT_FALSE(CNetAddress::Parse(std::string("127.0.0.1\0.5:1", 14)));
+        EXPECT_FALSE(CNetAddress::parse(strText)) << strText;
+    EXPECT_FALSE(CNetAddress::parse(std::string("127.0.0.1\0.5:1", 14)));
 }
 
 TEST(NetAddress, DiffersByHostPortAndFamily)
 {
-    const CNetAddress address = CNetAddress::Parse("127.0.0.1:40000").value();
-    EXPECT_EQ(address, CNetAddress::Parse("127.0.0.1:40000").value());
-    EXPECT_EQ(address.Hash(), CNetAddress::Parse("127.0.0.1:40000").value().Hash());
+    const CNetAddress address = CNetAddress::parse("127.0.0.1:40000").value();
+    EXPECT_EQ(address, CNetAddress::parse("127.0.0.1:40000").value());
+    EXPECT_EQ(address.hash(), CNetAddress::parse("127.0.0.1:40000").value().hash());
     for (const char* pOther : {"127.0.0.1:40001", "127.0.0.2:40000", "[::1]:40000", "[::ffff:127.0.0.1]:40000"})
-    {
-        EXPECT_FALSE(address == CNetAddress::Parse(pOther).value()) << pOther;
-    }
-    EXPECT_FALSE(CNetAddress::Parse("[::1]:1").value() == CNetAddress::Parse("[::2]:1").value());
-    EXPECT_FALSE(CNetAddress::Parse("[::1]:1").value() == CNetAddress::Parse("[::1]:2").value());
-    EXPECT_EQ(CNetAddress::Parse("[::1]:1").value(), CNetAddress::Parse("[0:0::1]:1").value());
+        EXPECT_FALSE(address == CNetAddress::parse(pOther).value()) << pOther;
+    EXPECT_FALSE(CNetAddress::parse("[::1]:1").value() == CNetAddress::parse("[::2]:1").value());
+    EXPECT_FALSE(CNetAddress::parse("[::1]:1").value() == CNetAddress::parse("[::1]:2").value());
+    EXPECT_EQ(CNetAddress::parse("[::1]:1").value(), CNetAddress::parse("[0:0::1]:1").value());
 }
 
 TEST(NetAddress, ChangesItsPortOnly)
 {
-    EXPECT_EQ(CNetAddress::Parse("127.0.0.1:1").value().WithPort(513).Text(), "127.0.0.1:513");
-    EXPECT_EQ(CNetAddress::Parse("[::1]:1").value().WithPort(513).Text(), "[::1]:513");
-    EXPECT_EQ(CNetAddress::Parse("[::1]:513").value().Port(), 513);
+    EXPECT_EQ(CNetAddress::parse("127.0.0.1:1").value().withPort(513).text(), "127.0.0.1:513");
+    EXPECT_EQ(CNetAddress::parse("[::1]:1").value().withPort(513).text(), "[::1]:513");
+    EXPECT_EQ(CNetAddress::parse("[::1]:513").value().port(), 513);
 }
 
 TEST(NetAddress, IsNoneUntilAssigned)
 {
-    EXPECT_EQ(CNetAddress().Text(), "no address");
+    EXPECT_EQ(CNetAddress().text(), "no address");
     EXPECT_EQ(CNetAddress(), CNetAddress());
 }

@@ -8,9 +8,9 @@
 TEST(NullChannel, TakesAllThatIsPlayed)
 {
     CNullChannel channel;
-    EXPECT_EQ(channel.Hear(std::vector<std::uint8_t>(160, 1)), 160U);
-    EXPECT_EQ(channel.Hear(std::vector<std::uint8_t>(7, 1)), 7U);
-    EXPECT_FALSE(channel.HasFailed());
+    EXPECT_EQ(channel.hear(std::vector<uint8_t>(160, 1)), 160U);
+    EXPECT_EQ(channel.hear(std::vector<uint8_t>(7, 1)), 7U);
+    EXPECT_FALSE(channel.hasFailed());
 }
 
 TEST(NullChannel, SaysSilenceWithoutEnd)
@@ -18,9 +18,9 @@ TEST(NullChannel, SaysSilenceWithoutEnd)
     CNullChannel channel;
     for (int n = 0; n < 100; ++n)
     {
-        std::vector<std::uint8_t> samples(160, 1);
-        ASSERT_EQ(channel.Listen(samples), 160U);
-        ASSERT_EQ(samples, std::vector<std::uint8_t>(160, 0xFF));
+        std::vector<uint8_t> samples(160, 1);
+        ASSERT_EQ(channel.listen(samples), 160U);
+        ASSERT_EQ(samples, std::vector<uint8_t>(160, 0xFF));
     }
 }
 
@@ -28,15 +28,15 @@ TEST(NullChannel, LetsPlaysAndRecordingsBeginAndEndAtOnce)
 {
     CNullChannel channel;
     int nDone = 0;
-    channel.BeginListening([&nDone](bool bOk, const std::string&) { nDone += bOk ? 1 : 0; });
-    channel.FinishHearing([&nDone](bool bOk) { nDone += bOk ? 1 : 0; });
-    channel.EndListening();
+    channel.beginListening([&nDone](bool bOk, const std::string&) { nDone += bOk ? 1 : 0; });
+    channel.finishHearing([&nDone](bool bOk) { nDone += bOk ? 1 : 0; });
+    channel.endListening();
     EXPECT_EQ(nDone, 2);
 }
 
 TEST(NullChannel, KeepsToTheClock)
 {
     const CNullChannel channel;
-    EXPECT_TRUE(channel.IsRealTime());
-    EXPECT_STREQ(channel.Kind(), "null");
+    EXPECT_TRUE(channel.isRealTime());
+    EXPECT_STREQ(channel.kind(), "null");
 }

@@ -13,27 +13,27 @@ namespace
 {
 using CArguments = std::vector<const char*>;
 
-std::optional<int> Parse(const CArguments& vArguments, COptions& options)
+std::optional<int> parse(const CArguments& vArguments, COptions& options)
 {
     CArguments vAll = {"zelmedia-driver"};
     vAll.insert(vAll.end(), vArguments.begin(), vArguments.end());
-    return ParseOptions(static_cast<int>(vAll.size()), vAll.data(), options);
+    return parseOptions(static_cast<int>(vAll.size()), vAll.data(), options);
 }
 
-std::string Printed(const CArguments& vArguments)
+std::string printed(const CArguments& vArguments)
 {
     COptions options;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Parse(vArguments, options), 0);
+    EXPECT_EQ(parse(vArguments, options), 0);
     return testing::internal::GetCapturedStdout();
 }
 
-void ExpectMistake(const CArguments& vArguments, const char* pNamed)
+void expectMistake(const CArguments& vArguments, const char* pNamed)
 {
     SCOPED_TRACE(testing::PrintToString(vArguments));
     COptions options;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(Parse(vArguments, options), 2);
+    EXPECT_EQ(parse(vArguments, options), 2);
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(pNamed));
 }
 } // namespace
@@ -41,7 +41,7 @@ void ExpectMistake(const CArguments& vArguments, const char* pNamed)
 TEST(Options, HaveDefaults)
 {
     COptions options;
-    EXPECT_EQ(Parse({}, options), std::nullopt);
+    EXPECT_EQ(parse({}, options), std::nullopt);
     EXPECT_EQ(options.m_strAudioFolder, ".");
     EXPECT_EQ(options.m_strChannelsFile, "");
     EXPECT_EQ(options.m_eSpeed, ESpeed::RealTime);
@@ -57,7 +57,7 @@ TEST(Options, HaveDefaults)
 TEST(Options, AreTakenFromTheCommandLine)
 {
     COptions options;
-    EXPECT_EQ(Parse({"--audio", "/tmp", "--speed=max", "--log", "a.log", "--log-level", "debug", "--log-format", "json",
+    EXPECT_EQ(parse({"--audio", "/tmp", "--speed=max", "--log", "a.log", "--log-level", "debug", "--log-format", "json",
                      "--channels", "/dev/null", "--caller-end", "silence", "--control", "/tmp/c"},
                     options),
               std::nullopt);
@@ -74,27 +74,27 @@ TEST(Options, AreTakenFromTheCommandLine)
 TEST(Options, FaultRulesAreKeptAsTheyAre)
 {
     COptions options;
-    EXPECT_EQ(Parse({"--fault", "do=refuse,on=playfile,nth=3", "--fault", "[a,b]"}, options), std::nullopt);
+    EXPECT_EQ(parse({"--fault", "do=refuse,on=playfile,nth=3", "--fault", "[a,b]"}, options), std::nullopt);
     EXPECT_THAT(options.m_vstrFaults, ElementsAre("do=refuse,on=playfile,nth=3", "[a,b]"));
 }
 
 TEST(Options, AFaultRuleDoesNotTakeTheSubcommandAlong)
 {
     COptions options;
-    ExpectMistake({"--fault", "do=die", "word"}, "word");
+    expectMistake({"--fault", "do=die", "word"}, "word");
 }
 
 TEST(Options, ControlNoneMeansNoSocket)
 {
     COptions options;
-    EXPECT_EQ(Parse({"--control", "none"}, options), std::nullopt);
+    EXPECT_EQ(parse({"--control", "none"}, options), std::nullopt);
     EXPECT_EQ(options.m_strControlPath, "");
 }
 
 TEST(Options, CtlTakesAllWordsBehindItsOptions)
 {
     COptions options;
-    EXPECT_EQ(Parse({"ctl", "--control", "/tmp/c", "fault", "do=refuse", "call=a b", "[x,y]", "ctl", "++"}, options),
+    EXPECT_EQ(parse({"ctl", "--control", "/tmp/c", "fault", "do=refuse", "call=a b", "[x,y]", "ctl", "++"}, options),
               std::nullopt);
     EXPECT_TRUE(options.m_bCtl);
     EXPECT_EQ(options.m_strControlPath, "/tmp/c");
@@ -104,69 +104,65 @@ TEST(Options, CtlTakesAllWordsBehindItsOptions)
 TEST(Options, CtlTakesTheSocketInFrontOfItToo)
 {
     COptions options;
-    EXPECT_EQ(Parse({"--control", "/tmp/c", "ctl", "stats"}, options), std::nullopt);
+    EXPECT_EQ(parse({"--control", "/tmp/c", "ctl", "stats"}, options), std::nullopt);
     EXPECT_EQ(options.m_strControlPath, "/tmp/c");
     EXPECT_THAT(options.m_vstrCtlWords, ElementsAre("stats"));
 }
 
 TEST(Options, CtlRefusesOptionsAmongItsWords)
 {
-    ExpectMistake({"ctl", "stats", "--control", "/tmp/c"}, "--control");
-    ExpectMistake({"ctl", "stats", "--log=x"}, "--log=x");
-    ExpectMistake({"ctl", "stats", "-h"}, "-h");
-    ExpectMistake({"ctl", "--log", "stats"}, "--log");
-    ExpectMistake({"ctl", "--", "--control"}, "--control");
+    expectMistake({"ctl", "stats", "--control", "/tmp/c"}, "--control");
+    expectMistake({"ctl", "stats", "--log=x"}, "--log=x");
+    expectMistake({"ctl", "stats", "-h"}, "-h");
+    expectMistake({"ctl", "--log", "stats"}, "--log");
+    expectMistake({"ctl", "--", "--control"}, "--control");
 }
 
 TEST(Options, CtlRefusesOptionsOfADriverThatServes)
 {
-    ExpectMistake({"--audio", "/tmp", "ctl", "stats"}, "--audio");
-    ExpectMistake({"--fault", "do=die", "ctl", "stats"}, "--fault");
+    expectMistake({"--audio", "/tmp", "ctl", "stats"}, "--audio");
+    expectMistake({"--fault", "do=die", "ctl", "stats"}, "--fault");
 }
 
 TEST(Options, CtlNeedsAWordAndASocket)
 {
-    ExpectMistake({"ctl"}, "WORD");
-    ExpectMistake({"ctl", ""}, "WORD");
-    ExpectMistake({"ctl", "--control", "none", "stats"}, "--control");
+    expectMistake({"ctl"}, "WORD");
+    expectMistake({"ctl", ""}, "WORD");
+    expectMistake({"ctl", "--control", "none", "stats"}, "--control");
 }
 
 TEST(Options, HelpShowsEveryOptionAndExamples)
 {
-    const std::string strHelp = Printed({"--help"});
+    const std::string strHelp = printed({"--help"});
     for (const char* pText :
          {"--audio", "--channels", "--speed", "--caller-end", "--fault", "--control", "--log ", "--log-level",
           "--log-format", "--version", "Examples:", ".heard.wav", "ctl", "SIGTERM", "SIGHUP"})
-    {
         EXPECT_THAT(strHelp, HasSubstr(pText));
-    }
 }
 
 TEST(Options, HelpOfCtlShowsItsOptionAndExamples)
 {
-    const std::string strHelp = Printed({"ctl", "--help"});
+    const std::string strHelp = printed({"ctl", "--help"});
     for (const char* pText : {"ctl [OPTIONS] WORD...", "--control", "Examples:", "ctl hangup call=1001"})
-    {
         EXPECT_THAT(strHelp, HasSubstr(pText));
-    }
 }
 
 TEST(Options, VersionIsPrinted)
 {
-    EXPECT_EQ(Printed({"--version"}), "zelmedia-driver " ZELMEDIA_VERSION "\n");
+    EXPECT_EQ(printed({"--version"}), "zelmedia-driver " ZELMEDIA_VERSION "\n");
 }
 
 TEST(Options, MistakesAreNamed)
 {
-    ExpectMistake({"--audio", "/tmp/no-such-folder"}, "/tmp/no-such-folder");
-    ExpectMistake({"--channels", "/tmp/no-such-file"}, "/tmp/no-such-file");
-    ExpectMistake({"--channels", "/tmp"}, "/tmp");
-    ExpectMistake({"--speed", "slow"}, "slow");
-    ExpectMistake({"--caller-end", "loop"}, "loop");
-    ExpectMistake({"--log-level", "loud"}, "loud");
-    ExpectMistake({"--log-format", "xml"}, "xml");
-    ExpectMistake({"--control", ""}, "--control");
-    ExpectMistake({"--fault"}, "--fault");
-    ExpectMistake({"--colour"}, "--colour");
-    ExpectMistake({"word"}, "word");
+    expectMistake({"--audio", "/tmp/no-such-folder"}, "/tmp/no-such-folder");
+    expectMistake({"--channels", "/tmp/no-such-file"}, "/tmp/no-such-file");
+    expectMistake({"--channels", "/tmp"}, "/tmp");
+    expectMistake({"--speed", "slow"}, "slow");
+    expectMistake({"--caller-end", "loop"}, "loop");
+    expectMistake({"--log-level", "loud"}, "loud");
+    expectMistake({"--log-format", "xml"}, "xml");
+    expectMistake({"--control", ""}, "--control");
+    expectMistake({"--fault"}, "--fault");
+    expectMistake({"--colour"}, "--colour");
+    expectMistake({"word"}, "word");
 }

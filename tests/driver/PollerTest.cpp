@@ -23,7 +23,7 @@ struct CPair
         m_fdHere = CFd(fds[0]);
         m_fdThere = CFd(fds[1]);
     }
-    void MakeReadable() { EXPECT_EQ(::send(m_fdThere.Get(), "x", 1, MSG_NOSIGNAL), 1); }
+    void makeReadable() { EXPECT_EQ(::send(m_fdThere.get(), "x", 1, MSG_NOSIGNAL), 1); }
 
     CFd m_fdHere;
     CFd m_fdThere;
@@ -35,25 +35,27 @@ protected:
     Poller()
     {
         std::string strError;
-        EXPECT_TRUE(m_poller.Create(strError)) << strError;
+        EXPECT_TRUE(m_poller.create(strError)) << strError;
     }
 
-    void Wait(int nTimeoutMs = 0)
+    void wait(int nTimeoutMs = 0)
     {
         std::string strError;
-        EXPECT_TRUE(m_poller.Wait(nTimeoutMs, strError)) << strError;
+        EXPECT_TRUE(m_poller.wait(nTimeoutMs, strError)) << strError;
     }
     // A watch that counts into nCalls and keeps the events.
-    CPoller::CWatch Watch(const CFd& fd, std::uint32_t nEvents, int& nCalls)
+    CPoller::CWatch watch(const CFd& fd, uint32_t nEvents, int& nCalls)
     {
-        return m_poller.Watch(fd.Get(), nEvents, [this, &nCalls](std::uint32_t nReady) {
-            ++nCalls;
-            m_nEvents = nReady;
-        });
+        return m_poller.watch(
+            fd.get(), nEvents,
+            [this, &nCalls](uint32_t nReady) {
+                ++nCalls;
+                m_nEvents = nReady;
+            });
     }
 
     CPoller m_poller;
-    std::uint32_t m_nEvents = 0;
+    uint32_t m_nEvents = 0;
 };
 } // namespace
 
@@ -63,15 +65,15 @@ TEST_F(Poller, CallsTheFunctionOfWhatIsReadyAndNoOther)
     const CPair quiet;
     int nReady = 0;
     int nQuiet = 0;
-    const auto watchReady = Watch(ready.m_fdHere, EPOLLIN, nReady);
-    const auto watchQuiet = Watch(quiet.m_fdHere, EPOLLIN, nQuiet);
-    EXPECT_TRUE(watchReady.IsOn());
-    Wait();
+    const auto watchReady = watch(ready.m_fdHere, EPOLLIN, nReady);
+    const auto watchQuiet = watch(quiet.m_fdHere, EPOLLIN, nQuiet);
+    EXPECT_TRUE(watchReady.isOn());
+    wait();
     EXPECT_EQ(nReady, 0);
-    ready.MakeReadable();
-    Wait(-1);
+    ready.makeReadable();
+    wait(-1);
     EXPECT_EQ(nReady, 1);
-    EXPECT_EQ(m_nEvents, static_cast<std::uint32_t>(EPOLLIN));
+    EXPECT_EQ(m_nEvents, static_cast<uint32_t>(EPOLLIN));
     EXPECT_EQ(nQuiet, 0);
 }
 
@@ -79,10 +81,10 @@ TEST_F(Poller, CallsAgainWhileItIsReady)
 {
     CPair pair;
     int nCalls = 0;
-    const auto watch = Watch(pair.m_fdHere, EPOLLIN, nCalls);
-    pair.MakeReadable();
-    Wait();
-    Wait();
+    const auto watched = watch(pair.m_fdHere, EPOLLIN, nCalls);
+    pair.makeReadable();
+    wait();
+    wait();
     EXPECT_EQ(nCalls, 2);
 }
 
@@ -90,14 +92,14 @@ TEST_F(Poller, WaitsForOtherEventsWhenTold)
 {
     CPair pair;
     int nCalls = 0;
-    auto watch = Watch(pair.m_fdHere, EPOLLIN, nCalls);
-    watch.SetEvents(EPOLLOUT);
-    Wait();
+    auto watched = watch(pair.m_fdHere, EPOLLIN, nCalls);
+    watched.setEvents(EPOLLOUT);
+    wait();
     EXPECT_EQ(nCalls, 1);
-    EXPECT_EQ(m_nEvents, static_cast<std::uint32_t>(EPOLLOUT));
-    watch.SetEvents(0);
-    pair.MakeReadable();
-    Wait();
+    EXPECT_EQ(m_nEvents, static_cast<uint32_t>(EPOLLOUT));
+    watched.setEvents(0);
+    pair.makeReadable();
+    wait();
     EXPECT_EQ(nCalls, 1);
 }
 
@@ -105,11 +107,11 @@ TEST_F(Poller, ReportsAHangUpEvenToWhoeverWaitsForNothing)
 {
     CPair pair;
     int nCalls = 0;
-    const auto watch = Watch(pair.m_fdHere, 0, nCalls);
-    Wait();
+    const auto watched = watch(pair.m_fdHere, 0, nCalls);
+    wait();
     EXPECT_EQ(nCalls, 0);
-    pair.m_fdThere.Close();
-    Wait();
+    pair.m_fdThere.close();
+    wait();
     EXPECT_EQ(nCalls, 1);
     EXPECT_NE(m_nEvents & EPOLLHUP, 0U);
 }
@@ -119,32 +121,32 @@ TEST_F(Poller, CallsNobodyWhoseWatchHasEnded)
     CPair pair;
     int nCalls = 0;
     {
-        const auto watch = Watch(pair.m_fdHere, EPOLLIN, nCalls);
-        pair.MakeReadable();
+        const auto watched = watch(pair.m_fdHere, EPOLLIN, nCalls);
+        pair.makeReadable();
     }
-    Wait();
+    wait();
     EXPECT_EQ(nCalls, 0);
-    auto watch = Watch(pair.m_fdHere, EPOLLIN, nCalls);
-    watch.End();
-    EXPECT_FALSE(watch.IsOn());
-    watch.End();
-    watch.SetEvents(EPOLLIN);
-    Wait();
+    auto watched = watch(pair.m_fdHere, EPOLLIN, nCalls);
+    watched.end();
+    EXPECT_FALSE(watched.isOn());
+    watched.end();
+    watched.setEvents(EPOLLIN);
+    wait();
     EXPECT_EQ(nCalls, 0);
 }
 
 TEST_F(Poller, LetsAFunctionEndItsOwnWatchAndStillUseWhatItHolds)
 {
     CPair pair;
-    CPoller::CWatch watch;
+    CPoller::CWatch watched;
     std::string strSeen;
-    watch = m_poller.Watch(pair.m_fdHere.Get(), EPOLLIN, [&, strHeld = std::string(100, 'x')](std::uint32_t) {
-        watch.End();
+    watched = m_poller.watch(pair.m_fdHere.get(), EPOLLIN, [&, strHeld = std::string(100, 'x')](uint32_t) {
+        watched.end();
         strSeen += strHeld;
     });
-    pair.MakeReadable();
-    Wait();
-    Wait();
+    pair.makeReadable();
+    wait();
+    wait();
     EXPECT_EQ(strSeen, std::string(100, 'x'));
 }
 
@@ -153,15 +155,15 @@ TEST_F(Poller, CallsNobodyWhoseWatchWasEndedByAnotherFunctionOfTheSameWait)
     std::array<CPair, 2> pairs;
     std::array<CPoller::CWatch, 2> watches;
     int nCalls = 0;
-    for (std::size_t n = 0; n < 2; ++n)
+    for (size_t n = 0; n < 2; ++n)
     {
-        watches[n] = m_poller.Watch(pairs[n].m_fdHere.Get(), EPOLLIN, [&, n](std::uint32_t) {
+        watches[n] = m_poller.watch(pairs[n].m_fdHere.get(), EPOLLIN, [&, n](uint32_t) {
             ++nCalls;
-            watches[1 - n].End();
+            watches[1 - n].end();
         });
-        pairs[n].MakeReadable();
+        pairs[n].makeReadable();
     }
-    Wait();
+    wait();
     EXPECT_EQ(nCalls, 1);
 }
 
@@ -173,39 +175,39 @@ TEST_F(Poller, GivesANewDescriptorNothingThatWasReportedForAnOldOneOfTheSameNumb
     CPoller::CWatch watchFresh;
     int nOld = 0;
     int nFresh = 0;
-    for (std::size_t n = 0; n < 2; ++n)
+    for (size_t n = 0; n < 2; ++n)
     {
-        watches[n] = m_poller.Watch(pairs[n].m_fdHere.Get(), EPOLLIN, [&, n](std::uint32_t) {
+        watches[n] = m_poller.watch(pairs[n].m_fdHere.get(), EPOLLIN, [&, n](uint32_t) {
             ++nOld;
-            const int nOther = pairs[1 - n].m_fdHere.Get();
-            watches[1 - n].End();
+            const int nOther = pairs[1 - n].m_fdHere.get();
+            watches[1 - n].end();
             fresh.emplace();
-            ASSERT_EQ(::dup3(fresh->m_fdHere.Get(), nOther, O_CLOEXEC), nOther);
-            watchFresh = Watch(pairs[1 - n].m_fdHere, EPOLLIN, nFresh);
+            ASSERT_EQ(::dup3(fresh->m_fdHere.get(), nOther, O_CLOEXEC), nOther);
+            watchFresh = watch(pairs[1 - n].m_fdHere, EPOLLIN, nFresh);
         });
-        pairs[n].MakeReadable();
+        pairs[n].makeReadable();
     }
-    Wait();
+    wait();
     EXPECT_EQ(nOld, 1);
     EXPECT_EQ(nFresh, 0);
-    EXPECT_TRUE(watchFresh.IsOn());
+    EXPECT_TRUE(watchFresh.isOn());
 }
 
 TEST_F(Poller, KeepsAWatchThatMoves)
 {
     CPair pair;
     int nCalls = 0;
-    auto first = Watch(pair.m_fdHere, EPOLLIN, nCalls);
+    auto first = watch(pair.m_fdHere, EPOLLIN, nCalls);
     CPoller::CWatch second = std::move(first);
-    EXPECT_FALSE(first.IsOn()); // NOLINT(bugprone-use-after-move)
-    EXPECT_TRUE(second.IsOn());
+    EXPECT_FALSE(first.isOn()); // NOLINT(bugprone-use-after-move)
+    EXPECT_TRUE(second.isOn());
     CPair other;
     int nOther = 0;
-    CPoller::CWatch third = Watch(other.m_fdHere, EPOLLIN, nOther);
+    CPoller::CWatch third = watch(other.m_fdHere, EPOLLIN, nOther);
     third = std::move(second);
-    pair.MakeReadable();
-    other.MakeReadable();
-    Wait();
+    pair.makeReadable();
+    other.makeReadable();
+    wait();
     EXPECT_EQ(nCalls, 1);
     EXPECT_EQ(nOther, 0);
 }
@@ -215,16 +217,16 @@ TEST_F(Poller, WatchesManyAtOnce)
     std::array<CPair, 100> pairs;
     std::array<CPoller::CWatch, 100> watches;
     std::array<int, 100> vCalls = {};
-    for (std::size_t n = 0; n < pairs.size(); ++n)
+    for (size_t n = 0; n < pairs.size(); ++n)
     {
-        watches[n] = m_poller.Watch(pairs[n].m_fdHere.Get(), EPOLLIN, [&, n](std::uint32_t) {
+        watches[n] = m_poller.watch(pairs[n].m_fdHere.get(), EPOLLIN, [&, n](uint32_t) {
             ++vCalls[n];
-            watches[n].End();
+            watches[n].end();
         });
-        pairs[n].MakeReadable();
+        pairs[n].makeReadable();
     }
-    Wait();
-    Wait();
+    wait();
+    wait();
     EXPECT_THAT(vCalls, testing::Each(1));
 }
 
@@ -232,8 +234,8 @@ TEST_F(Poller, IsOffForWhatCannotBeWatched)
 {
     int nCalls = 0;
     const CFd fdFile(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
-    EXPECT_FALSE(Watch(fdFile, EPOLLIN, nCalls).IsOn());
-    EXPECT_FALSE(Watch(CFd(), EPOLLIN, nCalls).IsOn());
+    EXPECT_FALSE(watch(fdFile, EPOLLIN, nCalls).isOn());
+    EXPECT_FALSE(watch(CFd(), EPOLLIN, nCalls).isOn());
 }
 
 TEST_F(Poller, GoesOnAfterASignal)
@@ -243,7 +245,7 @@ TEST_F(Poller, GoesOnAfterASignal)
     ::sigaction(SIGALRM, &action, nullptr);
     const itimerval often = {{0, 10000}, {0, 10000}};
     ::setitimer(ITIMER_REAL, &often, nullptr);
-    Wait(-1);
+    wait(-1);
     const itimerval never = {};
     ::setitimer(ITIMER_REAL, &never, nullptr);
 }
@@ -252,6 +254,6 @@ TEST(PollerWithoutCreate, SaysThatItCannotWait)
 {
     CPoller poller;
     std::string strError;
-    EXPECT_FALSE(poller.Wait(0, strError));
+    EXPECT_FALSE(poller.wait(0, strError));
     EXPECT_THAT(strError, HasSubstr("cannot wait for events"));
 }

@@ -20,19 +20,17 @@ namespace
 {
 constexpr int DEADLINE_MS = 20000;
 
-bool WaitReadable(int nFd)
+bool waitReadable(int nFd)
 {
     pollfd wait = {nFd, POLLIN, 0};
     return ::poll(&wait, 1, DEADLINE_MS) == 1;
 }
 
-template <class TRecord> std::optional<TRecord> ReadRecord(int nFd)
+template <class TRecord> std::optional<TRecord> readRecord(int nFd)
 {
     TRecord record;
-    if (WaitReadable(nFd) && ::read(nFd, &record, sizeof(record)) == static_cast<ssize_t>(sizeof(record)))
-    {
+    if (waitReadable(nFd) && ::read(nFd, &record, sizeof(record)) == static_cast<ssize_t>(sizeof(record)))
         return record;
-    }
     return std::nullopt;
 }
 } // namespace
@@ -42,16 +40,12 @@ CDriverProgram::CDriverProgram(const std::vector<std::string>& vArguments)
     int anOut[2];
     int anErr[2];
     if (::pipe2(anOut, O_CLOEXEC) != 0 || ::pipe2(anErr, O_CLOEXEC) != 0)
-    {
         return;
-    }
     std::string strProgram = ZELMEDIA_DRIVER_PROGRAM;
     std::vector<std::string> vCopies = vArguments;
     std::vector<char*> vPointers = {strProgram.data()};
     for (std::string& strArgument : vCopies)
-    {
         vPointers.push_back(strArgument.data());
-    }
     vPointers.push_back(nullptr);
     m_nProcessID = ::fork();
     if (m_nProcessID == 0)
@@ -76,56 +70,50 @@ CDriverProgram::~CDriverProgram()
     }
 }
 
-bool CDriverProgram::WaitReady()
+bool CDriverProgram::waitReady()
 {
     std::string strLine;
     char c = 0;
-    while (WaitReadable(m_fdOut.Get()) && ::read(m_fdOut.Get(), &c, 1) == 1 && c != '\n')
-    {
+    while (waitReadable(m_fdOut.get()) && ::read(m_fdOut.get(), &c, 1) == 1 && c != '\n')
         strLine += c;
-    }
     return strLine == "zelmedia-driver: ready";
 }
 
-void CDriverProgram::Signal(int nSignal)
+void CDriverProgram::signal(int nSignal)
 {
     ::kill(m_nProcessID, nSignal);
 }
 
-std::optional<int> CDriverProgram::WaitExit()
+std::optional<int> CDriverProgram::waitExit()
 {
     const CFd fdProcess(static_cast<int>(::syscall(SYS_pidfd_open, m_nProcessID, 0)));
     int nStatus = 0;
-    if (!WaitReadable(fdProcess.Get()) || ::waitpid(m_nProcessID, &nStatus, 0) != m_nProcessID)
-    {
+    if (!waitReadable(fdProcess.get()) || ::waitpid(m_nProcessID, &nStatus, 0) != m_nProcessID)
         return std::nullopt;
-    }
     m_nProcessID = -1;
     return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
 }
 
-std::size_t CDriverProgram::OpenDescriptors() const
+size_t CDriverProgram::openDescriptors() const
 {
     const std::filesystem::directory_iterator it("/proc/" + std::to_string(m_nProcessID) + "/fd");
-    return static_cast<std::size_t>(std::distance(begin(it), end(it)));
+    return static_cast<size_t>(std::distance(begin(it), end(it)));
 }
 
-std::size_t CDriverProgram::ResidentBytes() const
+size_t CDriverProgram::residentBytes() const
 {
-    std::size_t nTotal = 0;
-    std::size_t nResident = 0;
+    size_t nTotal = 0;
+    size_t nResident = 0;
     std::ifstream("/proc/" + std::to_string(m_nProcessID) + "/statm") >> nTotal >> nResident;
-    return nResident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    return nResident * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
 }
 
-std::string CDriverProgram::Errors()
+std::string CDriverProgram::errors()
 {
     std::string strText;
     char c = 0;
-    while (::read(m_fdErr.Get(), &c, 1) == 1)
-    {
+    while (::read(m_fdErr.get(), &c, 1) == 1)
         strText += c;
-    }
     return strText;
 }
 
@@ -146,137 +134,131 @@ CRawClient::~CRawClient()
     ::unlink(m_strEvtPipe.c_str());
 }
 
-bool CRawClient::Connect()
+bool CRawClient::connect()
 {
     m_fdReq = CFd(::open(MI_REQUEST_PIPE, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-    structMICMD cmd = Command(MICMD_CONNECT, 0, 0);
-    SetText(cmd.connect.szRspPipe, m_strRspPipe);
-    SetText(cmd.connect.szEvtPipe, m_strEvtPipe);
-    const auto rsp = Request(cmd);
+    structMICMD cmd = command(MICMD_CONNECT, 0, 0);
+    setText(cmd.connect.szRspPipe, m_strRspPipe);
+    setText(cmd.connect.szEvtPipe, m_strEvtPipe);
+    const auto rsp = request(cmd);
     if (!rsp || rsp->s_mirsp != MIRSP_CONNECT)
-    {
         return false;
-    }
     m_nConnectID = rsp->s_nConnectID;
     return true;
 }
 
-bool CRawClient::Send(structMICMD cmd)
+bool CRawClient::send(structMICMD cmd)
 {
     cmd.nConnectID = m_nConnectID;
     cmd.nSequenceNo = ++m_nSequenceNo;
     ssize_t nWritten = -1;
-    pollfd wait = {m_fdReq.Get(), POLLOUT, 0};
+    pollfd wait = {m_fdReq.get(), POLLOUT, 0};
     do
     {
-        nWritten = ::write(m_fdReq.Get(), &cmd, sizeof(cmd));
+        nWritten = ::write(m_fdReq.get(), &cmd, sizeof(cmd));
     } while (nWritten < 0 && errno == EAGAIN && ::poll(&wait, 1, DEADLINE_MS) == 1);
     return nWritten == static_cast<ssize_t>(sizeof(cmd));
 }
 
-std::optional<structMIRSP> CRawClient::WaitResponse()
+std::optional<structMIRSP> CRawClient::waitResponse()
 {
-    return ReadRecord<structMIRSP>(m_fdRsp.Get());
+    return readRecord<structMIRSP>(m_fdRsp.get());
 }
 
-std::optional<structMIRSP> CRawClient::Request(structMICMD cmd)
+std::optional<structMIRSP> CRawClient::request(structMICMD cmd)
 {
-    if (!Send(cmd))
-    {
+    if (!send(cmd))
         return std::nullopt;
-    }
-    const auto rsp = WaitResponse();
+    const auto rsp = waitResponse();
     return rsp && rsp->nRespSequenceNo == m_nSequenceNo ? rsp : std::nullopt;
 }
 
-std::optional<structMIEVT> CRawClient::WaitEvent()
+std::optional<structMIEVT> CRawClient::waitEvent()
 {
-    return ReadRecord<structMIEVT>(m_fdEvt.Get());
+    return readRecord<structMIEVT>(m_fdEvt.get());
 }
 
-int CRawClient::OpenStream(const std::string& strCallID, std::uint32_t nLegID)
+int CRawClient::openStream(const std::string& strCallID, uint32_t nLegID)
 {
-    structMICMD cmd = Command(MICMD_OPENSTREAM, 0, 0);
-    SetText(cmd.openStream.szCallID, strCallID);
+    structMICMD cmd = command(MICMD_OPENSTREAM, 0, 0);
+    setText(cmd.openStream.szCallID, strCallID);
     cmd.openStream.nLegID = nLegID;
-    const auto rsp = Request(cmd);
+    const auto rsp = request(cmd);
     return rsp && rsp->s_mirsp == MIRSP_OPENSTREAM ? rsp->s_nStreamID : 0;
 }
 
-int CRawClient::OpenFile(const std::string& strPath)
+int CRawClient::openFile(const std::string& strPath)
 {
-    structMICMD cmd = Command(MICMD_OPENFILE, 0, 0);
-    SetText(cmd.openFile.szFileName, strPath);
-    const auto rsp = Request(cmd);
+    structMICMD cmd = command(MICMD_OPENFILE, 0, 0);
+    setText(cmd.openFile.szFileName, strPath);
+    const auto rsp = request(cmd);
     return rsp && rsp->s_mirsp == MIRSP_OPENFILE ? rsp->s_nFileID : 0;
 }
 
-bool CRawClient::IsDone(const structMICMD& cmd)
+bool CRawClient::isDone(const structMICMD& cmd)
 {
-    const auto rsp = Request(cmd);
+    const auto rsp = request(cmd);
     return rsp && rsp->s_mirsp == MIRSP_STATUS && rsp->s_nResult == MISTATUS_OK;
 }
 
-bool CRawClient::PlayClip(int nStreamID, int nFileID, std::uint32_t nOffset, std::uint32_t nLength)
+bool CRawClient::playClip(int nStreamID, int nFileID, uint32_t nOffset, uint32_t nLength)
 {
-    structMICMD cmd = Command(MICMD_PLAYCLIP, 0, 0);
+    structMICMD cmd = command(MICMD_PLAYCLIP, 0, 0);
     cmd.playClip.nStreamID = nStreamID;
     cmd.playClip.nFileID = nFileID;
     cmd.playClip.nOffset = nOffset;
     cmd.playClip.nLength = nLength;
-    return IsDone(cmd);
+    return isDone(cmd);
 }
 
-bool CRawClient::PlayFile(int nStreamID, const std::string& strPath)
+bool CRawClient::playFile(int nStreamID, const std::string& strPath)
 {
-    structMICMD cmd = Command(MICMD_PLAYFILE, 0, 0);
+    structMICMD cmd = command(MICMD_PLAYFILE, 0, 0);
     cmd.playFile.nStreamID = nStreamID;
-    SetText(cmd.playFile.szFileName, strPath);
+    setText(cmd.playFile.szFileName, strPath);
     cmd.playFile.nStartPos = 0;
-    return IsDone(cmd);
+    return isDone(cmd);
 }
 
-bool CRawClient::RecordFile(int nStreamID, const std::string& strPath, std::uint32_t nMaxSamples)
+bool CRawClient::recordFile(int nStreamID, const std::string& strPath, uint32_t nMaxSamples)
 {
-    structMICMD cmd = Command(MICMD_RECORDFILE, 0, 0);
+    structMICMD cmd = command(MICMD_RECORDFILE, 0, 0);
     cmd.recordFile.nStreamID = nStreamID;
-    SetText(cmd.recordFile.szFileName, strPath);
+    setText(cmd.recordFile.szFileName, strPath);
     cmd.recordFile.nMaxSamples = nMaxSamples;
-    return IsDone(cmd);
+    return isDone(cmd);
 }
 
-int CRawClient::ConnectID() const
+int CRawClient::connectId() const
 {
     return m_nConnectID;
 }
 
-std::uint32_t CRawClient::Sequence() const
+uint32_t CRawClient::sequence() const
 {
     return m_nSequenceNo;
 }
 
-int CRawClient::RequestFd() const
+int CRawClient::requestFd() const
 {
-    return m_fdReq.Get();
+    return m_fdReq.get();
 }
 
-void CChildProcess::CParent::Report() const
+void CChildProcess::CParent::report() const
 {
     const char c = 'r';
     // The parent's end is the child's end.
     if (::send(m_nFd, &c, 1, MSG_NOSIGNAL) != 1)
-    {
         ::_exit(1);
-    }
 }
 
-bool CChildProcess::CParent::HasAsked() const
+bool CChildProcess::CParent::hasAsked() const
 {
     pollfd wait = {m_nFd, POLLIN, 0};
     return ::poll(&wait, 1, 0) == 1;
 }
 
-bool CChildProcess::CParent::WaitAsked() const
+bool CChildProcess::CParent::waitAsked() const
 {
     char c = 0;
     return ::read(m_nFd, &c, 1) == 1;
@@ -286,9 +268,7 @@ CChildProcess::CChildProcess(const Work& work)
 {
     int anSockets[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, anSockets) != 0)
-    {
         return;
-    }
     m_nProcessID = ::fork();
     if (m_nProcessID == 0)
     {
@@ -301,34 +281,34 @@ CChildProcess::CChildProcess(const Work& work)
 
 CChildProcess::~CChildProcess()
 {
-    Kill();
+    kill();
 }
 
-pid_t CChildProcess::ProcessID() const
+pid_t CChildProcess::processId() const
 {
     return m_nProcessID;
 }
 
-bool CChildProcess::WaitReport()
+bool CChildProcess::waitReport()
 {
     char c = 0;
-    return WaitReadable(m_fdChild.Get()) && ::read(m_fdChild.Get(), &c, 1) == 1;
+    return waitReadable(m_fdChild.get()) && ::read(m_fdChild.get(), &c, 1) == 1;
 }
 
-void CChildProcess::Ask()
+void CChildProcess::ask()
 {
     const char c = 'a';
-    ::send(m_fdChild.Get(), &c, 1, MSG_NOSIGNAL);
+    ::send(m_fdChild.get(), &c, 1, MSG_NOSIGNAL);
 }
 
-bool CChildProcess::WaitEnd()
+bool CChildProcess::waitEnd()
 {
-    m_fdChild.Close();
+    m_fdChild.close();
     int nStatus = 0;
     return ::waitpid(std::exchange(m_nProcessID, -1), &nStatus, 0) > 0 && nStatus == 0;
 }
 
-void CChildProcess::Kill()
+void CChildProcess::kill()
 {
     if (m_nProcessID > 0)
     {

@@ -22,19 +22,19 @@ public:
     CDriverProgram& operator=(const CDriverProgram&) = delete;
 
     // Waits for the line that scripts wait for.
-    bool WaitReady();
-    void Signal(int nSignal);
-    pid_t ProcessID() const { return m_nProcessID; }
+    bool waitReady();
+    void signal(int nSignal);
+    pid_t processId() const { return m_nProcessID; }
 
     // Waits for its end. The exit code, or minus the signal that killed it.
-    std::optional<int> WaitExit();
+    std::optional<int> waitExit();
 
     // Number of descriptors that it has open, and the memory that it has in use.
-    std::size_t OpenDescriptors() const;
-    std::size_t ResidentBytes() const;
+    size_t openDescriptors() const;
+    size_t residentBytes() const;
 
     // All of its standard error, after its end.
-    std::string Errors();
+    std::string errors();
 
 private:
     pid_t m_nProcessID = -1;
@@ -52,30 +52,30 @@ public:
     CRawClient& operator=(const CRawClient&) = delete;
 
     // Opens the request pipe and connects. False if there is no driver or no answer.
-    bool Connect();
+    bool connect();
 
     // Sends a request, stamped with the connect id and the next sequence number, once the pipe has room.
-    bool Send(structMICMD cmd);
-    std::optional<structMIRSP> WaitResponse();
+    bool send(structMICMD cmd);
+    std::optional<structMIRSP> waitResponse();
 
     // Sends a request, stamped with the next sequence number, and waits for the response that
     // answers it. None when it cannot be sent or is not answered.
-    std::optional<structMIRSP> Request(structMICMD cmd);
-    std::optional<structMIEVT> WaitEvent();
+    std::optional<structMIRSP> request(structMICMD cmd);
+    std::optional<structMIEVT> waitEvent();
 
     // Ids, 0 when refused; the others say whether it was done.
-    int OpenStream(const std::string& strCallID, std::uint32_t nLegID);
-    int OpenFile(const std::string& strPath);
-    bool PlayClip(int nStreamID, int nFileID, std::uint32_t nOffset, std::uint32_t nLength);
-    bool PlayFile(int nStreamID, const std::string& strPath);
-    bool RecordFile(int nStreamID, const std::string& strPath, std::uint32_t nMaxSamples);
+    int openStream(const std::string& strCallID, uint32_t nLegID);
+    int openFile(const std::string& strPath);
+    bool playClip(int nStreamID, int nFileID, uint32_t nOffset, uint32_t nLength);
+    bool playFile(int nStreamID, const std::string& strPath);
+    bool recordFile(int nStreamID, const std::string& strPath, uint32_t nMaxSamples);
 
-    int ConnectID() const;
-    std::uint32_t Sequence() const;
-    int RequestFd() const;
+    int connectId() const;
+    uint32_t sequence() const;
+    int requestFd() const;
 
 private:
-    bool IsDone(const structMICMD& cmd);
+    bool isDone(const structMICMD& cmd);
 
     std::string m_strRspPipe;
     std::string m_strEvtPipe;
@@ -83,7 +83,7 @@ private:
     CFd m_fdRsp;
     CFd m_fdEvt;
     int m_nConnectID = -1;
-    std::uint32_t m_nSequenceNo = 0;
+    uint32_t m_nSequenceNo = 0;
 };
 
 // A child process of the test. It is killed if the test leaves it running.
@@ -96,9 +96,9 @@ public:
     public:
         explicit CParent(int nFd) : m_nFd(nFd) {}
 
-        void Report() const;    // what the parent waits for with WaitReport
-        bool HasAsked() const;  // a byte of Ask is there
-        bool WaitAsked() const; // takes one; false when the parent has closed its side
+        void report() const;    // what the parent waits for with waitReport
+        bool hasAsked() const;  // a byte of ask is there
+        bool waitAsked() const; // takes one; false when the parent has closed its side
 
     private:
         int m_nFd;
@@ -111,13 +111,13 @@ public:
     CChildProcess(const CChildProcess&) = delete;
     CChildProcess& operator=(const CChildProcess&) = delete;
 
-    pid_t ProcessID() const;
-    bool WaitReport();
-    void Ask();
+    pid_t processId() const;
+    bool waitReport();
+    void ask();
 
     // Closes the parent's side and waits for the child's end. Whether its work was good.
-    bool WaitEnd();
-    void Kill();
+    bool waitEnd();
+    void kill();
 
 private:
     pid_t m_nProcessID = -1;

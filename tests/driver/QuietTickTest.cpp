@@ -66,11 +66,11 @@ class CCounter : public CTickListener
 public:
     explicit CCounter(bool bBegins) : m_bBegins(bBegins) {}
 
-    bool NeedsTicks() const override { return false; }
+    bool needsTicks() const override { return false; }
 
-    void BeforeTick() override { t_bCounts |= m_bBegins; }
+    void beforeTick() override { t_bCounts |= m_bBegins; }
 
-    void AfterTick() override { t_bCounts &= m_bBegins; }
+    void afterTick() override { t_bCounts &= m_bBegins; }
 
 private:
     const bool m_bBegins;
@@ -81,51 +81,45 @@ class QuietTick : public CStreamFixture
 protected:
     QuietTick()
     {
-        m_clock.AddListener(m_begin);
-        m_clock.AddListener(m_ports);
-        m_clock.AddListener(m_end);
+        m_clock.addListener(m_begin);
+        m_clock.addListener(m_ports);
+        m_clock.addListener(m_end);
     }
 
     void SetUp() override
     {
         t_nAllocations = t_nLocks = 0;
         if (!TICK_IS_COUNTED)
-        {
             GTEST_SKIP() << "sanitizers have the C library's functions for themselves";
-        }
     }
 
-    void TickAndCount(int nTicks)
+    void tickAndCount(int nTicks)
     {
         for (int nTick = 0; nTick < nTicks; ++nTick)
-        {
-            m_clock.TickRealTime();
-        }
+            m_clock.tickRealTime();
     }
 
-    std::shared_ptr<CStream> OpenRtp(const CFarEnd& far)
+    std::shared_ptr<CStream> openRtp(const CFarEnd& far)
     {
         std::string strError;
-        auto pChannel = CRtpChannel::Open(m_ports, {Loopback(), far.Address()}, strError);
+        auto pChannel = CRtpChannel::open(m_ports, {loopback(), far.address()}, strError);
         EXPECT_TRUE(pChannel) << strError;
-        m_local = pChannel->Local();
-        return OpenOn(std::move(pChannel), m_executor);
+        m_local = pChannel->local();
+        return openOn(std::move(pChannel), m_executor);
     }
 
-    std::vector<std::shared_ptr<CStream>> OpenStreams(int nStreams)
+    std::vector<std::shared_ptr<CStream>> openStreams(int nStreams)
     {
         std::vector<std::shared_ptr<CStream>> vStreams;
         for (int nStream = 0; nStream < nStreams; ++nStream)
-        {
-            vStreams.push_back(OpenOn(std::make_unique<CNullChannel>(), m_executor));
-        }
+            vStreams.push_back(openOn(std::make_unique<CNullChannel>(), m_executor));
         return vStreams;
     }
 
     CCounter m_begin{true};
     CRtpPorts m_ports;
     CCounter m_end{false};
-    CNetAddress m_local = Loopback();
+    CNetAddress m_local = loopback();
 };
 } // namespace
 
@@ -144,33 +138,31 @@ TEST_F(QuietTick, CountsWhatIsAllocatedAndLocked)
 
 TEST_F(QuietTick, HoldsForPlaysAndRecordingsOnFileChannels)
 {
-    constexpr std::size_t SAMPLES = 700 * TICK_SAMPLES;
-    CallerSays(Noise(SAMPLES, 2));
-    CFileChannelFactory channels(m_clipStore, m_executor, {m_folder.Folder(), true, false});
+    constexpr size_t SAMPLES = 700 * TICK_SAMPLES;
+    callerSays(noise(SAMPLES, 2));
+    CFileChannelFactory channels(m_clipStore, m_executor, {m_folder.folder(), true, false});
     std::string strError;
-    const auto pStream = OpenOn(OpenChannel(channels, "call", 1, strError), m_executor);
-    pStream->StartPlay(Clip(Noise(SAMPLES)), 0, SAMPLES, 1);
-    Record(*pStream, "msg.wav", 0xFFFFFFFF);
-    const auto pOther = OpenStreams(1).front();
-    Record(*pOther, "msg.flac", 300 * TICK_SAMPLES);
-    TickAndCount(701);
+    const auto pStream = openOn(openChannel(channels, "call", 1, strError), m_executor);
+    pStream->startPlay(clip(noise(SAMPLES)), 0, SAMPLES, 1);
+    record(*pStream, "msg.wav", 0xFFFFFFFF);
+    const auto pOther = openStreams(1).front();
+    record(*pOther, "msg.flac", 300 * TICK_SAMPLES);
+    tickAndCount(701);
     EXPECT_EQ(m_vEvents.size(), 3U);
-    EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Noise(SAMPLES));
-    EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Noise(SAMPLES, 2));
+    EXPECT_EQ(readULawWav(m_folder.path("call-1.heard.wav")), noise(SAMPLES));
+    EXPECT_EQ(readULawWav(m_folder.path("msg.wav")), noise(SAMPLES, 2));
     EXPECT_EQ(t_nAllocations, 0);
     EXPECT_EQ(t_nLocks, 0);
 }
 
 TEST_F(QuietTick, HoldsForManyStreamsThatEndTogether)
 {
-    const auto vStreams = OpenStreams(300);
+    const auto vStreams = openStreams(300);
     for (int nRound = 0; nRound < 3; ++nRound)
     {
         for (const auto& pStream : vStreams)
-        {
-            pStream->StartPlay(Clip(Noise(480)), 0, 480, 1);
-        }
-        TickAndCount(3);
+            pStream->startPlay(clip(noise(480)), 0, 480, 1);
+        tickAndCount(3);
     }
     EXPECT_EQ(m_vEvents.size(), 900U);
     EXPECT_EQ(t_nAllocations, 0);
@@ -180,17 +172,17 @@ TEST_F(QuietTick, HoldsForManyStreamsThatEndTogether)
 TEST_F(QuietTick, HoldsForPlaysAndRecordingsOnRtp)
 {
     const CFarEnd far;
-    const auto pStream = OpenRtp(far);
-    pStream->StartPlay(Clip(Noise(200 * TICK_SAMPLES)), 0, 200 * TICK_SAMPLES, 1);
-    Record(*pStream, "msg.ul", 150 * TICK_SAMPLES);
-    for (std::uint16_t nPacket = 0; nPacket < 200; ++nPacket)
+    const auto pStream = openRtp(far);
+    pStream->startPlay(clip(noise(200 * TICK_SAMPLES)), 0, 200 * TICK_SAMPLES, 1);
+    record(*pStream, "msg.ul", 150 * TICK_SAMPLES);
+    for (uint16_t nPacket = 0; nPacket < 200; ++nPacket)
     {
-        far.Send(RtpBytes({false, 0, nPacket, nPacket * 160U, 1}, CBytes(160, 0x23)), m_local);
-        TickAndCount(1);
+        far.send(rtpBytes({false, 0, nPacket, nPacket * 160U, 1}, CBytes(160, 0x23)), m_local);
+        tickAndCount(1);
     }
-    TickAndCount(1);
+    tickAndCount(1);
     EXPECT_EQ(m_vEvents.size(), 2U);
-    EXPECT_EQ(far.ReceivePackets().size(), 200U);
+    EXPECT_EQ(far.receivePackets().size(), 200U);
     EXPECT_EQ(t_nAllocations, 0);
     EXPECT_EQ(t_nLocks, 0);
 }

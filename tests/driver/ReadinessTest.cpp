@@ -29,7 +29,7 @@ protected:
         const std::string strPath = "/tmp/notify-test-" + std::to_string(::getpid());
         strPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
         ::unlink(strPath.c_str());
-        m_bBound = ::bind(m_fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+        m_bBound = ::bind(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
         ::setenv("NOTIFY_SOCKET", strPath.c_str(), 1);
     }
 
@@ -40,13 +40,13 @@ protected:
     }
 
     // The next notification, which is waited for so long.
-    std::string Notified(int nWaitMs = 0)
+    std::string notified(int nWaitMs = 0)
     {
-        pollfd wait = {m_fd.Get(), POLLIN, 0};
+        pollfd wait = {m_fd.get(), POLLIN, 0};
         ::poll(&wait, 1, nWaitMs);
         std::array<char, 256> buffer;
-        const ssize_t nSize = ::recv(m_fd.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-        return nSize < 0 ? "(nothing)" : std::string(buffer.data(), static_cast<std::size_t>(nSize));
+        const ssize_t nSize = ::recv(m_fd.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        return nSize < 0 ? "(nothing)" : std::string(buffer.data(), static_cast<size_t>(nSize));
     }
 
     bool m_bBound = false;
@@ -60,33 +60,33 @@ TEST_F(Readiness, ReadyIsPrintedForScriptsAndSentToTheServiceManager)
 {
     ASSERT_TRUE(m_bBound);
     testing::internal::CaptureStdout();
-    ReportReady();
+    reportReady();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "zelmedia-driver: ready\n");
-    EXPECT_EQ(Notified(), "READY=1");
-    EXPECT_EQ(Notified(), "(nothing)");
+    EXPECT_EQ(notified(), "READY=1");
+    EXPECT_EQ(notified(), "(nothing)");
 }
 
 TEST_F(Readiness, AReloadIsAnnouncedWithItsTimeAndEndsReady)
 {
     ASSERT_TRUE(m_bBound);
-    ReportReloading();
-    const std::string strReloading = Notified();
+    reportReloading();
+    const std::string strReloading = notified();
     ASSERT_THAT(strReloading, MatchesRegex("RELOADING=1\nMONOTONIC_USEC=[0-9]+"));
     timespec now = {};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     EXPECT_LE(std::stoll(strReloading.substr(strReloading.rfind('=') + 1)),
               now.tv_sec * 1000000LL + now.tv_nsec / 1000);
     testing::internal::CaptureStdout();
-    ReportReloaded();
+    reportReloaded();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(Notified(), "READY=1");
+    EXPECT_EQ(notified(), "READY=1");
 }
 
 TEST_F(Readiness, StoppingIsSentToTheServiceManager)
 {
     ASSERT_TRUE(m_bBound);
-    ReportStopping();
-    EXPECT_EQ(Notified(), "STOPPING=1");
+    reportStopping();
+    EXPECT_EQ(notified(), "STOPPING=1");
 }
 
 TEST_F(Readiness, TheProgramTellsOfItsStartItsReloadsAndItsEnd)
@@ -94,23 +94,23 @@ TEST_F(Readiness, TheProgramTellsOfItsStartItsReloadsAndItsEnd)
     constexpr int PROGRAM_MS = 20000;
     ASSERT_TRUE(m_bBound);
     CDriverProgram driver({"--control", "none", "--log", "/dev/null"});
-    EXPECT_TRUE(driver.WaitReady());
-    EXPECT_EQ(Notified(PROGRAM_MS), "READY=1");
-    driver.Signal(SIGHUP);
-    EXPECT_THAT(Notified(PROGRAM_MS), StartsWith("RELOADING=1\n"));
-    EXPECT_EQ(Notified(PROGRAM_MS), "READY=1");
-    driver.Signal(SIGTERM);
-    EXPECT_EQ(Notified(PROGRAM_MS), "STOPPING=1");
-    EXPECT_EQ(driver.WaitExit(), 0);
+    EXPECT_TRUE(driver.waitReady());
+    EXPECT_EQ(notified(PROGRAM_MS), "READY=1");
+    driver.signal(SIGHUP);
+    EXPECT_THAT(notified(PROGRAM_MS), StartsWith("RELOADING=1\n"));
+    EXPECT_EQ(notified(PROGRAM_MS), "READY=1");
+    driver.signal(SIGTERM);
+    EXPECT_EQ(notified(PROGRAM_MS), "STOPPING=1");
+    EXPECT_EQ(driver.waitExit(), 0);
 }
 
 TEST(ReadinessWithoutServiceManager, OnlyPrints)
 {
     ::unsetenv("NOTIFY_SOCKET");
     testing::internal::CaptureStdout();
-    ReportReady();
-    ReportReloading();
-    ReportReloaded();
-    ReportStopping();
+    reportReady();
+    reportReloading();
+    reportReloaded();
+    reportStopping();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "zelmedia-driver: ready\n");
 }

@@ -10,86 +10,80 @@ namespace
 class RtpChannel : public testing::Test
 {
 protected:
-    std::unique_ptr<CRtpChannel> OpenTo(const CNetAddress& remote, ERtpCodec codec = ERtpCodec::Pcmu)
+    std::unique_ptr<CRtpChannel> openTo(const CNetAddress& remote, ERtpCodec codec = ERtpCodec::Pcmu)
     {
         CRtpRoute route;
         route.m_local = m_local;
         route.m_remote = remote;
         route.m_eCodec = codec;
         route.m_nJitterMs = 20;
-        std::unique_ptr<CRtpChannel> pChannel = CRtpChannel::Open(m_ports, route, m_strError);
+        std::unique_ptr<CRtpChannel> pChannel = CRtpChannel::open(m_ports, route, m_strError);
         EXPECT_TRUE(pChannel) << m_strError;
         return pChannel;
     }
-    void Open(ERtpCodec codec = ERtpCodec::Pcmu) { m_pChannel = OpenTo(m_far.Address(), codec); }
+    void open(ERtpCodec codec = ERtpCodec::Pcmu) { m_pChannel = openTo(m_far.address(), codec); }
 
-    std::size_t Hear(const CBytes& samples)
+    size_t hear(const CBytes& samples)
     {
-        std::size_t nTaken = 0;
-        RunTick(m_ports, [&] { nTaken = m_pChannel->Hear(samples); });
+        size_t nTaken = 0;
+        runTick(m_ports, [&] { nTaken = m_pChannel->hear(samples); });
         return nTaken;
     }
-    void Pause(int nTicks)
+    void pause(int nTicks)
     {
         for (int n = 0; n < nTicks; ++n)
-        {
-            RunTick(m_ports);
-        }
+            runTick(m_ports);
     }
-    void FinishHearing()
+    void finishHearing()
     {
         bool bDone = false;
-        m_pChannel->FinishHearing([&bDone](bool bOk) { bDone = bOk; });
+        m_pChannel->finishHearing([&bDone](bool bOk) { bDone = bOk; });
         EXPECT_TRUE(bDone);
     }
 
     // A packet from the far end, then a tick in which the channel is listened to.
-    CBytes Say(std::uint16_t nSequence, const CBytes& payload, std::uint8_t nPayloadType = 0)
+    CBytes say(uint16_t nSequence, const CBytes& payload, uint8_t nPayloadType = 0)
     {
-        m_far.Send(RtpBytes({false, nPayloadType, nSequence, nSequence * 160U, 1}, payload), m_pChannel->Local());
-        return Listen();
+        m_far.send(rtpBytes({false, nPayloadType, nSequence, nSequence * 160U, 1}, payload), m_pChannel->local());
+        return listen();
     }
-    CBytes Listen()
+    CBytes listen()
     {
         CBytes samples(160, 0xEE);
-        RunTick(m_ports, [&] { EXPECT_EQ(m_pChannel->Listen(samples), 160U); });
+        runTick(m_ports, [&] { EXPECT_EQ(m_pChannel->listen(samples), 160U); });
         return samples;
     }
-    void BeginListening()
+    void beginListening()
     {
         bool bBegun = false;
-        m_pChannel->BeginListening([&bBegun](bool bOk, const std::string&) { bBegun = bOk; });
+        m_pChannel->beginListening([&bBegun](bool bOk, const std::string&) { bBegun = bOk; });
         EXPECT_TRUE(bBegun);
     }
 
     CRtpPorts m_ports;
     std::string m_strError;
-    CNetAddress m_local = Loopback();
+    CNetAddress m_local = loopback();
     CFarEnd m_far;
     std::unique_ptr<CRtpChannel> m_pChannel;
 };
 
-CBytes AllBytes()
+CBytes allBytes()
 {
     CBytes bytes;
     for (int n = 0; n < 256; ++n)
-    {
-        bytes.push_back(static_cast<std::uint8_t>(n));
-    }
+        bytes.push_back(static_cast<uint8_t>(n));
     return bytes;
 }
 
-CBytes Converted(const CBytes& bytes, const CG711Table& table)
+CBytes converted(const CBytes& bytes, const CG711Table& table)
 {
     CBytes converted;
-    for (const std::uint8_t n : bytes)
-    {
+    for (const uint8_t n : bytes)
         converted.push_back(table[n]);
-    }
     return converted;
 }
 
-CBytes Part(const CBytes& bytes, std::ptrdiff_t nBegin, std::ptrdiff_t nEnd)
+CBytes part(const CBytes& bytes, std::ptrdiff_t nBegin, std::ptrdiff_t nEnd)
 {
     return CBytes(bytes.begin() + nBegin, bytes.begin() + nEnd);
 }
@@ -97,10 +91,10 @@ CBytes Part(const CBytes& bytes, std::ptrdiff_t nBegin, std::ptrdiff_t nEnd)
 
 TEST_F(RtpChannel, SendsWhatIsHeardInPacketsOfOneTick)
 {
-    Open();
-    EXPECT_EQ(Hear(CBytes(160, 1)), 160U);
-    EXPECT_EQ(Hear(CBytes(160, 2)), 160U);
-    const auto vPackets = m_far.ReceivePackets();
+    open();
+    EXPECT_EQ(hear(CBytes(160, 1)), 160U);
+    EXPECT_EQ(hear(CBytes(160, 2)), 160U);
+    const auto vPackets = m_far.receivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
     EXPECT_EQ(vPackets[0].m_payload, CBytes(160, 1));
     EXPECT_EQ(vPackets[1].m_payload, CBytes(160, 2));
@@ -109,17 +103,15 @@ TEST_F(RtpChannel, SendsWhatIsHeardInPacketsOfOneTick)
 
 TEST_F(RtpChannel, NumbersAndTimesItsPackets)
 {
-    Open();
+    open();
     for (int n = 0; n < 100; ++n)
-    {
-        Hear(CBytes(160, 1));
-    }
-    const auto vPackets = m_far.ReceivePackets();
+        hear(CBytes(160, 1));
+    const auto vPackets = m_far.receivePackets();
     ASSERT_EQ(vPackets.size(), 100U);
-    for (std::uint32_t n = 0; n < 100; ++n)
+    for (uint32_t n = 0; n < 100; ++n)
     {
         const CRtpHeader& header = vPackets[n].m_header;
-        EXPECT_EQ(header.m_nSequence, static_cast<std::uint16_t>(vPackets[0].m_header.m_nSequence + n));
+        EXPECT_EQ(header.m_nSequence, static_cast<uint16_t>(vPackets[0].m_header.m_nSequence + n));
         EXPECT_EQ(header.m_nTimestamp, vPackets[0].m_header.m_nTimestamp + 160 * n);
         EXPECT_EQ(header.m_nSource, vPackets[0].m_header.m_nSource);
         EXPECT_EQ(header.m_bMarker, n == 0);
@@ -128,15 +120,15 @@ TEST_F(RtpChannel, NumbersAndTimesItsPackets)
 
 TEST_F(RtpChannel, BeginsWithNumbersThatNobodyCanGuess)
 {
-    std::set<std::uint32_t> sequences;
-    std::set<std::uint32_t> timestamps;
-    std::set<std::uint32_t> sources;
+    std::set<uint32_t> sequences;
+    std::set<uint32_t> timestamps;
+    std::set<uint32_t> sources;
     for (int n = 0; n < 8; ++n)
     {
         m_pChannel.reset();
-        Open();
-        Hear(CBytes(160, 1));
-        const auto vPackets = m_far.ReceivePackets();
+        open();
+        hear(CBytes(160, 1));
+        const auto vPackets = m_far.receivePackets();
         ASSERT_EQ(vPackets.size(), 1U);
         sequences.insert(vPackets[0].m_header.m_nSequence);
         timestamps.insert(vPackets[0].m_header.m_nTimestamp);
@@ -149,27 +141,27 @@ TEST_F(RtpChannel, BeginsWithNumbersThatNobodyCanGuess)
 
 TEST_F(RtpChannel, SendsNothingWhileNothingPlays)
 {
-    Open();
-    Pause(10);
-    Hear(CBytes(160, 1));
-    FinishHearing();
-    Pause(10);
-    EXPECT_EQ(m_far.ReceivePackets().size(), 1U);
+    open();
+    pause(10);
+    hear(CBytes(160, 1));
+    finishHearing();
+    pause(10);
+    EXPECT_EQ(m_far.receivePackets().size(), 1U);
 }
 
 TEST_F(RtpChannel, LetsTheTimestampGoOnInAPauseAndMarksItsEnd)
 {
-    Open();
-    Hear(CBytes(160, 1));
-    FinishHearing();
-    Pause(6);
-    EXPECT_EQ(Hear({}), 0U);
-    Hear(CBytes(160, 2));
-    Hear(CBytes(160, 3));
-    const auto vPackets = m_far.ReceivePackets();
+    open();
+    hear(CBytes(160, 1));
+    finishHearing();
+    pause(6);
+    EXPECT_EQ(hear({}), 0U);
+    hear(CBytes(160, 2));
+    hear(CBytes(160, 3));
+    const auto vPackets = m_far.receivePackets();
     ASSERT_EQ(vPackets.size(), 3U);
     EXPECT_EQ(vPackets[1].m_header.m_nTimestamp, vPackets[0].m_header.m_nTimestamp + 8 * 160);
-    EXPECT_EQ(vPackets[1].m_header.m_nSequence, static_cast<std::uint16_t>(vPackets[0].m_header.m_nSequence + 1));
+    EXPECT_EQ(vPackets[1].m_header.m_nSequence, static_cast<uint16_t>(vPackets[0].m_header.m_nSequence + 1));
     EXPECT_TRUE(vPackets[1].m_header.m_bMarker);
     EXPECT_EQ(vPackets[2].m_header.m_nTimestamp, vPackets[1].m_header.m_nTimestamp + 160);
     EXPECT_FALSE(vPackets[2].m_header.m_bMarker);
@@ -177,11 +169,11 @@ TEST_F(RtpChannel, LetsTheTimestampGoOnInAPauseAndMarksItsEnd)
 
 TEST_F(RtpChannel, FillsUpTheLastPacketOfAPlay)
 {
-    Open();
-    EXPECT_EQ(Hear(CBytes(50, 1)), 50U);
-    FinishHearing();
-    Hear(CBytes(160, 2));
-    const auto vPackets = m_far.ReceivePackets();
+    open();
+    EXPECT_EQ(hear(CBytes(50, 1)), 50U);
+    finishHearing();
+    hear(CBytes(160, 2));
+    const auto vPackets = m_far.receivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
     EXPECT_EQ(vPackets[0].m_payload, CBytes(50, 1) + CBytes(110, 0xFF));
     EXPECT_EQ(vPackets[1].m_payload, CBytes(160, 2));
@@ -191,23 +183,23 @@ TEST_F(RtpChannel, FillsUpTheLastPacketOfAPlay)
 
 TEST_F(RtpChannel, SendsTheLastPacketOfAPlayWhenItCloses)
 {
-    Open();
-    Hear(CBytes(50, 1));
-    FinishHearing();
+    open();
+    hear(CBytes(50, 1));
+    finishHearing();
     m_pChannel.reset();
-    EXPECT_EQ(m_far.ReceivePackets().size(), 1U);
+    EXPECT_EQ(m_far.receivePackets().size(), 1U);
 }
 
 TEST_F(RtpChannel, TakesNoMoreThanAPacketInATick)
 {
-    Open();
-    RunTick(m_ports, [this] {
-        EXPECT_EQ(m_pChannel->Hear(CBytes(50, 1)), 50U);
-        EXPECT_EQ(m_pChannel->Hear(CBytes(160, 2)), 110U);
-        EXPECT_EQ(m_pChannel->Hear(CBytes(50, 2)), 0U);
+    open();
+    runTick(m_ports, [this] {
+        EXPECT_EQ(m_pChannel->hear(CBytes(50, 1)), 50U);
+        EXPECT_EQ(m_pChannel->hear(CBytes(160, 2)), 110U);
+        EXPECT_EQ(m_pChannel->hear(CBytes(50, 2)), 0U);
     });
-    EXPECT_EQ(Hear(CBytes(500, 2)), 160U);
-    const auto vPackets = m_far.ReceivePackets();
+    EXPECT_EQ(hear(CBytes(500, 2)), 160U);
+    const auto vPackets = m_far.receivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
     EXPECT_EQ(vPackets[0].m_payload, CBytes(50, 1) + CBytes(110, 2));
     EXPECT_EQ(vPackets[1].m_payload, CBytes(160, 2));
@@ -215,119 +207,117 @@ TEST_F(RtpChannel, TakesNoMoreThanAPacketInATick)
 
 TEST_F(RtpChannel, SendsALawWhereThatIsTheCodec)
 {
-    Open(ERtpCodec::Pcma);
-    const CBytes all = AllBytes();
-    Hear(Part(all, 0, 160));
-    Hear(Part(all, 160, 256));
-    FinishHearing();
-    RunTick(m_ports);
-    const auto vPackets = m_far.ReceivePackets();
+    open(ERtpCodec::Pcma);
+    const CBytes all = allBytes();
+    hear(part(all, 0, 160));
+    hear(part(all, 160, 256));
+    finishHearing();
+    runTick(m_ports);
+    const auto vPackets = m_far.receivePackets();
     ASSERT_EQ(vPackets.size(), 2U);
     EXPECT_EQ(vPackets[0].m_header.m_nPayloadType, 8);
-    EXPECT_EQ(vPackets[0].m_payload + Part(vPackets[1].m_payload, 0, 96), Converted(all, ULawToALaw()));
-    EXPECT_EQ(Part(vPackets[1].m_payload, 96, 160), CBytes(64, 0xD5));
+    EXPECT_EQ(vPackets[0].m_payload + part(vPackets[1].m_payload, 0, 96), converted(all, uLawToALaw()));
+    EXPECT_EQ(part(vPackets[1].m_payload, 96, 160), CBytes(64, 0xD5));
 }
 
 TEST_F(RtpChannel, LetsARecordingListenBehindTheJitterTime)
 {
-    Open();
-    BeginListening();
-    EXPECT_EQ(Listen(), CBytes(160, 0xFF));
-    EXPECT_EQ(Say(0, CBytes(160, 1)), CBytes(160, 0xFF));
-    EXPECT_EQ(Say(1, CBytes(160, 2)), CBytes(160, 1));
-    EXPECT_EQ(Say(2, CBytes(160, 3)), CBytes(160, 2));
+    open();
+    beginListening();
+    EXPECT_EQ(listen(), CBytes(160, 0xFF));
+    EXPECT_EQ(say(0, CBytes(160, 1)), CBytes(160, 0xFF));
+    EXPECT_EQ(say(1, CBytes(160, 2)), CBytes(160, 1));
+    EXPECT_EQ(say(2, CBytes(160, 3)), CBytes(160, 2));
 }
 
 TEST_F(RtpChannel, LetsARecordingListenToALaw)
 {
-    Open(ERtpCodec::Pcma);
-    BeginListening();
-    const CBytes all = AllBytes();
-    EXPECT_EQ(Say(0, Part(all, 0, 160), 8), CBytes(160, 0xFF));
-    EXPECT_EQ(Say(1, Part(all, 96, 256), 8), Converted(Part(all, 0, 160), ALawToULaw()));
-    EXPECT_EQ(Listen(), Converted(Part(all, 96, 256), ALawToULaw()));
-    EXPECT_EQ(Listen(), CBytes(160, 0xFF));
+    open(ERtpCodec::Pcma);
+    beginListening();
+    const CBytes all = allBytes();
+    EXPECT_EQ(say(0, part(all, 0, 160), 8), CBytes(160, 0xFF));
+    EXPECT_EQ(say(1, part(all, 96, 256), 8), converted(part(all, 0, 160), aLawToULaw()));
+    EXPECT_EQ(listen(), converted(part(all, 96, 256), aLawToULaw()));
+    EXPECT_EQ(listen(), CBytes(160, 0xFF));
 }
 
 TEST_F(RtpChannel, DropsWhatComesWhileNoRecordingListens)
 {
-    Open();
-    BeginListening();
-    m_pChannel->EndListening();
-    for (std::uint16_t n = 0; n < 100; ++n)
-    {
-        EXPECT_EQ(Say(n, CBytes(160, 1)), CBytes(160, 0xFF));
-    }
-    BeginListening();
-    EXPECT_EQ(Say(100, CBytes(160, 2)), CBytes(160, 0xFF));
-    EXPECT_EQ(Say(101, CBytes(160, 3)), CBytes(160, 2));
-    EXPECT_EQ(m_ports.Counters().m_ullReceived, 102U);
+    open();
+    beginListening();
+    m_pChannel->endListening();
+    for (uint16_t n = 0; n < 100; ++n)
+        EXPECT_EQ(say(n, CBytes(160, 1)), CBytes(160, 0xFF));
+    beginListening();
+    EXPECT_EQ(say(100, CBytes(160, 2)), CBytes(160, 0xFF));
+    EXPECT_EQ(say(101, CBytes(160, 3)), CBytes(160, 2));
+    EXPECT_EQ(m_ports.counters().m_ullReceived, 102U);
 }
 
 TEST_F(RtpChannel, DropsAndCountsOtherPayloadTypes)
 {
-    Open();
-    BeginListening();
-    Say(0, CBytes(160, 1));
-    EXPECT_EQ(Say(1, CBytes(4, 9), 101), CBytes(160, 1));
-    EXPECT_EQ(Say(1, CBytes(160, 9), 8), CBytes(160, 0xFF));
-    EXPECT_EQ(m_ports.Counters().m_ullOtherPayloads, 2U);
-    EXPECT_EQ(m_ports.Counters().m_ullReceived, 1U);
+    open();
+    beginListening();
+    say(0, CBytes(160, 1));
+    EXPECT_EQ(say(1, CBytes(4, 9), 101), CBytes(160, 1));
+    EXPECT_EQ(say(1, CBytes(160, 9), 8), CBytes(160, 0xFF));
+    EXPECT_EQ(m_ports.counters().m_ullOtherPayloads, 2U);
+    EXPECT_EQ(m_ports.counters().m_ullReceived, 1U);
 }
 
 TEST_F(RtpChannel, TakesThePayloadOfTheLongestDatagram)
 {
-    Open(ERtpCodec::Pcma);
-    BeginListening();
-    Say(0, CBytes(RTP_MAX_DATAGRAM - RTP_HEADER_SIZE, 0xAA), 8);
+    open(ERtpCodec::Pcma);
+    beginListening();
+    say(0, CBytes(RTP_MAX_DATAGRAM - RTP_HEADER_SIZE, 0xAA), 8);
     CBytes samples(RTP_MAX_DATAGRAM - RTP_HEADER_SIZE);
-    m_pChannel->Listen(samples);
+    m_pChannel->listen(samples);
     EXPECT_EQ(samples, CBytes(samples.size(), 0x80));
 }
 
 TEST_F(RtpChannel, SharesItsLocalAddressWithChannelsToElsewhere)
 {
-    Open();
-    m_local = m_pChannel->Local();
+    open();
+    m_local = m_pChannel->local();
     const CFarEnd otherFar;
-    const std::unique_ptr<CRtpChannel> pOther = OpenTo(otherFar.Address());
-    RunTick(m_ports, [&] {
-        m_pChannel->Hear(CBytes(160, 1));
-        pOther->Hear(CBytes(160, 2));
+    const std::unique_ptr<CRtpChannel> pOther = openTo(otherFar.address());
+    runTick(m_ports, [&] {
+        m_pChannel->hear(CBytes(160, 1));
+        pOther->hear(CBytes(160, 2));
     });
-    const auto vPackets = m_far.ReceivePackets();
-    const auto vOtherPackets = otherFar.ReceivePackets();
+    const auto vPackets = m_far.receivePackets();
+    const auto vOtherPackets = otherFar.receivePackets();
     ASSERT_EQ(vPackets.size(), 1U);
     ASSERT_EQ(vOtherPackets.size(), 1U);
     EXPECT_EQ(vPackets[0].m_payload, CBytes(160, 1));
     EXPECT_EQ(vOtherPackets[0].m_payload, CBytes(160, 2));
-    EXPECT_EQ(m_ports.Count(), 1U);
+    EXPECT_EQ(m_ports.count(), 1U);
 }
 
 TEST_F(RtpChannel, IsTheOnlyOneBetweenItsAddresses)
 {
-    Open();
+    open();
     CRtpRoute route;
-    route.m_local = m_pChannel->Local();
-    route.m_remote = m_far.Address();
-    EXPECT_FALSE(CRtpChannel::Open(m_ports, route, m_strError));
-    EXPECT_EQ(m_strError, "another channel is open between " + route.m_local.Text() + " and " + route.m_remote.Text());
-    EXPECT_EQ(Hear(CBytes(160, 1)), 160U);
-    EXPECT_EQ(m_far.ReceivePackets().size(), 1U);
-    BeginListening();
-    Say(0, CBytes(160, 1));
-    EXPECT_EQ(Listen(), CBytes(160, 1));
+    route.m_local = m_pChannel->local();
+    route.m_remote = m_far.address();
+    EXPECT_FALSE(CRtpChannel::open(m_ports, route, m_strError));
+    EXPECT_EQ(m_strError, "another channel is open between " + route.m_local.text() + " and " + route.m_remote.text());
+    EXPECT_EQ(hear(CBytes(160, 1)), 160U);
+    EXPECT_EQ(m_far.receivePackets().size(), 1U);
+    beginListening();
+    say(0, CBytes(160, 1));
+    EXPECT_EQ(listen(), CBytes(160, 1));
 }
 
 TEST_F(RtpChannel, FreesItsAddressesWhenItCloses)
 {
-    Open();
-    m_local = m_pChannel->Local();
+    open();
+    m_local = m_pChannel->local();
     m_pChannel.reset();
-    EXPECT_EQ(m_ports.Count(), 0U);
-    EXPECT_FALSE(m_ports.NeedsTicks());
-    Open();
-    EXPECT_TRUE(m_ports.NeedsTicks());
+    EXPECT_EQ(m_ports.count(), 0U);
+    EXPECT_FALSE(m_ports.needsTicks());
+    open();
+    EXPECT_TRUE(m_ports.needsTicks());
 }
 
 TEST_F(RtpChannel, IsSmallWhileNothingListens)

@@ -23,13 +23,13 @@ struct CCodec
     const char* pFormat;   // of raw audio
 
     // Between µ-law and what is on the line.
-    CBytes ToLine(const CBytes& bytes) const
+    CBytes toLine(const CBytes& bytes) const
     {
-        return codec == ERtpCodec::Pcma ? Converted(bytes, ULawToALaw()) : bytes;
+        return codec == ERtpCodec::Pcma ? converted(bytes, uLawToALaw()) : bytes;
     }
-    CBytes FromLine(const CBytes& bytes) const
+    CBytes fromLine(const CBytes& bytes) const
     {
-        return codec == ERtpCodec::Pcma ? Converted(bytes, ALawToULaw()) : bytes;
+        return codec == ERtpCodec::Pcma ? converted(bytes, aLawToULaw()) : bytes;
     }
 };
 
@@ -41,53 +41,49 @@ void PrintTo(const CCodec& codec, std::ostream* pStream)
 class RtpPeer : public testing::TestWithParam<CCodec>
 {
 protected:
-    RtpPeer() : m_fdTimer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)), m_pPort(m_ports.Open(Loopback(), m_strError))
+    RtpPeer() : m_fdTimer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)), m_pPort(m_ports.open(loopback(), m_strError))
     {
         EXPECT_TRUE(m_pPort) << m_strError;
         // Where it is allowed, for us and the peer: other tests do not have to be on time.
         ::setpriority(PRIO_PROCESS, 0, -10);
         const itimerspec times = {{0, 20'000'000}, {0, 20'000'000}};
-        EXPECT_EQ(::timerfd_settime(m_fdTimer.Get(), 0, &times, nullptr), 0);
+        EXPECT_EQ(::timerfd_settime(m_fdTimer.get(), 0, &times, nullptr), 0);
     }
 
-    void Open(const CNetAddress& remote)
+    void open(const CNetAddress& remote)
     {
         CRtpRoute route;
-        route.m_local = m_pPort->Local();
+        route.m_local = m_pPort->local();
         route.m_remote = remote;
         route.m_eCodec = GetParam().codec;
         route.m_nJitterMs = 1000; // the far end shares a busy machine with us
-        m_pChannel = CRtpChannel::Open(m_ports, route, m_strError);
+        m_pChannel = CRtpChannel::open(m_ports, route, m_strError);
         ASSERT_TRUE(m_pChannel) << m_strError;
     }
 
     // The ticks that have become due since the last call, one at least.
-    void Tick(const std::function<void()>& work = [] {})
+    void tick(const std::function<void()>& work = [] {})
     {
-        std::uint64_t ullDue = 0;
-        ASSERT_EQ(::read(m_fdTimer.Get(), &ullDue, sizeof ullDue), static_cast<ssize_t>(sizeof ullDue));
+        uint64_t ullDue = 0;
+        ASSERT_EQ(::read(m_fdTimer.get(), &ullDue, sizeof ullDue), static_cast<ssize_t>(sizeof ullDue));
         for (; ullDue > 0; --ullDue)
-        {
-            RunTick(m_ports, work);
-        }
+            runTick(m_ports, work);
     }
 
-    void Play(const CBytes& samples)
+    void play(const CBytes& samples)
     {
-        std::span<const std::uint8_t> left = samples;
+        std::span<const uint8_t> left = samples;
         while (!left.empty() && !HasFatalFailure())
-        {
-            Tick([&] { left = left.subspan(m_pChannel->Hear(left.first(std::min(left.size(), RTP_SAMPLES)))); });
-        }
-        m_pChannel->FinishHearing([](bool bOk) { EXPECT_TRUE(bOk); });
-        Tick();
+            tick([&] { left = left.subspan(m_pChannel->hear(left.first(std::min(left.size(), RTP_SAMPLES)))); });
+        m_pChannel->finishHearing([](bool bOk) { EXPECT_TRUE(bOk); });
+        tick();
     }
 
-    void RecordTick(CBytes& recorded)
+    void recordTick(CBytes& recorded)
     {
-        Tick([&] {
+        tick([&] {
             CBytes samples(RTP_SAMPLES);
-            m_pChannel->Listen(samples);
+            m_pChannel->listen(samples);
             recorded.insert(recorded.end(), samples.begin(), samples.end());
         });
     }
@@ -108,31 +104,27 @@ TEST_P(RtpPeer, ReceivesEverySampleOfTwoPlays)
         std::string("udpsrc address=127.0.0.1 port=0 caps=application/x-rtp,media=audio,clock-rate=8000,") +
         "encoding-name=" + codec.pEncoding + " ! rtpjitterbuffer ! rtp" + codec.pName +
         "depay ! filesink buffer-mode=unbuffered location=" + strPath);
-    Open(receiver.WaitAddress());
+    open(receiver.waitAddress());
     ASSERT_FALSE(HasFailure());
 
-    const CBytes first = Speech(12282); // ends within a packet
-    const CBytes second = Speech(1600);
-    Play(first);
+    const CBytes first = speech(12282); // ends within a packet
+    const CBytes second = speech(1600);
+    play(first);
     for (int n = 0; n < 5; ++n)
-    {
-        Tick();
-    }
-    Play(second);
+        tick();
+    play(second);
 
-    const CBytes expected = codec.ToLine(first + CBytes(160 - first.size() % 160, 0xFF) + second);
+    const CBytes expected = codec.toLine(first + CBytes(160 - first.size() % 160, 0xFF) + second);
     std::error_code error;
     const auto end = Clock::now() + PEER_DEADLINE;
-    while (std::filesystem::file_size(strPath, error) < expected.size() && receiver.IsRunning() && Clock::now() < end)
-    {
-        Tick();
-    }
-    receiver.Finish();
-    const CBytes received = ReadFile(strPath);
+    while (std::filesystem::file_size(strPath, error) < expected.size() && receiver.isRunning() && Clock::now() < end)
+        tick();
+    receiver.finish();
+    const CBytes received = readFile(strPath);
     const auto itDifferent = std::mismatch(received.begin(), received.end(), expected.begin(), expected.end()).first;
     EXPECT_TRUE(received == expected) << received.size() << " samples of " << expected.size()
                                       << " received, right until " << itDifferent - received.begin();
-    EXPECT_EQ(m_ports.Counters().m_ullSent, expected.size() / 160);
+    EXPECT_EQ(m_ports.counters().m_ullSent, expected.size() / 160);
     std::filesystem::remove(strPath, error);
 }
 
@@ -144,33 +136,29 @@ TEST_P(RtpPeer, IsRecordedSampleBySample)
                      codec.pFormat + " ! rtp" + codec.pName +
                      "pay min-ptime=20000000 max-ptime=20000000 ! udpsink sync=true bind-address=127.0.0.1 "
                      "host=127.0.0.1 port=" +
-                     std::to_string(m_pPort->Local().Port()));
-    Open(sender.WaitAddress());
-    m_pChannel->BeginListening([](bool bOk, const std::string&) { EXPECT_TRUE(bOk); });
+                     std::to_string(m_pPort->local().port()));
+    open(sender.waitAddress());
+    m_pChannel->beginListening([](bool bOk, const std::string&) { EXPECT_TRUE(bOk); });
     ASSERT_FALSE(HasFailure());
 
-    const CBytes sent = codec.ToLine(Speech(20000));
-    sender.Feed(sent);
-    const CBytes expected = codec.FromLine(sent);
+    const CBytes sent = codec.toLine(speech(20000));
+    sender.feed(sent);
+    const CBytes expected = codec.fromLine(sent);
     CBytes recorded;
     const auto end = Clock::now() + PEER_DEADLINE;
-    while (sender.IsRunning() && Clock::now() < end && !HasFatalFailure())
-    {
-        RecordTick(recorded);
-    }
+    while (sender.isRunning() && Clock::now() < end && !HasFatalFailure())
+        recordTick(recorded);
     for (int n = 0; n < 50; ++n)
-    {
-        RecordTick(recorded); // what the jitter buffer holds
-    }
+        recordTick(recorded); // what the jitter buffer holds
 
     const auto itBegin = std::search(recorded.begin(), recorded.end(), expected.begin(), expected.end());
     ASSERT_TRUE(itBegin != recorded.end())
-        << "late: " << m_ports.Counters().m_ullLate << ", lost: " << m_ports.Counters().m_ullLost
-        << ", received: " << m_ports.Counters().m_ullReceived;
-    const auto IsSilence = [](std::uint8_t n) { return n == ULAW_SILENCE; };
+        << "late: " << m_ports.counters().m_ullLate << ", lost: " << m_ports.counters().m_ullLost
+        << ", received: " << m_ports.counters().m_ullReceived;
+    const auto IsSilence = [](uint8_t n) { return n == ULAW_SILENCE; };
     EXPECT_TRUE(std::all_of(recorded.begin(), itBegin, IsSilence));
     EXPECT_TRUE(std::all_of(itBegin + static_cast<std::ptrdiff_t>(expected.size()), recorded.end(), IsSilence));
-    EXPECT_EQ(m_ports.Counters().m_ullReceived, sent.size() / 160);
+    EXPECT_EQ(m_ports.counters().m_ullReceived, sent.size() / 160);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, RtpPeer,

@@ -2,9 +2,9 @@
 #ifndef RTP_TEST_SUPPORT_H
 #define RTP_TEST_SUPPORT_H
 
+#include "DriverTestSupport.h"
 #include "Fd.h"
 #include "NetAddress.h"
-#include "DriverTestSupport.h"
 #include "RtpPacket.h"
 #include "RtpPort.h"
 
@@ -16,22 +16,22 @@
 #include <string>
 #include <vector>
 
-using CBytes = std::vector<std::uint8_t>;
+using CBytes = std::vector<uint8_t>;
 
 // A packet as it is on the line.
-inline CBytes RtpBytes(const CRtpHeader& header, const CBytes& payload)
+inline CBytes rtpBytes(const CRtpHeader& header, const CBytes& payload)
 {
-    std::array<std::uint8_t, RTP_HEADER_SIZE> bytes{};
-    WriteRtpHeader(header, bytes);
+    std::array<uint8_t, RTP_HEADER_SIZE> bytes{};
+    writeRtpHeader(header, bytes);
     CBytes packet(bytes.begin(), bytes.end());
     packet.insert(packet.end(), payload.begin(), payload.end());
     return packet;
 }
 
-inline CNetAddress Loopback(std::uint16_t nPort = 0)
+inline CNetAddress loopback(uint16_t nPort = 0)
 {
-    CNetAddress address = CNetAddress::Parse("127.0.0.1:1").value();
-    return address.WithPort(nPort);
+    CNetAddress address = CNetAddress::parse("127.0.0.1:1").value();
+    return address.withPort(nPort);
 }
 
 // A UDP socket on a free port of the loopback.
@@ -40,30 +40,28 @@ class CFarEnd
 public:
     CFarEnd() : m_fdSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
     {
-        const CNetAddress local = Loopback();
-        EXPECT_EQ(::bind(m_fdSocket.Get(), local.Get(), local.Size()), 0);
+        const CNetAddress local = loopback();
+        EXPECT_EQ(::bind(m_fdSocket.get(), local.get(), local.size()), 0);
         socklen_t nSize = CNetAddress::CAPACITY;
-        EXPECT_EQ(::getsockname(m_fdSocket.Get(), m_local.Get(), &nSize), 0);
+        EXPECT_EQ(::getsockname(m_fdSocket.get(), m_local.get(), &nSize), 0);
     }
 
-    const CNetAddress& Address() const { return m_local; }
+    const CNetAddress& address() const { return m_local; }
 
-    void Send(const CBytes& bytes, const CNetAddress& to) const
+    void send(const CBytes& bytes, const CNetAddress& to) const
     {
-        EXPECT_EQ(::sendto(m_fdSocket.Get(), bytes.data(), bytes.size(), 0, to.Get(), to.Size()),
+        EXPECT_EQ(::sendto(m_fdSocket.get(), bytes.data(), bytes.size(), 0, to.get(), to.size()),
                   static_cast<ssize_t>(bytes.size()));
     }
 
     // The next datagram that is here. On the loopback it is as soon as it is sent.
-    std::optional<CBytes> Receive() const
+    std::optional<CBytes> receive() const
     {
         CBytes bytes(4096);
-        const ssize_t nSize = ::recv(m_fdSocket.Get(), bytes.data(), bytes.size(), 0);
+        const ssize_t nSize = ::recv(m_fdSocket.get(), bytes.data(), bytes.size(), 0);
         if (nSize < 0)
-        {
             return std::nullopt;
-        }
-        bytes.resize(static_cast<std::size_t>(nSize));
+        bytes.resize(static_cast<size_t>(nSize));
         return bytes;
     }
 
@@ -73,17 +71,15 @@ public:
         CRtpHeader m_header;
         CBytes m_payload;
     };
-    std::vector<CPacket> ReceivePackets() const
+    std::vector<CPacket> receivePackets() const
     {
         std::vector<CPacket> vPackets;
-        while (const std::optional<CBytes> bytes = Receive())
+        while (const std::optional<CBytes> bytes = receive())
         {
-            const std::optional<CRtpPacket> packet = ParseRtpPacket(*bytes);
+            const std::optional<CRtpPacket> packet = parseRtpPacket(*bytes);
             EXPECT_TRUE(packet);
             if (packet)
-            {
                 vPackets.push_back({packet->m_header, {packet->m_payload.begin(), packet->m_payload.end()}});
-            }
         }
         return vPackets;
     }
@@ -94,12 +90,12 @@ private:
 };
 
 // A tick of the clock in which the function does its work.
-inline void RunTick(
+inline void runTick(
     CRtpPorts& ports, const std::function<void()>& work = [] {})
 {
-    ports.BeforeTick();
+    ports.beforeTick();
     work();
-    ports.AfterTick();
+    ports.afterTick();
 }
 
 #endif

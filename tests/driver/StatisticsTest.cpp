@@ -15,35 +15,31 @@ TEST(TimeHistogram, CountsATimeWhereItJustFits)
          {microseconds(-5), microseconds(0), microseconds(1000), microseconds(1001), microseconds(2000),
           microseconds(5000), microseconds(10000), microseconds(20000), microseconds(50000), microseconds(100000),
           microseconds(100001), microseconds(2500000)})
-    {
-        histogram.Add(time);
-    }
-    EXPECT_EQ(histogram.ToJson(), ordered_json::parse(R"({"up_to_1_ms":3,"up_to_2_ms":2,"up_to_5_ms":1,"up_to_10_ms":1,
+        histogram.add(time);
+    EXPECT_EQ(histogram.toJson(), ordered_json::parse(R"({"up_to_1_ms":3,"up_to_2_ms":2,"up_to_5_ms":1,"up_to_10_ms":1,
         "up_to_20_ms":1,"up_to_50_ms":1,"up_to_100_ms":1,"more":2,"max_ms":2500.0})"));
-    EXPECT_EQ(histogram.Count(), 12U);
+    EXPECT_EQ(histogram.count(), 12U);
 }
 
 TEST(TimeHistogram, CountsWhatIsAboveALimit)
 {
     CTimeHistogram histogram;
-    histogram.Add(milliseconds(1));
-    histogram.Add(milliseconds(5));
-    EXPECT_EQ(histogram.CountAbove(5), 0U);
-    EXPECT_EQ(histogram.CountAbove(1), 1U);
-    histogram.Add(microseconds(5001));
-    histogram.Add(seconds(1));
-    EXPECT_EQ(histogram.CountAbove(5), 2U);
-    EXPECT_EQ(histogram.CountAbove(100), 1U);
+    histogram.add(milliseconds(1));
+    histogram.add(milliseconds(5));
+    EXPECT_EQ(histogram.countAbove(5), 0U);
+    EXPECT_EQ(histogram.countAbove(1), 1U);
+    histogram.add(microseconds(5001));
+    histogram.add(seconds(1));
+    EXPECT_EQ(histogram.countAbove(5), 2U);
+    EXPECT_EQ(histogram.countAbove(100), 1U);
 }
 
 TEST(Statistics, CountsRequestsByCommandWhateverTheirCode)
 {
     CStatistics statistics;
     for (const int nCode : {0, -1, 17, INT32_MAX, INT32_MIN, 1, 16, 13, 13})
-    {
-        statistics.OnRequest(static_cast<MICMD>(nCode));
-    }
-    const ordered_json requests = statistics.ToJson({})["requests"];
+        statistics.onRequest(static_cast<MICMD>(nCode));
+    const ordered_json requests = statistics.toJson({})["requests"];
     EXPECT_EQ(requests.size(), 17U);
     EXPECT_EQ(requests["unknown"], 5);
     EXPECT_EQ(requests["connect"], 1);
@@ -55,9 +51,9 @@ TEST(Statistics, CountsRequestsByCommandWhateverTheirCode)
 TEST(Statistics, CallsATickLateAboveFiveMilliseconds)
 {
     CStatistics statistics;
-    statistics.OnTick(milliseconds(5), milliseconds(30));
-    statistics.OnTick(milliseconds(6), milliseconds(1));
-    const ordered_json ticks = statistics.ToJson({})["ticks"];
+    statistics.onTick(milliseconds(5), milliseconds(30));
+    statistics.onTick(milliseconds(6), milliseconds(1));
+    const ordered_json ticks = statistics.toJson({})["ticks"];
     EXPECT_EQ(ticks["count"], 2);
     EXPECT_EQ(ticks["late"], 1);
     EXPECT_EQ(ticks["lateness"]["max_ms"], 6.0);
@@ -79,7 +75,7 @@ TEST(Statistics, ShowsEveryCounterUnderItsName)
     statistics.m_ullClientsDropped = 9;
     statistics.m_now = {10, 11, 12, 13, 14, 15, 16, 17};
     statistics.m_rtp = {21, 22, 23, 24, 25, 26, 27, 28, 29};
-    ordered_json json = statistics.ToJson(statistics.m_start + milliseconds(90999));
+    ordered_json json = statistics.toJson(statistics.m_start + milliseconds(90999));
     json.erase("requests");
     json.erase("ticks");
     EXPECT_EQ(json.dump(), ordered_json::parse(R"({"started":"2023-11-14T22:13:20Z","up_s":90,

@@ -14,257 +14,257 @@ class StreamTest : public CStreamFixture
 {
 };
 
-void Nothing() {}
+void nothing() {}
 } // namespace
 
 TEST_F(StreamTest, PlayDeliversTheSamplesBitExact)
 {
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(1000)), 0, 1000, 17);
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(1000)), 0, 1000, 17);
     Run(*pStream);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 17, DONE_FINISHED}));
-    EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Noise(1000));
+    EXPECT_EQ(readULawWav(m_folder.path("call-1.heard.wav")), noise(1000));
 }
 
 TEST_F(StreamTest, PlayMovesByTheTickAndEndsInTheTickOfItsLastSample)
 {
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(480)), 0, 480, 17);
-    Ticks();
-    Ticks();
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(480)), 0, 480, 17);
+    ticks();
+    ticks();
     EXPECT_THAT(m_vEvents, IsEmpty());
-    EXPECT_TRUE(pStream->IsPlaying());
-    Ticks();
+    EXPECT_TRUE(pStream->isPlaying());
+    ticks();
     EXPECT_EQ(m_vEvents.size(), 1U);
-    EXPECT_FALSE(pStream->IsPlaying());
+    EXPECT_FALSE(pStream->isPlaying());
 }
 
 TEST_F(StreamTest, PlaysFollowEachOtherWithoutAGap)
 {
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(333, 1)), 0, 333, 1);
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(333, 1)), 0, 333, 1);
     Run(*pStream);
-    Ticks();
-    pStream->StartPlay(Clip(Noise(500, 2)), 100, 201, 2);
+    ticks();
+    pStream->startPlay(clip(noise(500, 2)), 100, 201, 2);
     Run(*pStream);
-    EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Noise(333, 1) + Slice(Noise(500, 2), 100, 301));
+    EXPECT_EQ(readULawWav(m_folder.path("call-1.heard.wav")), noise(333, 1) + slice(noise(500, 2), 100, 301));
 }
 
 TEST_F(StreamTest, EmptyPlayEndsAtTheNextTick)
 {
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(100)), 100, 0, 17);
-    EXPECT_TRUE(pStream->IsPlaying());
-    Ticks();
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(100)), 100, 0, 17);
+    EXPECT_TRUE(pStream->isPlaying());
+    ticks();
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 17, DONE_FINISHED}));
 }
 
 TEST_F(StreamTest, CancelledPlayKeepsWhatWasHeard)
 {
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(1000)), 0, 1000, 17);
-    Ticks();
-    pStream->CancelRecord(Nothing);
-    EXPECT_TRUE(pStream->IsPlaying());
-    pStream->CancelPlay(Nothing);
-    EXPECT_FALSE(pStream->IsPlaying());
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(1000)), 0, 1000, 17);
+    ticks();
+    pStream->cancelRecord(nothing);
+    EXPECT_TRUE(pStream->isPlaying());
+    pStream->cancelPlay(nothing);
+    EXPECT_FALSE(pStream->isPlaying());
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 17, DONE_CANCELLED}));
-    EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Slice(Noise(1000), 0, 160));
+    EXPECT_EQ(readULawWav(m_folder.path("call-1.heard.wav")), slice(noise(1000), 0, 160));
 }
 
 TEST_F(StreamTest, CancelOfNothingHasNoEvent)
 {
-    const auto pStream = Open();
-    pStream->CancelPlay(Nothing);
-    pStream->CancelRecord(Nothing);
+    const auto pStream = open();
+    pStream->cancelPlay(nothing);
+    pStream->cancelRecord(nothing);
     EXPECT_THAT(m_vEvents, IsEmpty());
 }
 
 TEST_F(StreamTest, PlayIntoAFullDiskEndsWithFailure)
 {
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(1000)), 0, 1000, 17);
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(1000)), 0, 1000, 17);
     const CFileSizeLimit limit(300);
     Run(*pStream);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 17, DONE_FAILED}));
-    EXPECT_THAT(m_log.Text(), HasSubstr("error: stream 5 play failed"));
+    EXPECT_THAT(m_log.text(), HasSubstr("error: stream 5 play failed"));
 }
 
 TEST_F(StreamTest, RecordingEndsAtItsLimitBitExact)
 {
-    CallerSays(Noise(5000));
-    const auto pStream = Open();
-    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::None);
-    EXPECT_EQ(pStream->RecordedMs(), 0);
-    Record(*pStream, "msg.wav", 1001);
-    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Recording);
-    Ticks();
-    EXPECT_EQ(pStream->RecordedMs(), 20);
+    callerSays(noise(5000));
+    const auto pStream = open();
+    EXPECT_EQ(pStream->recordStatus(), ERecordStatus::None);
+    EXPECT_EQ(pStream->recordedMs(), 0);
+    record(*pStream, "msg.wav", 1001);
+    EXPECT_EQ(pStream->recordStatus(), ERecordStatus::Recording);
+    ticks();
+    EXPECT_EQ(pStream->recordedMs(), 20);
     Run(*pStream);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FINISHED}));
-    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Finished);
-    EXPECT_EQ(pStream->RecordedMs(), 125);
-    EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Slice(Noise(5000), 0, 1001));
+    EXPECT_EQ(pStream->recordStatus(), ERecordStatus::Finished);
+    EXPECT_EQ(pStream->recordedMs(), 125);
+    EXPECT_EQ(readULawWav(m_folder.path("msg.wav")), slice(noise(5000), 0, 1001));
 }
 
 TEST_F(StreamTest, RecordingEndsWithTheCaller)
 {
-    CallerSays(Noise(700));
-    const auto pStream = Open();
-    Record(*pStream, "msg.ul", 80000);
+    callerSays(noise(700));
+    const auto pStream = open();
+    record(*pStream, "msg.ul", 80000);
     Run(*pStream);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FINISHED}));
-    EXPECT_EQ(ReadBytes(m_folder.Path("msg.ul")), Noise(700));
+    EXPECT_EQ(readBytes(m_folder.path("msg.ul")), noise(700));
 }
 
 TEST_F(StreamTest, NextRecordingContinuesWhereTheFormerStopped)
 {
-    CallerSays(Noise(1000));
-    const auto pStream = Open();
-    Ticks();
-    Record(*pStream, "a.ul", 300);
+    callerSays(noise(1000));
+    const auto pStream = open();
+    ticks();
+    record(*pStream, "a.ul", 300);
     Run(*pStream);
-    Ticks(10);
-    Record(*pStream, "b.ul", 300);
+    ticks(10);
+    record(*pStream, "b.ul", 300);
     Run(*pStream);
-    EXPECT_EQ(ReadBytes(m_folder.Path("a.ul")), Slice(Noise(1000), 0, 300));
-    EXPECT_EQ(ReadBytes(m_folder.Path("b.ul")), Slice(Noise(1000), 300, 600));
+    EXPECT_EQ(readBytes(m_folder.path("a.ul")), slice(noise(1000), 0, 300));
+    EXPECT_EQ(readBytes(m_folder.path("b.ul")), slice(noise(1000), 300, 600));
 }
 
 TEST_F(StreamTest, CallerWhoHasEndedIsSilent)
 {
-    CallerSays(Noise(200));
-    const auto pStream = Open();
-    Record(*pStream, "a.ul", 200);
+    callerSays(noise(200));
+    const auto pStream = open();
+    record(*pStream, "a.ul", 200);
     Run(*pStream);
-    Record(*pStream, "b.ul", 500);
+    record(*pStream, "b.ul", 500);
     Run(*pStream);
-    EXPECT_EQ(ReadBytes(m_folder.Path("a.ul")), Noise(200));
-    EXPECT_EQ(ReadBytes(m_folder.Path("b.ul")), CSamples(500, ULAW_SILENCE));
+    EXPECT_EQ(readBytes(m_folder.path("a.ul")), noise(200));
+    EXPECT_EQ(readBytes(m_folder.path("b.ul")), CSamples(500, ULAW_SILENCE));
 }
 
 TEST_F(StreamTest, CallerWithoutAFileIsSilentUpToTheLimit)
 {
-    const auto pStream = Open();
-    Record(*pStream, "msg.ul", 12345);
+    const auto pStream = open();
+    record(*pStream, "msg.ul", 12345);
     Run(*pStream);
-    EXPECT_EQ(ReadBytes(m_folder.Path("msg.ul")), CSamples(12345, ULAW_SILENCE));
+    EXPECT_EQ(readBytes(m_folder.path("msg.ul")), CSamples(12345, ULAW_SILENCE));
 }
 
 TEST_F(StreamTest, UnreadableCallerRefusesTheRecording)
 {
-    WriteBytes(m_folder.Path("call.in.wav"), {'h', 'e', 'l', 'l', 'o'});
-    const auto pStream = Open();
-    EXPECT_THAT(StartRecord(*pStream, "msg.wav", 100), HasSubstr("call.in.wav"));
-    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::None);
-    EXPECT_FALSE(pStream->IsRecording());
+    writeBytes(m_folder.path("call.in.wav"), {'h', 'e', 'l', 'l', 'o'});
+    const auto pStream = open();
+    EXPECT_THAT(startRecord(*pStream, "msg.wav", 100), HasSubstr("call.in.wav"));
+    EXPECT_EQ(pStream->recordStatus(), ERecordStatus::None);
+    EXPECT_FALSE(pStream->isRecording());
 }
 
 TEST_F(StreamTest, DamagedCallerEndsTheRecordingWithFailure)
 {
-    WriteDamagedFlac(m_folder.Path("call.in.wav"));
-    const auto pStream = Open();
-    Record(*pStream, "msg.ul", 1000000);
+    writeDamagedFlac(m_folder.path("call.in.wav"));
+    const auto pStream = open();
+    record(*pStream, "msg.ul", 1000000);
     Run(*pStream);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FAILED}));
-    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Failed);
-    EXPECT_GT(ReadBytes(m_folder.Path("msg.ul")).size(), 50000U);
+    EXPECT_EQ(pStream->recordStatus(), ERecordStatus::Failed);
+    EXPECT_GT(readBytes(m_folder.path("msg.ul")).size(), 50000U);
 }
 
 TEST_F(StreamTest, RecordingOfNoSamplesEndsAtTheNextTick)
 {
-    CallerSays(Noise(200));
-    const auto pStream = Open();
-    Record(*pStream, "msg.wav", 0);
-    Ticks();
+    callerSays(noise(200));
+    const auto pStream = open();
+    record(*pStream, "msg.wav", 0);
+    ticks();
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FINISHED}));
-    EXPECT_THAT(ReadULawWav(m_folder.Path("msg.wav")), IsEmpty());
+    EXPECT_THAT(readULawWav(m_folder.path("msg.wav")), IsEmpty());
 }
 
 TEST_F(StreamTest, CancelledRecordingIsKept)
 {
-    CallerSays(Noise(5000));
-    const auto pStream = Open();
-    Record(*pStream, "msg.wav", 5000);
-    Ticks();
-    pStream->CancelPlay(Nothing);
-    Ticks();
-    pStream->CancelRecord(Nothing);
+    callerSays(noise(5000));
+    const auto pStream = open();
+    record(*pStream, "msg.wav", 5000);
+    ticks();
+    pStream->cancelPlay(nothing);
+    ticks();
+    pStream->cancelRecord(nothing);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_CANCELLED}));
-    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Finished);
-    EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Slice(Noise(5000), 0, 320));
+    EXPECT_EQ(pStream->recordStatus(), ERecordStatus::Finished);
+    EXPECT_EQ(readULawWav(m_folder.path("msg.wav")), slice(noise(5000), 0, 320));
 }
 
 TEST_F(StreamTest, RecordingIntoAFullDiskEndsWithFailure)
 {
-    CallerSays(Noise(5000));
-    const auto pStream = Open();
-    Record(*pStream, "msg.wav", 5000);
+    callerSays(noise(5000));
+    const auto pStream = open();
+    record(*pStream, "msg.wav", 5000);
     {
         const CFileSizeLimit limit(1000);
         Run(*pStream);
     }
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 9, DONE_FAILED}));
-    EXPECT_EQ(pStream->RecordStatus(), ERecordStatus::Failed);
-    const CSamples kept = ReadULawWav(m_folder.Path("msg.wav"));
+    EXPECT_EQ(pStream->recordStatus(), ERecordStatus::Failed);
+    const CSamples kept = readULawWav(m_folder.path("msg.wav"));
     ASSERT_GE(kept.size(), 640U);
-    EXPECT_EQ(Slice(kept, 0, 640), Slice(Noise(5000), 0, 640));
+    EXPECT_EQ(slice(kept, 0, 640), slice(noise(5000), 0, 640));
 }
 
 TEST_F(StreamTest, ClosingAStreamCompletesItsFiles)
 {
-    CallerSays(Noise(5000));
-    auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(1000, 2)), 0, 1000, 17);
-    Record(*pStream, "msg.wav", 5000);
-    Ticks();
+    callerSays(noise(5000));
+    auto pStream = open();
+    pStream->startPlay(clip(noise(1000, 2)), 0, 1000, 17);
+    record(*pStream, "msg.wav", 5000);
+    ticks();
     pStream.reset();
-    EXPECT_EQ(ReadULawWav(m_folder.Path("msg.wav")), Slice(Noise(5000), 0, 160));
-    EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Slice(Noise(1000, 2), 0, 160));
+    EXPECT_EQ(readULawWav(m_folder.path("msg.wav")), slice(noise(5000), 0, 160));
+    EXPECT_EQ(readULawWav(m_folder.path("call-1.heard.wav")), slice(noise(1000, 2), 0, 160));
     EXPECT_THAT(m_vEvents, IsEmpty());
 }
 
 TEST_F(StreamTest, PlayAndRecordingRunSideBySide)
 {
-    CallerSays(Noise(1000));
-    const auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(400, 2)), 0, 400, 17);
-    Record(*pStream, "msg.ul", 500);
+    callerSays(noise(1000));
+    const auto pStream = open();
+    pStream->startPlay(clip(noise(400, 2)), 0, 400, 17);
+    record(*pStream, "msg.ul", 500);
     Run(*pStream);
     EXPECT_THAT(m_vEvents, ElementsAre(structMIEVT{MIEVT_DONE, 5, 17, DONE_FINISHED},
                                        structMIEVT{MIEVT_DONE, 5, 9, DONE_FINISHED}));
-    EXPECT_EQ(ReadBytes(m_folder.Path("msg.ul")), Slice(Noise(1000), 0, 500));
+    EXPECT_EQ(readBytes(m_folder.path("msg.ul")), slice(noise(1000), 0, 500));
 }
 
 TEST_F(StreamTest, LegsOfACallHearApartAndListenToTheSameCaller)
 {
-    CallerSays(Noise(1000));
-    const auto pFirst = Open("call", 1);
-    const auto pSecond = Open("call", 4000000000U);
-    pFirst->StartPlay(Clip(Noise(100, 2)), 0, 100, 1);
-    pSecond->StartPlay(Clip(Noise(100, 3)), 0, 100, 2);
-    Record(*pFirst, "a.ul", 50);
-    Record(*pSecond, "b.ul", 50);
+    callerSays(noise(1000));
+    const auto pFirst = open("call", 1);
+    const auto pSecond = open("call", 4000000000U);
+    pFirst->startPlay(clip(noise(100, 2)), 0, 100, 1);
+    pSecond->startPlay(clip(noise(100, 3)), 0, 100, 2);
+    record(*pFirst, "a.ul", 50);
+    record(*pSecond, "b.ul", 50);
     Run(*pFirst);
     Run(*pSecond);
-    EXPECT_EQ(ReadULawWav(m_folder.Path("call-1.heard.wav")), Noise(100, 2));
-    EXPECT_EQ(ReadULawWav(m_folder.Path("call-4000000000.heard.wav")), Noise(100, 3));
-    EXPECT_EQ(ReadBytes(m_folder.Path("a.ul")), ReadBytes(m_folder.Path("b.ul")));
+    EXPECT_EQ(readULawWav(m_folder.path("call-1.heard.wav")), noise(100, 2));
+    EXPECT_EQ(readULawWav(m_folder.path("call-4000000000.heard.wav")), noise(100, 3));
+    EXPECT_EQ(readBytes(m_folder.path("a.ul")), readBytes(m_folder.path("b.ul")));
 }
 
 TEST_F(StreamTest, OpeningAChannelAgainBeginsAnew)
 {
-    CallerSays(Noise(1000));
-    auto pStream = Open();
-    pStream->StartPlay(Clip(Noise(100, 2)), 0, 100, 1);
-    Record(*pStream, "a.ul", 50);
+    callerSays(noise(1000));
+    auto pStream = open();
+    pStream->startPlay(clip(noise(100, 2)), 0, 100, 1);
+    record(*pStream, "a.ul", 50);
     Run(*pStream);
     pStream.reset();
-    pStream = Open();
-    EXPECT_THAT(ReadULawWav(m_folder.Path("call-1.heard.wav")), IsEmpty());
-    Record(*pStream, "a.ul", 50);
+    pStream = open();
+    EXPECT_THAT(readULawWav(m_folder.path("call-1.heard.wav")), IsEmpty());
+    record(*pStream, "a.ul", 50);
     Run(*pStream);
-    EXPECT_EQ(ReadBytes(m_folder.Path("a.ul")), Slice(Noise(1000), 0, 50));
+    EXPECT_EQ(readBytes(m_folder.path("a.ul")), slice(noise(1000), 0, 50));
 }
 
 TEST_F(StreamTest, ChannelRefusesCallIDsThatAreNoFileNames)
@@ -272,17 +272,17 @@ TEST_F(StreamTest, ChannelRefusesCallIDsThatAreNoFileNames)
     std::string strError;
     for (const char* pCallID : {"", "a/b", "/etc/passwd", "..", "a..b", "a\nb", "\x7f"})
     {
-        EXPECT_FALSE(OpenChannel(m_channels, pCallID, 1, strError)) << pCallID;
+        EXPECT_FALSE(openChannel(m_channels, pCallID, 1, strError)) << pCallID;
         EXPECT_THAT(strError, HasSubstr("file name"));
     }
-    EXPECT_TRUE(OpenChannel(m_channels, "sip:+49 30 12345@host", 1, strError)) << strError;
+    EXPECT_TRUE(openChannel(m_channels, "sip:+49 30 12345@host", 1, strError)) << strError;
 }
 
 TEST_F(StreamTest, ChannelIsOpenOnlyOnce)
 {
-    const auto pStream = Open();
+    const auto pStream = open();
     std::string strError;
-    EXPECT_FALSE(OpenChannel(m_channels, "call", 1, strError));
+    EXPECT_FALSE(openChannel(m_channels, "call", 1, strError));
     EXPECT_THAT(strError, HasSubstr("being written already"));
-    EXPECT_TRUE(OpenChannel(m_channels, "call", 2, strError)) << strError;
+    EXPECT_TRUE(openChannel(m_channels, "call", 2, strError)) << strError;
 }

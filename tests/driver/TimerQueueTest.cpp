@@ -16,7 +16,7 @@ namespace
 class CVirtualClock : public CClock
 {
 public:
-    TimePoint Now() const override { return m_now; }
+    TimePoint now() const override { return m_now; }
 
     TimePoint m_now{std::chrono::hours(1)};
 };
@@ -24,14 +24,15 @@ public:
 class TimerQueue : public testing::Test
 {
 protected:
-    void AddAfter(int nMs, int nMark)
+    void addAfter(int nMs, int nMark)
     {
-        m_queue.After(milliseconds(nMs), [this, nMark] { m_vMarks.push_back(nMark); });
+        m_queue.after(
+            milliseconds(nMs), [this, nMark] { m_vMarks.push_back(nMark); });
     }
-    void Pass(microseconds time)
+    void pass(microseconds time)
     {
         m_clock.m_now += time;
-        m_queue.RunDue();
+        m_queue.runDue();
     }
 
     CVirtualClock m_clock;
@@ -42,51 +43,51 @@ protected:
 
 TEST_F(TimerQueue, CallsAFunctionOnceAndNotBeforeItsTime)
 {
-    AddAfter(5, 1);
-    Pass(microseconds(4999));
+    addAfter(5, 1);
+    pass(microseconds(4999));
     EXPECT_THAT(m_vMarks, IsEmpty());
-    Pass(microseconds(1));
+    pass(microseconds(1));
     EXPECT_THAT(m_vMarks, ElementsAre(1));
-    Pass(milliseconds(100));
+    pass(milliseconds(100));
     EXPECT_THAT(m_vMarks, ElementsAre(1));
 }
 
 TEST_F(TimerQueue, CallsInTheOrderOfTheDueTimesAndThenOfTheirAdding)
 {
-    AddAfter(20, 4);
-    AddAfter(10, 2);
-    AddAfter(10, 3);
-    AddAfter(0, 1);
-    AddAfter(30, 5);
-    Pass(milliseconds(25));
+    addAfter(20, 4);
+    addAfter(10, 2);
+    addAfter(10, 3);
+    addAfter(0, 1);
+    addAfter(30, 5);
+    pass(milliseconds(25));
     EXPECT_THAT(m_vMarks, ElementsAre(1, 2, 3, 4));
 }
 
 TEST_F(TimerQueue, LeavesWhatAFunctionAddsToTheNextRun)
 {
-    m_queue.After(milliseconds(1), [this] {
+    m_queue.after(milliseconds(1), [this] {
         m_vMarks.push_back(1);
-        AddAfter(0, 2);
+        addAfter(0, 2);
     });
-    Pass(milliseconds(1));
+    pass(milliseconds(1));
     EXPECT_THAT(m_vMarks, ElementsAre(1));
-    EXPECT_EQ(m_queue.NextDue(), milliseconds(0));
-    Pass(milliseconds(0));
+    EXPECT_EQ(m_queue.nextDue(), milliseconds(0));
+    pass(milliseconds(0));
     EXPECT_THAT(m_vMarks, ElementsAre(1, 2));
 }
 
 TEST_F(TimerQueue, SaysHowLongToWaitRoundedUp)
 {
-    EXPECT_EQ(m_queue.NextDue(), std::nullopt);
-    AddAfter(50, 1);
-    AddAfter(10, 2);
-    EXPECT_EQ(m_queue.NextDue(), milliseconds(10));
-    Pass(microseconds(9001));
-    EXPECT_EQ(m_queue.NextDue(), milliseconds(1));
+    EXPECT_EQ(m_queue.nextDue(), std::nullopt);
+    addAfter(50, 1);
+    addAfter(10, 2);
+    EXPECT_EQ(m_queue.nextDue(), milliseconds(10));
+    pass(microseconds(9001));
+    EXPECT_EQ(m_queue.nextDue(), milliseconds(1));
     m_clock.m_now += milliseconds(500);
-    EXPECT_EQ(m_queue.NextDue(), milliseconds(0));
-    m_queue.RunDue();
-    EXPECT_EQ(m_queue.NextDue(), std::nullopt);
+    EXPECT_EQ(m_queue.nextDue(), milliseconds(0));
+    m_queue.runDue();
+    EXPECT_EQ(m_queue.nextDue(), std::nullopt);
 }
 
 TEST_F(TimerQueue, ForgetsWhatIsNotDueAtItsEnd)
@@ -94,7 +95,7 @@ TEST_F(TimerQueue, ForgetsWhatIsNotDueAtItsEnd)
     const auto pHeld = std::make_shared<int>(0);
     {
         CTimerQueue queue(m_clock);
-        queue.After(milliseconds(1), [this, pHeld] { m_vMarks.push_back(1); });
+        queue.after(milliseconds(1), [this, pHeld] { m_vMarks.push_back(1); });
         EXPECT_EQ(pHeld.use_count(), 2);
     }
     EXPECT_EQ(pHeld.use_count(), 1);
@@ -104,7 +105,7 @@ TEST_F(TimerQueue, ForgetsWhatIsNotDueAtItsEnd)
 TEST(SteadyClock, NeverGoesBack)
 {
     const CSteadyClock clock;
-    const CClock::TimePoint before = clock.Now();
-    EXPECT_LE(before, clock.Now());
+    const CClock::TimePoint before = clock.now();
+    EXPECT_LE(before, clock.now());
     EXPECT_GT(before.time_since_epoch().count(), 0);
 }

@@ -12,12 +12,10 @@
 
 namespace
 {
-void Require(bool bHolds)
+void require(bool bHolds)
 {
     if (!bHolds)
-    {
         std::abort();
-    }
 }
 
 // A fresh folder of this process, which is the working directory.
@@ -25,42 +23,36 @@ void EnterFolder()
 {
     static const bool bEntered = [] {
         char szTemplate[] = "/tmp/clip-fuzz-XXXXXX";
-        Require(::mkdtemp(szTemplate) != nullptr && ::chdir(szTemplate) == 0);
+        require(::mkdtemp(szTemplate) != nullptr && ::chdir(szTemplate) == 0);
         spdlog::set_default_logger(
             std::make_shared<spdlog::logger>("none", std::make_shared<spdlog::sinks::null_sink_st>()));
         return true;
     }();
-    Require(bEntered);
+    require(bEntered);
 }
 
 // What every file comes to: a reason, or samples that are all there.
-void Check(const CClipPtr& pClip, const std::string& strError)
+void check(const CClipPtr& pClip, const std::string& strError)
 {
-    Require((pClip == nullptr) == !strError.empty());
+    require((pClip == nullptr) == !strError.empty());
     if (!pClip)
-    {
         return;
-    }
-    const std::size_t nSamples = pClip->Ready();
-    Require(nSamples <= MAX_CLIP_SAMPLES + 64);
+    const size_t nSamples = pClip->ready();
+    require(nSamples <= MAX_CLIP_SAMPLES + 64);
     unsigned int nSum = 0;
-    for (std::size_t n = 0; n < nSamples; ++n)
-    {
-        nSum += pClip->Samples()[n];
-    }
+    for (size_t n = 0; n < nSamples; ++n)
+        nSum += pClip->samples()[n];
     volatile unsigned int nRead = nSum;
     static_cast<void>(nRead);
 }
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t nSize)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
 {
     static const char* const ENDINGS[] = {".wav", ".au",   ".snd", ".flac", ".ul", ".ulaw", ".raw",
                                           ".al",  ".alaw", ".sln", ".pcm",  "",    ".aiff", ".WAV"};
     if (nSize < 2)
-    {
         return 0;
-    }
     EnterFolder();
     const std::string strPath = std::string("clip") + ENDINGS[pData[0] % std::size(ENDINGS)];
     std::ofstream(strPath, std::ios::binary)
@@ -70,23 +62,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t nSi
     CClipStore store(executor);
     CClipPtr pLoaded;
     int nTold = 0;
-    store.Load(strPath, std::size_t{pData[1]} * 100, [&](const CClipPtr& pClip, const std::string& strError) {
+    store.load(strPath, size_t{pData[1]} * 100, [&](const CClipPtr& pClip, const std::string& strError) {
         ++nTold;
-        Check(pClip, strError);
+        check(pClip, strError);
         pLoaded = pClip;
     });
-    Require(nTold == 1);
+    require(nTold == 1);
     if (pLoaded)
     {
-        Require(pLoaded->IsDecoded());
-        Check(pLoaded, {});
+        require(pLoaded->isDecoded());
+        check(pLoaded, {});
         // A second holder gets the same clip, unless the file is damaged.
-        store.Load(strPath, 0, [&](const CClipPtr& pClip, const std::string& strError) {
+        store.load(strPath, 0, [&](const CClipPtr& pClip, const std::string& strError) {
             ++nTold;
-            Check(pClip, strError);
-            Require(pLoaded->IsBroken() || pClip == pLoaded);
+            check(pClip, strError);
+            require(pLoaded->isBroken() || pClip == pLoaded);
         });
-        Require(nTold == 2);
+        require(nTold == 2);
     }
     ::unlink(strPath.c_str());
     return 0;

@@ -21,29 +21,27 @@
 
 namespace
 {
-void Require(bool bHolds)
+void require(bool bHolds)
 {
     if (!bHolds)
-    {
         std::abort();
-    }
 }
 
 // Ids are given out once in the life of a driver.
 struct CLargestIDs
 {
-    void Check(int32_t nID, int32_t& nLargest) const
+    void check(int32_t nID, int32_t& nLargest) const
     {
-        Require(nID > nLargest);
+        require(nID > nLargest);
         nLargest = nID;
     }
-    void Take(const structMIRSP& rsp)
+    void take(const structMIRSP& rsp)
     {
         switch (rsp.s_mirsp)
         {
-        case MIRSP_CONNECT: Check(rsp.s_nConnectID, m_nConnect); break;
-        case MIRSP_OPENFILE: Check(rsp.s_nFileID, m_nFile); break;
-        case MIRSP_OPENSTREAM: Check(rsp.s_nStreamID, m_nStream); break;
+        case MIRSP_CONNECT: check(rsp.s_nConnectID, m_nConnect); break;
+        case MIRSP_OPENFILE: check(rsp.s_nFileID, m_nFile); break;
+        case MIRSP_OPENSTREAM: check(rsp.s_nStreamID, m_nStream); break;
         default: break;
         }
     }
@@ -60,47 +58,43 @@ class CMemoryPort : public CClientPort
 public:
     CMemoryPort(pid_t nProcessID, CLargestIDs& ids) : m_nProcessID(nProcessID), m_ids(ids) {}
 
-    ESend SendResponse(const structMIRSP& rsp) override
+    ESend sendResponse(const structMIRSP& rsp) override
     {
-        CRequest& request = Find(rsp.nRespSequenceNo);
-        Require(!request.m_bAnswered);
+        CRequest& request = find(rsp.nRespSequenceNo);
+        require(!request.m_bAnswered);
         request.m_bAnswered = true;
         request.m_bRefused = rsp.s_mirsp == MIRSP_STATUS && rsp.s_nResult == MISTATUS_FAILED;
-        m_ids.Take(rsp);
+        m_ids.take(rsp);
         return m_bGone ? ESend::Gone : m_bFull ? ESend::Full : ESend::Sent;
     }
-    ESend SendEvent(const structMIEVT& evt) override
+    ESend sendEvent(const structMIEVT& evt) override
     {
         if (m_bGone || m_bFull)
-        {
             return m_bGone ? ESend::Gone : ESend::Full;
-        }
-        CRequest& request = Find(evt.nSequenceID);
-        Require(evt.s_mievt == MIEVT_DONE && request.m_micmd >= MICMD_PLAYCLIP && request.m_micmd <= MICMD_RECORDFILE);
-        Require(request.m_bAnswered && !request.m_bRefused && !request.m_bEnded);
+        CRequest& request = find(evt.nSequenceID);
+        require(evt.s_mievt == MIEVT_DONE && request.m_micmd >= MICMD_PLAYCLIP && request.m_micmd <= MICMD_RECORDFILE);
+        require(request.m_bAnswered && !request.m_bRefused && !request.m_bEnded);
         request.m_bEnded = true;
         return ESend::Sent;
     }
-    bool Watch(std::function<void()> broken, std::function<void()> writable) override
+    bool watch(std::function<void()> broken, std::function<void()> writable) override
     {
         m_broken = std::move(broken);
         m_writable = std::move(writable);
         return true;
     }
-    void WatchForRoom(bool bOn) override { m_bWatchesRoom = bOn; }
-    pid_t ProcessID() const override { return m_nProcessID; }
-    bool IsGone() const override { return m_bGone; }
+    void watchForRoom(bool bOn) override { m_bWatchesRoom = bOn; }
+    pid_t processID() const override { return m_nProcessID; }
+    bool isGone() const override { return m_bGone; }
 
-    void Expect(const structMICMD& cmd)
+    void expect(const structMICMD& cmd)
     {
-        Require(m_mapRequestByNumber.emplace(cmd.nSequenceNo, CRequest{cmd.s_micmd}).second);
+        require(m_mapRequestByNumber.emplace(cmd.nSequenceNo, CRequest{cmd.s_micmd}).second);
     }
     void CheckAllAnswered() const
     {
         for (const auto& [nSequenceNo, request] : m_mapRequestByNumber)
-        {
-            Require(request.m_bAnswered);
-        }
+            require(request.m_bAnswered);
     }
 
     bool m_bFull = false;
@@ -118,30 +112,28 @@ private:
         bool m_bEnded = false;
     };
 
-    CRequest& Find(std::uint32_t nSequenceNo)
+    CRequest& find(uint32_t nSequenceNo)
     {
         const auto it = m_mapRequestByNumber.find(nSequenceNo);
-        Require(it != m_mapRequestByNumber.end());
+        require(it != m_mapRequestByNumber.end());
         return it->second;
     }
 
     const pid_t m_nProcessID;
     CLargestIDs& m_ids;
-    std::map<std::uint32_t, CRequest> m_mapRequestByNumber;
+    std::map<uint32_t, CRequest> m_mapRequestByNumber;
 };
 
 class CMemoryOpener : public CClientPortOpener
 {
 public:
-    std::unique_ptr<CClientPort> Open(const structMICMD::ConnectBody& connect, std::string& strError) override
+    std::unique_ptr<CClientPort> open(const structMICMD::ConnectBody& connect, std::string& strError) override
     {
         CClientPipeNames names;
-        if (!ParseClientPipeNames(connect, names, strError))
-        {
+        if (!parseClientPipeNames(connect, names, strError))
             return nullptr;
-        }
         auto pPort = std::make_unique<CMemoryPort>(names.m_nProcessID, m_ids);
-        pPort->Expect(*m_pConnect);
+        pPort->expect(*m_pConnect);
         return pPort;
     }
 
@@ -154,17 +146,17 @@ private:
 class CManualClock : public CClock
 {
 public:
-    TimePoint Now() const override { return m_now; }
+    TimePoint now() const override { return m_now; }
 
     TimePoint m_now = TimePoint(std::chrono::hours(1));
 };
 
 // Where the driver reads and writes: a fresh folder of this process, which is the working directory.
-const std::string& Folder()
+const std::string& folder()
 {
     static const std::string strFolder = [] {
         char szTemplate[] = "/tmp/driver-fuzz-XXXXXX";
-        Require(::mkdtemp(szTemplate) != nullptr && ::chdir(szTemplate) == 0);
+        require(::mkdtemp(szTemplate) != nullptr && ::chdir(szTemplate) == 0);
         std::ofstream("clip.ul") << std::string(1000, 'x');
         std::ofstream("call.in.wav") << "no audio";
         spdlog::set_default_logger(
@@ -180,67 +172,61 @@ public:
     // Begins with a client that has a file and a stream open.
     CHarness()
     {
-        Connect(1, "1");
+        connect(1, "1");
         structMICMD cmd = {};
         cmd.s_micmd = MICMD_OPENFILE;
         cmd.nConnectID = 1;
         cmd.nSequenceNo = 2;
         std::strcpy(cmd.openFile.szFileName, "clip.ul");
-        Append(cmd);
+        append(cmd);
         cmd.s_micmd = MICMD_OPENSTREAM;
         cmd.nSequenceNo = 3;
         std::strcpy(cmd.openStream.szCallID, "call");
         cmd.openStream.nLegID = 9;
-        Append(cmd);
+        append(cmd);
         TakeAll();
-        const CClient* pClient = m_registry.Find(1);
-        Require(pClient != nullptr && pClient->FindFile(1) && pClient->FindStream(1));
+        const CClient* pClient = m_registry.find(1);
+        require(pClient != nullptr && pClient->findFile(1) && pClient->findStream(1));
     }
     ~CHarness()
     {
-        m_registry.DropAll("the end");
-        m_registry.Sweep();
+        m_registry.dropAll("the end");
+        m_registry.sweep();
     }
 
-    void Step(FuzzedDataProvider& input)
+    void step(FuzzedDataProvider& input)
     {
         switch (input.ConsumeIntegralInRange(0, 9))
         {
-        case 0:
-            Connect(input.ConsumeIntegral<std::uint32_t>(), std::to_string(input.ConsumeIntegralInRange(1, 4)));
-            break;
+        case 0: connect(input.ConsumeIntegral<uint32_t>(), std::to_string(input.ConsumeIntegralInRange(1, 4))); break;
         case 1:
         case 2:
         case 3: Demand(input); break;
-        case 4: Append(input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegralInRange<std::size_t>(0, 700))); break;
-        case 5: Append(Request(input)); break;
+        case 4: append(input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 700))); break;
+        case 5: append(request(input)); break;
         case 6: TakeAll(); break;
-        case 7: Tick(input.ConsumeIntegralInRange(1, 30)); break;
+        case 7: tick(input.ConsumeIntegralInRange(1, 30)); break;
         case 8:
             m_clock.m_now += std::chrono::milliseconds(input.ConsumeIntegralInRange(0, 2000));
-            m_timers.RunDue();
-            m_registry.DropDead();
+            m_timers.runDue();
+            m_registry.dropDead();
             break;
         default: Trouble(input); break;
         }
-        m_registry.FlushEvents();
-        m_registry.Sweep();
-        for (const auto& [nConnectID, pClient] : m_registry.Clients())
-        {
+        m_registry.flushEvents();
+        m_registry.sweep();
+        for (const auto& [nConnectID, pClient] : m_registry.clients())
             PortOf(*pClient).CheckAllAnswered();
-        }
     }
 
 private:
-    static CMemoryPort& PortOf(CClient& client) { return static_cast<CMemoryPort&>(client.Port()); }
+    static CMemoryPort& PortOf(CClient& client) { return static_cast<CMemoryPort&>(client.port()); }
 
     CClient* AnyClient(FuzzedDataProvider& input)
     {
-        const auto& map = m_registry.Clients();
+        const auto& map = m_registry.clients();
         if (map.empty())
-        {
             return nullptr;
-        }
         return std::next(map.begin(), input.ConsumeIntegralInRange<std::ptrdiff_t>(0, std::ssize(map) - 1))
             ->second.get();
     }
@@ -252,24 +238,24 @@ private:
         return nWhich < std::ssize(map) ? std::next(map.begin(), nWhich)->first : nWhich - 2;
     }
 
-    void Connect(std::uint32_t nSequenceNo, const std::string& strProcess)
+    void connect(uint32_t nSequenceNo, const std::string& strProcess)
     {
         structMICMD cmd = {};
         cmd.s_micmd = MICMD_CONNECT;
         cmd.nSequenceNo = nSequenceNo;
         std::strcpy(cmd.connect.szRspPipe, (MI_RESPONSE_PIPE_PREFIX + strProcess).c_str());
         std::strcpy(cmd.connect.szEvtPipe, (MI_EVENT_PIPE_PREFIX + strProcess).c_str());
-        Append(cmd);
+        append(cmd);
         TakeAll();
     }
 
     // A request as clients make them: ids and names that may exist, numbers that may be next.
-    structMICMD Request(FuzzedDataProvider& input, int nLeastCode = -1, int nLargestCode = 18)
+    structMICMD request(FuzzedDataProvider& input, int nLeastCode = -1, int nLargestCode = 18)
     {
         structMICMD cmd = {};
         const CClient* pClient = AnyClient(input);
         cmd.s_micmd = static_cast<MICMD>(input.ConsumeIntegralInRange(nLeastCode, nLargestCode));
-        cmd.nConnectID = pClient != nullptr ? pClient->ConnectID() : input.ConsumeIntegralInRange(-1, 20);
+        cmd.nConnectID = pClient != nullptr ? pClient->connectID() : input.ConsumeIntegralInRange(-1, 20);
         cmd.nSequenceNo = (pClient != nullptr ? pClient->m_nLatestSequenceNo : 0) + input.ConsumeIntegralInRange(0, 70);
         if (pClient != nullptr)
         {
@@ -301,58 +287,53 @@ private:
         TakeAll();
         CClient* pClient = AnyClient(input);
         if (pClient == nullptr)
-        {
             return;
-        }
-        structMICMD cmd = Request(input, MICMD_DISCONNECT, MICMD_RECORDGETSTATUS);
-        cmd.nConnectID = pClient->ConnectID();
+        structMICMD cmd = request(input, MICMD_DISCONNECT, MICMD_RECORDGETSTATUS);
+        cmd.nConnectID = pClient->connectID();
         cmd.nSequenceNo = pClient->m_nLatestSequenceNo + 1;
-        Append(std::vector<std::uint8_t>(input.ConsumeIntegralInRange<std::size_t>(0, 700), 0xA5));
-        Append(cmd);
-        Append(std::vector<std::uint8_t>(input.ConsumeIntegralInRange<std::size_t>(0, 700), 0xA5));
-        const std::size_t nHandled = m_nHandled;
+        append(std::vector<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 700), 0xA5));
+        append(cmd);
+        append(std::vector<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 700), 0xA5));
+        const size_t nHandled = m_nHandled;
         TakeAll();
-        Require(m_nHandled == nHandled + 1);
+        require(m_nHandled == nHandled + 1);
     }
 
-    void Append(const structMICMD& cmd)
+    void append(const structMICMD& cmd)
     {
-        const auto* pBytes = reinterpret_cast<const std::uint8_t*>(&cmd);
-        Append(std::vector<std::uint8_t>(pBytes, pBytes + sizeof(cmd)));
+        const auto* pBytes = reinterpret_cast<const uint8_t*>(&cmd);
+        append(std::vector<uint8_t>(pBytes, pBytes + sizeof(cmd)));
     }
-    void Append(const std::vector<std::uint8_t>& vBytes)
-    {
-        m_vPipe.insert(m_vPipe.end(), vBytes.begin(), vBytes.end());
-    }
+    void append(const std::vector<uint8_t>& vBytes) { m_vPipe.insert(m_vPipe.end(), vBytes.begin(), vBytes.end()); }
 
     // Empties the pipe through the framer. No byte is lost or seen twice.
     void TakeAll()
     {
-        std::size_t nRead = 0;
-        std::size_t nGiven = 0;
-        std::size_t nRubbish = 0;
+        size_t nRead = 0;
+        size_t nGiven = 0;
+        size_t nRubbish = 0;
         do
         {
-            const std::span<unsigned char> room = m_framer.Room();
-            Require(room.size() >= sizeof(structMICMD));
-            const std::size_t nBytes = std::min(room.size(), m_vPipe.size() - nRead);
+            const std::span<unsigned char> room = m_framer.room();
+            require(room.size() >= sizeof(structMICMD));
+            const size_t nBytes = std::min(room.size(), m_vPipe.size() - nRead);
             std::copy_n(m_vPipe.begin() + static_cast<std::ptrdiff_t>(nRead), nBytes, room.begin());
             nRead += nBytes;
-            m_framer.Added(nBytes, nRead == m_vPipe.size());
+            m_framer.added(nBytes, nRead == m_vPipe.size());
             structMICMD cmd;
-            while (m_framer.Next(cmd))
+            while (m_framer.next(cmd))
             {
                 nGiven += sizeof(cmd);
-                Handle(cmd);
+                handle(cmd);
             }
-            nRubbish += m_framer.TakeRubbish();
-            Require(nGiven + nRubbish + m_framer.Waiting() == nRead);
+            nRubbish += m_framer.takeRubbish();
+            require(nGiven + nRubbish + m_framer.waiting() == nRead);
         } while (nRead < m_vPipe.size());
-        Require(m_framer.Waiting() == 0);
+        require(m_framer.waiting() == 0);
         m_vPipe.clear();
     }
 
-    void Handle(structMICMD cmd)
+    void handle(structMICMD cmd)
     {
         if (cmd.s_micmd != MICMD_CONNECT)
         {
@@ -360,26 +341,24 @@ private:
             std::replace(std::begin(cmd.abBody), std::end(cmd.abBody), static_cast<unsigned char>('/'),
                          static_cast<unsigned char>('_'));
         }
-        CClient* pClient = m_registry.Find(cmd.nConnectID);
+        CClient* pClient = m_registry.find(cmd.nConnectID);
         if (pClient != nullptr && cmd.s_micmd != MICMD_CONNECT)
-        {
-            PortOf(*pClient).Expect(cmd);
-        }
+            PortOf(*pClient).expect(cmd);
         ++m_nHandled;
         m_opener.m_pConnect = &cmd;
-        m_handler.Handle(cmd);
-        m_registry.FlushEvents();
-        m_registry.Sweep();
+        m_handler.handle(cmd);
+        m_registry.flushEvents();
+        m_registry.sweep();
     }
 
-    void Tick(int nTicks)
+    void tick(int nTicks)
     {
         for (int nTick = 0; nTick < nTicks; ++nTick)
         {
-            m_mediaClock.TickRealTime();
-            m_mediaClock.TickFast();
-            m_registry.FlushEvents();
-            m_registry.Sweep();
+            m_mediaClock.tickRealTime();
+            m_mediaClock.tickFast();
+            m_registry.flushEvents();
+            m_registry.sweep();
         }
     }
 
@@ -388,9 +367,7 @@ private:
     {
         CClient* pClient = AnyClient(input);
         if (pClient == nullptr)
-        {
             return;
-        }
         CMemoryPort& port = PortOf(*pClient);
         switch (input.ConsumeIntegralInRange(0, 3))
         {
@@ -419,7 +396,7 @@ private:
     CStatistics m_statistics;
     CFaultRules m_faults;
     CClipStore m_clipStore{m_inline};
-    CFileChannelFactory m_channels{m_clipStore, m_inline, {Folder(), true, false}};
+    CFileChannelFactory m_channels{m_clipStore, m_inline, {folder(), true, false}};
     CMemoryOpener m_opener;
     CMediaClock m_mediaClock;
     CClientRegistry m_registry{m_statistics};
@@ -427,9 +404,9 @@ private:
     CRequestHandler m_handler{
         {m_registry, m_outbox, m_clipStore, m_channels, m_opener, m_mediaClock, m_inline, m_faults, m_statistics},
         {[](auto) {}, [] {}}};
-    CRequestFramer m_framer{[this](int nConnectID) { return m_registry.LatestSequenceNo(nConnectID); }};
-    std::vector<std::uint8_t> m_vPipe;
-    std::size_t m_nHandled = 0;
+    CRequestFramer m_framer{[this](int nConnectID) { return m_registry.latestSequenceNo(nConnectID); }};
+    std::vector<uint8_t> m_vPipe;
+    size_t m_nHandled = 0;
 };
 } // namespace
 
@@ -438,8 +415,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
     FuzzedDataProvider input(pData, nSize);
     CHarness harness;
     for (int n = 0; n < 200 && input.remaining_bytes() > 0; ++n)
-    {
-        harness.Step(input);
-    }
+        harness.step(input);
     return 0;
 }

@@ -67,9 +67,7 @@ SoundFile openSound(const std::string& strName, SF_INFO& info)
     // Opening a FIFO would wait for its writer, a device might never end.
     std::error_code error;
     if (!std::filesystem::is_regular_file(strName, error))
-    {
         throw CBadInput("\"" + strName + "\": no such file, or not a plain file");
-    }
     info = SF_INFO{};
     if (std::filesystem::path(strName).extension() == ".ul")
     {
@@ -79,9 +77,7 @@ SoundFile openSound(const std::string& strName, SF_INFO& info)
     }
     SoundFile file(sf_open(strName.c_str(), SFM_READ, &info), sf_close);
     if (!file)
-    {
         throw CBadInput("\"" + strName + "\": " + sf_strerror(nullptr));
-    }
     return file;
 }
 
@@ -97,9 +93,7 @@ Samples readSound(const std::string& strName)
     }
     const int nSubtype = info.format & SF_FORMAT_SUBMASK;
     if (nSubtype != SF_FORMAT_PCM_16 && nSubtype != SF_FORMAT_ULAW)
-    {
         throw CBadInput("\"" + strName + "\": neither 16 bit PCM nor mu-law, so not comparable by samples");
-    }
     Samples vSamples;
     Samples vBlock(RATE);
     sf_count_t llRead;
@@ -107,9 +101,7 @@ Samples readSound(const std::string& strName)
     {
         vSamples.insert(vSamples.end(), vBlock.begin(), vBlock.begin() + static_cast<std::ptrdiff_t>(llRead));
         if (vSamples.size() > MAX_SAMPLES)
-        {
             throw CBadInput("\"" + strName + "\": longer than an hour");
-        }
     }
     return vSamples;
 }
@@ -138,16 +130,12 @@ std::optional<SStretch> parseStretch(const std::string& strPart)
     };
     const size_t nSecond = strPart.rfind(':');
     if (nSecond == std::string::npos || nSecond == 0)
-    {
         return std::nullopt;
-    }
     const size_t nFirst = strPart.rfind(':', nSecond - 1);
     SStretch stretch = {};
     if (nFirst == std::string::npos || !number(strPart.substr(nFirst + 1, nSecond - nFirst - 1), stretch.m_nOffset) ||
         !number(strPart.substr(nSecond + 1), stretch.m_nLength))
-    {
         return std::nullopt;
-    }
     stretch.m_strFile = strPart.substr(0, nFirst);
     return stretch;
 }
@@ -163,9 +151,7 @@ public:
         {
             std::error_code error;
             if (strPart.find(':') != std::string::npos && !std::filesystem::exists(strPart, error))
-            {
                 throw CBadInput("\"" + strPart + "\": no such file, and no FILE:OFFSET:LENGTH in samples");
-            }
             return checked({strPart, sound(strPart)});
         }
         const Samples& vWhole = sound(stretch->m_strFile);
@@ -190,9 +176,7 @@ private:
     static SPart checked(SPart part)
     {
         if (isSilent(part.m_vSamples))
-        {
             throw CBadInput("\"" + part.m_strName + "\": empty or silent, so it cannot be recognised");
-        }
         return part;
     }
 
@@ -213,9 +197,7 @@ SMatch findLongest(const Samples& vPattern, const Samples& vText, size_t nSilenc
     for (size_t n = 1, nLength = 0; n < vPattern.size(); ++n)
     {
         while (nLength > 0 && vPattern[n] != vPattern[nLength])
-        {
             nLength = vBorder[nLength];
-        }
         nLength += vPattern[n] == vPattern[nLength] ? 1 : 0;
         vBorder[n + 1] = static_cast<uint32_t>(nLength);
     }
@@ -224,14 +206,10 @@ SMatch findLongest(const Samples& vPattern, const Samples& vText, size_t nSilenc
     {
         const int16_t nSample = n < vText.size() ? vText[n] : int16_t{0};
         while (nLength > 0 && nSample != vPattern[nLength])
-        {
             nLength = vBorder[nLength];
-        }
         nLength += nSample == vPattern[nLength] ? 1 : 0;
         if (nLength > best.m_nLength)
-        {
             best = {n + 1 - nLength, nLength};
-        }
     }
     return best;
 }
@@ -314,9 +292,7 @@ int checkRecorded(const std::string& strRecorded, const std::string& strCaller, 
 {
     const Samples vCaller = readSound(strCaller);
     if (isSilent(vCaller))
-    {
         throw CBadInput("\"" + strCaller + "\": empty or silent, so it cannot be recognised");
-    }
     const Samples vRecorded = readSound(strRecorded);
     std::printf("recorded: %s, %.3f s\n", strRecorded.c_str(), seconds(vRecorded.size()));
     std::printf("caller:   %s, %.3f s\n", strCaller.c_str(), seconds(vCaller.size()));

@@ -38,10 +38,8 @@ std::vector<std::string> CLogRecord::linesWith(const std::string& strPart) const
 {
     std::vector<std::string> vTexts;
     for (const CLogLine& line : lines())
-    {
         if (line.strText.find(strPart) != std::string::npos)
             vTexts.push_back(line.strText);
-    }
     return vTexts;
 }
 

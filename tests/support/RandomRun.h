@@ -35,11 +35,13 @@ inline void tellSeedIfItCrashes(const uint64_t& ullSeed)
     static constexpr auto TELL = tell;
     for (const int nSignal : {SIGABRT, SIGBUS, SIGFPE, SIGSEGV})
     {
-        signal(nSignal, [](int nRaised) {
-            TELL();
-            signal(nRaised, SIG_DFL);
-            raise(nRaised);
-        });
+        signal(
+            nSignal,
+            [](int nRaised) {
+                TELL();
+                signal(nRaised, SIG_DFL);
+                raise(nRaised);
+            });
     }
 }
 

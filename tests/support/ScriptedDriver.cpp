@@ -135,12 +135,14 @@ void CScriptedDriver::acceptAgain(MICMD micmd)
 
 void CScriptedDriver::refuse(MICMD micmd)
 {
-    onCommand(micmd, [this](const structMICMD& request) { respond(request, MIRSP_STATUS, MISTATUS_FAILED); });
+    onCommand(
+        micmd, [this](const structMICMD& request) { respond(request, MIRSP_STATUS, MISTATUS_FAILED); });
 }
 
 void CScriptedDriver::ignore(MICMD micmd)
 {
-    onCommand(micmd, [](const structMICMD&) {});
+    onCommand(
+        micmd, [](const structMICMD&) {});
 }
 
 void CScriptedDriver::accept(const structMICMD& request)
@@ -207,10 +209,8 @@ std::vector<structMICMD> CScriptedDriver::requests(MICMD micmd) const
 {
     std::vector<structMICMD> vOfCommand;
     for (const structMICMD& request : requests())
-    {
         if (request.s_micmd == micmd)
             vOfCommand.push_back(request);
-    }
     return vOfCommand;
 }
 

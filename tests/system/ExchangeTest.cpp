@@ -26,12 +26,14 @@ protected:
     // Answers a command after nLate answers to a request of long ago.
     void answerAfterLateOnes(MICMD micmd, int nLate, bool bAnswer = true)
     {
-        m_driver.onCommand(micmd, [=, this](const structMICMD& request) {
-            for (int n = 0; n < nLate; ++n)
-                m_driver.respondTo(1, MIRSP_STATUS, MISTATUS_OK);
-            if (bAnswer)
-                m_driver.accept(request);
-        });
+        m_driver.onCommand(
+            micmd,
+            [=, this](const structMICMD& request) {
+                for (int n = 0; n < nLate; ++n)
+                    m_driver.respondTo(1, MIRSP_STATUS, MISTATUS_OK);
+                if (bAnswer)
+                    m_driver.accept(request);
+            });
     }
 };
 

@@ -195,12 +195,14 @@ TEST_P(SignalStorm, DoesNotBreakOffAnExchangeThatIsAnsweredLate)
     CZelMediaStream* const pStream = open();
     for (const MICMD micmd : {MICMD_PLAYFILE, MICMD_RECORDGETTIME})
     {
-        m_driver.onCommand(micmd, [this](const structMICMD& request) {
-            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
-            while (std::chrono::steady_clock::now() < end)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            m_driver.accept(request);
-        });
+        m_driver.onCommand(
+            micmd,
+            [this](const structMICMD& request) {
+                const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+                while (std::chrono::steady_clock::now() < end)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                m_driver.accept(request);
+            });
     }
     const CSignalStorm storm(GetParam());
     for (size_t n = 0; n < 3; ++n)
@@ -263,17 +265,13 @@ TEST_F(HostileProcess, EventThreadHasEverySignalBlocked)
     std::string strLine;
     uint64_t ullBlocked = 0;
     while (std::getline(file, strLine))
-    {
         if (strLine.rfind("SigBlk:", 0) == 0)
             ullBlocked = std::stoull(strLine.substr(7), nullptr, 16);
-    }
     for (int nSignal = 1; nSignal <= 64; ++nSignal)
     {
         const bool bOfTheThreadLibrary = nSignal == 32 || nSignal == 33;
         if (nSignal != SIGKILL && nSignal != SIGSTOP && !bOfTheThreadLibrary)
-        {
             EXPECT_TRUE(ullBlocked >> (nSignal - 1) & 1) << nSignal;
-        }
     }
 }
 
@@ -459,17 +457,16 @@ TEST_P(OccupiedRequestPipe, IsTriedUntilADriverTakesItsPlace)
     services.setLogger(new CLogCapture(pLog), nullptr);
     ASSERT_TRUE(pLog->waitFor("(Error) CMIntf::eventThreadFunc, can't open request pipe", 2));
     if (GetParam() == Obstacle::Folder)
-    {
         ASSERT_EQ(0, rmdir(MI_REQUEST_PIPE));
-    }
     CScriptedDriver driver;
     ASSERT_TRUE(driver.waitCount(MICMD_CONNECT, 1));
 }
 
-INSTANTIATE_TEST_SUITE_P(By, OccupiedRequestPipe,
-                         testing::Values(Obstacle::Fifo, Obstacle::File, Obstacle::Folder, Obstacle::Link,
-                                         Obstacle::DanglingLink, Obstacle::Socket),
-                         [](const auto& by) { return OBSTACLE_NAMES[static_cast<int>(by.param)]; });
+INSTANTIATE_TEST_SUITE_P(
+    By, OccupiedRequestPipe,
+    testing::Values(Obstacle::Fifo, Obstacle::File, Obstacle::Folder, Obstacle::Link, Obstacle::DanglingLink,
+                    Obstacle::Socket),
+    [](const auto& by) { return OBSTACLE_NAMES[static_cast<int>(by.param)]; });
 
 INSTANTIATE_TEST_SUITE_P(By, OccupiedName,
                          testing::Values(Obstacle::Fifo, Obstacle::File, Obstacle::Folder, Obstacle::Link,

@@ -54,10 +54,12 @@ TEST_F(Leak, ThousandCallsLeaveNothingBehind)
     m_completions.m_onCompletion = [&](const CCompletion&) { ++nCompletions; };
     for (const MICMD micmd : {MICMD_PLAYFILE, MICMD_PLAYCLIP})
     {
-        m_driver.onCommand(micmd, [this](const structMICMD& request) {
-            m_driver.accept(request);
-            m_driver.done(request, request.nSequenceNo % 7 == 0 ? 5 : MCS_OK);
-        });
+        m_driver.onCommand(
+            micmd,
+            [this](const structMICMD& request) {
+                m_driver.accept(request);
+                m_driver.done(request, request.nSequenceNo % 7 == 0 ? 5 : MCS_OK);
+            });
     }
     expectNothingLeftBehind(1000, [&] {
         const long nBefore = nCompletions;

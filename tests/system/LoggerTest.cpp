@@ -125,10 +125,8 @@ public:
     {
         return waitUntil([&] {
             for (const std::atomic<long>& nLines : m_vLines)
-            {
                 if (nLines == 0)
                     return false;
-            }
             return true;
         });
     }
@@ -310,10 +308,8 @@ TEST(DefaultLog, HasALineOfTheRightShapeForEachCall)
     services.setMinimumSilenceDuration(500);
     ASSERT_TRUE(waitUntil([] {
         for (const std::string& strLine : defaultLog())
-        {
             if (strLine.find("can't open request pipe") != std::string::npos)
                 return true;
-        }
         return false;
     }));
     const std::vector<std::string> vLines = defaultLog();
@@ -351,8 +347,6 @@ TEST(DefaultLog, IsDeletedByItsReplacementAndGetsNoMoreLines)
     {
         char szTarget[256] = {};
         if (readlink(("/proc/self/fd/" + strName).c_str(), szTarget, sizeof(szTarget) - 1) > 0)
-        {
             EXPECT_EQ(nullptr, strstr(szTarget, "Media-p")) << szTarget;
-        }
     }
 }

@@ -131,9 +131,7 @@ TEST_P(OutOfMemory, OpenIsStatus4WithNoStreamOrAStreamToClose)
                 EXPECT_EQ(MCS_OUTOFMEMORY, nStatus) << "at allocation " << attempts.nth();
                 vGotStream.push_back(pStream != nullptr);
                 if (pStream)
-                {
                     EXPECT_EQ(MCS_NOTINITIALIZED, pStream->playCancel());
-                }
             }
             else
             {
@@ -229,20 +227,24 @@ TEST_P(OutOfMemory, RecordBehindAPromptIsStatus4WithPromptAndRecordCancelled)
 
 TEST_P(OutOfMemory, CancelIsStatus4)
 {
-    EXPECT_LE(1, onEachStream(startPlay, [](CZelMediaStream* pStream) { return pStream->playCancel(); }));
+    EXPECT_LE(1, onEachStream(
+                     startPlay, [](CZelMediaStream* pStream) { return pStream->playCancel(); }));
     EXPECT_LE(1, onEachStream(startPlay, [](CZelMediaStream* pStream) { return pStream->recordCancel(); }));
 }
 
 TEST_P(OutOfMemory, RecordQueriesAreStatus4AndTheTimeIsZero)
 {
     unsigned long ulMs = ~0UL;
-    EXPECT_LE(1, onEachStream(nothing, [&](CZelMediaStream* pStream) {
-                  const int nStatus = pStream->recordGetTimeMilliseconds(&ulMs);
-                  EXPECT_EQ(nStatus == MCS_OK ? 1234u : 0u, ulMs);
-                  return nStatus;
-              }));
-    m_driver.onCommand(MICMD_RECORDGETSTATUS,
-                       [this](const structMICMD& request) { m_driver.respond(request, MIRSP_RECORDGETSTATUS, 0); });
+    EXPECT_LE(1, onEachStream(
+                     nothing,
+                     [&](CZelMediaStream* pStream) {
+                         const int nStatus = pStream->recordGetTimeMilliseconds(&ulMs);
+                         EXPECT_EQ(nStatus == MCS_OK ? 1234u : 0u, ulMs);
+                         return nStatus;
+                     }));
+    m_driver.onCommand(
+        MICMD_RECORDGETSTATUS,
+        [this](const structMICMD& request) { m_driver.respond(request, MIRSP_RECORDGETSTATUS, 0); });
     EXPECT_LE(1, onEachStream(nothing, [](CZelMediaStream* pStream) { return pStream->recordGetStatus(); }));
 }
 

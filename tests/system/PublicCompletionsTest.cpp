@@ -187,9 +187,7 @@ TEST_F(PublicCompletions, HandlersNewPlayOvertakesTheNextQueuedOne)
     CZelMediaStream* const pStream = openStream();
     m_completions.m_onCompletion = [&](const CCompletion& completion) {
         if (m_completions.count() == 0)
-        {
             EXPECT_EQ(MCS_OK, play(completion.pStream, "/p/handler.wav"));
-        }
     };
     EXPECT_EQ(MCS_OK, play(pStream, "/p/1.wav"));
     EXPECT_EQ(MCS_OK, play(pStream, "/p/2.wav"));

@@ -44,10 +44,8 @@ protected:
         run();
         std::vector<CLogLine> vLines;
         for (const CLogLine& line : m_pLog->lines())
-        {
             if (line.strText.find("CZelMedia") != std::string::npos)
                 vLines.push_back(line);
-        }
         return vLines;
     }
     size_t requestCount() const { return m_driver.requests().size(); }
@@ -204,8 +202,10 @@ TEST_F(PublicInterface, PlayOperationsForwardEveryArgumentInItsPlace)
     EXPECT_EQ(5u, playClip.playClip.nPlayParam);
     expect("CZelMediaStreamImpl::playCancel (0x%08X)", [&] { return pStream->playCancel(); });
     EXPECT_EQ(1u, m_driver.waitRequest(MICMD_CANCEL).cancel.nCancelType);
-    expect("CZelMediaStreamImpl::playResetBuffers (0x%08X)", [&] { return pStream->playResetBuffers(); });
-    expect("CZelMediaStreamImpl::playSetCancelled (0x%08X) 8", [&] { return pStream->playSetCancelled(8); });
+    expect(
+        "CZelMediaStreamImpl::playResetBuffers (0x%08X)", [&] { return pStream->playResetBuffers(); });
+    expect(
+        "CZelMediaStreamImpl::playSetCancelled (0x%08X) 8", [&] { return pStream->playSetCancelled(8); });
     expect("CZelMediaStreamImpl::playGetCancelled (0x%08X) 8", [&] { return pStream->playGetCancelled(&nCancelled); });
     EXPECT_EQ(8, nCancelled);
     expect("CZelMediaStreamImpl::playGetInfo (0x%08X)", [&] { return pStream->playGetInfo(nullptr); });

@@ -25,11 +25,9 @@ private:
     std::unique_ptr<structMICMD> find(const std::string& strFile) const
     {
         for (const structMICMD& request : m_driver.requests())
-        {
             if ((request.s_micmd == MICMD_PLAYFILE || request.s_micmd == MICMD_RECORDFILE) &&
                 strFile == request.playFile.szFileName)
                 return std::make_unique<structMICMD>(request);
-        }
         return nullptr;
     }
 };
@@ -130,9 +128,7 @@ TEST_F(Queue, HandlersNewPlayOvertakesTheNextOneWhichGoesToTheEnd)
     std::atomic<bool> bFirst{true};
     m_completions.m_onCompletion = [&](const CCompletion& completion) {
         if (bFirst.exchange(false))
-        {
             EXPECT_EQ(MCS_OK, play(completion.pStream, "handler"));
-        }
     };
     for (const char* const pszFile : {"1", "2", "3"})
         EXPECT_EQ(MCS_OK, play(pStream, pszFile));

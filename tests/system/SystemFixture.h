@@ -36,10 +36,8 @@ inline std::vector<std::string> namesIn(const std::string& strFolder)
     if (!pFolder)
         return vNames;
     while (const dirent* const pEntry = readdir(pFolder))
-    {
         if (pEntry->d_name[0] != '.')
             vNames.push_back(pEntry->d_name);
-    }
     closedir(pFolder);
     return vNames;
 }
@@ -100,10 +98,8 @@ protected:
     {
         std::vector<std::string> vFiles;
         for (const structMICMD& request : m_driver.requests())
-        {
             if (request.s_micmd == MICMD_PLAYFILE || request.s_micmd == MICMD_RECORDFILE)
                 vFiles.push_back(request.playFile.szFileName);
-        }
         return vFiles;
     }
 

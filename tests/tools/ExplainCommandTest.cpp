@@ -24,10 +24,8 @@ std::map<std::string, int> constantsOfHeader()
     const std::regex constant("^ *(MCS_[A-Z]+) = ([0-9]+),?.*");
     std::smatch match;
     for (std::string strLine; std::getline(header, strLine);)
-    {
         if (std::regex_match(strLine, match, constant))
             mapConstants[match[1]] = std::stoi(match[2]);
-    }
     return mapConstants;
 }
 } // namespace
@@ -49,16 +47,10 @@ TEST(Explain, HasNoStatusThatTheHeaderHasNot)
 {
     const std::map<std::string, int> mapConstants = constantsOfHeader();
     for (const CStatusEntry& entry : statusTable())
-    {
         if (entry.pszName)
-        {
             EXPECT_EQ(mapConstants.count(entry.pszName), 1U) << entry.pszName;
-        }
         else
-        {
             EXPECT_STREQ(MCSTATUSToString(entry.mcstatus), "MCSTATUS unknown") << entry.mcstatus;
-        }
-    }
 }
 
 TEST(Explain, EntriesAreCompleteAndSortedByValue)
@@ -98,12 +90,8 @@ TEST(Explain, ParagraphsFitTheTerminal)
     EXPECT_EQ(run.waitExit(), 0);
     std::istringstream lines(run.output());
     for (std::string strLine; std::getline(lines, strLine);)
-    {
         if (strLine.find('\033') == std::string::npos) // else a heading
-        {
             EXPECT_LE(strLine.size(), 81U) << strLine; // with the terminal's carriage return
-        }
-    }
 }
 
 TEST(Explain, ListsAllWithoutAStatus)

@@ -66,10 +66,8 @@ inline pid_t endedProcess()
 inline nlohmann::json clientIn(const nlohmann::json& answer, pid_t nProcessID)
 {
     for (const nlohmann::json& client : answer["clients"])
-    {
         if (client["process"] == nProcessID)
             return client;
-    }
     return nlohmann::json::object();
 }
 

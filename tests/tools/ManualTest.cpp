@@ -44,14 +44,12 @@ COptionsByCommand optionsOfPage()
     const std::regex option("^\\.It (?:Fl [a-z] , )?Fl Fl ([a-z-]+)(?: .*)?$");
     std::smatch match;
     for (std::string strLine; std::getline(page, strLine);)
-    {
         if (strLine.starts_with(".Ss "))
             pSetOptions = &mapOptions[strLine.substr(4)];
         else if (strLine.starts_with(".Sh "))
             pSetOptions = nullptr;
         else if (pSetOptions && std::regex_match(strLine, match, option))
             pSetOptions->insert(match[1]);
-    }
     return mapOptions;
 }
 } // namespace

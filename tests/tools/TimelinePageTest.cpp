@@ -185,9 +185,7 @@ TEST(TimelineFile, PerfettoGetsNamesSlicesAndMarks)
         nPlays += event["ph"] == "X" && event["name"] == "play";
         nCompletions += event["ph"] == "i" && event["name"] == "completion";
         if (event["name"] == "play")
-        {
             EXPECT_NEAR(event["dur"].get<double>(), 2e6, 1e4);
-        }
     }
     EXPECT_EQ(nPlays, 6U);
     EXPECT_EQ(nCompletions, 6U);

@@ -169,10 +169,8 @@ inline std::vector<std::string> createdAddresses(const CLogLines& vLines)
     const std::string strBegin = "(Info) CCommand::CCommand this = 0x";
     std::vector<std::string> vAddresses;
     for (const CLogLine& line : vLines)
-    {
         if (line.strText.rfind(strBegin, 0) == 0)
             vAddresses.push_back(line.strText.substr(strBegin.size()));
-    }
     return vAddresses;
 }
 

@@ -94,9 +94,7 @@ TEST_F(LogCollecting, LinesAreMovedInTimeAlsoWhenTheyGoOnComingFast)
         logNumbers(*pLog, n, 20);
         n += 20;
         if (nTime % 20 == 0)
-        {
             EXPECT_GE(texts().size() + 20 * 33, static_cast<size_t>(n)) << nTime;
-        }
         advanceClock(1);
     }
     pLog->flush();

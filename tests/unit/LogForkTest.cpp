@@ -105,12 +105,10 @@ TEST_F(LogFork, ManyChildrenOfAProcessWhoseThreadsAreLogging)
     for (int nThread = 0; nThread < THREADS; ++nThread)
         vThreads.emplace_back([&, nThread] {
             while (!bStop)
-            {
                 if (anLines[nThread] >= nMayLog)
                     std::this_thread::yield();
                 else
                     pLog->TraceString(TRACE, LogLib_Normal, "%d %d", nThread, anLines[nThread]++);
-            }
         });
     for (int n = 0; n < CHILDREN && !HasFailure(); ++n)
     {

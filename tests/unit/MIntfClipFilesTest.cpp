@@ -295,9 +295,7 @@ TEST_F(MIntfClipFiles, ClipFileLockIsHeldAcrossTheRequestsAndTakenBeforeTheMainL
     CLineHook hook(m_pLog, [&](const std::string& strLine) {
         if (contains(strLine, "CMIntf::sendCommand (0), cmd") || contains(strLine, "- sending") ||
             contains(strLine, "openFile") || contains(strLine, "closeFile"))
-        {
             vDepths.emplace_back(m_pmintf->m_pCritSecClipFiles->depth(), m_pmintf->m_pCritSecCMIntf->depth());
-        }
     });
     openAs("/b.vox", 10);
     EXPECT_EQ((std::vector<std::pair<int, int>>{{1, 0}, {1, 1}, {0, 0}}), vDepths);

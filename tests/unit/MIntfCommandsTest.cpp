@@ -375,10 +375,8 @@ TEST_F(MIntfCommands, CommandWithoutDeadlineEntryIsRemovedWithoutThatLine)
 
     CLogLines vExpected;
     for (const CLogLine& line : removalLines(5, 0xFFFFFFFF, pcommandPlay, pcommandRecord, true))
-    {
         if (!contains(line.strText, "ByTimeout.erase") && !contains(line.strText, "called for RECORD"))
             vExpected.push_back(line);
-    }
     m_pLog->clear();
     m_pmintf->remActiveCommand(5, -1, 1);
     EXPECT_EQ(vExpected, m_pLog->lines());

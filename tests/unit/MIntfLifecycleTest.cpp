@@ -272,10 +272,12 @@ TEST_F(MIntfLifecycle, LogIsDeletedAfterTheLocksAndBeforeItsRegistry)
 {
     std::vector<std::string> vDeleted;
     bool bLocksGone = false;
-    m_pmintf->replaceLogFile(new CDyingLog(m_pLog, [&] {
-        vDeleted.push_back("log");
-        bLocksGone = !m_pmintf->m_pCritSecCMIntf && !m_pmintf->m_pCritSecClipFiles;
-    }));
+    m_pmintf->replaceLogFile(new CDyingLog(
+        m_pLog,
+        [&] {
+            vDeleted.push_back("log");
+            bLocksGone = !m_pmintf->m_pCritSecCMIntf && !m_pmintf->m_pCritSecClipFiles;
+        }));
     m_pmintf->replaceLogFileRegistry(new CDyingRegistry([&] { vDeleted.push_back("registry"); }));
     m_pmintf->m_nConnectID = -1;
     EXPECT_TRUE(vDeleted.empty());

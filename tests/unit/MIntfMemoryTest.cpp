@@ -5,8 +5,8 @@
 #include "PlatformSeams.h"
 
 #include <fstream>
-#include <unistd.h>
 #include <optional>
+#include <unistd.h>
 #include <utility>
 
 namespace

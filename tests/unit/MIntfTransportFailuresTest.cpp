@@ -91,10 +91,8 @@ protected:
 
         CStreamsAndStatuses vExpected;
         for (int n = 0; n < nClearings; ++n)
-        {
             for (const int nStreamID : {5, 6, 5})
                 vExpected.emplace_back(nStreamID, mcstatus);
-        }
         CStreamsAndStatuses vEvents;
         for (const structMIEVT& evt : takeEvents())
         {
@@ -146,10 +144,8 @@ protected:
     {
         CLogLines v = m_pLog->lines();
         for (CLogLine& line : v)
-        {
             if (contains(line.strText, pszError))
                 line = withoutNumber(line);
-        }
         return v;
     }
 

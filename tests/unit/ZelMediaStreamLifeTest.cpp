@@ -208,16 +208,24 @@ TEST_F(MediaStreamLife, UninitialisedStreamLogsEachPlayOperationAndReturns48)
         expectOnlyLine((strClass + pszLine).c_str(), MCS_NOTINITIALIZED, operation);
     };
 
-    expect("playAddFile (0x00000000), file /p/a.wav, startpos 2, timeout 60",
-           [&] { return stream.playAddFile(chars("/p/a.wav"), 2, 60, 0, 0, 0); });
-    expect("playAddPhrase (0x00000000), fid 1, offset 2, len 3, timeout 4",
-           [&] { return stream.playAddPhrase(1, 2, 3, 4, 0, 0); });
-    expect("playCancel (0x00000000)", [&] { return stream.playCancel(); });
-    expect("playGetMilliSeconds (0x00000000)", [&] { return stream.playGetMilliSeconds(&ul); });
-    expect("playGetSeconds (0x00000000)", [&] { return stream.playGetSeconds(&ul); });
-    expect("playGetInfo (0x00000000)", [&] { return stream.playGetInfo(nullptr); });
-    expect("playGetCancelled (0x00000000) 0", [&] { return stream.playGetCancelled(&n); });
-    expect("playSetCancelled (0x00000000) 9", [&] { return stream.playSetCancelled(9); });
+    expect(
+        "playAddFile (0x00000000), file /p/a.wav, startpos 2, timeout 60",
+        [&] { return stream.playAddFile(chars("/p/a.wav"), 2, 60, 0, 0, 0); });
+    expect(
+        "playAddPhrase (0x00000000), fid 1, offset 2, len 3, timeout 4",
+        [&] { return stream.playAddPhrase(1, 2, 3, 4, 0, 0); });
+    expect(
+        "playCancel (0x00000000)", [&] { return stream.playCancel(); });
+    expect(
+        "playGetMilliSeconds (0x00000000)", [&] { return stream.playGetMilliSeconds(&ul); });
+    expect(
+        "playGetSeconds (0x00000000)", [&] { return stream.playGetSeconds(&ul); });
+    expect(
+        "playGetInfo (0x00000000)", [&] { return stream.playGetInfo(nullptr); });
+    expect(
+        "playGetCancelled (0x00000000) 0", [&] { return stream.playGetCancelled(&n); });
+    expect(
+        "playSetCancelled (0x00000000) 9", [&] { return stream.playSetCancelled(9); });
     expect("playResetBuffers (0x00000000)", [&] { return stream.playResetBuffers(); });
     EXPECT_EQ(UNTOUCHED, ul);
     EXPECT_EQ(-7, n);

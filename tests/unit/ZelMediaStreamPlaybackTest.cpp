@@ -173,7 +173,8 @@ TEST_F(MediaStreamPlay, FailureOfTheTransportIsReturnedAndLeavesTheTimesAlone)
         prepare();
         EXPECT_EQ(mcstatus, m_pStream->playAddPhrase(ulFileID, 0, 1, 60, 0, 0));
     };
-    playBoth(MCS_REFUSED, [&] { respondNext(MIRSP_STATUS, MISTATUS_FAILED); });
+    playBoth(
+        MCS_REFUSED, [&] { respondNext(MIRSP_STATUS, MISTATUS_FAILED); });
     playBoth(MCS_NORESPONSE, [&] { respondLateOnly(); });
     close(m_nRequestReader);
     m_nRequestReader = -1;
@@ -212,8 +213,8 @@ TEST_F(MediaStreamPlay, CancelledFlagIsTheApplicationsOwn)
     expectOnlyLine("CZelMediaStreamImpl::playGetCancelled (0x00001234) 0", 0,
                    [&] { return m_pStream->playGetCancelled(&nCancelled); });
     EXPECT_EQ(0, nCancelled);
-    expectOnlyLine("CZelMediaStreamImpl::playSetCancelled (0x00001234) 42", 0,
-                   [&] { return m_pStream->playSetCancelled(42); });
+    expectOnlyLine(
+        "CZelMediaStreamImpl::playSetCancelled (0x00001234) 42", 0, [&] { return m_pStream->playSetCancelled(42); });
     expectOnlyLine("CZelMediaStreamImpl::playGetCancelled (0x00001234) 42", 0,
                    [&] { return m_pStream->playGetCancelled(&nCancelled); });
     EXPECT_EQ(42, nCancelled);
@@ -229,7 +230,8 @@ TEST_F(MediaStreamPlay, HollowOperationsTellOnlyThatTheStreamIsUsable)
                    [&] { return m_pStream->playGetInfo(reinterpret_cast<_CHANNEL_PLAY_DATA*>(abInfo)); });
     for (const unsigned char ucByte : abInfo)
         EXPECT_EQ(0xA5, ucByte);
-    expectOnlyLine("CZelMediaStreamImpl::playGetInfo (0x00001234)", 0, [&] { return m_pStream->playGetInfo(nullptr); });
+    expectOnlyLine(
+        "CZelMediaStreamImpl::playGetInfo (0x00001234)", 0, [&] { return m_pStream->playGetInfo(nullptr); });
     expectOnlyLine("CZelMediaStreamImpl::playResetBuffers (0x00001234)", 0,
                    [&] { return m_pStream->playResetBuffers(); });
 }

@@ -25,11 +25,12 @@ protected:
     // Acts when a line is written; the line itself is kept as ever.
     void onLine(const char* pszPart, std::function<void()> action)
     {
-        m_services.setLogger(new CHookedCapture(m_pLog,
-                                                [pszPart, action](const std::string& strText) {
-                                                    if (contains(strText, pszPart))
-                                                        action();
-                                                }),
+        m_services.setLogger(new CHookedCapture(
+                                 m_pLog,
+                                 [pszPart, action](const std::string& strText) {
+                                     if (contains(strText, pszPart))
+                                         action();
+                                 }),
                              nullptr);
     }
 };
@@ -347,17 +348,23 @@ TEST_F(MediaStreamRecord, UninitialisedStreamLogsEachRecordOperationAndReturns48
         expectOnlyLine(pszLine, MCS_NOTINITIALIZED, operation);
     };
 
-    expect("CZelMediaStreamImpl::recordToFile (0x00000000), fname /r/a.wav, rlen 5, timeout 30",
-           [&] { return stream.recordToFile(chars("/r/a.wav"), 5, 30, 60, 0); });
-    expect(" calling recordToFile: CZelMediaStreamImpl::recordToFileWithPromptPhrase (0x00000000), fid 1, offset 2, "
-           "plen 3, fname /r/a.wav, rlen 5, timeout 30",
-           [&] { return stream.recordToFileWithPromptPhrase(1, 2, 3, chars("/r/a.wav"), 5, 30, 60, 0); });
-    expect("CZelMediaStreamImpl::recordGetTimeMilliseconds (0x00000000)",
-           [&] { return stream.recordGetTimeMilliseconds(&ul); });
-    expect("CZelMediaStreamImpl::recordGetStatus (0x00000000)", [&] { return stream.recordGetStatus(); });
-    expect("CZelMediaStreamImpl::recordCancel (0x00000000)", [&] { return stream.recordCancel(); });
-    expect("CZelMediaStreamImpl::recordSetSilenceParameters (0x00000000), limitms 1, ulawlimit 2, dwlimitms -1",
-           [&] { return stream.recordSetSilenceParameters(1, 2, 0xFFFFFFFFUL); });
+    expect(
+        "CZelMediaStreamImpl::recordToFile (0x00000000), fname /r/a.wav, rlen 5, timeout 30",
+        [&] { return stream.recordToFile(chars("/r/a.wav"), 5, 30, 60, 0); });
+    expect(
+        " calling recordToFile: CZelMediaStreamImpl::recordToFileWithPromptPhrase (0x00000000), fid 1, offset 2, "
+        "plen 3, fname /r/a.wav, rlen 5, timeout 30",
+        [&] { return stream.recordToFileWithPromptPhrase(1, 2, 3, chars("/r/a.wav"), 5, 30, 60, 0); });
+    expect(
+        "CZelMediaStreamImpl::recordGetTimeMilliseconds (0x00000000)",
+        [&] { return stream.recordGetTimeMilliseconds(&ul); });
+    expect(
+        "CZelMediaStreamImpl::recordGetStatus (0x00000000)", [&] { return stream.recordGetStatus(); });
+    expect(
+        "CZelMediaStreamImpl::recordCancel (0x00000000)", [&] { return stream.recordCancel(); });
+    expect(
+        "CZelMediaStreamImpl::recordSetSilenceParameters (0x00000000), limitms 1, ulawlimit 2, dwlimitms -1",
+        [&] { return stream.recordSetSilenceParameters(1, 2, 0xFFFFFFFFUL); });
     expect("CZelMediaStreamImpl::recordGetInfo (0x00000000)", [&] { return stream.recordGetInfo(nullptr); });
     EXPECT_EQ(UNTOUCHED, ul);
 }

@@ -22,10 +22,8 @@ unsigned int s_uInterruptions;
 unsigned int count(const CSite& site)
 {
     for (unsigned int n = 0; n < s_pBoard->nSeen; ++n)
-    {
         if (s_pBoard->aSeen[n].site == site)
             return ++s_pBoard->aSeen[n].nCalls;
-    }
     if (s_pBoard->nSeen < CBoard::MAX_SITES)
         s_pBoard->aSeen[s_pBoard->nSeen++] = {site, 1};
     return 1;

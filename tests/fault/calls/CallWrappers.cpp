@@ -128,83 +128,99 @@ extern "C"
 {
     int __wrap_close(int n)
     {
-        return callAnyway(SITE(Close, objectOf(n)), [&] { return __real_close(n); });
+        return callAnyway(
+            SITE(Close, objectOf(n)), [&] { return __real_close(n); });
     }
 
     int __wrap_closedir(DIR* p)
     {
-        return callAnyway(SITE(CloseDir, Object::Other), [&] { return __real_closedir(p); });
+        return callAnyway(
+            SITE(CloseDir, Object::Other), [&] { return __real_closedir(p); });
     }
 
     int __wrap_faccessat(int n, const char* psz, int nMode, int nFlags)
     {
-        return call(SITE(Faccessat, Object::File), -1, [&] { return __real_faccessat(n, psz, nMode, nFlags); });
+        return call(
+            SITE(Faccessat, Object::File), -1, [&] { return __real_faccessat(n, psz, nMode, nFlags); });
     }
 
     int __wrap_fallocate64(int n, int nMode, off_t nBegin, off_t nLength)
     {
-        return call(SITE(Fallocate, objectOf(n)), -1, [&] { return __real_fallocate64(n, nMode, nBegin, nLength); });
+        return call(
+            SITE(Fallocate, objectOf(n)), -1, [&] { return __real_fallocate64(n, nMode, nBegin, nLength); });
     }
 
     int __wrap_fcntl64(int n, int nCommand, long nArgument)
     {
-        return call(SITE(Fcntl, objectOf(n)), -1, [&] { return __real_fcntl64(n, nCommand, nArgument); });
+        return call(
+            SITE(Fcntl, objectOf(n)), -1, [&] { return __real_fcntl64(n, nCommand, nArgument); });
     }
 
     int __wrap_fdatasync(int n)
     {
-        return call(SITE(Fdatasync, objectOf(n)), -1, [&] { return __real_fdatasync(n); });
+        return call(
+            SITE(Fdatasync, objectOf(n)), -1, [&] { return __real_fdatasync(n); });
     }
 
     int __wrap_flock(int n, int nOperation)
     {
-        return call(SITE(Flock, objectOf(n)), -1, [&] { return __real_flock(n, nOperation); });
+        return call(
+            SITE(Flock, objectOf(n)), -1, [&] { return __real_flock(n, nOperation); });
     }
 
     int __wrap_fstat64(int n, struct stat* p)
     {
-        return call(SITE(Fstat, objectOf(n)), -1, [&] { return __real_fstat64(n, p); });
+        return call(
+            SITE(Fstat, objectOf(n)), -1, [&] { return __real_fstat64(n, p); });
     }
 
     int __wrap_fstatfs64(int n, struct statfs* p)
     {
-        return call(SITE(Fstatfs, objectOf(n)), -1, [&] { return __real_fstatfs64(n, p); });
+        return call(
+            SITE(Fstatfs, objectOf(n)), -1, [&] { return __real_fstatfs64(n, p); });
     }
 
     int __wrap_ftruncate64(int n, off_t nLength)
     {
-        return call(SITE(Ftruncate, objectOf(n)), -1, [&] { return __real_ftruncate64(n, nLength); });
+        return call(
+            SITE(Ftruncate, objectOf(n)), -1, [&] { return __real_ftruncate64(n, nLength); });
     }
 
     int __wrap_getrlimit64(int nResource, rlimit* p)
     {
-        return call(SITE(Getrlimit, Object::Other), -1, [&] { return __real_getrlimit64(nResource, p); });
+        return call(
+            SITE(Getrlimit, Object::Other), -1, [&] { return __real_getrlimit64(nResource, p); });
     }
 
     off_t __wrap_lseek64(int n, off_t nOffset, int nWhence)
     {
-        return call(SITE(Lseek, objectOf(n)), off_t(-1), [&] { return __real_lseek64(n, nOffset, nWhence); });
+        return call(
+            SITE(Lseek, objectOf(n)), off_t(-1), [&] { return __real_lseek64(n, nOffset, nWhence); });
     }
 
     int __wrap_lstat64(const char* psz, struct stat* p)
     {
-        return call(SITE(Lstat, objectOf(psz)), -1, [&] { return __real_lstat64(psz, p); });
+        return call(
+            SITE(Lstat, objectOf(psz)), -1, [&] { return __real_lstat64(psz, p); });
     }
 
     int __wrap_mknod(const char* psz, mode_t nMode, dev_t nDevice)
     {
-        return call(SITE(Mknod, objectOf(psz)), -1, [&] { return __real_mknod(psz, nMode, nDevice); });
+        return call(
+            SITE(Mknod, objectOf(psz)), -1, [&] { return __real_mknod(psz, nMode, nDevice); });
     }
 
     void* __wrap_mmap64(void* p, size_t nSize, int nProtection, int nFlags, int n, off_t nOffset)
     {
-        return call(SITE(Mmap, objectOf(n)), MAP_FAILED,
-                    [&] { return __real_mmap64(p, nSize, nProtection, nFlags, n, nOffset); });
+        return call(
+            SITE(Mmap, objectOf(n)), MAP_FAILED,
+            [&] { return __real_mmap64(p, nSize, nProtection, nFlags, n, nOffset); });
     }
 
     int __wrap_munmap(void* p, size_t nSize)
     {
-        return callAnyway(SITE(Munmap, Object::Other), [&] { return __real_munmap(p, nSize); });
+        return callAnyway(
+            SITE(Munmap, Object::Other), [&] { return __real_munmap(p, nSize); });
     }
 
     int __wrap_open64(const char* psz, int nFlags, ...)
@@ -218,7 +234,8 @@ extern "C"
 
     DIR* __wrap_opendir(const char* psz)
     {
-        return call(SITE(OpenDir, Object::File), static_cast<DIR*>(nullptr), [&] { return __real_opendir(psz); });
+        return call(
+            SITE(OpenDir, Object::File), static_cast<DIR*>(nullptr), [&] { return __real_opendir(psz); });
     }
 
     ssize_t __wrap_pread64(int n, void* p, size_t nSize, off_t nOffset)
@@ -270,22 +287,26 @@ extern "C"
 
     dirent* __wrap_readdir64(DIR* p)
     {
-        return call(SITE(ReadDir, Object::File), static_cast<dirent*>(nullptr), [&] { return __real_readdir64(p); });
+        return call(
+            SITE(ReadDir, Object::File), static_cast<dirent*>(nullptr), [&] { return __real_readdir64(p); });
     }
 
     int __wrap_rename(const char* pszFrom, const char* pszTo)
     {
-        return call(SITE(Rename, objectOf(pszFrom)), -1, [&] { return __real_rename(pszFrom, pszTo); });
+        return call(
+            SITE(Rename, objectOf(pszFrom)), -1, [&] { return __real_rename(pszFrom, pszTo); });
     }
 
     sighandler_t __wrap_signal(int nSignal, sighandler_t handler)
     {
-        return call(SITE(Signal, Object::Other), SIG_ERR, [&] { return __real_signal(nSignal, handler); });
+        return call(
+            SITE(Signal, Object::Other), SIG_ERR, [&] { return __real_signal(nSignal, handler); });
     }
 
     int __wrap_stat64(const char* psz, struct stat* p)
     {
-        return call(SITE(Stat, objectOf(psz)), -1, [&] { return __real_stat64(psz, p); });
+        return call(
+            SITE(Stat, objectOf(psz)), -1, [&] { return __real_stat64(psz, p); });
     }
 
     long __wrap_syscall(long nNumber, long nFirst, long nSecond, long nThird)
@@ -298,6 +319,7 @@ extern "C"
 
     int __wrap_unlink(const char* psz)
     {
-        return call(SITE(Unlink, objectOf(psz)), -1, [&] { return __real_unlink(psz); });
+        return call(
+            SITE(Unlink, objectOf(psz)), -1, [&] { return __real_unlink(psz); });
     }
 }

@@ -60,10 +60,8 @@ size_t CLedger::count() const
     const std::lock_guard hold(m_mutex);
     size_t nCount = 0;
     for (const auto& entry : m_mapOpen)
-    {
         for (const auto& vReported : entry.second.avReported)
             nCount += vReported.size();
-    }
     return nCount;
 }
 
@@ -91,10 +89,8 @@ void CLedger::check() const
                 complain(std::to_string(entry.anSent[nReason]) + " commands accepted, " +
                          std::to_string(vReported.size()) + " completions, reason " + std::to_string(nReason));
             for (const MCSTATUS mcstatus : vReported)
-            {
                 if (!COMPLETIONS.count(mcstatus) && !(mcstatus == MCS_OUTOFMEMORY && CLibraryAllocations::happened()))
                     complain("a completion with status " + std::to_string(mcstatus));
-            }
         }
     }
     if (m_nStrange > 0)

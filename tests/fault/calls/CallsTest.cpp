@@ -225,14 +225,11 @@ protected:
         const char* const pszOnly = getenv("ZELMEDIA_CALLS_ONLY");
         const auto next = [&](CPlan& plan) {
             while (m_nFailures < MAX_FAILURES && takePlan(plan))
-            {
                 if (!pszOnly || describe(plan).find(pszOnly) != std::string::npos)
                     return true;
-            }
             return false;
         };
-        CChildRun::runMany(m_scenario, wantsAll() ? ALL_JOBS : 1, next,
-                           [this](const CChildRun& run) { ended(run); });
+        CChildRun::runMany(m_scenario, wantsAll() ? ALL_JOBS : 1, next, [this](const CChildRun& run) { ended(run); });
     }
 
     void report()
@@ -295,8 +292,9 @@ TEST_P(Calls, FailInTurnAndTheLibraryLivesOn)
     report();
 }
 
-INSTANTIATE_TEST_SUITE_P(OfLibrary, Calls, testing::ValuesIn(libraryScenarios()),
-                         [](const auto& scenario) { return scenario.param.pszName; });
+INSTANTIATE_TEST_SUITE_P(
+    OfLibrary, Calls, testing::ValuesIn(libraryScenarios()),
+    [](const auto& scenario) { return scenario.param.pszName; });
 INSTANTIATE_TEST_SUITE_P(OfLog, Calls, testing::ValuesIn(logScenarios()),
                          [](const auto& scenario) { return scenario.param.pszName; });
 
@@ -323,10 +321,8 @@ private:
     static CScenarioEntry scenarioOf(const std::string& strName)
     {
         for (const CScenarioEntry& scenario : logScenarios())
-        {
             if (scenario.pszName == strName)
                 return scenario;
-        }
         return libraryScenarios().front();
     }
 };

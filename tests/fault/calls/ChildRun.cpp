@@ -84,15 +84,11 @@ void checkNothingLeft(const CUsage& before, const CScenario& scenario)
         complain("a thread is left");
     const CUsage after;
     for (const std::string& strDescriptor : after.setDescriptors)
-    {
         if (!before.setDescriptors.count(strDescriptor))
             complain("a descriptor is left: " + strDescriptor);
-    }
     for (const std::string& strName : after.setNames)
-    {
         if (!before.setNames.count(strName) && !scenario.mayRemain(strName))
             complain("a name is left in /tmp: " + strName);
-    }
 }
 
 // A driver that cannot answer has to do with the fault, one that gets a part of a record has not.

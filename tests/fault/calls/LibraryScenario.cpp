@@ -36,7 +36,8 @@ bool isOfFault(int nStatus)
 CLibraryScenario::CLibraryScenario() : m_driver(false)
 {
     for (const MICMD micmd : {MICMD_PLAYFILE, MICMD_PLAYCLIP, MICMD_RECORDFILE})
-        m_driver.onCommand(micmd, [this](const structMICMD& request) { accept(request); });
+        m_driver.onCommand(
+            micmd, [this](const structMICMD& request) { accept(request); });
     m_driver.onCommand(MICMD_CANCEL, [this](const structMICMD& request) { cancelled(request); });
 }
 
@@ -198,19 +199,22 @@ template <class OPERATION> void CLibraryScenario::command(CZelMediaStream* pStre
 
 void CLibraryScenario::play(CZelMediaStream* pStream, unsigned long ulTimeout, int nFlag, int nExpected)
 {
-    command(pStream, PLAY, "playAddFile", nExpected,
-            [&] { return pStream->playAddFile(text("/p/1.wav"), 0, ulTimeout, nFlag, 0, 0); });
+    command(
+        pStream, PLAY, "playAddFile", nExpected,
+        [&] { return pStream->playAddFile(text("/p/1.wav"), 0, ulTimeout, nFlag, 0, 0); });
 }
 
 void CLibraryScenario::playPhrase(CZelMediaStream* pStream, unsigned long ulFileID)
 {
-    command(pStream, PLAY, "playAddPhrase", MCS_OK, [&] { return pStream->playAddPhrase(ulFileID, 0, 8, LONG, 0, 0); });
+    command(
+        pStream, PLAY, "playAddPhrase", MCS_OK, [&] { return pStream->playAddPhrase(ulFileID, 0, 8, LONG, 0, 0); });
 }
 
 void CLibraryScenario::record(CZelMediaStream* pStream, unsigned long ulTimeout)
 {
-    command(pStream, RECORD, "recordToFile", MCS_OK,
-            [&] { return pStream->recordToFile(text("/r/1.wav"), 0, 5, ulTimeout, 0); });
+    command(
+        pStream, RECORD, "recordToFile", MCS_OK,
+        [&] { return pStream->recordToFile(text("/r/1.wav"), 0, 5, ulTimeout, 0); });
 }
 
 // The prompt is an ordinary step, but reported when it fails.

@@ -98,7 +98,8 @@ public:
         hold();
         record(m_pStream);
         unsigned long ulRecorded = 0;
-        call("recordGetTimeMilliseconds", [&] { return m_pStream->recordGetTimeMilliseconds(&ulRecorded); });
+        call(
+            "recordGetTimeMilliseconds", [&] { return m_pStream->recordGetTimeMilliseconds(&ulRecorded); });
         const int nStatus = inside([&] { return m_pStream->recordGetStatus(); });
         if (nStatus != 1) // which is the driver's own
             expect("recordGetStatus", nStatus, 1);

@@ -25,10 +25,8 @@ int complaints()
 bool CScenario::failsFor(faults::Call call) const
 {
     for (unsigned int n = 0; n < m_plan.nFaults; ++n)
-    {
         if (m_plan.aFaults[n].site.call == call)
             return true;
-    }
     return false;
 }
 

@@ -48,7 +48,7 @@ struct CScenarioEntry
     const char* pszName;
     std::unique_ptr<CScenario> (*make)();
 };
-inline void PrintTo(const CScenarioEntry& entry, std::ostream* pStream)
+inline void printTo(const CScenarioEntry& entry, std::ostream* pStream)
 {
     *pStream << entry.pszName;
 }

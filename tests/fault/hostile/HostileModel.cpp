@@ -115,10 +115,8 @@ void CHostileModel::clearAfter(int nStatus)
 void CHostileModel::clearActive(int nStatus)
 {
     for (const CSideState& side : m_aSides)
-    {
         for (const auto& [nStreamID, command] : side.mapActive)
             m_pipeEvent.append(structMIEVT{MIEVT_DONE, nStreamID, command.request.nSequenceNo, nStatus});
-    }
 }
 
 int CHostileModel::setDone(int nStreamID, int nToken)
@@ -247,10 +245,8 @@ std::vector<CRunning> CHostileModel::running() const
 {
     std::vector<CRunning> vRunning;
     for (const CSideState& side : m_aSides)
-    {
         for (const auto& [nStreamID, command] : side.mapActive)
             vRunning.push_back({nStreamID, command.request.nSequenceNo});
-    }
     return vRunning;
 }
 
@@ -262,10 +258,8 @@ bool CHostileModel::isTokenUsed(int nToken) const
         if (std::any_of(side.mapActive.begin(), side.mapActive.end(), [&](const auto& e) { return used(e.second); }))
             return true;
         for (const auto& [nStreamID, queCommands] : side.mapQueue)
-        {
             if (std::any_of(queCommands.begin(), queCommands.end(), used))
                 return true;
-        }
     }
     return false;
 }

@@ -18,10 +18,8 @@ void CHostileModel::readEvents()
 {
     structMIEVT evt = {};
     while (m_pipeEvent.read(evt) > 0)
-    {
         if (evt.s_mievt == MIEVT_DONE)
             done(evt);
-    }
 }
 
 void CHostileModel::done(const structMIEVT& evt)
@@ -119,10 +117,8 @@ void CHostileModel::sweep()
     for (CSideState& side : m_aSides)
     {
         for (const auto& [nStreamID, command] : side.mapActive)
-        {
             if (command.ullDeadline <= m_ullTick && command.request.s_micmd != MICMD_NULL)
                 vOverdue.push_back(command);
-        }
     }
     std::sort(vOverdue.begin(), vOverdue.end(), [](const CCommand& a, const CCommand& b) {
         return a.ullDeadline != b.ullDeadline ? a.ullDeadline < b.ullDeadline : a.ullEntered < b.ullEntered;

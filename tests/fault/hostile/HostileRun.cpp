@@ -69,10 +69,10 @@ int CHostileRun::sendBoth(CHostileModel::CCommand command, bool bUsePlayQueue)
 
 void CHostileRun::request()
 {
-    static const MICMD aCommands[] = {MICMD_PING,          MICMD_RECORDGETTIME, MICMD_RECORDGETSTATUS,
+    static const MICMD aImmediate[] = {MICMD_PING,          MICMD_RECORDGETTIME, MICMD_RECORDGETSTATUS,
                                       MICMD_RECORDGETTIME, MICMD_PLAYGETSTATS,  MICMD_DUMP};
     CHostileModel::CCommand command;
-    command.request.s_micmd = m_choices.pick(aCommands);
+    command.request.s_micmd = m_choices.pick(aImmediate);
     command.request.nConnectID = m_model.m_nConnectID;
     command.nStreamID = stream();
     command.request.stream.nStreamID = command.nStreamID;
@@ -81,9 +81,9 @@ void CHostileRun::request()
 
 void CHostileRun::start()
 {
-    static const MICMD aCommands[] = {MICMD_PLAYCLIP, MICMD_PLAYFILE, MICMD_RECORDFILE};
+    static const MICMD aActive[] = {MICMD_PLAYCLIP, MICMD_PLAYFILE, MICMD_RECORDFILE};
     CHostileModel::CCommand command;
-    command.request.s_micmd = m_choices.pick(aCommands);
+    command.request.s_micmd = m_choices.pick(aActive);
     command.request.nConnectID = m_model.m_nConnectID;
     command.nStreamID = stream();
     command.request.stream.nStreamID = command.nStreamID;
@@ -242,10 +242,8 @@ int CHostileRun::stream()
 int CHostileRun::freeToken()
 {
     for (int n = 0; n < CHostileLibrary::TOKENS; ++n)
-    {
         if (!m_model.isTokenUsed(n))
             return n;
-    }
     return -1;
 }
 

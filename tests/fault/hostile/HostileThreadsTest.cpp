@@ -146,9 +146,7 @@ void HostileThreads::ask(CCall& call)
     const int nStatus = call.pStream->recordGetTimeMilliseconds(&ulMilliSeconds);
     CHostilePeer::CFate fate;
     if (expectFate(call, MICMD_RECORDGETTIME, nStatus, fate))
-    {
         EXPECT_EQ(static_cast<uint32_t>(fate.nWord), ulMilliSeconds);
-    }
 }
 
 // One completion comes for each play that was accepted, with the status that was meant for it; or, once the
@@ -181,9 +179,7 @@ void HostileThreads::play(CCall& call)
     }
     const std::vector<MCSTATUS> vStatuses = m_completions.take(call.pStream);
     if (!vStatuses.empty() || !call.bLost)
-    {
         EXPECT_EQ(std::vector<MCSTATUS>{fate.nCompletion}, vStatuses);
-    }
     m_ullCompletions += vStatuses.size();
     call.bLost = call.bLost || m_peer.losses() != nLosses;
 }
@@ -202,9 +198,7 @@ void HostileThreads::live(int nThread)
         else
             ask(call);
         if (call.bLost)
-        {
             EXPECT_TRUE(waitConnected());
-        }
         if (call.bLost || choices.oneIn(200))
             close(call);
     }

@@ -50,10 +50,12 @@ class ForkingProcess : public CSystemTest, public testing::WithParamInterface<En
 protected:
     ForkingProcess()
     {
-        m_driver.onCommand(MICMD_PLAYFILE, [this](const structMICMD& request) {
-            m_driver.accept(request);
-            m_driver.done(request);
-        });
+        m_driver.onCommand(
+            MICMD_PLAYFILE,
+            [this](const structMICMD& request) {
+                m_driver.accept(request);
+                m_driver.done(request);
+            });
     }
 };
 } // namespace

@@ -37,10 +37,8 @@ public:
         const int nFile = open(FILLER, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         const std::string strPage(4096, 'x');
         for (size_t nBytes = 0; nBytes + nFree < DISK_SIZE; nBytes += strPage.size())
-        {
             if (write(nFile, strPage.data(), strPage.size()) < 0)
                 break;
-        }
         close(nFile);
     }
     static void makeRoom() { EXPECT_EQ(0, unlink(FILLER)); }
@@ -70,10 +68,8 @@ protected:
         const auto hasEnded = [&] {
             const std::vector<CCompletion> vAll = m_completions.all();
             for (size_t n = nBefore; n < vAll.size(); ++n)
-            {
                 if (vAll[n].reason == CHandler::MCCR_RECORD)
                     mcstatus = vAll[n].mcstatus;
-            }
             return mcstatus != MCS_OK;
         };
         EXPECT_TRUE(waitUntil(hasEnded)) << contentOf("/tmp/driver.log");

@@ -30,7 +30,8 @@ struct CObstacle
     bool (*make)(const std::string& strPath);
 };
 
-const CObstacle OTHERS_FIFO = {"FifoOfAnotherUser", [](const std::string& strPath) {
+const CObstacle OTHERS_FIFO = {"FifoOfAnotherUser",
+                               [](const std::string& strPath) {
                                    return mkfifo(strPath.c_str(), 0600) == 0 && chmod(strPath.c_str(), 0666) == 0 &&
                                           giveToOtherUser(strPath);
                                }};
@@ -157,9 +158,7 @@ TEST_P(TakenLogName, LosesLinesOnlyAndTheirNumberIsToldWhenItIsFree)
 {
     expectLogWaits(GetParam());
     if (std::string(GetParam().pszName) == "Link")
-    {
         EXPECT_EQ("untouched", contentOf("/tmp/target"));
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(By, TakenLogName, testing::ValuesIn(OBSTACLES),

@@ -109,10 +109,12 @@ TEST_F(SignalStormInEveryThread, DisturbsNoExchangeAndNoCompletion)
 {
     for (const MICMD micmd : {MICMD_PLAYFILE, MICMD_PLAYCLIP})
     {
-        m_driver.onCommand(micmd, [this](const structMICMD& request) {
-            m_driver.accept(request);
-            m_driver.done(request);
-        });
+        m_driver.onCommand(
+            micmd,
+            [this](const structMICMD& request) {
+                m_driver.accept(request);
+                m_driver.done(request);
+            });
     }
     const int nCalls = setting("ZELMEDIA_RUNS", 10);
     runInAStorm([&](int nThread) {

@@ -47,10 +47,12 @@ class SmallPipes : public CSystemTest
 protected:
     void endPlaysAtOnce()
     {
-        m_driver.onCommand(MICMD_PLAYFILE, [this](const structMICMD& request) {
-            m_driver.accept(request);
-            m_driver.done(request);
-        });
+        m_driver.onCommand(
+            MICMD_PLAYFILE,
+            [this](const structMICMD& request) {
+                m_driver.accept(request);
+                m_driver.done(request);
+            });
     }
 
     // A request of a client that is none.

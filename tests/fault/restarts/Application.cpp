@@ -76,12 +76,10 @@ void CApplication::run(int nThread, unsigned int nSeed)
     thread.random.seed(nSeed);
     thread.nThread = nThread;
     while (!m_gate.isOver())
-    {
         if (m_gate.isShut())
             m_gate.wait();
         else
             episode(thread);
-    }
 }
 
 // Whether the operation shows that there is a driver, and that it knows the stream.
@@ -151,10 +149,8 @@ bool CApplication::playFile(CThread& thread, const char* pszFile, bool bStep, in
 bool CApplication::playChain(CThread& thread)
 {
     for (int nSteps = thread.below(4); nSteps > 0; --nSteps)
-    {
         if (!playFile(thread, SHORT_FILE, thread.below(2) == 0, 0))
             return false;
-    }
     return playFile(thread, SHORT_FILE, false, thread.below(2) == 0 ? m_nNextTag++ : 0);
 }
 

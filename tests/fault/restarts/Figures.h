@@ -58,10 +58,8 @@ inline std::ostream& operator<<(std::ostream& os, const CFigures& figures)
        << ", behind a failed one " << totals.nBehind << ", cancelled " << totals.nCancelled << ", closed "
        << totals.nClosed << "\ncompleted with";
     for (size_t nStatus = 0; nStatus < totals.anCompletedWith.size(); ++nStatus)
-    {
         if (totals.anCompletedWith[nStatus] != 0)
             os << ' ' << nStatus << ": " << totals.anCompletedWith[nStatus];
-    }
     return os << "\nreconnects: median " << figures.reconnectMs(50) << " ms, 99 % " << figures.reconnectMs(99)
               << " ms, longest " << figures.reconnectMs(100) << " ms; the machine stalled for " << figures.nStalledMs
               << " ms of them, which made " << figures.nStalled << " of them late";

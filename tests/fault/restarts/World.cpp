@@ -62,9 +62,7 @@ void CWorld::live(const CLife& life)
 {
     SCOPED_TRACE("life " + std::to_string(m_figures.nKills) + ": " + life.strName);
     if (life.sharesNumbersWith(m_lifeBefore))
-    {
         ASSERT_TRUE(waitEverybodyHere());
-    }
     m_lifeBefore = life;
     ASSERT_TRUE(m_driver.start(life, static_cast<int>(m_figures.nKills), m_random));
     m_readyAt = CClock::now();

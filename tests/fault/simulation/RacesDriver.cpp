@@ -70,10 +70,8 @@ void CRacesDriver::handle(const structMICMD& request)
     if (m_random.perMille(2))
         std::this_thread::sleep_for(milliseconds(20));
     if (m_random.perMille(5))
-    {
         for (unsigned int nLate = 1 + m_random.below(5); nLate > 0; --nLate)
             respond(request.nSequenceNo - nLate, MIRSP_STATUS, MISTATUS_OK);
-    }
     if (m_random.perMille(10))
         return respond(request.nSequenceNo, MIRSP_STATUS, MISTATUS_FAILED);
     accept(request);

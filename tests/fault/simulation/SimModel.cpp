@@ -134,10 +134,8 @@ void CSimModel::removeEntered(uint64_t ullEntered)
 CSimModel::CCommand* CSimModel::active(Place place, int nStreamID)
 {
     for (CCommand& command : m_vCommands)
-    {
         if (command.place == place && command.nStreamID == nStreamID)
             return &command;
-    }
     return nullptr;
 }
 
@@ -145,10 +143,8 @@ CSimModel::CCommand* CSimModel::lastQueued(Place place, int nStreamID)
 {
     CCommand* pLast = nullptr;
     for (CCommand& command : m_vCommands)
-    {
         if (command.place == place && command.nStreamID == nStreamID)
             pLast = &command;
-    }
     return pLast;
 }
 
@@ -178,10 +174,8 @@ std::vector<const CSimModel::CCommand*> CSimModel::at(Place place, int nStreamID
 {
     std::vector<const CCommand*> vFound;
     for (const CCommand& command : m_vCommands)
-    {
         if (command.place == place && command.nStreamID == nStreamID)
             vFound.push_back(&command);
-    }
     return vFound;
 }
 
@@ -189,10 +183,8 @@ std::vector<const CSimModel::CCommand*> CSimModel::byDeadline() const
 {
     std::vector<const CCommand*> vActive;
     for (const CCommand& command : m_vCommands)
-    {
         if (command.place == Place::ActivePlay || command.place == Place::ActiveRecord)
             vActive.push_back(&command);
-    }
     std::stable_sort(vActive.begin(), vActive.end(),
                      [](const CCommand* p1, const CCommand* p2) { return p1->ullDeadline < p2->ullDeadline; });
     return vActive;
@@ -202,10 +194,8 @@ std::vector<CSimModel::CCommand> CSimModel::activeByStream(Place place) const
 {
     std::vector<CCommand> vActive;
     for (const CCommand& command : m_vCommands)
-    {
         if (command.place == place)
             vActive.push_back(command);
-    }
     std::sort(vActive.begin(), vActive.end(), [](const CCommand& command1, const CCommand& command2) {
         return command1.nStreamID < command2.nStreamID;
     });
@@ -271,10 +261,8 @@ void CSimModel::clearActive(int nResult)
     for (const Place place : {Place::ActivePlay, Place::ActiveRecord})
     {
         for (const CCommand& command : activeByStream(place))
-        {
             if (!sendEvent({MIEVT_DONE, command.nStreamID, command.request.nSequenceNo, nResult}))
                 vUntold.push_back(command);
-        }
     }
     for (const CCommand& command : vUntold)
     {
@@ -286,10 +274,8 @@ void CSimModel::clearActive(int nResult)
 void CSimModel::clearQueues()
 {
     for (size_t n = m_vCommands.size(); n-- > 0;)
-    {
         if (m_vCommands[n].place == Place::QueuedPlay || m_vCommands[n].place == Place::QueuedRecord)
             removeEntered(m_vCommands[n].ullEntered);
-    }
     m_vPlayLists.clear();
     m_vRecordLists.clear();
 }
@@ -329,10 +315,8 @@ int CSimModel::closeStream(int nStreamID)
 CSimModel::CStream* CSimModel::stream(int nStreamID)
 {
     for (CStream& stream : m_vStreams)
-    {
         if (stream.nStreamID == nStreamID)
             return &stream;
-    }
     return nullptr;
 }
 
@@ -377,10 +361,8 @@ int CSimModel::closeFile(int nFileID)
 int CSimModel::driverFile(int nFileID) const
 {
     for (const CFile& file : m_vFiles)
-    {
         if (file.nID == nFileID)
             return file.nDriverID;
-    }
     return -1;
 }
 

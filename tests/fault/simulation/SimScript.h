@@ -43,7 +43,7 @@ struct CSimOperation
     bool bHandler = true;
     int bUsePlayQueue = 0;
     int nArgument = 0; // cancel type, file id, leg id, result
-    int nObject = 0;   // the stream object that OpenStream registers
+    int nObject = 0;   // the stream object that openStream registers
     std::string strName;
     structMIEVT evt = {};
     uint64_t ullAdvance = 0;   // Idle: milliseconds that go by before

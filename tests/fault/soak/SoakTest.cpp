@@ -186,9 +186,11 @@ private:
         std::vector<std::future<bool>> vLoads;
         for (int nThread = 0; nThread < THREADS; ++nThread)
         {
-            vLoads.push_back(std::async(std::launch::async, [this, nThread, &nToDo] {
-                return CLoad("load" + std::to_string(nThread), m_vPhrases).callUntilDone(nToDo);
-            }));
+            vLoads.push_back(std::async(
+                std::launch::async,
+                [this, nThread, &nToDo] {
+                    return CLoad("load" + std::to_string(nThread), m_vPhrases).callUntilDone(nToDo);
+                }));
         }
         for (std::future<bool>& load : vLoads)
             ASSERT_TRUE(load.get());
