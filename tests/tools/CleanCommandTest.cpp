@@ -1,10 +1,10 @@
 // The subcommand clean of zelmedia removes what ended processes left, and nothing else.
 #include "MachineFixture.h"
-#include "OwnPipes.h"
-#include "PipeTable.h"
 #include "ReferenceDriver.h"
-#include "Tool.h"
 #include "ZelMediaServices.h"
+#include "base/Tool.h"
+#include "driver/OwnPipes.h"
+#include "driver/PipeTable.h"
 
 #include <gmock/gmock.h>
 

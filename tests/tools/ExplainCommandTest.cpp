@@ -1,6 +1,6 @@
 // The subcommand explain of zelmedia knows every status of the public header.
-#include "StatusTable.h"
 #include "ToolRun.h"
+#include "explain/StatusTable.h"
 
 #include <gmock/gmock.h>
 

@@ -1,10 +1,10 @@
 // The subcommands play, record and phrase play of zelmedia, with the reference driver.
-#include "Duration.h"
-#include "ProgressLine.h"
 #include "ReferenceDriver.h"
 #include "SampleFiles.h"
 #include "ToolRun.h"
 #include "WaitUntil.h"
+#include "base/Duration.h"
+#include "media/ProgressLine.h"
 
 #include <gmock/gmock.h>
 

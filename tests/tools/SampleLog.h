@@ -2,7 +2,7 @@
 #ifndef SAMPLE_LOG_H
 #define SAMPLE_LOG_H
 
-#include "LogTime.h"
+#include "log/LogTime.h"
 
 #include <cstdarg>
 #include <cstdint>
