@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
+#include <new>
 
 namespace
 {
@@ -38,6 +40,19 @@ void callAll(const std::vector<CStream::DoneFunction>& vFunctions)
     for (const CStream::DoneFunction& function : vFunctions)
         function();
 }
+
+// Where there is no memory to hand that on, the file is closed with its last holder.
+void closeUnheard(const std::shared_ptr<CAudioSink>& pSink)
+{
+    try
+    {
+        if (pSink)
+            pSink->close([](bool) {});
+    }
+    catch (const std::bad_alloc&)
+    {
+    }
+}
 } // namespace
 
 CStream::CStream(int nID, std::string strCallID, uint32_t nLegID, std::unique_ptr<CChannel> pChannel,
@@ -52,8 +67,8 @@ CStream::~CStream()
     if (m_play || m_record)
         spdlog::info("stream {} closes while active: {}", m_nID, describe());
     m_clock.stop(*this);
-    if (m_record && m_record->m_pSink && !m_record->m_bFinishing)
-        m_record->m_pSink->close([](bool) {});
+    if (m_record && !m_record->m_bFinishing)
+        closeUnheard(m_record->m_pSink);
 }
 
 void CStream::startPlay(CClipPtr pClip, size_t nOffset, size_t nLength, uint32_t nSequenceNo)
@@ -67,62 +82,90 @@ void CStream::startPlay(CClipPtr pClip, size_t nOffset, size_t nLength, uint32_t
 void CStream::startRecord(const std::string& strPath, uint32_t nMaxSamples, uint32_t nSequenceNo, StartFunction done)
 {
     m_record =
-        CRecord{nullptr, strPath, std::min<uint64_t>(nMaxSamples, MAX_RECORD_SAMPLES), nSequenceNo, {}, false, {}};
-    m_pChannel->beginListening(
-        [pWeak = weak_from_this(), done = std::move(done)](bool bOk, const std::string& strError) mutable {
+        CRecord{nullptr, strPath,        std::min<uint64_t>(nMaxSamples, MAX_RECORD_SAMPLES), nSequenceNo, {}, false,
+                {},      std::move(done)};
+    try
+    {
+        m_pChannel->beginListening([pWeak = weak_from_this()](bool bOk, const std::string& strError) {
             const auto pThis = pWeak.lock();
             if (pThis && bOk && !pThis->m_bHungUp)
-            {
-                pThis->openRecordFile(std::move(done));
-            }
+                pThis->openRecordFile();
             else if (pThis)
-            {
-                pThis->abandonRecord(bOk ? HANGUP_TEXT : strError, done);
-            }
+                pThis->abandonRecord(bOk ? HANGUP_TEXT : strError);
         });
+    }
+    catch (const std::exception& exception)
+    {
+        abandonRecord(exception.what());
+    }
 }
 
-void CStream::openRecordFile(StartFunction done)
+void CStream::openRecordFile()
 {
-    CAudioSink::open(
-        m_disk, m_record->m_strPath,
-        [pWeak = weak_from_this(), done = std::move(done)](const std::shared_ptr<CAudioSink>& pSink,
-                                                           const std::string& strError) {
-            const auto pThis = pWeak.lock();
-            if (pThis && pSink && !pThis->m_bHungUp)
-            {
-                pThis->beginRecord(pSink);
-                done(true, {});
-                pThis->endRecordIfDue();
-                return;
-            }
-            if (pSink)
-                pSink->close([](bool) {});
-            if (pThis)
-                pThis->abandonRecord(pSink ? HANGUP_TEXT
-                                           : fmt::format("\"{}\" cannot be written: {}",
-                                                         printable(pThis->m_record->m_strPath), strError),
-                                     done);
-        });
+    try
+    {
+        CAudioSink::open(
+            m_disk, m_record->m_strPath,
+            [pWeak = weak_from_this()](const std::shared_ptr<CAudioSink>& pSink, const std::string& strError) {
+                if (const auto pThis = pWeak.lock())
+                    pThis->onRecordFile(pSink, strError);
+                else if (pSink)
+                    pSink->close([](bool) {});
+            });
+    }
+    catch (const std::exception& exception)
+    {
+        abandonRecord(exception.what());
+    }
 }
 
-void CStream::abandonRecord(const std::string& strError, const StartFunction& done)
+void CStream::onRecordFile(const std::shared_ptr<CAudioSink>& pSink, const std::string& strError)
 {
+    try
+    {
+        if (!pSink)
+        {
+            abandonRecord(fmt::format("\"{}\" cannot be written: {}", printable(m_record->m_strPath), strError));
+            return;
+        }
+        m_record->m_pSink = pSink;
+        if (m_bHungUp)
+        {
+            abandonRecord(HANGUP_TEXT);
+            return;
+        }
+        beginRecord();
+    }
+    catch (const std::exception& exception)
+    {
+        abandonRecord(exception.what());
+        return;
+    }
+    m_record->m_started(true, {});
+    endRecordIfDue();
+}
+
+// It may have been abandoned already, by what was done at once.
+void CStream::abandonRecord(const std::string& strError)
+{
+    if (!m_record)
+        return;
     m_pChannel->endListening();
     const CRecord record = std::move(*m_record);
     m_record.reset();
-    done(false, strError);
+    updateClock();
+    closeUnheard(record.m_pSink);
+    record.m_started(false, strError);
     callAll(record.m_vWaiters);
 }
 
-void CStream::beginRecord(std::shared_ptr<CAudioSink> pSink)
+void CStream::beginRecord()
 {
+    updateClock();
     spdlog::info("stream {} records to \"{}\", at most {} samples, sequence {}", m_nID, printable(m_record->m_strPath),
                  m_record->m_ullMaxSamples, m_record->m_nSequenceNo);
-    m_record->m_pSink = std::move(pSink);
     m_ullRecorded = 0;
     m_eRecordStatus = ERecordStatus::Recording;
-    updateClock();
 }
 
 void CStream::endRecordIfDue()

@@ -118,11 +118,13 @@ private:
         std::optional<int32_t> m_nEndStatus;
         bool m_bFinishing = false;
         std::vector<DoneFunction> m_vWaiters;
+        StartFunction m_started; // called once
     };
 
-    void openRecordFile(StartFunction done);
-    void abandonRecord(const std::string& strError, const StartFunction& done);
-    void beginRecord(std::shared_ptr<CAudioSink> pSink);
+    void openRecordFile();
+    void onRecordFile(const std::shared_ptr<CAudioSink>& pSink, const std::string& strError);
+    void abandonRecord(const std::string& strError);
+    void beginRecord();
     size_t advancePlay(size_t nSamples);
     size_t advanceRecord(size_t nSamples);
     void endPlay(int32_t nStatus);
