@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #define MI_REQUEST_PIPE "/tmp/OrvMediaIntf-Req"           // created by the driver
 #define MI_RESPONSE_PIPE_PREFIX "/tmp/OrvMediaIntf-Rsp-p" // + process id in decimal
@@ -261,11 +262,11 @@ inline constexpr CCommandInfo aCommands[] = {
     {MICMD_RECORDGETTIME, "MICMD_RECORDGETTIME", "recordgettime", MIBODY_STREAM, MIRSP_RECORDGETTIME, false},
     {MICMD_RECORDGETSTATUS, "MICMD_RECORDGETSTATUS", "recordgetstatus", MIBODY_STREAM, MIRSP_RECORDGETSTATUS, false}};
 
-inline constexpr int32_t MICMD_COUNT = sizeof(aCommands) / sizeof(aCommands[0]);
+inline constexpr int32_t COMMAND_COUNT = sizeof(aCommands) / sizeof(aCommands[0]);
 
 constexpr bool commandsHaveNoGaps()
 {
-    for (int32_t n = 0; n < MICMD_COUNT; ++n)
+    for (int32_t n = 0; n < COMMAND_COUNT; ++n)
         if (aCommands[n].m_micmd != n + 1)
             return false;
     return true;
@@ -275,7 +276,16 @@ static_assert(commandsHaveNoGaps(), "commandInfo finds a command by its number")
 // Null for a number that no command has.
 constexpr const CCommandInfo* commandInfo(int32_t nCommand)
 {
-    return nCommand >= 1 && nCommand <= MICMD_COUNT ? &aCommands[nCommand - 1] : nullptr;
+    return nCommand >= 1 && nCommand <= COMMAND_COUNT ? &aCommands[nCommand - 1] : nullptr;
+}
+
+// Null for what is no command's short name.
+constexpr const CCommandInfo* commandInfo(std::string_view shortName)
+{
+    for (const CCommandInfo& info : aCommands)
+        if (shortName == info.m_pszShortName)
+            return &info;
+    return nullptr;
 }
 
 // Whether the request is about one stream, and thereby about a call id.

@@ -1,8 +1,6 @@
 // Counts what the driver does.
 #include "Statistics.h"
 
-#include "CommandNames.h"
-
 #include <fmt/chrono.h>
 
 #include <algorithm>
@@ -70,8 +68,8 @@ void CStatistics::onTick(std::chrono::steady_clock::duration lateness, std::chro
 nlohmann::ordered_json CStatistics::toJson(std::chrono::steady_clock::time_point now) const
 {
     nlohmann::ordered_json requests;
-    for (const CCommandName& command : commandNames())
-        requests[command.m_pName] = m_vRequests[static_cast<size_t>(command.m_micmd)];
+    for (const CCommandInfo& command : aCommands)
+        requests[command.m_pszShortName] = m_vRequests[static_cast<size_t>(command.m_micmd)];
     requests["unknown"] = m_vRequests[0];
 
     return {

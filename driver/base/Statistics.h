@@ -50,9 +50,9 @@ struct CStatistics
     std::chrono::system_clock::time_point m_startTime = std::chrono::system_clock::now();
     std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 
-    std::array<uint64_t, MICMD_RECORDGETSTATUS + 1> m_vRequests = {}; // by code; 0: no command
-    uint64_t m_ullRefused = 0;                                        // answered with a refusal
-    uint64_t m_ullDropped = 0;                                        // of nobody who could be answered
+    std::array<uint64_t, COMMAND_COUNT + 1> m_vRequests = {}; // by code; 0: no command
+    uint64_t m_ullRefused = 0;                              // answered with a refusal
+    uint64_t m_ullDropped = 0;                              // of nobody who could be answered
     uint64_t m_ullResponsesSent = 0;
     uint64_t m_ullResponsesLost = 0; // the pipe was full or gone
     uint64_t m_ullEventsSent = 0;

@@ -20,8 +20,7 @@ template <class TWord> TWord wordAt(const unsigned char* pBytes)
 
 bool isCommandAt(const unsigned char* pRecord)
 {
-    const auto nCode = wordAt<int32_t>(pRecord);
-    return nCode >= MICMD_CONNECT && nCode <= MICMD_RECORDGETSTATUS;
+    return commandInfo(wordAt<int32_t>(pRecord)) != nullptr;
 }
 
 bool namesPipes(const unsigned char* pRecord)

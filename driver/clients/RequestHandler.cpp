@@ -1,7 +1,6 @@
 // What each command does: one request record in, one response record out, at once or later.
 #include "RequestHandler.h"
 
-#include "CommandNames.h"
 #include "Text.h"
 
 #include <fmt/format.h>
@@ -45,28 +44,37 @@ void CReply::refuse(const std::string& strError) const
     m_pHandler->refuse(*this, strError);
 }
 
+namespace
+{
+const char* nameOf(MICMD micmd)
+{
+    const CCommandInfo* pInfo = commandInfo(micmd);
+    return pInfo != nullptr ? pInfo->m_pszName : "unknown command";
+}
+} // namespace
+
 const CRequestHandler::CCommandEntry CRequestHandler::COMMANDS[] = {
-    {MICMD_CONNECT, "MICMD_CONNECT", nullptr}, // not of a client yet: see handle
-    {MICMD_DISCONNECT, "MICMD_DISCONNECT", &CRequestHandler::disconnect},
-    {MICMD_OPENFILE, "MICMD_OPENFILE", &CRequestHandler::openFile},
-    {MICMD_CLOSEFILE, "MICMD_CLOSEFILE", &CRequestHandler::closeFile},
-    {MICMD_OPENSTREAM, "MICMD_OPENSTREAM", &CRequestHandler::openStream},
-    {MICMD_CLOSESTREAM, "MICMD_CLOSESTREAM", &CRequestHandler::closeStream},
-    {MICMD_PLAYCLIP, "MICMD_PLAYCLIP", &CRequestHandler::playClip},
-    {MICMD_PLAYFILE, "MICMD_PLAYFILE", &CRequestHandler::playFile},
-    {MICMD_RECORDFILE, "MICMD_RECORDFILE", &CRequestHandler::recordFile},
-    {MICMD_CANCEL, "MICMD_CANCEL", &CRequestHandler::cancel},
-    {MICMD_PLAYGETSTATS, "MICMD_PLAYGETSTATS", &CRequestHandler::getStats},
-    {MICMD_RECORDGETSTATS, "MICMD_RECORDGETSTATS", &CRequestHandler::getStats},
-    {MICMD_PING, "MICMD_PING", &CRequestHandler::ping},
-    {MICMD_DUMP, "MICMD_DUMP", &CRequestHandler::dump},
-    {MICMD_RECORDGETTIME, "MICMD_RECORDGETTIME", &CRequestHandler::recordGetTime},
-    {MICMD_RECORDGETSTATUS, "MICMD_RECORDGETSTATUS", &CRequestHandler::recordGetStatus},
+    {MICMD_CONNECT, nullptr}, // not of a client yet: see handle
+    {MICMD_DISCONNECT, &CRequestHandler::disconnect},
+    {MICMD_OPENFILE, &CRequestHandler::openFile},
+    {MICMD_CLOSEFILE, &CRequestHandler::closeFile},
+    {MICMD_OPENSTREAM, &CRequestHandler::openStream},
+    {MICMD_CLOSESTREAM, &CRequestHandler::closeStream},
+    {MICMD_PLAYCLIP, &CRequestHandler::playClip},
+    {MICMD_PLAYFILE, &CRequestHandler::playFile},
+    {MICMD_RECORDFILE, &CRequestHandler::recordFile},
+    {MICMD_CANCEL, &CRequestHandler::cancel},
+    {MICMD_PLAYGETSTATS, &CRequestHandler::getStats},
+    {MICMD_RECORDGETSTATS, &CRequestHandler::getStats},
+    {MICMD_PING, &CRequestHandler::ping},
+    {MICMD_DUMP, &CRequestHandler::dump},
+    {MICMD_RECORDGETTIME, &CRequestHandler::recordGetTime},
+    {MICMD_RECORDGETSTATUS, &CRequestHandler::recordGetStatus},
 };
 
 const CRequestHandler::CCommandEntry& CRequestHandler::entryOf(MICMD micmd)
 {
-    static constexpr CCommandEntry UNKNOWN = {MICMD_NULL, "unknown command", &CRequestHandler::unknown};
+    static constexpr CCommandEntry UNKNOWN = {MICMD_NULL, &CRequestHandler::unknown};
     const auto* pEntry = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
                                       [micmd](const CCommandEntry& entry) { return entry.m_micmd == micmd; });
     return pEntry == std::end(COMMANDS) ? UNKNOWN : *pEntry;
@@ -89,7 +97,7 @@ void CRequestHandler::handle(const structMICMD& cmd)
     if (pClient == nullptr)
     {
         ++m_parts.m_statistics.m_ullDropped;
-        m_strangers.warn("dropped {} ({}), sequence {}: there is no client {} to answer", entryOf(cmd.s_micmd).m_pName,
+        m_strangers.warn("dropped {} ({}), sequence {}: there is no client {} to answer", nameOf(cmd.s_micmd),
                          static_cast<int>(cmd.s_micmd), cmd.nSequenceNo, cmd.nConnectID);
         return;
     }
@@ -98,7 +106,7 @@ void CRequestHandler::handle(const structMICMD& cmd)
     {
         ++m_parts.m_statistics.m_ullDropped;
         pClient->m_warnings.warn("dropped {} of client {}, sequence {}: too many of its requests wait",
-                                 entryOf(cmd.s_micmd).m_pName, cmd.nConnectID, cmd.nSequenceNo);
+                                 nameOf(cmd.s_micmd), cmd.nConnectID, cmd.nSequenceNo);
         return;
     }
     pClient->m_requests.push_back({cmd, std::nullopt});
@@ -194,10 +202,8 @@ std::string CRequestHandler::callIdOf(const CClient& client, const structMICMD& 
         fieldText(cmd.openStream.szCallID, strCallID);
         return strCallID;
     }
-    const auto names = commandNames();
-    const auto it = std::find_if(names.begin(), names.end(),
-                                 [&cmd](const CCommandName& name) { return name.m_micmd == cmd.s_micmd; });
-    const auto pStream = it != names.end() && it->m_bNamesStream ? client.findStream(cmd.stream.nStreamID) : nullptr;
+    const CCommandInfo* pInfo = commandInfo(cmd.s_micmd);
+    const auto pStream = pInfo != nullptr && namesStream(*pInfo) ? client.findStream(cmd.stream.nStreamID) : nullptr;
     return pStream ? pStream->callId() : strCallID;
 }
 
@@ -262,7 +268,7 @@ void CRequestHandler::refuse(const CReply& reply, const std::string& strError)
     if (pClient != nullptr && pClient->m_ullTicket == reply.m_ullTicket)
     {
         ++m_parts.m_statistics.m_ullRefused;
-        pClient->m_warnings.warn("refused {} ({}) of client {}, sequence {}: {}", entryOf(reply.m_micmd).m_pName,
+        pClient->m_warnings.warn("refused {} ({}) of client {}, sequence {}: {}", nameOf(reply.m_micmd),
                                  static_cast<int>(reply.m_micmd), reply.m_nConnectID, reply.m_nSequenceNo, strError);
     }
     answer(reply, response(MIRSP_STATUS, reply.m_nSequenceNo, MISTATUS_FAILED));
@@ -273,8 +279,8 @@ void CRequestHandler::answer(const CReply& reply, const structMIRSP& rsp)
     CClient* pClient = m_parts.m_registry.find(reply.m_nConnectID);
     if (pClient == nullptr || pClient->m_ullTicket != reply.m_ullTicket)
         return;
-    spdlog::debug("answers {} of client {}, sequence {}, with {} {}", entryOf(reply.m_micmd).m_pName,
-                  reply.m_nConnectID, reply.m_nSequenceNo, static_cast<int>(rsp.s_mirsp), rsp.s_nResult);
+    spdlog::debug("answers {} of client {}, sequence {}, with {} {}", nameOf(reply.m_micmd), reply.m_nConnectID,
+                  reply.m_nSequenceNo, static_cast<int>(rsp.s_mirsp), rsp.s_nResult);
     pClient->m_ullTicket = 0;
     m_parts.m_outbox.respond(reply.m_nConnectID, rsp, reply.m_action);
     if (reply.m_micmd == MICMD_DISCONNECT)

@@ -91,7 +91,6 @@ private:
     struct CCommandEntry
     {
         MICMD m_micmd;
-        const char* m_pName;
         CommandFunction m_pFunction;
     };
     static const CCommandEntry COMMANDS[];

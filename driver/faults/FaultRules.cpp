@@ -83,7 +83,7 @@ void CFaultRules::readTarget(CFieldReader& fields, CRule& rule)
     rule.m_strOn = fields.text("on").value_or("");
     const auto strCallID = fields.text("call");
     rule.m_strCallID = strCallID.value_or("");
-    rule.m_pCommand = findCommandName(rule.m_strOn);
+    rule.m_pCommand = commandInfo(rule.m_strOn);
     const bool bAny = rule.m_strOn == "any";
     const bool bCommand = rule.m_pCommand != nullptr || (bAny && rule.m_pKind->m_bOfCommands);
     if (rule.m_strOn.empty())
@@ -103,7 +103,7 @@ void CFaultRules::readTarget(CFieldReader& fields, CRule& rule)
     }
     if (strCallID && strCallID->empty())
         fields.fail("\"call\" is empty");
-    if (strCallID && rule.m_pCommand != nullptr && !rule.m_pCommand->m_bNamesStream)
+    if (strCallID && rule.m_pCommand != nullptr && !namesStream(*rule.m_pCommand))
         fields.fail(fmt::format("\"{}\" is not of a call", rule.m_strOn));
 }
 

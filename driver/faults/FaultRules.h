@@ -2,7 +2,7 @@
 #ifndef DRIVER_FAULT_RULES_H
 #define DRIVER_FAULT_RULES_H
 
-#include "CommandNames.h"
+#include "MediaProtocol.h"
 
 #include <nlohmann/json.hpp>
 
@@ -73,7 +73,7 @@ private:
         const CFaultKind* m_pKind = nullptr;
         std::string m_strOn; // as it was given
         ETarget m_eTarget = ETarget::Commands;
-        const CCommandName* m_pCommand = nullptr; // null: any
+        const CCommandInfo* m_pCommand = nullptr; // null: any
         std::string m_strCallID;                  // empty: any
         uint64_t m_ullFirst = 1;                  // the match, counted from 1, from which on it acts
         std::optional<uint64_t> m_ullCount;

@@ -84,8 +84,8 @@ TEST_F(FaultRules, ActOnTheirCommandAlone)
 TEST_F(FaultRules, ActOnEveryCommandIfTheyAreOnAny)
 {
     mustAdd("do=refuse,on=any");
-    for (const CCommandName& command : commandNames())
-        EXPECT_TRUE(on(command.m_micmd).m_bRefuse) << command.m_pName;
+    for (const CCommandInfo& command : aCommands)
+        EXPECT_TRUE(on(command.m_micmd).m_bRefuse) << command.m_pszName;
     EXPECT_TRUE(on(static_cast<MICMD>(99)).m_bRefuse);
 }
 

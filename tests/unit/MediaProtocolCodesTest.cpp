@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <gtest/gtest.h>
+#include <map>
 #include <set>
 
 TEST(MediaProtocolCodes, CommandsHaveTheirValuesAndNames)
@@ -36,6 +37,57 @@ TEST(MediaProtocolCodes, CommandsHaveTheirValuesAndNames)
     }
     for (const int nUnknown : {17, -1, 1000, INT_MAX, INT_MIN})
         EXPECT_STREQ("MICMD unknown", MICMDToString(static_cast<MICMD>(nUnknown)));
+}
+
+TEST(MediaProtocolCodes, OnlyPlaysAndRecordsEndWithAnEvent)
+{
+    std::set<int> active;
+    for (const CCommandInfo& info : aCommands)
+        if (info.m_bActive)
+            active.insert(info.m_micmd);
+    EXPECT_EQ((std::set<int>{MICMD_PLAYCLIP, MICMD_PLAYFILE, MICMD_RECORDFILE}), active);
+}
+
+TEST(MediaProtocolCodes, CommandsThatAskForAValueAreAnsweredByAResponseOfTheirOwn)
+{
+    const std::map<int, int> expected = {{MICMD_CONNECT, MIRSP_CONNECT},
+                                         {MICMD_OPENFILE, MIRSP_OPENFILE},
+                                         {MICMD_OPENSTREAM, MIRSP_OPENSTREAM},
+                                         {MICMD_PLAYGETSTATS, MIRSP_PLAYGETSTATS},
+                                         {MICMD_RECORDGETSTATS, MIRSP_RECORDGETSTATS},
+                                         {MICMD_RECORDGETTIME, MIRSP_RECORDGETTIME},
+                                         {MICMD_RECORDGETSTATUS, MIRSP_RECORDGETSTATUS}};
+    for (const CCommandInfo& info : aCommands)
+    {
+        const auto it = expected.find(info.m_micmd);
+        EXPECT_EQ(it == expected.end() ? MIRSP_STATUS : it->second, info.m_mirsp) << info.m_pszName;
+    }
+}
+
+TEST(MediaProtocolCodes, CommandsOfOneStreamAreThoseFromOpenToStatusButForFilesAndProcesses)
+{
+    std::set<int> others;
+    for (const CCommandInfo& info : aCommands)
+        if (!namesStream(info))
+            others.insert(info.m_micmd);
+    EXPECT_EQ((std::set<int>{MICMD_CONNECT, MICMD_DISCONNECT, MICMD_OPENFILE, MICMD_CLOSEFILE, MICMD_PING, MICMD_DUMP}),
+              others);
+}
+
+TEST(MediaProtocolCodes, CommandsAreFoundByTheirShortNames)
+{
+    for (const CCommandInfo& info : aCommands)
+        EXPECT_EQ(&info, commandInfo(std::string_view(info.m_pszShortName)));
+    ASSERT_NE(nullptr, commandInfo(std::string_view("playfile")));
+    EXPECT_EQ(MICMD_PLAYFILE, commandInfo(std::string_view("playfile"))->m_micmd);
+    EXPECT_EQ(nullptr, commandInfo(std::string_view("PLAYFILE")));
+    EXPECT_EQ(nullptr, commandInfo(std::string_view("")));
+}
+
+TEST(MediaProtocolCodes, NumbersOfNoCommandAreNone)
+{
+    for (const int nNone : {0, COMMAND_COUNT + 1, -1, INT_MAX, INT_MIN})
+        EXPECT_EQ(nullptr, commandInfo(nNone));
 }
 
 TEST(MediaProtocolCodes, ResponsesHaveTheirValuesAndNames)

@@ -70,7 +70,7 @@ int CHostileRun::sendBoth(CHostileModel::CCommand command, bool bUsePlayQueue)
 void CHostileRun::request()
 {
     static const MICMD aImmediate[] = {MICMD_PING,          MICMD_RECORDGETTIME, MICMD_RECORDGETSTATUS,
-                                      MICMD_RECORDGETTIME, MICMD_PLAYGETSTATS,  MICMD_DUMP};
+                                       MICMD_RECORDGETTIME, MICMD_PLAYGETSTATS,  MICMD_DUMP};
     CHostileModel::CCommand command;
     command.request.s_micmd = m_choices.pick(aImmediate);
     command.request.nConnectID = m_model.m_nConnectID;
