@@ -1,5 +1,19 @@
 include(GoogleTest)
 
+# What starts each test in a /tmp of its own: a native program without sanitizers, whatever is tested.
+set(ZELMEDIA_PRIVATE_TMP ${CMAKE_BINARY_DIR}/private-tmp)
+find_program(ZELMEDIA_NATIVE_CC NAMES cc gcc clang REQUIRED)
+set(keep_in_tmp "-DPRIVATE_TMP_KEEP=\"${PROJECT_SOURCE_DIR}\", \"${CMAKE_BINARY_DIR}\"")
+cmake_path(IS_PREFIX PROJECT_SOURCE_DIR ${CMAKE_BINARY_DIR} inside_the_tree)
+if(inside_the_tree)
+  set(keep_in_tmp "-DPRIVATE_TMP_KEEP=\"${PROJECT_SOURCE_DIR}\"")
+endif()
+add_custom_command(OUTPUT ${ZELMEDIA_PRIVATE_TMP}
+  COMMAND ${ZELMEDIA_NATIVE_CC} -O1 ${keep_in_tmp} -o ${ZELMEDIA_PRIVATE_TMP}
+    ${PROJECT_SOURCE_DIR}/tests/support/PrivateTmp.c
+  DEPENDS ${PROJECT_SOURCE_DIR}/tests/support/PrivateTmp.c VERBATIM)
+add_custom_target(private_tmp ALL DEPENDS ${ZELMEDIA_PRIVATE_TMP})
+
 # zelmedia_test_headers(NAME HEADER...): headers that are compiled once for several programs, as they take longer than
 # most test files. Of an executable, because libraries have other flags.
 function(zelmedia_test_headers NAME)
@@ -27,7 +41,8 @@ function(zelmedia_test NAME)
   endif()
   # ctest and the test discovery both start programs through this property.
   set_target_properties(${NAME} PROPERTIES
-    CROSSCOMPILING_EMULATOR ${PROJECT_SOURCE_DIR}/tests/support/private-tmp)
+    CROSSCOMPILING_EMULATOR "${ZELMEDIA_PRIVATE_TMP};${CMAKE_CROSSCOMPILING_EMULATOR}")
+  add_dependencies(${NAME} private_tmp)
   gtest_discover_tests(${NAME} TEST_PREFIX "${NAME}." DISCOVERY_TIMEOUT 60)
 endfunction()
 
