@@ -68,9 +68,9 @@ typedef void (*RegistryConstructor)(void*, CLogFile*, const char*, const char*, 
 // names are the linker's.
 extern "C"
 {
-    __attribute__((visibility("default"))) void zN9OrvLogLib8CLogFileC1EpKcS2Bbb(void* pThis, const char* pszName,
-                                                                                 const char* pszFileName, bool b1,
-                                                                                 bool b2, bool b3)
+    __attribute__((visibility("default"))) void _ZN9OrvLogLib8CLogFileC1EPKcS2_bbb(void* pThis, const char* pszName,
+                                                                                   const char* pszFileName, bool b1,
+                                                                                   bool b2, bool b3)
     {
         static const auto constructor =
             reinterpret_cast<LogFileConstructor>(dlsym(RTLD_NEXT, "_ZN9OrvLogLib8CLogFileC1EPKcS2_bbb"));
@@ -80,7 +80,8 @@ extern "C"
         constructor(pThis, pszName, pszFileName, b1, b2, b3);
     }
 
-    __attribute__((visibility("default"))) void zN9OrvLogLib16CLogFileRegistryC1Epns8CLogFileEpKcS4S4S4Iiiiiiiiiiiiiii(
+    __attribute__((visibility("default"))) void
+    _ZN9OrvLogLib16CLogFileRegistryC1EPNS_8CLogFileEPKcS4_S4_S4_iiiiiiiiiiiiiii(
         void* pThis, CLogFile* pLogFile, const char* pszName, const char* psz1, const char* psz2, const char* psz3,
         int n1, int n2, int n3, int n4, int n5, int n6, int n7, int n8, int n9, int n10, int n11, int n12, int n13,
         int n14, int n15)
