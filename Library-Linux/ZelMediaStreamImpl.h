@@ -68,6 +68,8 @@ public:
     uint64_t m_ullPlayElapsed;   // ms, 0 until a first play has completed
 
 private:
+    bool m_bOpened = false; // at the driver, which may have given a negative id
+
     int openAndRegister(CZelMediaServicesImpl* pServices, CZelMediaStream* pStream, std::string& strCallID,
                         unsigned long ulLegID);
     structMICMD request(MICMD micmd) const;

@@ -12,12 +12,10 @@ CZelMediaStreamImpl::~CZelMediaStreamImpl()
 {
     traceOperation("CZelMediaStreamImpl::~CZelMediaStreamImpl, m_nStreamID =%d", m_nStreamID);
     // Without services the object was never initialised, whatever its id.
-    if (!m_pServices)
-        return;
-    // A driver out of its mind may have given a negative id: commands and events would outlive this object.
-    if (m_nStreamID >= 0)
+    if (m_pServices && m_nStreamID >= 0)
         m_pServices->remStream(m_nStreamID);
-    else
+    // A driver out of its mind may have given a negative id: commands and events would outlive this object.
+    else if (m_bOpened)
         m_pServices->forgetStream(m_nStreamID);
 }
 
@@ -44,7 +42,8 @@ int CZelMediaStreamImpl::openAndRegister(CZelMediaServicesImpl* pServices, CZelM
     m_pStream = pStream;
     m_pServices = pServices;
     const int nStatus = driverInterface()->openStream(this, &m_nStreamID, strCallID.data(), ulLegID);
-    if (nStatus != MCS_OK)
+    m_bOpened = nStatus == MCS_OK;
+    if (!m_bOpened)
         return nStatus;
     const int nAdded = m_pServices->addStream(m_pStream, m_nStreamID);
     if (nAdded == MCS_OK)

@@ -1,6 +1,8 @@
 // A stream's life: opened, registered, lost, destroyed.
 #include "MediaStreamFixture.h"
 
+#include <future>
+
 #include <cstring>
 #include <new>
 
@@ -182,6 +184,27 @@ TEST_F(MediaStreamLife, StreamWithANegativeIDIsForgottenWithItsCommandsWhenItIsD
     m_pmintf->doneEventPass(structMIEVT{MIEVT_DONE, -5, 1, MCS_PIPEREAD});
     m_services.OnCMIntfCompletion(-5, 0, CZelMediaStreamCompletionHandler::MCCR_PLAY);
     EXPECT_EQ(0u, m_completions.count());
+}
+
+TEST_F(MediaStreamLife, FailedOpenTouchesNeitherALockNorTheStreamThatTheDriverNumberedMinusOne)
+{
+    respondNext(MIRSP_OPENSTREAM, -1);
+    ASSERT_EQ(0, m_pStream->initialize(&m_services, publicStream(), "call-1", 1UL));
+    auto pFailed = std::make_unique<CZelMediaStreamImpl>();
+    respondNext(MIRSP_STATUS, MISTATUS_FAILED);
+    EXPECT_EQ(MCS_REFUSED, pFailed->initialize(&m_services, publicStream(), "call-2", 1UL));
+
+    {
+        CCritSecHold hold(m_pmintf->m_pCritSecCMIntf); // as an exchange does
+        auto destroyed = std::async(std::launch::async, [&] { pFailed.reset(); });
+        EXPECT_EQ(std::future_status::ready, destroyed.wait_for(std::chrono::seconds(20)));
+        m_pmintf->m_pCritSecCMIntf->leave(__LINE__); // or the end of the test would wait, too
+        destroyed.wait();
+        m_pmintf->m_pCritSecCMIntf->enter(__LINE__);
+    }
+    EXPECT_EQ(m_pStream.get(), m_pmintf->m_mapStreamByStreamID.at(-1));
+    m_services.OnCMIntfCompletion(-1, 0, CZelMediaStreamCompletionHandler::MCCR_PLAY);
+    EXPECT_EQ(1u, m_completions.count());
 }
 
 TEST_F(MediaStreamLife, InvalidStreamRefusesEverythingButIsStillClosedAtTheDriver)

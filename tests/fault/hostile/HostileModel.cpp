@@ -165,7 +165,7 @@ int CHostileModel::openStream(int nObject)
 {
     structMIRSP rsp;
     const int nStatus = request(MICMD_OPENSTREAM, rsp);
-    m_aObjects[nObject] = {true, nStatus == 0, nStatus == 0 ? rsp.s_nStreamID : -1};
+    m_aObjects[nObject] = {true, nStatus == 0, nStatus == 0, nStatus == 0 ? rsp.s_nStreamID : -1};
     if (nStatus == 0)
         m_mapObjectByStream[rsp.s_nStreamID] = nObject;
     return nStatus;
@@ -174,12 +174,12 @@ int CHostileModel::openStream(int nObject)
 // Of a stream with a negative id the driver is told nothing.
 void CHostileModel::destroyObject(int nObject)
 {
-    const int nStreamID = m_aObjects[nObject].nStreamID;
+    const CObject object = m_aObjects[nObject];
     m_aObjects[nObject] = {};
-    if (nStreamID >= 0)
-        closeStream(nStreamID);
-    else
-        forgetStream(nStreamID);
+    if (object.nStreamID >= 0)
+        closeStream(object.nStreamID);
+    else if (object.bOpened)
+        forgetStream(object.nStreamID);
 }
 
 void CHostileModel::forgetStream(int nStreamID)

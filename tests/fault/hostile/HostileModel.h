@@ -57,6 +57,7 @@ public:
     struct CObject // a stream as the application has it
     {
         bool bExists = false;
+        bool bOpened = false;
         bool bInitialized = false;
         int nStreamID = -1;
     };
