@@ -82,6 +82,7 @@ public:
 
     private:
         friend class CMIntf;
+        bool m_bUntold = false;  // ended, by an event that the event pipe did not take
         bool m_bEntered = false; // into the deadline index, as this entry of it
         std::multimap<uint64_t, CCommand*>::iterator m_itDeadline;
     };
@@ -249,6 +250,14 @@ private:
     size_t m_nDeadlines GUARDED_BY(m_pCritSecCMIntf) = 0; // entered and not erased again
     CCommandList m_listSpareEntries GUARDED_BY(m_pCritSecCMIntf);
 
+    // In the hands of the event thread: taken out of the containers to be sent next, or to be reported as
+    // overdue. Handlers run meanwhile, and whoever closes the stream has to find its commands: a command is
+    // here until the lock is held for its sending, or left for its report.
+    CCommandOwner m_pcommandNextPlay GUARDED_BY(m_pCritSecCMIntf);
+    CCommandOwner m_pcommandNextRecord GUARDED_BY(m_pCritSecCMIntf);
+    std::vector<CCommandOwner> m_vOverdue GUARDED_BY(m_pCritSecCMIntf); // last first; null where closed since
+    int m_bAnyUntold = 0; // whether some command may be untold; written under the main lock
+
     // Lifecycle
     bool createPipe(const char* pszPath, const char* pszErrorFormat);
     bool openPipe(const char* pszPath, const char* pszErrorFormat, int& nDescriptor);
@@ -280,6 +289,8 @@ private:
     void unlinkActiveCommand(CCommand* pcommand) REQUIRES(m_pCritSecCMIntf);
     CCommand* activeCommand(const CSide& side, int nStreamID) REQUIRES(m_pCritSecCMIntf);
     int injectCompletion(int nStreamID, CMIntfCompletionHandler* pcomplHandler) REQUIRES(m_pCritSecCMIntf);
+    void dropInHand(int nStreamID) REQUIRES(m_pCritSecCMIntf);
+    bool markInHand(const CSide& side, int nStreamID) REQUIRES(m_pCritSecCMIntf);
 
     // Clearing
     std::vector<CCommand*> injectCompletions(const CSide& side, MIRESULT result) REQUIRES(m_pCritSecCMIntf);
@@ -299,17 +310,22 @@ private:
     void countIdlePass(bool bConnected, int nConnectID);
     void forgetSpareEntries() REQUIRES(m_pCritSecCMIntf);
     void sweepOverdueCommands();
-    std::vector<CCommandOwner> takeOverdueCommands(uint64_t ullNow) REQUIRES(m_pCritSecCMIntf);
+    void takeOverdueCommands(uint64_t ullNow) REQUIRES(m_pCritSecCMIntf);
+    CCommandOwner cancelNextOverdue();
+    void reportUntold();
+    bool takeUntold(structMIEVT& evt);
+    void dropAllInHand();
     CCommandOwner retireCompleted(const structMIEVT& evt, MCSTATUS mcstatus, bool& bNotify) REQUIRES(m_pCritSecCMIntf);
     void dropAfterFatalStatus(int nStreamID, CCommandOwner& pcommandCompleted) REQUIRES(m_pCritSecCMIntf);
-    static void updateStreamTiming(CZelMediaStreamImpl* pStreamImpl);
-    CCommandOwner takeNextCommand(const CSide& side, int nStreamID) REQUIRES(m_pCritSecCMIntf);
-    void startNextCommand(const CSide& side, CCommandOwner pcommand, bool bStreamWasOpen);
+    void updateStreamTiming(int nStreamID) REQUIRES(m_pCritSecCMIntf);
+    bool takeNextCommand(const CSide& side, int nStreamID) REQUIRES(m_pCritSecCMIntf);
+    void startNextCommand(const CSide& side);
     bool reportCompletion(const CCommand& command, MCSTATUS mcstatus, const char* pszFormat);
 
-    // Clip files
+    // Clip files and streams
     MCSTATUS addClipFile(const std::string& strName, int& nFileID) REQUIRES(m_pCritSecClipFiles);
     MCSTATUS requestOpenFile(CClipFile& clipFile) REQUIRES(m_pCritSecClipFiles);
+    void dropWaiting(int streamID) REQUIRES(m_pCritSecCMIntf);
 
     // Dump
     void dumpClipFiles();

@@ -122,13 +122,20 @@ int CMIntf::openStream(CZelMediaStreamImpl* pImpl, int* pStreamID, char* callID,
     return mcstatus;
 }
 
+// Destroys what waits for its turn, in the queues and in the hands of the event thread.
+void CMIntf::dropWaiting(int streamID)
+{
+    dropInHand(streamID);
+    clearCommandQueuePlay(streamID, 0);
+    clearCommandQueueRecord(streamID);
+}
+
 int CMIntf::closeStream(int streamID)
 {
     ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "CMIntf::closeStream, id %d", streamID);
     {
         CCritSecHold hold(m_pCritSecCMIntf);
-        clearCommandQueuePlay(streamID, 0);
-        clearCommandQueueRecord(streamID);
+        dropWaiting(streamID);
         m_mapStreamByStreamID.erase(streamID);
         ZEL_TRACE(TRACE_OPERATION, LogLib_Normal, "Brudel702 CMIntf::closeStream, calling remActiveCommand id %d",
                   streamID);
@@ -145,8 +152,7 @@ int CMIntf::closeStream(int streamID)
 void CMIntf::forgetStream(int streamID)
 {
     CCritSecHold hold(m_pCritSecCMIntf);
-    clearCommandQueuePlay(streamID, 0);
-    clearCommandQueueRecord(streamID);
+    dropWaiting(streamID);
     m_mapStreamByStreamID.erase(streamID);
     if (activeCommand(s_sidePlay, streamID) || activeCommand(s_sideRecord, streamID))
         remActiveCommand(streamID, static_cast<int>(ANY_SEQUENCE_NO), 1);

@@ -39,6 +39,7 @@ CMIntf::CCommand::~CCommand()
 const CMIntf::CSide CMIntf::s_sidePlay = {
     &CMIntf::m_mapActiveCommandByStreamIDPlay,
     &CMIntf::m_mapCommandQueue,
+    &CMIntf::m_pcommandNextPlay,
     true,
     "CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = %d",
     "CMIntf::processPlayActiveCommand - queueing",
@@ -52,6 +53,7 @@ const CMIntf::CSide CMIntf::s_sidePlay = {
 const CMIntf::CSide CMIntf::s_sideRecord = {
     &CMIntf::m_mapActiveCommandByStreamIDRecord,
     &CMIntf::m_mapCommandQueueRecord,
+    &CMIntf::m_pcommandNextRecord,
     false,
     "CMIntf::processRecordActiveCommand - Entering",
     "CMIntf::processRecordActiveCommand - queueing",
@@ -332,6 +334,8 @@ int CMIntf::setDone(int nStreamID, CMIntfCompletionHandler* pcomplHandler)
             itQueue->second->back()->m_bDone = 1;
             bCreate = false;
         }
+        if (markInHand(*pside, nStreamID))
+            bCreate = false;
         if (CCommand* const pcommandActive = activeCommand(*pside, nStreamID))
         {
             pcommandActive->m_bDone = 1;
@@ -362,13 +366,17 @@ int CMIntf::injectCompletion(int nStreamID, CMIntfCompletionHandler* pcomplHandl
     const int nStatus = processPlayActiveCommand(pcommand.get(), bSend);
     if (nStatus != MCS_OK)
         return nStatus;
-    const CCommand* const pcommandActive = pcommand.release();
+    CCommand* const pcommandActive = pcommand.release();
 
     structMIEVT evt = {};
     evt.s_mievt = MIEVT_DONE;
     evt.nStreamID = nStreamID;
     evt.nSequenceID = pcommandActive->m_cmd.nSequenceNo;
     evt.s_mcstatus = MCS_OK;
-    sendEvent(&evt);
+    if (sendEvent(&evt) != MCS_OK)
+    {
+        pcommandActive->m_bUntold = true;
+        storeUnlocked(m_bAnyUntold, 1);
+    }
     return MCS_OK;
 }

@@ -17,9 +17,7 @@ namespace
 const unsigned int FIRST_WAIT_MS = 100;
 const unsigned int WAIT_MS = 1000;
 const uint64_t PING_AFTER_MS = 20000;
-const uint64_t ALARM_OVERDUE_MS = 300000;
 const int IDLE_LINE_PASSES = 60;
-const size_t MAX_SPARE_ENTRIES = 256;
 
 CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON completionReason(MICMD micmd)
 {
@@ -43,11 +41,6 @@ int openPipeForWriting(const char* pszPath)
     close(nDescriptor);
     errno = ENXIO;
     return -1;
-}
-
-bool canTimeOut(MICMD micmd)
-{
-    return commandInfo(micmd) != nullptr;
 }
 
 // Whether another event is likely to be there already: reading it at once saves a wait, which costs as
@@ -85,6 +78,7 @@ int CMIntf::eventThreadFunc()
     }
     catch (...)
     {
+        dropAllInHand();
         ZEL_TRACE(TRACE_INFO, LogLib_High, "(Error) CMIntf::eventThreadFunc had an exception");
     }
     const int nResult = ZEL_TRACE(TRACE_INFO, LogLib_Normal, "CMIntf::eventThreadFunc - stopping");
@@ -132,6 +126,7 @@ void CMIntf::eventRead(const structMIEVT& evt)
 {
     if (evt.s_mievt == MIEVT_DONE)
         doneEventPass(evt);
+    reportUntold();
 }
 
 void CMIntf::idlePass()
@@ -148,6 +143,7 @@ void CMIntf::idlePass()
         reopenClipFiles();
 
     sweepOverdueCommands();
+    reportUntold();
     if (m_nIdleCount > IDLE_LINE_PASSES)
     {
         ZEL_TRACE(TRACE_OPERATION, LogLib_Low,
@@ -221,62 +217,6 @@ void CMIntf::forgetSpareEntries()
     m_listSpareEntries.clear();
 }
 
-void CMIntf::sweepOverdueCommands()
-{
-    std::vector<CCommandOwner> vOverdue;
-    try
-    {
-        CCritSecHold hold(m_pCritSecCMIntf);
-        vOverdue = takeOverdueCommands(CPortable::GetTickCountULL());
-    }
-    catch (const std::bad_alloc&)
-    {
-        return; // nothing was unlinked yet: the next pass finds them again
-    }
-    for (CCommandOwner& pcommand : vOverdue)
-    {
-        const MICMD micmd = pcommand->m_cmd.s_micmd;
-        sendCancel(pcommand->m_nStreamID, micmd == MICMD_RECORDFILE ? MICANCEL_RECORD : MICANCEL_PLAY);
-        ZEL_TRACE(TRACE_OPERATION, LogLib_Normal,
-                  "CMIntf::eventThreadFunc - Sending MICMD_CANCEL, m_nConnectID = %d, m_nStreamID = %d", connectID(),
-                  pcommand->m_nStreamID);
-        reportCompletion(*pcommand, MCS_TIMEDOUT,
-                         " (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion-4 ,sid = %d, nSequenceID = %d");
-        pcommand.reset();
-    }
-}
-
-// Unlinks the active commands whose deadline has come, with what is queued on their streams.
-std::vector<CMIntf::CCommandOwner> CMIntf::takeOverdueCommands(uint64_t ullNow)
-{
-    std::vector<CCommand*> vOverdue;
-    bool bAlarmRaised = false;
-    for (const auto& entry : m_mmapActiveCommandByTimeout)
-    {
-        if (entry.first > ullNow)
-            break;
-        if (!canTimeOut(entry.second->m_cmd.s_micmd))
-            continue;
-        if (!bAlarmRaised && ullNow - entry.first >= ALARM_OVERDUE_MS)
-        {
-            raiseAlarm("CMIntf::eventThreadFunc: ActiveCommand command timed out");
-            bAlarmRaised = true;
-        }
-        vOverdue.push_back(entry.second);
-    }
-
-    std::vector<CCommandOwner> vTaken;
-    vTaken.reserve(vOverdue.size());
-    for (CCommand* const pcommand : vOverdue)
-    {
-        unlinkActiveCommand(pcommand);
-        vTaken.emplace_back(pcommand);
-        clearCommandQueuePlay(pcommand->m_nStreamID, 0);
-        clearCommandQueueRecord(pcommand->m_nStreamID);
-    }
-    return vTaken;
-}
-
 void CMIntf::doneEventPass(const structMIEVT& evt)
 {
     const int nStreamID = evt.nStreamID;
@@ -288,21 +228,17 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
     const MCSTATUS mcstatus = getEventMCCSTATUS(&evtDone);
     bool bNotify = true;
     CCommandOwner pcommandCompleted;
-    CCommandOwner pcommandNextPlay;
-    CCommandOwner pcommandNextRecord;
-    bool bStreamOpen;
+    bool bNextPlay = false;
+    bool bNextRecord = false;
     {
         CCritSecHold hold(m_pCritSecCMIntf);
-        const auto itStream = m_mapStreamByStreamID.find(nStreamID);
-        bStreamOpen = itStream != m_mapStreamByStreamID.end();
-        CZelMediaStreamImpl* const pStreamImpl = bStreamOpen ? itStream->second : nullptr;
         pcommandCompleted = retireCompleted(evt, mcstatus, bNotify);
         if (mcstatus == MCS_OK)
         {
-            pcommandNextPlay = takeNextCommand(s_sidePlay, nStreamID);
-            pcommandNextRecord = takeNextCommand(s_sideRecord, nStreamID);
-            if (!pcommandNextPlay && !pcommandNextRecord)
-                updateStreamTiming(pStreamImpl);
+            bNextPlay = takeNextCommand(s_sidePlay, nStreamID);
+            bNextRecord = takeNextCommand(s_sideRecord, nStreamID);
+            if (!bNextPlay && !bNextRecord)
+                updateStreamTiming(nStreamID);
         }
         else
         {
@@ -311,7 +247,7 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
             if (driverFatalError(mcstatus))
                 dropAfterFatalStatus(nStreamID, pcommandCompleted);
             else if (mcstatus == MCS_CANCELLED)
-                updateStreamTiming(pStreamImpl);
+                updateStreamTiming(nStreamID);
         }
     }
 
@@ -333,8 +269,10 @@ void CMIntf::doneEventPass(const structMIEVT& evt)
         }
     }
     pcommandCompleted.reset();
-    startNextCommand(s_sidePlay, std::move(pcommandNextPlay), bStreamOpen);
-    startNextCommand(s_sideRecord, std::move(pcommandNextRecord), bStreamOpen);
+    if (bNextPlay)
+        startNextCommand(s_sidePlay);
+    if (bNextRecord)
+        startNextCommand(s_sideRecord);
 }
 
 // Unlinks the active play-side command that the event finishes; null for a late or stale event.
@@ -375,48 +313,11 @@ void CMIntf::dropAfterFatalStatus(int nStreamID, CCommandOwner& pcommandComplete
               "test124 (Error) CMIntf::eventThreadFunc, driverFatalError, setting mcstatus = MCS_INVALIDHANDLE");
 }
 
-void CMIntf::updateStreamTiming(CZelMediaStreamImpl* pStreamImpl)
+void CMIntf::updateStreamTiming(int nStreamID)
 {
-    if (pStreamImpl)
-        pStreamImpl->freezePlayTime(CPortable::GetTickCountULL());
-}
-
-CMIntf::CCommandOwner CMIntf::takeNextCommand(const CSide& side, int nStreamID)
-{
-    const CQueueMap& mapQueue = this->*side.pmapQueue;
-    const auto it = mapQueue.find(nStreamID);
-    if (it == mapQueue.end() || it->second->empty())
-        return nullptr;
-    CCommandList& listQueue = *it->second;
-    CCommandOwner pcommand(listQueue.front());
-    if (m_listSpareEntries.size() < MAX_SPARE_ENTRIES)
-        m_listSpareEntries.splice(m_listSpareEntries.end(), listQueue, listQueue.begin());
-    else
-        listQueue.pop_front();
-    return pcommand;
-}
-
-// bStreamWasOpen: whether the stream was registered when the command was taken from its queue. One
-// that has been closed since gets no command any more; the lock keeps a close out until it is sent.
-void CMIntf::startNextCommand(const CSide& side, CCommandOwner pcommand, bool bStreamWasOpen)
-{
-    if (!pcommand)
-        return;
-    MCSTATUS mcstatus;
-    {
-        CCritSecHold hold(m_pCritSecCMIntf);
-        const int nStreamID = pcommand->m_nStreamID;
-        if (bStreamWasOpen && !m_mapStreamByStreamID.contains(nStreamID))
-            return;
-        structMIRSP rsp;
-        CCommand* const pcommandSent = pcommand.release();
-        mcstatus = sendCommand(pcommandSent, &rsp, side.bPlay ? 1 : 0);
-        if (mcstatus == MCS_OK)
-            return;
-        pcommand.reset(pcommandSent);
-        clearQueue(this->*side.pmapQueue, nStreamID, 0);
-    }
-    reportCompletion(*pcommand, mcstatus, side.pszNotSent);
+    const auto it = m_mapStreamByStreamID.find(nStreamID);
+    if (it != m_mapStreamByStreamID.end())
+        it->second->freezePlayTime(CPortable::GetTickCountULL());
 }
 
 // Tells the command's handler, if it has one. pszFormat is the line that precedes the call.

@@ -9,6 +9,7 @@ struct CMIntf::CSide
 {
     CActiveMap CMIntf::*pmapActive;
     CQueueMap CMIntf::*pmapQueue;
+    CCommandOwner CMIntf::*ppcommandNext;
     bool bPlay;
 
     const char* pszEntering;

@@ -1,9 +1,11 @@
 // setDone: the stream's current operation ends with one reported completion.
-#include "ExpectedLines.h"
-#include "MIntfFixture.h"
+#include "EventThreadFixture.h"
 #include "PlatformSeams.h"
 
-class MIntfSetDone : public CMIntfTest
+#include <unistd.h>
+#include <utility>
+
+class MIntfSetDone : public CEventThreadTest
 {
 protected:
     // A command that is an ordinary step so far.
@@ -17,8 +19,6 @@ protected:
         EXPECT_EQ((CLogLines{operationLine(text("CMIntf::setDone, id %d", nStreamID))}), m_pLog->lines());
         EXPECT_TRUE(takeEvents().empty());
     }
-
-    CHandlerRecorder m_handler;
 };
 
 TEST_F(MIntfSetDone, MarksEveryKindOfCommandOfTheStream)
@@ -113,8 +113,7 @@ TEST_F(MIntfSetDone, IdleStreamGetsARecordThatItsOwnEventCompletes)
     EXPECT_EQ(0, vEvents[0].s_mcstatus);
 
     m_pmintf->doneEventPass(vEvents[0]);
-    EXPECT_EQ((std::vector<CHandlerRecorder::CReport>{{5, MCS_OK, CZelMediaStreamCompletionHandler::MCCR_OTHER}}),
-              m_handler.m_vReports);
+    EXPECT_EQ((CReports{{5, MCS_OK, OTHER}}), m_handler.m_vReports);
     EXPECT_EQ(0, commandsAlive());
 }
 
@@ -134,6 +133,47 @@ TEST_F(MIntfSetDone, EventThatCannotBeWrittenIsNoFailure)
     EXPECT_EQ(MCS_OK, m_pmintf->setDone(5, &m_handler));
     EXPECT_EQ(1u, m_pmintf->m_mapActiveCommandByStreamIDPlay.count(5));
     EXPECT_EQ(1u, m_pmintf->m_mmapActiveCommandByTimeout.size());
+}
+
+// The pipe is full of events, so the event thread comes by before long.
+TEST_F(MIntfSetDone, CompletionThatFindsTheEventPipeFullFollowsTheNextEvent)
+{
+    const structMIEVT evtOther = {};
+    while (write(m_pmintf->m_npipeEvt, &evtOther, sizeof(evtOther)) > 0)
+        continue;
+    CCallingHandler handler([this] {
+        if (m_pmintf->m_mapActiveCommandByStreamIDPlay.empty())
+            storeUnlocked(m_pmintf->m_bEventThreadStop, 1);
+    });
+    EXPECT_EQ(MCS_OK, m_pmintf->setDone(5, &handler));
+    EXPECT_EQ(MCS_OK, m_pmintf->setDone(6, &handler));
+    m_pmintf->eventThreadFunc();
+    EXPECT_EQ((CReports{{5, MCS_OK, OTHER}, {6, MCS_OK, OTHER}}), handler.m_vReports);
+    EXPECT_EQ(0, commandsAlive());
+}
+
+TEST_F(MIntfSetDone, CompletionWhoseEventCannotBeWrittenFollowsInTheNextQuietSecondOnce)
+{
+    const int nEventPipe = std::exchange(m_pmintf->m_npipeEvt, -1);
+    EXPECT_EQ(MCS_OK, m_pmintf->setDone(5, &m_handler));
+    m_pmintf->m_npipeEvt = nEventPipe;
+    m_pmintf->idlePass();
+    m_pmintf->idlePass();
+    EXPECT_EQ((CReports{{5, MCS_OK, OTHER}}), m_handler.m_vReports);
+    EXPECT_EQ(0, commandsAlive());
+}
+
+TEST_F(MIntfSetDone, StreamThatIsClosedBeforeItsCompletionCouldBeWrittenIsToldNothing)
+{
+    const int nEventPipe = std::exchange(m_pmintf->m_npipeEvt, -1);
+    EXPECT_EQ(MCS_OK, m_pmintf->setDone(5, &m_handler));
+    m_pmintf->m_npipeEvt = nEventPipe;
+    respondNext();
+    m_pmintf->closeStream(5);
+    CMIntf::CCommand* const pcommand = play(5);
+    m_pmintf->idlePass();
+    EXPECT_TRUE(m_handler.m_vReports.empty());
+    EXPECT_EQ(pcommand, m_pmintf->m_mapActiveCommandByStreamIDPlay.at(5));
 }
 
 TEST_F(MIntfSetDone, HoldsTheLockItselfFromTheSearchToTheEvent)

@@ -119,16 +119,18 @@ void CSimModel::enter(CCommand command, Place place)
     m_vCommands.push_back(command);
 }
 
+CSimModel::CCommand* CSimModel::entered(uint64_t ullEntered)
+{
+    for (CCommand& command : m_vCommands)
+        if (command.ullEntered == ullEntered)
+            return &command;
+    return nullptr;
+}
+
 void CSimModel::removeEntered(uint64_t ullEntered)
 {
-    for (size_t n = 0; n < m_vCommands.size(); ++n)
-    {
-        if (m_vCommands[n].ullEntered == ullEntered)
-        {
-            m_vCommands.erase(m_vCommands.begin() + static_cast<std::ptrdiff_t>(n));
-            return;
-        }
-    }
+    if (const CCommand* const pCommand = entered(ullEntered))
+        m_vCommands.erase(m_vCommands.begin() + (pCommand - m_vCommands.data()));
 }
 
 CSimModel::CCommand* CSimModel::active(Place place, int nStreamID)
@@ -207,8 +209,10 @@ void CSimModel::setDone(const CSimOperation& operation)
     const int nStreamID = operation.nStreamID;
     CCommand* const pPlay = active(Place::ActivePlay, nStreamID);
     bool bCreate = true;
-    for (CCommand* const pCommand : {lastQueued(Place::QueuedRecord, nStreamID), active(Place::ActiveRecord, nStreamID),
-                                     lastQueued(Place::QueuedPlay, nStreamID), pPlay})
+    for (CCommand* const pCommand :
+         {lastQueued(Place::QueuedRecord, nStreamID), active(Place::ActiveRecord, nStreamID),
+          lastQueued(Place::QueuedPlay, nStreamID), pPlay, active(Place::NextPlay, nStreamID),
+          active(Place::NextRecord, nStreamID), active(Place::Overdue, nStreamID)})
     {
         if (!pCommand)
             continue;
@@ -224,7 +228,7 @@ void CSimModel::setDone(const CSimOperation& operation)
     command.bHandler = operation.bHandler;
     const uint32_t nSequenceNo = m_nNextSequenceNo;
     enter(command, Place::ActivePlay);
-    sendEvent({MIEVT_DONE, nStreamID, nSequenceNo, 0});
+    m_vCommands.back().bUntold = !sendEvent({MIEVT_DONE, nStreamID, nSequenceNo, 0});
 }
 
 int CSimModel::cancel(int nStreamID, uint32_t nType)
@@ -304,8 +308,9 @@ int CSimModel::closeStream(int nStreamID)
     dropQueue(Place::QueuedRecord, nStreamID);
     if (const CStream* const pStream = stream(nStreamID))
         m_vStreams.erase(m_vStreams.begin() + (pStream - m_vStreams.data()));
-    dropActive(Place::ActivePlay, nStreamID);
-    dropActive(Place::ActiveRecord, nStreamID);
+    for (const Place place :
+         {Place::ActivePlay, Place::ActiveRecord, Place::NextPlay, Place::NextRecord, Place::Overdue})
+        dropActive(place, nStreamID);
     structMICMD request = {MICMD_CLOSESTREAM, m_nConnectID, 0, {}};
     request.stream.nStreamID = nStreamID;
     structMIRSP rsp;

@@ -20,7 +20,10 @@ public:
         QueuedPlay,
         QueuedRecord,
         ActivePlay,
-        ActiveRecord
+        ActiveRecord,
+        NextPlay, // these three in the hands of the event thread
+        NextRecord,
+        Overdue
     };
     struct CCommand
     {
@@ -30,6 +33,7 @@ public:
         uint32_t nTimeout = 0;
         uint64_t ullDeadline = 0;
         bool bHandler = false;
+        bool bUntold = false; // its event did not fit into the event pipe
         Place place = Place::QueuedPlay;
         uint64_t ullEntered = 0; // a number that grows: which came to its place first
     };
@@ -96,6 +100,7 @@ private:
 
     // Bookkeeping
     void enter(CCommand command, Place place);
+    CCommand* entered(uint64_t ullEntered);
     void removeEntered(uint64_t ullEntered);
     CCommand* active(Place place, int nStreamID);
     CCommand* lastQueued(Place place, int nStreamID);
@@ -114,7 +119,9 @@ private:
     bool connect();
     void sweep();
     void done(const structMIEVT& evt);
-    void startNext(std::optional<CCommand> command, Place place, bool bWasOpen);
+    bool takeNext(Place queue, Place next, int nStreamID);
+    void startNext(Place queue, Place next, int nStreamID);
+    void reportUntold();
     void report(const CCommand& command, int nStatus);
     void markInvalid(int nStreamID);
     void freezeTime(int nStreamID);

@@ -195,6 +195,7 @@ void CSimModel::idle(const CSimOperation& operation)
     if (bConnected)
         reopen();
     sweep();
+    reportUntold();
 }
 
 bool CSimModel::connect()
@@ -227,17 +228,20 @@ void CSimModel::sweep()
     }
     for (const CCommand& command : vOverdue)
     {
-        removeEntered(command.ullEntered);
+        entered(command.ullEntered)->place = Place::Overdue;
         dropQueue(Place::QueuedPlay, command.nStreamID);
         dropQueue(Place::QueuedRecord, command.nStreamID);
     }
     for (const CCommand& command : vOverdue)
     {
+        if (!entered(command.ullEntered)) // its stream was closed
+            continue;
         structMICMD request = {MICMD_CANCEL, m_nConnectID, 0, {}};
         request.cancel.nStreamID = command.nStreamID;
         request.cancel.nCancelType = command.request.s_micmd == MICMD_RECORDFILE ? MICANCEL_RECORD : MICANCEL_PLAY;
         structMIRSP rsp;
         sendRequest(request, rsp);
+        removeEntered(command.ullEntered);
         report(command, TIMEDOUT);
     }
 }
@@ -246,18 +250,17 @@ void CSimModel::done(const structMIEVT& evt)
 {
     const int nStreamID = evt.nStreamID;
     const int nStatus = evt.s_mcstatus;
-    const bool bWasOpen = stream(nStreamID) != nullptr;
     std::optional<CCommand> completed;
     const CCommand* const pActive = active(Place::ActivePlay, nStreamID);
     if (pActive && pActive->request.nSequenceNo == evt.nSequenceID)
         completed = takeFirst(Place::ActivePlay, nStreamID);
 
-    std::optional<CCommand> nextPlay;
-    std::optional<CCommand> nextRecord;
+    bool bNextPlay = false;
+    bool bNextRecord = false;
     if (nStatus == 0)
     {
-        nextPlay = takeFirst(Place::QueuedPlay, nStreamID);
-        nextRecord = takeFirst(Place::QueuedRecord, nStreamID);
+        bNextPlay = takeNext(Place::QueuedPlay, Place::NextPlay, nStreamID);
+        bNextRecord = takeNext(Place::QueuedRecord, Place::NextRecord, nStreamID);
     }
     else
     {
@@ -271,25 +274,49 @@ void CSimModel::done(const structMIEVT& evt)
             dropActive(Place::ActiveRecord, nStreamID);
         return;
     }
-    if (nStatus == 3 || (nStatus == 0 && !nextPlay && !nextRecord))
+    if (nStatus == 3 || (nStatus == 0 && !bNextPlay && !bNextRecord))
         freezeTime(nStreamID);
     if (completed && (completed->bDone || nStatus != 0))
         report(*completed, nStatus);
-    startNext(nextPlay, Place::QueuedPlay, bWasOpen);
-    startNext(nextRecord, Place::QueuedRecord, bWasOpen);
+    startNext(Place::QueuedPlay, Place::NextPlay, nStreamID);
+    startNext(Place::QueuedRecord, Place::NextRecord, nStreamID);
 }
 
-// Of a stream that the handler has closed meanwhile nothing is started any more.
-void CSimModel::startNext(std::optional<CCommand> command, Place place, bool bWasOpen)
+bool CSimModel::takeNext(Place queue, Place next, int nStreamID)
 {
-    if (!command || (bWasOpen && !stream(command->nStreamID)))
+    CCommand* const pCommand = active(queue, nStreamID);
+    if (pCommand)
+        pCommand->place = next;
+    return pCommand != nullptr;
+}
+
+// Of a stream that the handler has closed meanwhile nothing is there any more.
+void CSimModel::startNext(Place queue, Place next, int nStreamID)
+{
+    const std::optional<CCommand> command = takeFirst(next, nStreamID);
+    if (!command)
         return;
     structMIRSP rsp;
-    const int nStatus = send(*command, place == Place::QueuedPlay, rsp);
+    const int nStatus = send(*command, queue == Place::QueuedPlay, rsp);
     if (nStatus == 0)
         return;
-    dropQueue(place, command->nStreamID);
+    dropQueue(queue, nStreamID);
     report(*command, nStatus);
+}
+
+// Completions that setDone could not write, by ascending streams.
+void CSimModel::reportUntold()
+{
+    for (;;)
+    {
+        const CCommand* pFirst = nullptr;
+        for (const CCommand& command : m_vCommands)
+            if (command.bUntold && (!pFirst || command.nStreamID < pFirst->nStreamID))
+                pFirst = &command;
+        if (!pFirst)
+            return;
+        done({MIEVT_DONE, pFirst->nStreamID, pFirst->request.nSequenceNo, 0});
+    }
 }
 
 void CSimModel::report(const CCommand& command, int nStatus)
