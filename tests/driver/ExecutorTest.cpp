@@ -5,13 +5,16 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <fstream>
 #include <latch>
 #include <memory>
 #include <numeric>
+#include <thread>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -23,6 +26,15 @@ bool isReadable(int nFd, int nTimeoutMs)
 {
     pollfd poll = {nFd, POLLIN, 0};
     return ::poll(&poll, 1, nTimeoutMs) == 1;
+}
+
+// Whether a thread waits for something.
+bool isAsleep(pid_t nThread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(nThread) + "/stat");
+    std::string strState;
+    file >> strState >> strState >> strState;
+    return strState == "S";
 }
 
 class ThreadExecutor : public testing::Test
@@ -154,7 +166,11 @@ TEST_F(ThreadExecutor, FinishWaitsForWorkThatHasBegun)
         },
         [&] { bDone = true; });
     begun.wait();
-    goOn.count_down();
+    const std::jthread whenItWaits([&goOn, nThread = ::gettid()] {
+        while (!isAsleep(nThread))
+            std::this_thread::yield();
+        goOn.count_down();
+    });
     m_executor.finish();
     EXPECT_TRUE(bDone);
 }

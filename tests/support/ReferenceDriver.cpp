@@ -1,4 +1,3 @@
-// The reference driver as a child process, for tests of the library against it.
 #include "ReferenceDriver.h"
 
 #include <csignal>
@@ -9,14 +8,14 @@
 
 namespace
 {
-// Runs the program with nOutput as its standard output. -1 when it cannot be started.
-pid_t spawn(const std::vector<std::string>& vArguments, int nOutput)
+// Runs a program with nOutput as its standard output. -1 when it cannot be started.
+pid_t spawn(const std::string& strProgram, const std::vector<std::string>& vArguments, int nOutput)
 {
-    std::string strProgram = REFERENCE_DRIVER_PROGRAM;
-    std::vector<std::string> vCopies = vArguments;
-    std::vector<char*> vPointers = {strProgram.data()};
-    for (std::string& strArgument : vCopies)
-        vPointers.push_back(strArgument.data());
+    std::vector<std::string> vWords = {strProgram};
+    vWords.insert(vWords.end(), vArguments.begin(), vArguments.end());
+    std::vector<char*> vPointers;
+    for (std::string& strWord : vWords)
+        vPointers.push_back(strWord.data());
     vPointers.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
@@ -29,38 +28,58 @@ pid_t spawn(const std::vector<std::string>& vArguments, int nOutput)
 }
 } // namespace
 
-CReferenceDriver::~CReferenceDriver()
+CDriverProcess::~CDriverProcess()
 {
-    stop(SIGKILL);
+    kill();
 }
 
-bool CReferenceDriver::start(const std::vector<std::string>& vOptions)
+bool CDriverProcess::start(const std::string& strProgram, const std::vector<std::string>& vArguments)
 {
     int anPipe[2] = {-1, -1};
     if (pipe2(anPipe, O_CLOEXEC) != 0)
         return false;
-    m_nProcessID = spawn(vOptions, anPipe[1]);
+    m_nProcessID = spawn(strProgram, vArguments, anPipe[1]);
     close(anPipe[1]);
-    // Its first output is the line that says that it is ready; it has none when it cannot start.
-    char c = 0;
+    char c = 0; // none when it cannot start
     const bool bReady = m_nProcessID > 0 && read(anPipe[0], &c, 1) == 1;
     close(anPipe[0]);
     return bReady;
 }
 
-void CReferenceDriver::stop(int nSignal)
+void CDriverProcess::signal(int nSignal) const
 {
     if (m_nProcessID > 0)
-    {
-        kill(m_nProcessID, nSignal);
-        waitEnd();
-    }
+        ::kill(m_nProcessID, nSignal);
 }
 
-void CReferenceDriver::waitEnd()
+void CDriverProcess::freeze() const
 {
-    waitpid(m_nProcessID, nullptr, 0);
-    m_nProcessID = -1;
+    signal(SIGSTOP);
+    waitpid(m_nProcessID, nullptr, WUNTRACED);
+}
+
+void CDriverProcess::kill()
+{
+    signal(SIGKILL);
+    ended(true);
+}
+
+bool CDriverProcess::ended(bool bWait)
+{
+    if (m_nProcessID > 0 && waitpid(m_nProcessID, nullptr, bWait ? 0 : WNOHANG) == m_nProcessID)
+        m_nProcessID = -1;
+    return m_nProcessID <= 0;
+}
+
+bool CReferenceDriver::start(const std::vector<std::string>& vOptions)
+{
+    return CDriverProcess::start(REFERENCE_DRIVER_PROGRAM, vOptions);
+}
+
+void CReferenceDriver::stop(int nSignal)
+{
+    signal(nSignal);
+    waitEnd();
 }
 
 bool CReferenceDriver::control(const std::vector<std::string>& vWords)
@@ -68,7 +87,7 @@ bool CReferenceDriver::control(const std::vector<std::string>& vWords)
     std::vector<std::string> vArguments = {"ctl"};
     vArguments.insert(vArguments.end(), vWords.begin(), vWords.end());
     const int nNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    const pid_t nProcessID = spawn(vArguments, nNull);
+    const pid_t nProcessID = spawn(REFERENCE_DRIVER_PROGRAM, vArguments, nNull);
     close(nNull);
     int nStatus = -1;
     return nProcessID > 0 && waitpid(nProcessID, &nStatus, 0) == nProcessID && nStatus == 0;

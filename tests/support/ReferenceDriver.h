@@ -1,4 +1,4 @@
-// The reference driver as a child process, for tests of the library against it.
+// A driver program as a child process, and the reference driver as one.
 #ifndef REFERENCE_DRIVER_H
 #define REFERENCE_DRIVER_H
 
@@ -6,16 +6,35 @@
 #include <sys/types.h>
 #include <vector>
 
-// A native program, whatever the width of the test. It is killed if the test leaves it running.
-class CReferenceDriver
+// Can be stopped, continued, killed and looked at.
+class CDriverProcess
 {
 public:
-    // Nothing runs before start.
-    CReferenceDriver() = default;
-    ~CReferenceDriver();
-    CReferenceDriver(const CReferenceDriver&) = delete;
-    CReferenceDriver& operator=(const CReferenceDriver&) = delete;
+    // Nothing runs before start. A program that is left running is killed.
+    CDriverProcess() = default;
+    ~CDriverProcess();
+    CDriverProcess(const CDriverProcess&) = delete;
+    CDriverProcess& operator=(const CDriverProcess&) = delete;
 
+    // Starts the program and waits for its first output, by which it says that clients can connect.
+    bool start(const std::string& strProgram, const std::vector<std::string>& vArguments);
+
+    pid_t processID() const { return m_nProcessID; }
+    void signal(int nSignal) const;
+    // Sends the signal and waits until the process is in the state that it brings about.
+    void freeze() const;
+    void kill();
+    // Whether it has ended by itself; its remains are gone then. Waits for that with bWait.
+    bool ended(bool bWait);
+
+private:
+    pid_t m_nProcessID = -1;
+};
+
+// A native program, whatever the width of the test.
+class CReferenceDriver : public CDriverProcess
+{
+public:
     // Starts the program with these options and waits until clients can connect.
     bool start(const std::vector<std::string>& vOptions);
 
@@ -23,13 +42,10 @@ public:
     void stop(int nSignal);
 
     // Waits for an end that something else has brought about.
-    void waitEnd();
+    void waitEnd() { ended(true); }
 
     // Asks the running driver: {"hangup", "call=1001"}. Whether it said yes.
     static bool control(const std::vector<std::string>& vWords);
-
-private:
-    pid_t m_nProcessID = -1;
 };
 
 #endif

@@ -242,7 +242,8 @@ TEST_F(DriverLoss, RestartedDriverIsNotNoticedUntilAWriteFails)
 {
     m_driver.die();
     m_driver.start();
-    EXPECT_FALSE(m_driver.waitCount(MICMD_CONNECT, 2, std::chrono::milliseconds(2500)));
+    ASSERT_TRUE(waitEventThreadRounds(2));
+    EXPECT_EQ(1u, m_driver.count(MICMD_CONNECT));
     EXPECT_EQ(0u, m_pLog->count("error writing request pipe"));
     EXPECT_EQ(MCS_PIPEWRITE, tryOpen());
     ASSERT_TRUE(waitConnected(2));
@@ -267,17 +268,15 @@ protected:
         return nStatus;
     }
 
-    // The pair of lines of each try, and the time that three of them took at least.
+    // The pair of lines of each try.
     void expectTries(int nError)
     {
         const std::string strError =
             "(Error) CMIntf::eventThreadFunc, can't open request pipe \"/tmp/OrvMediaIntf-Req\" (" +
             std::to_string(nError) + ")";
         ASSERT_TRUE(m_pLog->waitFor(strError));
-        const auto start = std::chrono::steady_clock::now();
         const size_t nFirst = m_pLog->lines().size();
         ASSERT_TRUE(m_pLog->waitFor(strError, m_pLog->count(strError) + 2));
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
         std::vector<CLogLine> vLines = m_pLog->lines();
         vLines.erase(vLines.begin(), vLines.begin() + static_cast<std::ptrdiff_t>(nFirst));
         const CLogLine about = {8, 2,
@@ -292,12 +291,12 @@ protected:
     std::unique_ptr<CZelMediaServices> m_pServices;
 };
 
-TEST_F(DriverMissing, TheRequestPipeIsTriedOnceASecond)
+TEST_F(DriverMissing, RequestPipeThatIsMissingIsTriedAgainAndAgain)
 {
     expectTries(ENOENT);
 }
 
-TEST_F(DriverMissing, PipeThatNobodyReadsIsTriedOnceASecond)
+TEST_F(DriverMissing, PipeThatNobodyReadsIsTriedAgainAndAgain)
 {
     ASSERT_EQ(0, mkfifo(MI_REQUEST_PIPE, 0666));
     ASSERT_TRUE(m_pLog->waitFor("(6)"));
@@ -324,14 +323,15 @@ TEST_F(DriverMissing, RefusedConnectIsNotRetried)
     ASSERT_TRUE(m_pLog->waitFor("<<<CMIntf::sendCommand (0), rsp MIRSP_STATUS, mcstatus 0x00000022"));
     const size_t nTries = m_pLog->count("about to open request pipe");
     m_driver.acceptAgain(MICMD_CONNECT);
-    EXPECT_FALSE(m_driver.waitCount(MICMD_CONNECT, 2, std::chrono::milliseconds(2500)));
+    ASSERT_TRUE(waitEventThreadRounds(2));
     EXPECT_EQ(nTries, m_pLog->count("about to open request pipe"));
     EXPECT_EQ(MCS_NOTCONNECTED, tryOpen());
 
     // Nothing is written without a connection, so not even a new driver is noticed.
     m_driver.die();
     m_driver.start();
-    EXPECT_FALSE(m_driver.waitCount(MICMD_CONNECT, 2, std::chrono::milliseconds(2500)));
+    ASSERT_TRUE(waitEventThreadRounds(2));
+    EXPECT_EQ(1u, m_driver.count(MICMD_CONNECT));
     EXPECT_EQ(MCS_NOTCONNECTED, tryOpen());
 }
 

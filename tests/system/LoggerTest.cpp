@@ -287,7 +287,7 @@ TEST_F(Logger, LogFileThatThrowsLosesLinesAndAlarmsAndNothingElse)
 
 namespace
 {
-std::vector<std::string> defaultLog()
+std::vector<std::string> linesOfDefaultLog()
 {
     std::vector<std::string> vLines;
     for (const char* const pszFolder : {"/var/log/zelmedia", "/tmp"})
@@ -307,12 +307,12 @@ TEST(DefaultLog, HasALineOfTheRightShapeForEachCall)
     CZelMediaServices services(&completions);
     services.setMinimumSilenceDuration(500);
     ASSERT_TRUE(waitUntil([] {
-        for (const std::string& strLine : defaultLog())
+        for (const std::string& strLine : linesOfDefaultLog())
             if (strLine.find("can't open request pipe") != std::string::npos)
                 return true;
         return false;
     }));
-    const std::vector<std::string> vLines = defaultLog();
+    const std::vector<std::string> vLines = linesOfDefaultLog();
     const std::string strMe = " p" + std::to_string(getpid()) + " t" + std::to_string(syscall(SYS_gettid)) + " ";
     const std::string strShape = "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6} p" +
                                  std::to_string(getpid()) + " t[0-9]+ [0-9]+ .*$";
@@ -338,11 +338,11 @@ TEST(DefaultLog, IsDeletedByItsReplacementAndGetsNoMoreLines)
     const auto pLog = std::make_shared<CLogRecord>();
     CZelMediaServices services(&completions);
     services.setLogger(new CLogCapture(pLog), nullptr);
-    const size_t nLines = defaultLog().size();
+    const size_t nLines = linesOfDefaultLog().size();
     services.setMinimumSilenceDuration(500);
     ASSERT_TRUE(pLog->waitFor("setMinimumSilenceDuration d"));
     ASSERT_TRUE(pLog->waitFor("can't open request pipe", 2));
-    EXPECT_EQ(nLines, defaultLog().size());
+    EXPECT_EQ(nLines, linesOfDefaultLog().size());
     for (const std::string& strName : namesIn("/proc/self/fd"))
     {
         char szTarget[256] = {};

@@ -1,5 +1,6 @@
 // What an application does with completions: plays on, closes, holds two services objects.
 #include "ServicesFixture.h"
+#include "WaitUntil.h"
 
 #include <atomic>
 #include <dirent.h>
@@ -40,20 +41,23 @@ size_t threadsNamed(const std::string& strWanted)
     return nThreads;
 }
 
-// Lives on as a count of how often a line reached it after its death.
+// Lives on as counts of the lines that reached it, and of those after its death.
 class CMortalLog : public OrvLogLib::CLogFile
 {
 public:
-    explicit CMortalLog(std::atomic<int>& nLate) : CLogFile("Mortal", nullptr, false, false, false), m_nLate(nLate) {}
+    CMortalLog(std::atomic<int>& nLines, std::atomic<int>& nLate)
+        : CLogFile("Mortal", nullptr, false, false, false), m_nLines(nLines), m_nLate(nLate)
+    {
+    }
     ~CMortalLog() override { m_bAlive = false; }
     int LogStringArgListX(OrvLogLib::LogLib_Priority, const char*, const char*, va_list) override
     {
-        if (!m_bAlive)
-            ++m_nLate;
+        ++(m_bAlive ? m_nLines : m_nLate);
         return 0;
     }
 
 private:
+    std::atomic<int>& m_nLines;
     std::atomic<int>& m_nLate;
     std::atomic<bool> m_bAlive{true};
 };
@@ -317,6 +321,7 @@ TEST_F(PublicCompletions, StreamLostWithThePipesReturns48AndIsStillClosedAtTheDr
 TEST_F(PublicCompletions, LoggerMayBeReplacedWhileThreadsWriteLines)
 {
     std::atomic<bool> bStop{false};
+    std::atomic<int> nLines{0};
     std::atomic<int> nLate{0};
     std::vector<std::thread> vThreads;
     for (int n = 0; n < 3; ++n)
@@ -327,7 +332,11 @@ TEST_F(PublicCompletions, LoggerMayBeReplacedWhileThreadsWriteLines)
         });
     }
     for (int n = 0; n < 300; ++n)
-        m_pServices->setLogger(new CMortalLog(nLate), nullptr);
+    {
+        m_pServices->setLogger(new CMortalLog(nLines, nLate), nullptr);
+        const int nBefore = nLines;
+        EXPECT_TRUE(waitUntil([&] { return nLines > nBefore; }));
+    }
     bStop = true;
     for (std::thread& thread : vThreads)
         thread.join();

@@ -2,14 +2,15 @@
 #ifndef SYSTEM_FIXTURE_H
 #define SYSTEM_FIXTURE_H
 
+#include "Files.h"
 #include "ServicesFixture.h"
 #include "WaitUntil.h"
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -28,18 +29,36 @@ inline std::string eventPipe()
     return MI_EVENT_PIPE_PREFIX + std::to_string(getpid());
 }
 
-// The names in a folder, without "." and "..".
-inline std::vector<std::string> namesIn(const std::string& strFolder)
+// A line of a file below /proc/self/task, by its beginning; what follows it.
+inline std::string taskLine(pid_t nThread, const char* pszFile, const std::string& strBegin)
 {
-    std::vector<std::string> vNames;
-    DIR* const pFolder = opendir(strFolder.c_str());
-    if (!pFolder)
-        return vNames;
-    while (const dirent* const pEntry = readdir(pFolder))
-        if (pEntry->d_name[0] != '.')
-            vNames.push_back(pEntry->d_name);
-    closedir(pFolder);
-    return vNames;
+    std::ifstream file("/proc/self/task/" + std::to_string(nThread) + "/" + pszFile);
+    for (std::string strLine; std::getline(file, strLine);)
+        if (strLine.starts_with(strBegin))
+            return strLine.substr(strBegin.size());
+    return "";
+}
+
+// The thread that the library started, by its name; 0 when there is none.
+inline pid_t eventThread()
+{
+    for (const std::string& strTask : namesIn("/proc/self/task"))
+    {
+        const pid_t nThread = std::stoi(strTask);
+        if (taskLine(nThread, "comm", "") == "ZelMedia")
+            return nThread;
+    }
+    return 0;
+}
+
+// Waits until the event thread, which sleeps once in each of its rounds, has gone round as often.
+inline bool waitEventThreadRounds(long nRounds)
+{
+    const auto sleeps = [nThread = eventThread()] {
+        return std::stol("0" + taskLine(nThread, "status", "voluntary_ctxt_switches:\t"));
+    };
+    const long nEnd = sleeps() + nRounds + 1; // it may be at the end of one
+    return waitUntil([&] { return sleeps() >= nEnd; });
 }
 
 // Keeps the streams it opens and closes them at the end of the test: no command may outlive the

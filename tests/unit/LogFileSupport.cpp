@@ -153,15 +153,6 @@ OrvLogLib::CLogFileRegistry registryOf(OrvLogLib::CLogFile* pLogFile, const OrvL
         number(settings.nReopenMilliseconds), number(settings.nMicroseconds), number(settings.nUtc));
 }
 
-std::string contentOf(const std::string& strPath)
-{
-    const std::ifstream file(strPath, std::ios::binary);
-    std::ostringstream content;
-    if (file.is_open())
-        content << file.rdbuf();
-    return content.str();
-}
-
 std::vector<std::string> linesOf(const std::string& strPath)
 {
     const std::string strContent = contentOf(strPath);
@@ -219,14 +210,6 @@ int logFrom(OrvLogLib::CLogFile& log, const char* pszSource, const char* pszForm
 bool ownMounts()
 {
     return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
-
-int signalOf(pid_t nChild)
-{
-    int nStatus = 0;
-    EXPECT_EQ(waitpid(nChild, &nStatus, 0), nChild);
-    EXPECT_TRUE(WIFSIGNALED(nStatus) || WEXITSTATUS(nStatus) == 0) << "the child process failed";
-    return WIFSIGNALED(nStatus) ? WTERMSIG(nStatus) : 0;
 }
 } // namespace logtest
 

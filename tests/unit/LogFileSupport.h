@@ -3,7 +3,8 @@
 #ifndef LOG_FILE_SUPPORT_H
 #define LOG_FILE_SUPPORT_H
 
-#include "EndChild.h"
+#include "Child.h"
+#include "Files.h"
 #include "OrvLogLib.h"
 
 #include <string>
@@ -36,14 +37,9 @@ using CWriteHook = ssize_t (*)(int nFile, const void* pBytes, size_t nBytes);
 void interceptWrites(CWriteHook hook);
 ssize_t reallyWrite(int nFile, const void* pBytes, size_t nBytes);
 
-// Runs an operation in a child process that ends without any cleaning up, as if it was killed then.
-// Returns the signal that killed it earlier, or 0; failures of the test in there count here.
-template <class OPERATION> int inChild(OPERATION operation);
-
 // Registers the settings through the constructor that an application calls.
 OrvLogLib::CLogFileRegistry registryOf(OrvLogLib::CLogFile* pLogFile, const OrvLogLib::CLogSettings& settings);
 
-std::string contentOf(const std::string& strPath);
 std::vector<std::string> linesOf(const std::string& strPath); // fails the test when the last line has no end
 std::string textOf(const std::string& strLine);               // without date, ids and priority
 bool exists(const std::string& strPath);
@@ -74,19 +70,6 @@ private:
 
 // Gives this process mounts of its own. False where that is forbidden.
 bool ownMounts();
-
-int signalOf(pid_t nChild); // waits for a child of inChild
-
-template <class OPERATION> int inChild(OPERATION operation)
-{
-    const pid_t nChild = fork();
-    if (nChild == 0)
-    {
-        operation();
-        endChild(testing::Test::HasFailure() ? 1 : 0);
-    }
-    return signalOf(nChild);
-}
 } // namespace logtest
 
 class LogFileTest : public testing::Test

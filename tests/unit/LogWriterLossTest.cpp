@@ -155,16 +155,11 @@ TEST_F(LogLoss, FileSizeLimitOfTheProcessRotatesEarlier)
 TEST_F(LogLoss, KilledProcessLosesNoLine)
 {
     const std::string strPath = path("killed");
-    const pid_t nChild = fork();
-    if (nChild == 0)
-    {
-        CLogFile log("Media", strPath.c_str(), false, false, false);
-        log.TraceString(TRACE, LogLib_Normal, "last words");
-        kill(getpid(), SIGKILL);
-        _exit(1);
-    }
-    int nStatus = 0;
-    ASSERT_EQ(waitpid(nChild, &nStatus, 0), nChild);
-    EXPECT_TRUE(WIFSIGNALED(nStatus) && WTERMSIG(nStatus) == SIGKILL);
+    EXPECT_EQ(inChild([&] {
+                  CLogFile log("Media", strPath.c_str(), false, false, false);
+                  log.TraceString(TRACE, LogLib_Normal, "last words");
+                  kill(getpid(), SIGKILL);
+              }),
+              SIGKILL);
     EXPECT_THAT(linesOf(strPath), ElementsAre(EndsWith(" 2 last words")));
 }

@@ -1,6 +1,6 @@
 // Tests of the sections in which threads use an object that another thread replaces.
 #include "ReadSection.h"
-#include "EndChild.h"
+#include "Child.h"
 
 #include <atomic>
 #include <cerrno>
@@ -247,20 +247,13 @@ TEST(ReadSectionTest, ErrnoIsKept)
 TEST(ReadSectionTest, ChildProcessDoesNotWaitForThreadsOfItsParent)
 {
     CReader reader;
-    const pid_t nChild = fork();
-    if (nChild == 0)
-    {
-        alarm(30);
-        CReadSection::waitForReaders();
-        {
-            const CReadSection section;
-            CReadSection::waitForReaders();
-        }
-        endChild(0);
-    }
-    int nStatus = -1;
-    ASSERT_EQ(waitpid(nChild, &nStatus, 0), nChild);
-    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << nStatus;
+    EXPECT_EQ(inChild([] {
+                  alarm(30);
+                  CReadSection::waitForReaders();
+                  const CReadSection section;
+                  CReadSection::waitForReaders();
+              }),
+              0);
 }
 
 TEST(ReadSectionTest, ReplacedObjectIsNeverDeletedUnderAReader)

@@ -5,6 +5,7 @@
 // ZELMEDIA_SEED         chooses which
 #include "ChildRun.h"
 #include "FailingAllocations.h"
+#include "Files.h"
 #include "RandomRun.h"
 #include "ZelMediaServices.h"
 
@@ -188,17 +189,26 @@ INSTANTIATE_TEST_SUITE_P(Of, Allocations, testing::ValuesIn(allScenarios()),
 // Where the C library has no memory to note the destructor of a thread_local object, it ends the process.
 TEST(AllocationsOfANewThread, FailAndItsFirstLineIsLostAtMost)
 {
+    constexpr int THREADS = 10;
     {
         CZelMediaServices services(nullptr);
-        for (int nth = 1; nth <= 10; ++nth)
+        for (int nth = 1; nth <= THREADS; ++nth)
         {
             std::thread([&] {
                 CLibraryAllocations::arm(nth, Failing::FromThenOn);
-                const CInsideLibrary inside;
-                EXPECT_EQ(MCS_OK, services.setMinimumSilenceDuration(1));
+                {
+                    const CInsideLibrary inside;
+                    EXPECT_EQ(MCS_OK, services.setMinimumSilenceDuration(1));
+                }
                 CLibraryAllocations::disarm();
+                std::string strFile = "second line of thread " + std::to_string(nth) + ".";
+                unsigned long ulFileID = 0;
+                EXPECT_EQ(MCS_NOTCONNECTED, services.openPhraseFile(strFile.data(), &ulFileID));
             }).join();
         }
     }
     stopLibrary();
+    const std::string strLog = contentOf(defaultLog());
+    for (int nth = 1; nth <= THREADS; ++nth)
+        EXPECT_NE(std::string::npos, strLog.find("second line of thread " + std::to_string(nth) + ".")) << nth;
 }

@@ -1,6 +1,6 @@
 // Counts the library's calls and decides which of them fails.
 #include "CallTally.h"
-#include "EndChild.h"
+#include "Child.h"
 
 #include <cerrno>
 #include <mutex>

@@ -1,9 +1,9 @@
 // Descriptors that run out in the application and in the driver, and thousands of them in use.
+#include "Child.h"
 #include "WithDriver.h"
 
 #include <cerrno>
 #include <csignal>
-#include <sys/wait.h>
 
 namespace
 {
@@ -176,6 +176,9 @@ TEST_F(ManyDescriptors, PipesWithNumbersAbove5000Work)
     m_driver.done(m_driver.waitRequest(MICMD_PLAYCLIP));
     m_driver.done(m_driver.waitRequest(MICMD_RECORDFILE));
     ASSERT_TRUE(m_completions.waitCount(3));
+    EXPECT_EQ(MCS_OK, play(pStream, "/p/2.wav", 0)); // overdue at once
+    ASSERT_TRUE(m_completions.waitCount(4));
+    EXPECT_EQ(MCS_TIMEDOUT, m_completions.all()[3].mcstatus);
 
     loseDriver();
     m_driver.start();
@@ -218,16 +221,14 @@ TEST_F(DriverWithoutDescriptors, TurnsAClientAwayAndServesTheNextOne)
 {
     ASSERT_TRUE(startDriver());
     limitDriver(true);
-    const pid_t nChild = fork();
-    if (nChild == 0)
-    {
+    const pid_t nChild = startChild([this] {
         startLibrary();
         pause();
-    }
+    });
     EXPECT_TRUE(
         waitUntil([] { return contentOf("/tmp/driver.log").find("Too many open files") != std::string::npos; }));
     kill(nChild, SIGKILL);
-    EXPECT_EQ(nChild, waitpid(nChild, nullptr, 0));
+    EXPECT_EQ(SIGKILL, signalOf(nChild));
     limitDriver(false);
     startLibrary();
     EXPECT_TRUE(waitConnected());

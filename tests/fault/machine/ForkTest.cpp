@@ -1,9 +1,9 @@
 // An application that forks and starts programs while it uses the library.
+#include "Child.h"
 #include "Machine.h"
 
 #include <csignal>
 #include <spawn.h>
-#include <sys/wait.h>
 
 namespace
 {
@@ -38,11 +38,9 @@ void PrintTo(End end, std::ostream* pStream)
     }
 }
 
-void waitEnd(pid_t nChild, End end)
+void expectChildEnds(End end)
 {
-    int nStatus = -1;
-    EXPECT_EQ(nChild, waitpid(nChild, &nStatus, 0));
-    EXPECT_EQ(end == End::Killed ? SIGKILL : 0, nStatus);
+    EXPECT_EQ(end == End::Killed ? SIGKILL : 0, inChild([end] { endAs(end); }));
 }
 
 class ForkingProcess : public CSystemTest, public testing::WithParamInterface<End>
@@ -64,10 +62,7 @@ TEST_P(ForkingProcess, KeepsItsPipesAndItsLogWhenAChildEnds)
 {
     const ino_t nResponse = inodeOf(responsePipe());
     const ino_t nEvent = inodeOf(eventPipe());
-    const pid_t nChild = fork();
-    if (nChild == 0)
-        endAs(GetParam());
-    waitEnd(nChild, GetParam());
+    expectChildEnds(GetParam());
     EXPECT_EQ(nResponse, inodeOf(responsePipe()));
     EXPECT_EQ(nEvent, inodeOf(eventPipe()));
     EXPECT_EQ(0u, m_driver.count(MICMD_DISCONNECT));
@@ -97,10 +92,7 @@ TEST_P(ForkingProcess, WorksOnWhileItsThreadsUseTheLibrary)
     for (int nChildren = 0; nChildren < setting("ZELMEDIA_RUNS", 20); ++nChildren)
     {
         const size_t nBefore = nPlays;
-        const pid_t nChild = fork();
-        if (nChild == 0)
-            endAs(GetParam());
-        waitEnd(nChild, GetParam());
+        expectChildEnds(GetParam());
         EXPECT_TRUE(waitUntil([&] { return nPlays > nBefore; }));
     }
     bStop = true;

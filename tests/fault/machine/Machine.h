@@ -10,33 +10,15 @@
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
-inline std::string contentOf(const std::string& strPath)
-{
-    std::ostringstream bytes;
-    bytes << std::ifstream(strPath, std::ios::binary).rdbuf();
-    return bytes.str();
-}
-
-// Of the name itself, also where it is a link.
 inline ino_t inodeOf(const std::string& strPath)
 {
-    struct stat status = {};
-    EXPECT_EQ(0, lstat(strPath.c_str(), &status)) << strPath;
-    return status.st_ino;
-}
-
-// The log that the library opens by itself.
-inline std::string defaultLog()
-{
-    const std::string strName = "/Media-p" + std::to_string(getpid()) + ".log";
-    return (access("/var/log/zelmedia", W_OK | X_OK) == 0 ? "/var/log/zelmedia" : "/tmp") + strName;
+    return statusOf(strPath).st_ino;
 }
 
 // While this lives the process gets no more descriptors than these.

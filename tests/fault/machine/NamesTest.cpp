@@ -1,5 +1,5 @@
-// Names in /tmp that are taken: the library's log by anything, and every name by a FIFO of another user.
-#include "EndChild.h"
+// Names in /tmp that are taken, by anything: those of the library's pipes and of its log.
+#include "Child.h"
 #include "Machine.h"
 
 #include <cerrno>
@@ -58,22 +58,18 @@ void PrintTo(const CObstacle& obstacle, std::ostream* pStream)
     *pStream << obstacle.pszName;
 }
 
+const CObstacle OWN_FILE = {"File", [](const std::string& strPath) {
+                                std::ofstream(strPath) << "";
+                                return access(strPath.c_str(), F_OK) == 0;
+                            }};
+
 class TakenLogName : public testing::TestWithParam<CObstacle>
 {
 };
 
-// Runs a part of a test in a process of its own: there is one interface in each.
-bool worksInAChild(const std::function<void()>& part)
+class TakenPipeName : public testing::TestWithParam<CObstacle>
 {
-    const pid_t nChild = fork();
-    if (nChild == 0)
-    {
-        part();
-        endChild(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int nStatus = -1;
-    return waitpid(nChild, &nStatus, 0) == nChild && nStatus == 0;
-}
+};
 
 // The machine's setting, as it was before once this has gone, however this process ends.
 class CProtectedFifos
@@ -119,18 +115,42 @@ private:
     pid_t m_nGuard = -1;
 };
 
-// As if the name was taken from the beginning.
-void expectNeverConnected(const std::string& strPath)
+// The name of a pipe of the library is taken from the beginning. Without an event thread, nobody would ever connect.
+void expectNeverConnected(const CObstacle& obstacle, const std::string& strPath)
 {
-    ASSERT_TRUE(OTHERS_FIFO.make(strPath));
+    if (!obstacle.make(strPath))
+        GTEST_SKIP() << "this user cannot make such a file";
     const ino_t nInode = inodeOf(strPath);
     CScriptedDriver driver;
     CCompletions completions;
     CZelMediaServices services(&completions);
     CZelMediaStream* pStream = nullptr;
+    unsigned long ulFileID = 0;
+    EXPECT_EQ(0, eventThread());
     EXPECT_EQ(MCS_NOTCONNECTED, services.openMediaStream(&pStream, "call", 1));
+    EXPECT_EQ(nullptr, pStream);
+    EXPECT_EQ(MCS_NOTCONNECTED, services.openPhraseFile(text("/p/a.ul"), &ulFileID));
+    EXPECT_EQ(MCS_NOTCONNECTED, services.dump());
+    EXPECT_EQ(0u, driver.requests().size());
     EXPECT_EQ(nInode, inodeOf(strPath));
-    EXPECT_NE(std::string::npos, contentOf(defaultLog()).find("(" + std::to_string(EEXIST) + ")"));
+    const std::string strWhich = strPath == eventPipe() ? "event" : "response";
+    EXPECT_NE(std::string::npos, contentOf(defaultLog())
+                                     .find("(Error) CMIntf::initialize, can't create " + strWhich + " pipe \"" +
+                                           responsePipe() + "\" (" + std::to_string(EEXIST) + ")"));
+}
+
+void expectTriedUntilADriverTakesItsPlace(const CObstacle& obstacle)
+{
+    if (!obstacle.make(MI_REQUEST_PIPE))
+        GTEST_SKIP() << "this user cannot make such a file";
+    const auto pLog = std::make_shared<CLogRecord>();
+    CCompletions completions;
+    CZelMediaServices services(&completions);
+    services.setLogger(new CLogCapture(pLog), nullptr);
+    ASSERT_TRUE(pLog->waitFor("(Error) CMIntf::eventThreadFunc, can't open request pipe", 2));
+    rmdir(MI_REQUEST_PIPE); // a driver could not
+    CScriptedDriver driver;
+    EXPECT_TRUE(driver.waitCount(MICMD_CONNECT, 1));
 }
 
 void expectLogWaits(const CObstacle& obstacle)
@@ -158,20 +178,11 @@ void expectOthersFifosDoNoHarm()
     if (!OTHERS_FIFO.make("/tmp/possible"))
         GTEST_SKIP() << "this user cannot make files of another user";
     EXPECT_EQ(0, unlink("/tmp/possible"));
-    EXPECT_TRUE(worksInAChild([] { expectNeverConnected(responsePipe()); }));
-    EXPECT_TRUE(worksInAChild([] { expectNeverConnected(eventPipe()); }));
-    EXPECT_TRUE(worksInAChild([] { expectLogWaits(OTHERS_FIFO); }));
-    EXPECT_TRUE(worksInAChild([] {
-        ASSERT_TRUE(OTHERS_FIFO.make(MI_REQUEST_PIPE));
-        const auto pLog = std::make_shared<CLogRecord>();
-        CCompletions completions;
-        CZelMediaServices services(&completions);
-        services.setLogger(new CLogCapture(pLog), nullptr);
-        EXPECT_TRUE(pLog->waitFor("can't open request pipe \"" + std::string(MI_REQUEST_PIPE) + "\" (" +
-                                  std::to_string(ENXIO) + ")"));
-        CScriptedDriver driver;
-        EXPECT_TRUE(driver.waitCount(MICMD_CONNECT, 1));
-    }));
+    // There is one interface in each process.
+    EXPECT_EQ(0, inChild([] { expectNeverConnected(OTHERS_FIFO, responsePipe()); }));
+    EXPECT_EQ(0, inChild([] { expectNeverConnected(OTHERS_FIFO, eventPipe()); }));
+    EXPECT_EQ(0, inChild([] { expectLogWaits(OTHERS_FIFO); }));
+    EXPECT_EQ(0, inChild([] { expectTriedUntilADriverTakesItsPlace(OTHERS_FIFO); }));
 }
 } // namespace
 
@@ -183,6 +194,28 @@ TEST_P(TakenLogName, LosesLinesOnlyAndTheirNumberIsToldWhenItIsFree)
 }
 
 INSTANTIATE_TEST_SUITE_P(By, TakenLogName, testing::ValuesIn(OBSTACLES),
+                         [](const auto& by) { return by.param.pszName; });
+
+TEST_P(TakenPipeName, OfTheResponsesIs47ForEver)
+{
+    expectNeverConnected(GetParam(), responsePipe());
+    EXPECT_NE(0, access(eventPipe().c_str(), F_OK));
+}
+
+TEST_P(TakenPipeName, OfTheEventsIs47ForEverAndTheResponsePipeStays)
+{
+    expectNeverConnected(GetParam(), eventPipe());
+    EXPECT_TRUE(IsSkipped() || S_ISFIFO(statusOf(responsePipe()).st_mode));
+}
+
+TEST_P(TakenPipeName, OfTheRequestsIsTriedUntilADriverTakesItsPlace)
+{
+    expectTriedUntilADriverTakesItsPlace(GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    By, TakenPipeName, testing::ValuesIn(OBSTACLES), [](const auto& by) { return by.param.pszName; });
+INSTANTIATE_TEST_SUITE_P(ByA, TakenPipeName, testing::Values(OWN_FILE),
                          [](const auto& by) { return by.param.pszName; });
 
 TEST(FifoOfAnotherUser, KeepsTheLibraryOutOfItsNamesAndHarmsNoneElse)

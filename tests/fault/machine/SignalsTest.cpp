@@ -6,6 +6,7 @@
 #include <atomic>
 #include <csignal>
 #include <pthread.h>
+#include <sys/time.h>
 
 namespace
 {
@@ -151,4 +152,123 @@ TEST_F(SignalStormInEveryThread, LosesAndMixesNoLineOfTheLog)
                   strLine.substr(nText));
     }
     EXPECT_EQ(std::vector<int>(THREADS, LINES), vNext);
+}
+
+namespace
+{
+std::atomic<pid_t> s_nEventThread{0};
+std::atomic<long> s_nOnEventThread{0};
+thread_local volatile long t_nSignals = 0;
+
+void countSignal(int)
+{
+    ++s_nSignals;
+    t_nSignals = t_nSignals + 1;
+    if (gettid() == s_nEventThread)
+        ++s_nOnEventThread;
+}
+
+// Interrupts this process, in whatever thread, a thousand times a second.
+class CTimerStorm
+{
+public:
+    explicit CTimerStorm(bool bRestart)
+    {
+        struct sigaction action = {};
+        action.sa_handler = countSignal;
+        action.sa_flags = bRestart ? SA_RESTART : 0;
+        sigaction(SIGALRM, &action, nullptr);
+        set(1000);
+    }
+    ~CTimerStorm()
+    {
+        set(0);
+        signal(SIGALRM, SIG_IGN); // a last one may be on its way
+    }
+
+private:
+    static void set(int nMicroseconds)
+    {
+        const itimerval timer = {{0, nMicroseconds}, {0, nMicroseconds}};
+        setitimer(ITIMER_REAL, &timer, nullptr);
+    }
+};
+
+class SignalStorm : public CSystemTest, public testing::WithParamInterface<bool>
+{
+protected:
+    SignalStorm() { s_nEventThread = eventThread(); }
+};
+
+class Signals : public CSystemTest
+{
+};
+} // namespace
+
+TEST_P(SignalStorm, DoesNotBreakOffAnExchangeThatIsAnsweredLate)
+{
+    CZelMediaStream* const pStream = open();
+    for (const MICMD micmd : {MICMD_PLAYFILE, MICMD_RECORDGETTIME})
+    {
+        m_driver.onCommand(
+            micmd,
+            [this](const structMICMD& request) {
+                const long nBefore = s_nSignals;
+                EXPECT_TRUE(waitUntil([&] { return s_nSignals > nBefore + 100; }));
+                m_driver.accept(request);
+            });
+    }
+    const CTimerStorm storm(GetParam());
+    const long nBefore = t_nSignals;
+    for (size_t n = 0; n < 3; ++n)
+    {
+        EXPECT_EQ(MCS_OK, play(pStream, "/p/1.wav"));
+        m_driver.done(m_driver.waitRequest(MICMD_PLAYFILE, n));
+        ASSERT_TRUE(m_completions.waitCount(n + 1));
+    }
+    EXPECT_LT(nBefore + 10, t_nSignals) << "no signal reached the waiting thread";
+    unsigned long ulMilliSeconds = 0;
+    EXPECT_EQ(MCS_OK, pStream->recordGetTimeMilliseconds(&ulMilliSeconds));
+    EXPECT_EQ(1234u, ulMilliSeconds);
+    EXPECT_EQ(1u, m_driver.count(MICMD_CONNECT));
+    EXPECT_EQ(0, s_nOnEventThread);
+}
+
+TEST_P(SignalStorm, DoesNotKeepTheEventThreadFromReconnectingAndTimingOut)
+{
+    CZelMediaStream* const pStream = open();
+    const CTimerStorm storm(GetParam());
+    EXPECT_EQ(MCS_OK, play(pStream, "/p/1.wav", 0));
+    ASSERT_TRUE(m_completions.waitCount(1));
+    loseDriver();
+    m_driver.start();
+    ASSERT_TRUE(waitConnected(2));
+    EXPECT_EQ(MCS_OK, tryOpen());
+    EXPECT_LT(100, s_nSignals);
+    EXPECT_EQ(0, s_nOnEventThread);
+    EXPECT_EQ(0u, m_pLog->count("(Error) CMIntf::eventThreadFunc - error"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Restart, SignalStorm, testing::Bool(),
+                         [](const auto& how) { return how.param ? "WithRestart" : "WithoutRestart"; });
+
+TEST_F(Signals, AreAllBlockedInTheEventThread)
+{
+    const pid_t nThread = eventThread();
+    ASSERT_NE(0, nThread);
+    const uint64_t ullBlocked = std::stoull(taskLine(nThread, "status", "SigBlk:"), nullptr, 16);
+    for (int nSignal = 1; nSignal <= 64; ++nSignal)
+    {
+        const bool bOfTheThreadLibrary = nSignal == 32 || nSignal == 33;
+        if (nSignal != SIGKILL && nSignal != SIGSTOP && !bOfTheThreadLibrary)
+            EXPECT_TRUE(ullBlocked >> (nSignal - 1) & 1) << nSignal;
+    }
+}
+
+TEST_F(Signals, OfABrokenPipeAreIgnored)
+{
+    loseDriver();
+    struct sigaction action = {};
+    sigaction(SIGPIPE, nullptr, &action);
+    EXPECT_EQ(SIG_IGN, action.sa_handler);
 }

@@ -7,9 +7,7 @@ const char SETPRIV[] = "/usr/bin/setpriv";
 
 unsigned int modeOf(const std::string& strPath)
 {
-    struct stat status = {};
-    EXPECT_EQ(0, lstat(strPath.c_str(), &status)) << strPath;
-    return status.st_mode & 07777;
+    return statusOf(strPath).st_mode & 07777;
 }
 
 // Library and driver have the same umask.

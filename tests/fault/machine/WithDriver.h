@@ -2,8 +2,8 @@
 #ifndef WITH_DRIVER_H
 #define WITH_DRIVER_H
 
-#include "../restarts/DriverProcess.h"
 #include "Machine.h"
+#include "ReferenceDriver.h"
 
 const char SHORT_FILE[] = "/tmp/short.ul"; // 20 ms
 const char LONG_FILE[] = "/tmp/long.ul";   // 60 s

@@ -1,6 +1,5 @@
 #include "Lives.h"
 #include "Application.h"
-#include "ReferenceDriver.h"
 #include "ResponseBudget.h"
 #include "WaitUntil.h"
 
@@ -108,7 +107,7 @@ bool CLivingDriver::die(const CLife& life, CApplication& application, std::mt199
 
 bool CLivingDriver::stopWithARequestUnread()
 {
-    m_process.stop();
+    m_process.freeze();
     return waitUntil([] { return response_budget::waiting() > 0; });
 }
 

@@ -2,8 +2,8 @@
 #ifndef LIVES_H
 #define LIVES_H
 
-#include "DriverProcess.h"
 #include "MediaProtocol.h"
+#include "ReferenceDriver.h"
 
 #include <functional>
 #include <random>

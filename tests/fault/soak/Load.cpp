@@ -1,4 +1,5 @@
 #include "Load.h"
+#include "WaitUntil.h"
 
 #include <chrono>
 #include <fstream>
@@ -134,15 +135,28 @@ bool CLoad::usePhraseFile()
            did(m_services.closePhraseFile(ulFileID));
 }
 
+int CLoad::playEachPhrase()
+{
+    CZelMediaStream* const pStream = open();
+    int nPlayed = 0;
+    for (const unsigned long ulFileID : m_vPhrases)
+        nPlayed += waitUntil([&] { return pStream->playAddPhrase(ulFileID, 0, 160, TIMEOUT, 0, 0) == MCS_OK; });
+    const bool bEnded = waitCompletions(nPlayed);
+    m_services.closeMediaStream(pStream);
+    return bEnded ? nPlayed : 0;
+}
+
 bool CLoad::abandon()
 {
+    m_pIdle = open();
     m_pAbandoned = open();
-    return m_pAbandoned && record(m_pAbandoned) && play(m_pAbandoned, LONG_FILE) && play(m_pAbandoned, SHORT_FILE) &&
-           did(m_pAbandoned->playAddPhrase(m_vPhrases[0], 0, 160, TIMEOUT, 0, 0));
+    return m_pIdle && m_pAbandoned && record(m_pAbandoned) && record(m_pAbandoned) && play(m_pAbandoned, LONG_FILE) &&
+           play(m_pAbandoned, SHORT_FILE) && did(m_pAbandoned->playAddPhrase(m_vPhrases[0], 0, 160, TIMEOUT, 0, 0));
 }
 
 void CLoad::closeAbandoned()
 {
     m_services.closeMediaStream(std::exchange(m_pAbandoned, nullptr));
+    m_services.closeMediaStream(std::exchange(m_pIdle, nullptr));
     unlink(m_strRecordFile.c_str());
 }

@@ -13,7 +13,7 @@
 class CLoad : public CZelMediaStreamCompletionHandler
 {
 public:
-    static const int PHRASE_FILES = 10;
+    static constexpr int PHRASE_FILES = 10;
     static constexpr const char* ANOTHER_FILE = "/tmp/another.ul"; // that the loads do not use
 
     // Makes the files that there are to play.
@@ -26,7 +26,10 @@ public:
     // records, uses phrases, closes. False when something did not go as it must.
     bool callUntilDone(std::atomic<long>& nToDo);
 
-    // Leaves a stream playing, recording and with a queue; closeAbandoned closes it.
+    // How many of the phrase files can be played, once the driver has them again.
+    int playEachPhrase();
+
+    // Leaves a stream idle, and one playing and recording, with queues; closeAbandoned closes them.
     bool abandon();
     void closeAbandoned();
 
@@ -55,6 +58,7 @@ private:
     long m_nDone = 0;
     int m_nCalls = 0;
     CZelMediaStream* m_pAbandoned = nullptr;
+    CZelMediaStream* m_pIdle = nullptr;
 };
 
 #endif

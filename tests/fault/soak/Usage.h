@@ -2,34 +2,24 @@
 #ifndef USAGE_H
 #define USAGE_H
 
+#include "Files.h"
+
 #include <cstdint>
-#include <dirent.h>
 #include <fstream>
 #include <ostream>
 #include <string>
 #include <sys/types.h>
 #include <unistd.h>
 
-inline size_t namesIn(const std::string& strFolder)
-{
-    size_t nNames = 0;
-    DIR* const pFolder = opendir(strFolder.c_str());
-    while (const dirent* const pEntry = pFolder ? readdir(pFolder) : nullptr)
-        nNames += pEntry->d_name[0] != '.';
-    if (pFolder)
-        closedir(pFolder);
-    return nNames;
-}
-
 struct CUsage
 {
     size_t nDescriptors;
     size_t nThreads;
-    size_t nNamesInTmp = namesIn("/tmp");
+    size_t nNamesInTmp = namesIn("/tmp").size();
 
     explicit CUsage(pid_t nProcessID)
-        : nDescriptors(namesIn("/proc/" + std::to_string(nProcessID) + "/fd")),
-          nThreads(namesIn("/proc/" + std::to_string(nProcessID) + "/task"))
+        : nDescriptors(namesIn("/proc/" + std::to_string(nProcessID) + "/fd").size()),
+          nThreads(namesIn("/proc/" + std::to_string(nProcessID) + "/task").size())
     {
     }
     bool operator==(const CUsage& other) const = default;
