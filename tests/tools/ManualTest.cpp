@@ -1,4 +1,5 @@
 // The man page of zelmedia describes the commands and options that there are, and no other ones.
+#include "Commands.h"
 #include "base/Tool.h"
 
 #include <gtest/gtest.h>

@@ -2,12 +2,16 @@
 #ifndef SAMPLE_LOG_H
 #define SAMPLE_LOG_H
 
+#include "log/LogTexts.h"
 #include "log/LogTime.h"
 
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
+
+const char* const SAMPLE_LOG = "/tmp/sample.log";
 
 // Times go on by ten microseconds a line.
 class CSampleLog
@@ -29,79 +33,101 @@ public:
 
     void line(const char* pszFormat, ...) __attribute__((format(printf, 2, 3)))
     {
-        std::fprintf(m_pFile, "%s p4711 t4712 2 ", logTimeToString(m_llTime).c_str());
         va_list arguments;
         va_start(arguments, pszFormat);
-        std::vfprintf(m_pFile, pszFormat, arguments);
+        write(pszFormat, arguments);
         va_end(arguments);
-        std::fputc('\n', m_pFile);
-        m_llTime += 10;
+    }
+    // The line that tells of this, as the library writes it; of several the n-th.
+    void text(ELogEvent event, ...)
+    {
+        va_list arguments;
+        va_start(arguments, event);
+        write(formatOf(event, 0), arguments);
+        va_end(arguments);
+    }
+    void textOf(ELogEvent event, int nText, ...)
+    {
+        va_list arguments;
+        va_start(arguments, nText);
+        write(formatOf(event, nText), arguments);
+        va_end(arguments);
     }
     void raw(const std::string& strText) { std::fwrite(strText.data(), 1, strText.size(), m_pFile); }
 
     void connect()
     {
-        line("CMIntf::initialize");
+        text(LOG_EVENT_PROCESS_STARTED);
         request(0, "MICMD_CONNECT", 0);
-        line("(Info) CMIntf::eventThreadFunc, MICMD_CONNECT returned s_nConnectID = \"1\", : fileid = (1)");
+        text(LOG_EVENT_CONNECTED, 1, 1);
     }
     void openStream(int nStream, const char* pszCallID)
     {
         line("CZelMediaStreamImpl::initialize (0x%08X), callid %s, legid 1", handle(nStream), pszCallID);
         request(0, "MICMD_OPENSTREAM", 0);
-        line("<<<CMIntf::openConferenceStream (callid %s, legid 1), streamid %d", pszCallID, nStream);
-        line("CZelMediaServicesImpl::addStream 0x%08X, id %d", handle(nStream), nStream);
+        text(LOG_EVENT_STREAM_OPENED, pszCallID, 1U, nStream);
+        text(LOG_EVENT_STREAM_ADDED, handle(nStream), nStream);
     }
     // A play that is sent at once. Returns its number.
     unsigned int play(int nStream, const char* pszFile)
     {
-        newCommand(nStream, "MICMD_PLAYFILE", pszFile);
-        line("CMIntf::processPlayActiveCommand - Current active command");
-        line(" (Info) CMIntf::processPlayActiveCommand called, SequenceNo = %u, sid = %d, cmd = MICMD_PLAYFILE",
-             m_uSequence, nStream);
+        newPlay(nStream, pszFile);
+        text(LOG_EVENT_ACTIVE);
+        text(LOG_EVENT_NUMBERED, static_cast<unsigned long>(m_uSequence), nStream, "MICMD_PLAYFILE");
         return exchange(nStream, "MICMD_PLAYFILE", 0);
     }
     // Ends that play, and tells the application.
     void complete(int nStream, unsigned int uSequence, int nStatus)
     {
-        line("CMIntf::eventThreadFunc, read event, nSequenceID = (%u), nStreamID = (%d), evt MIEVT_DONE, stat %d ",
-             uSequence, nStream, nStatus);
-        line(" (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion ,sid = %d, nSequenceID = %u", nStream,
-             uSequence);
-        line("CZelMediaServicesImpl::OnCMIntfCompletion (0x%08X), sid %d, status 0x%08X, reason 0x00000001",
-             handle(nStream), nStream, static_cast<unsigned int>(nStatus));
-        line("(Info) CCommand::~CCommand this = 0x%x", address(uSequence));
-    }
-
-private:
-    static unsigned int handle(int nStream) { return 0x08000000U + static_cast<unsigned int>(nStream) * 64; }
-    static unsigned int address(unsigned int uSequence) { return 0x09000000U + uSequence * 336; }
-
-    void newCommand(int nStream, const char* pszCommand, const char* pszFile)
-    {
-        line("CZelMediaStreamImpl::playAddFile (0x%08X), file %s, startpos 0, timeout 60", handle(nStream), pszFile);
-        line("(Info) CCommand::CCommand this = 0x%x", address(m_uSequence));
-        line("(Info) CMIntf::sendCommand nStreamID = %d, pcommand = 0x%x", nStream, address(m_uSequence));
-        line("CMIntf::sendCommand (%d), cmd %s", nStream, pszCommand);
-        line("CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = %d", nStream);
+        text(LOG_EVENT_EVENT, static_cast<int>(uSequence), nStream, "MIEVT_DONE", nStatus);
+        textOf(LOG_EVENT_REPORTING, 1, nStream, static_cast<int>(uSequence));
+        text(LOG_EVENT_COMPLETION, handle(nStream), nStream, static_cast<unsigned int>(nStatus), 1U);
+        text(LOG_EVENT_DESTROYED, address(uSequence));
     }
     void request(int nStream, const char* pszCommand, int nStatus)
     {
-        line("(Info) CMIntf::sendCommand nStreamID = %d, pcommand = 0x%x", nStream, address(m_uSequence));
-        line("CMIntf::sendCommand (%d), cmd %s", nStream, pszCommand);
+        text(LOG_EVENT_NEW_COMMAND, nStream, address(m_uSequence));
+        text(LOG_EVENT_REQUEST, nStream, pszCommand);
         const unsigned int uSequence = exchange(nStream, pszCommand, nStatus);
-        line("(Info) CCommand::~CCommand this = 0x%x", address(uSequence));
+        text(LOG_EVENT_DESTROYED, address(uSequence));
+    }
+    static unsigned int handle(int nStream) { return 0x08000000U + static_cast<unsigned int>(nStream) * 64; }
+
+private:
+    static unsigned int address(unsigned int uSequence) { return 0x09000000U + uSequence * 336; }
+
+    static const char* formatOf(ELogEvent event, int nText)
+    {
+        for (const CLogText& text : logTexts())
+            if (text.m_event == event && nText-- == 0)
+                return text.m_pszFormat;
+        throw std::logic_error("no such text of the log");
+    }
+    // Without line ends of its own, as the log file has it.
+    void write(const char* pszFormat, va_list arguments)
+    {
+        char szText[4096];
+        std::vsnprintf(szText, sizeof(szText), pszFormat, arguments);
+        for (char* p = szText; *p; ++p)
+            *p = *p == '\n' ? ' ' : *p;
+        std::fprintf(m_pFile, "%s p4711 t4712 2 %s\n", logTimeToString(m_llTime).c_str(), szText);
+        m_llTime += 10;
+    }
+
+    void newPlay(int nStream, const char* pszFile)
+    {
+        line("CZelMediaStreamImpl::playAddFile (0x%08X), file %s, startpos 0, timeout 60", handle(nStream), pszFile);
+        text(LOG_EVENT_CONSTRUCTED, address(m_uSequence));
+        text(LOG_EVENT_NEW_COMMAND, nStream, address(m_uSequence));
+        text(LOG_EVENT_REQUEST, nStream, "MICMD_PLAYFILE");
+        text(LOG_EVENT_ENTERING, nStream);
     }
     unsigned int exchange(int nStream, const char* pszCommand, int nStatus)
     {
-        line("CMIntf::sendCommand - sending");
-        line("(Info) CMIntf::sendCommand, cmd %s, sequence number %u, m_nStreamID = %d", pszCommand, m_uSequence,
-             nStream);
-        line("(Info) CMIntf::sendCommand, tried to get correct response, trycount = 1, psrsp->nRespSequenceNo = %u, "
-             "psrsp->s_mirsp = MIRSP_STATUS",
-             m_uSequence);
-        line("<<<CMIntf::sendCommand (%d), rsp MIRSP_STATUS, mcstatus 0x%08X", nStream,
-             static_cast<unsigned int>(nStatus));
+        text(LOG_EVENT_SENDING);
+        text(LOG_EVENT_SENT_NUMBER, pszCommand, static_cast<unsigned long>(m_uSequence), nStream);
+        text(LOG_EVENT_RESPONSE, 1, static_cast<unsigned long>(m_uSequence), "MIRSP_STATUS");
+        text(LOG_EVENT_RESULT, nStream, "MIRSP_STATUS", static_cast<unsigned int>(nStatus));
         return m_uSequence++;
     }
 

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <set>
 #include <unistd.h>
 
@@ -17,12 +18,11 @@ using testing::Not;
 
 namespace
 {
-const char LOG[] = "/tmp/sample.log";
 const char PAGE[] = "/tmp/page.html";
 
 json timeline(const char* pszFormat = "html")
 {
-    CToolRun run({"timeline", LOG, "--json", "--format", pszFormat, "-o", PAGE});
+    CToolRun run({"timeline", SAMPLE_LOG, "--json", "--format", pszFormat, "-o", PAGE});
     EXPECT_EQ(run.waitExit(), 0) << run.output() << run.errors();
     return run.json();
 }
@@ -43,19 +43,22 @@ std::string browsedPage()
     return readFile("/tmp/dom.html");
 }
 
-// How many colours the picture of the page has.
-size_t coloursOfScreenshot()
+// How many pixels of the picture of the page have each colour.
+std::map<uint32_t, size_t> coloursOfScreenshot()
 {
     EXPECT_TRUE(browse("--screenshot=/tmp/page.png >/tmp/browser.out")) << readFile("/tmp/browser.err");
+    std::map<uint32_t, size_t> mapColours;
     png_image image = {};
     image.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_file(&image, "/tmp/page.png"))
-        return 0;
-    image.format = PNG_FORMAT_RGBA;
-    std::vector<uint32_t> vPixels(PNG_IMAGE_SIZE(image) / sizeof(uint32_t));
-    if (!png_image_finish_read(&image, nullptr, vPixels.data(), 0, nullptr))
-        return 0;
-    return std::set<uint32_t>(vPixels.begin(), vPixels.end()).size();
+        return mapColours;
+    image.format = PNG_FORMAT_RGB;
+    std::vector<uint8_t> vBytes(PNG_IMAGE_SIZE(image));
+    if (!png_image_finish_read(&image, nullptr, vBytes.data(), 0, nullptr))
+        return mapColours;
+    for (size_t n = 0; n + 2 < vBytes.size(); n += 3)
+        ++mapColours[static_cast<uint32_t>(vBytes[n] << 16 | vBytes[n + 1] << 8 | vBytes[n + 2])];
+    return mapColours;
 }
 
 class TimelinePage : public testing::Test
@@ -73,7 +76,7 @@ protected:
 
 void writePlays(int nStreams, int nPlaysOfEach)
 {
-    CSampleLog log(LOG);
+    CSampleLog log(SAMPLE_LOG);
     log.connect();
     for (int nStream = 1; nStream <= nStreams; ++nStream)
         log.openStream(nStream, ("call-" + std::to_string(nStream)).c_str());
@@ -92,7 +95,7 @@ void writePlays(int nStreams, int nPlaysOfEach)
 
 TEST_F(TimelinePage, AnEmptyLogSaysSo)
 {
-    std::ofstream(LOG).close();
+    std::ofstream(SAMPLE_LOG).close();
     EXPECT_EQ(timeline()["plays"], 0);
     const std::string strPage = browsedPage();
     EXPECT_THAT(strPage, HasSubstr("data-ready=\"true\""));
@@ -111,17 +114,26 @@ TEST_F(TimelinePage, ShowsWhatHappened)
     EXPECT_THAT(strPage, HasSubstr("<p id=\"empty\" hidden=\"\">"));
 }
 
-TEST_F(TimelinePage, IsDrawnInColours)
+// The legend has a little of each colour.
+TEST_F(TimelinePage, WhatHappenedIsDrawnInItsColour)
 {
+    const uint32_t STREAM = 0xE6EEF5, CONNECTED = 0x7FCDB3, PLAY = 0x0072B2, RECORD = 0xE69F00, COMPLETION = 0x00614A;
     writePlays(7, 3);
     timeline();
-    EXPECT_GT(coloursOfScreenshot(), 20U);
+    std::map<uint32_t, size_t> mapColours = coloursOfScreenshot();
+    const size_t nInLegend = mapColours[RECORD];
+    EXPECT_GT(nInLegend, 0U);
+    EXPECT_LT(nInLegend, 1000U) << "nothing was recorded";
+    EXPECT_GT(mapColours[STREAM], 100 * nInLegend);
+    EXPECT_GT(mapColours[CONNECTED], 10 * nInLegend);
+    EXPECT_GT(mapColours[PLAY], 50 * nInLegend);
+    EXPECT_GT(mapColours[COMPLETION], nInLegend);
 }
 
 TEST_F(TimelinePage, TextsOfTheLogStayTexts)
 {
     {
-        CSampleLog log(LOG);
+        CSampleLog log(SAMPLE_LOG);
         log.connect();
         const char* const pszEvil = "</script><script>document.title='broken'</script><!--<b>\"'&{{data}}\xFF\xC3\x1B";
         log.openStream(1, pszEvil);
@@ -149,7 +161,7 @@ TEST_F(TimelinePage, AHundredThousandCommandsOpen)
     writePlays(100, 1000);
     const json summary = timeline();
     EXPECT_EQ(summary["plays"], 100000);
-    EXPECT_EQ(summary["otherLines"], 0);
+    EXPECT_EQ(summary["other_lines"], 0);
     const std::string strPage = browsedPage();
     EXPECT_THAT(strPage, HasSubstr("data-ready=\"true\""));
     EXPECT_THAT(strPage, HasSubstr("data-items=\"200102\""));
@@ -195,13 +207,13 @@ TEST(TimelineFile, PerfettoGetsNamesSlicesAndMarks)
 TEST(TimelineFile, APlaceThatCannotBeWrittenIsSaid)
 {
     writePlays(1, 1);
-    CToolRun run({"timeline", LOG, "-o", "/nowhere/page.html"});
+    CToolRun run({"timeline", SAMPLE_LOG, "-o", "/nowhere/page.html"});
     EXPECT_NE(run.waitExit(), 0);
     EXPECT_THAT(run.errors(), HasSubstr("/nowhere/page.html"));
 }
 
 TEST(TimelineFile, AnUnknownFormatIsWrongUsage)
 {
-    CToolRun run({"timeline", LOG, "--format", "svg", "-o", PAGE});
+    CToolRun run({"timeline", SAMPLE_LOG, "--format", "svg", "-o", PAGE});
     EXPECT_EQ(run.waitExit(), 2);
 }

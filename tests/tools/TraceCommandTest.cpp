@@ -16,11 +16,10 @@ using testing::Not;
 
 namespace
 {
-const char LOG[] = "/tmp/sample.log";
 
 std::string trace(std::vector<std::string> vOptions, int nExit = 0)
 {
-    vOptions.insert(vOptions.begin(), {"trace", LOG});
+    vOptions.insert(vOptions.begin(), {"trace", SAMPLE_LOG});
     CToolRun run(vOptions);
     EXPECT_EQ(run.waitExit(), nExit) << run.errors();
     return nExit == 0 ? run.output() : run.errors();
@@ -34,7 +33,7 @@ size_t linesOf(const std::string& strText)
 // Two streams, on each a play, the second of which times out an hour later.
 void writeTwoPlays()
 {
-    CSampleLog log(LOG);
+    CSampleLog log(SAMPLE_LOG);
     log.connect();
     log.openStream(1, "call-1");
     log.openStream(2, "call-2");
@@ -45,7 +44,7 @@ void writeTwoPlays()
 
 void writeBytes(const std::string& strBytes)
 {
-    std::ofstream(LOG, std::ios::binary) << strBytes;
+    std::ofstream(SAMPLE_LOG, std::ios::binary) << strBytes;
 }
 } // namespace
 
@@ -65,7 +64,7 @@ TEST(TraceCommand, FoldsEachCommandIntoALine)
 TEST(TraceCommand, ShowsColoursOnATerminal)
 {
     writeTwoPlays();
-    CToolRun run({"trace", LOG}, CToolRun::TO_TERMINAL);
+    CToolRun run({"trace", SAMPLE_LOG}, CToolRun::TO_TERMINAL);
     EXPECT_EQ(run.waitExit(), 0);
     EXPECT_THAT(run.output(), AllOf(HasSubstr("\033[32mcompleted"), HasSubstr("\033[31mcompleted")));
 }
@@ -101,7 +100,7 @@ TEST(TraceCommand, ChoosesByKind)
     EXPECT_THAT(trace({"--kind", "errors"}), AllOf(HasSubstr("second.wav"), Not(HasSubstr("first.wav"))));
     EXPECT_EQ(linesOf(trace({"--kind", "completions"})), 2U);
     EXPECT_EQ(linesOf(trace({"--kind", "connection,completions"})), 5U);
-    EXPECT_THAT(trace({"--kind", "noise"}, 2), HasSubstr("no kind 'noise'"));
+    EXPECT_THAT(trace({"--kind", "noise"}, 2), HasSubstr("noise not in {calls,"));
 }
 
 TEST(TraceCommand, RawShowsTheLinesThemselves)
@@ -115,12 +114,12 @@ TEST(TraceCommand, RawShowsTheLinesThemselves)
 TEST(TraceCommand, PassesOverForeignLinesAndCountsThem)
 {
     {
-        CSampleLog log(LOG);
+        CSampleLog log(SAMPLE_LOG);
         log.raw("Nov 21 04:05:06 host kernel: something else\n\n");
         log.connect();
         log.raw("2026-99-99 00:00:00.000000 p1 t1 2 CMIntf::initialize\n");
     }
-    CToolRun run({"trace", LOG});
+    CToolRun run({"trace", SAMPLE_LOG});
     EXPECT_EQ(run.waitExit(), 0);
     EXPECT_EQ(linesOf(run.output()), 3U);
     EXPECT_THAT(run.errors(), HasSubstr("passed over 3 of "));
@@ -128,25 +127,25 @@ TEST(TraceCommand, PassesOverForeignLinesAndCountsThem)
 
 TEST(TraceCommand, FollowsAFileThatIsNotThereYetAndItsRotationAndTruncation)
 {
-    std::filesystem::remove(LOG);
-    CToolRun run({"trace", "-f", LOG});
+    std::filesystem::remove(SAMPLE_LOG);
+    CToolRun run({"trace", "-f", SAMPLE_LOG});
     {
-        CSampleLog log(LOG);
+        CSampleLog log(SAMPLE_LOG);
         log.connect();
         log.openStream(1, "one");
         log.flush();
         ASSERT_TRUE(run.waitOutput("callid one")) << run.errors();
-        std::filesystem::rename(LOG, "/tmp/sample.log.1");
+        std::filesystem::rename(SAMPLE_LOG, "/tmp/sample.log.1");
         log.openStream(2, "two"); // still into the old file
     }
     {
-        CSampleLog log(LOG);
+        CSampleLog log(SAMPLE_LOG);
         log.openStream(3, "three");
     }
     ASSERT_TRUE(run.waitOutput("callid three"));
     EXPECT_THAT(run.output(), HasSubstr("callid two"));
     {
-        CSampleLog log(LOG); // shorter than it was
+        CSampleLog log(SAMPLE_LOG); // shorter than it was
         log.line("7 lines lost: No space left on device");
     }
     ASSERT_TRUE(run.waitOutput("7 lines lost"));
@@ -156,9 +155,9 @@ TEST(TraceCommand, FollowsAFileThatIsNotThereYetAndItsRotationAndTruncation)
 
 TEST(TraceCommand, WaitsForTheRestOfALine)
 {
-    std::ofstream log(LOG);
+    std::ofstream log(SAMPLE_LOG);
     const std::string strLine = "2026-11-21 04:05:06.000000 p1 t1 2 CMIntf::finalize\n";
-    CToolRun run({"trace", "--follow", LOG});
+    CToolRun run({"trace", "--follow", SAMPLE_LOG});
     log << "2026-11-21 04:05:06.000000 p1 t1 2 CMIntf::initialize\n" << strLine.substr(0, 30) << std::flush;
     ASSERT_TRUE(run.waitOutput("the process starts"));
     log << strLine.substr(30) << std::flush;
@@ -176,10 +175,10 @@ TEST(TraceCommand, TwoFilesAreOneLog)
         log.play(1, "long.wav");
     }
     {
-        CSampleLog log(LOG);
+        CSampleLog log(SAMPLE_LOG);
         log.complete(1, 3, 0);
     }
-    CToolRun run({"trace", "/tmp/old.log", LOG, "--command", "PLAY"});
+    CToolRun run({"trace", "/tmp/old.log", SAMPLE_LOG, "--command", "PLAY"});
     EXPECT_EQ(run.waitExit(), 0);
     EXPECT_THAT(run.output(), AllOf(HasSubstr("long.wav"), HasSubstr("completed")));
     EXPECT_EQ(linesOf(run.output()), 1U);
@@ -188,7 +187,7 @@ TEST(TraceCommand, TwoFilesAreOneLog)
 TEST(TraceCommand, AProcessThatStartsAgainUnderItsOldIdHasLostItsCommands)
 {
     {
-        CSampleLog log(LOG);
+        CSampleLog log(SAMPLE_LOG);
         for (int n = 0; n < 2; ++n)
         {
             log.connect();
@@ -231,7 +230,7 @@ TEST(TraceCommand, SurvivesALineWithoutEnd)
 TEST(TraceCommand, SurvivesLinesThatAreDamaged)
 {
     writeTwoPlays();
-    std::ifstream log(LOG);
+    std::ifstream log(SAMPLE_LOG);
     std::mt19937 random(11);
     std::string strDamaged;
     for (std::string strLine; std::getline(log, strLine);)
@@ -248,14 +247,14 @@ TEST(TraceCommand, SurvivesLinesThatAreDamaged)
     writeBytes(strDamaged);
     EXPECT_GT(linesOf(trace({})), 10U);
     EXPECT_GT(linesOf(trace({"--raw", "--json"})), 10U);
-    CToolRun run({"timeline", LOG, "-o", "/tmp/page.html"});
+    CToolRun run({"timeline", SAMPLE_LOG, "-o", "/tmp/page.html"});
     EXPECT_EQ(run.waitExit(), 0);
 }
 
 TEST(TraceCommand, NamesWithControlCharactersDoNotSteerTheTerminal)
 {
     {
-        CSampleLog log(LOG);
+        CSampleLog log(SAMPLE_LOG);
         log.connect();
         log.openStream(1, "one");
         log.play(1, "\033[2Jclear.wav\xC2\x9B!");

@@ -78,14 +78,14 @@ protected:
             if (line["type"] == "command")
                 vCommands.push_back(line);
             else
-                EXPECT_EQ(line.value("otherLines", 0), 0);
+                EXPECT_EQ(line.value("other_lines", 0), 0);
         }
         return vCommands;
     }
 
     static std::string outcome(const json& command)
     {
-        return command.value("outcome", "") + " " + command.value("statusName", "");
+        return command.value("outcome", "") + " " + command.value("status_name", "");
     }
 
     CCompletions m_completions;
@@ -240,7 +240,7 @@ TEST_F(TraceLog, ADriverThatIsKilledAndStartedAgainIsLostAndConnected)
     CToolRun timeline({"timeline", "--json", log(), "-o", "/tmp/timeline.html"});
     EXPECT_EQ(timeline.waitExit(), 0);
     const json summary = timeline.json();
-    EXPECT_EQ(summary["driverLosses"], 1);
+    EXPECT_EQ(summary["driver_losses"], 1);
     EXPECT_EQ(summary["plays"], 2);
     EXPECT_EQ(summary["streams"], 2);
     EXPECT_EQ(summary["completions"], 1);

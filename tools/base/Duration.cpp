@@ -2,10 +2,10 @@
 #include "base/Duration.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 
 namespace
 {
@@ -64,7 +64,5 @@ CLI::Option* addSeconds(CLI::App& app, const std::string& strName, std::optional
 
 std::string secondsText(CMilliseconds duration)
 {
-    char szText[32];
-    std::snprintf(szText, sizeof(szText), "%.3f", std::chrono::duration<double>(duration).count());
-    return szText;
+    return fmt::format("{:.3f}", std::chrono::duration<double>(duration).count());
 }

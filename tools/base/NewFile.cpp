@@ -3,16 +3,19 @@
 
 #include "base/ToolError.h"
 
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace
 {
+constexpr int MAX_TRIES = 100; // names that are taken, of processes of this id that were killed
+
 bool writeAll(int nFile, std::string_view content)
 {
     while (!content.empty())
@@ -31,16 +34,13 @@ CNewFile::CNewFile(const std::string& strPath, std::string_view content) : m_str
     struct stat status = {};
     if (stat(strPath.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
         throw CToolError(EXIT_CODE_USAGE, strPath + ": it is not a regular file");
-    m_strTemporary = strPath + ".XXXXXX";
-    const int nFile = mkostemp(m_strTemporary.data(), 0);
+    const int nFile = create();
     if (nFile < 0)
     {
         m_strTemporary.clear();
         fail(errno);
     }
-    const mode_t nMask = umask(0);
-    umask(nMask);
-    const bool bWritten = fchmod(nFile, 0666 & ~nMask) == 0 && writeAll(nFile, content) && fsync(nFile) == 0;
+    const bool bWritten = writeAll(nFile, content) && fsync(nFile) == 0;
     const int nErrno = errno;
     close(nFile);
     if (!bWritten)
@@ -50,6 +50,20 @@ CNewFile::CNewFile(const std::string& strPath, std::string_view content) : m_str
 CNewFile::~CNewFile()
 {
     remove();
+}
+
+// Under a name of its own, with the rights that the umask leaves.
+int CNewFile::create()
+{
+    int nFile = -1;
+    for (int nTry = 0; nTry < MAX_TRIES && nFile < 0; ++nTry)
+    {
+        m_strTemporary = fmt::format("{}.{}-{}", m_strPath, getpid(), nTry);
+        nFile = open(m_strTemporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (nFile < 0 && errno != EEXIST)
+            break;
+    }
+    return nFile;
 }
 
 void CNewFile::putInPlace()

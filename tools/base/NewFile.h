@@ -18,6 +18,7 @@ public:
     void putInPlace();
 
 private:
+    int create();
     [[noreturn]] void fail(int nErrno);
     void remove();
 

@@ -1,6 +1,8 @@
 // CTool: what the subcommands of zelmedia have in common: how they are declared, answer and end.
 #include "base/Tool.h"
 
+#include <fmt/format.h>
+
 #include <cstdio>
 
 CTool::CTool() : m_app("Play, record and look after media channels.", "zelmedia")
@@ -50,18 +52,8 @@ int CTool::fail(int nExitCode, const char* pszText) const
     if (m_bJson)
         printJson({{"error", pszText}});
     else
-        std::fprintf(stderr, "zelmedia: %s\n", pszText);
+        printError(pszText);
     return nExitCode;
-}
-
-void addAllCommands(CTool& tool)
-{
-    addMediaCommands(tool);
-    addPhrasesCommands(tool);
-    addMachineCommands(tool);
-    addTraceCommands(tool);
-    addExplainCommand(tool);
-    addCompletionCommand(tool);
 }
 
 void printJson(const nlohmann::json& json)
@@ -72,6 +64,11 @@ void printJson(const nlohmann::json& json)
 
 void printLine(const std::string& strLine)
 {
-    std::fprintf(stdout, "%s\n", strLine.c_str());
+    fmt::print("{}\n", strLine);
     std::fflush(stdout);
+}
+
+void printError(const std::string& strText)
+{
+    fmt::print(stderr, "zelmedia: {}\n", strText);
 }

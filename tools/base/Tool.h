@@ -42,15 +42,7 @@ private:
 void printJson(const nlohmann::json& json);
 void printLine(const std::string& strLine);
 
-// Declares every subcommand.
-void addAllCommands(CTool& tool);
-
-// Each declares some of them.
-void addMediaCommands(CTool& tool);   // play, record, phrase play
-void addPhrasesCommands(CTool& tool); // phrases build, list, check
-void addMachineCommands(CTool& tool); // status, clean, dump
-void addTraceCommands(CTool& tool);   // trace, timeline
-void addExplainCommand(CTool& tool);  // explain
-void addCompletionCommand(CTool& tool);
+// One line for people on standard error.
+void printError(const std::string& strText);
 
 #endif

@@ -5,6 +5,7 @@
 #include "base/Descriptor.h"
 #include "base/ToolError.h"
 #include "driver/OwnPipes.h"
+#include "driver/UmaskForDriver.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,14 +27,14 @@ struct CNoAnswer
     std::string strReason;
 };
 
-// Open to all, so that a driver of another user can answer.
 int makePipe(const std::string& strPath)
 {
+    const CUmaskForDriver umaskForDriver;
     const int nFlags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
     int nDescriptor = -1;
-    if (mkfifo(strPath.c_str(), 0600) == 0)
+    if (mkfifo(strPath.c_str(), 0666) == 0)
         nDescriptor = open(strPath.c_str(), nFlags);
-    if (nDescriptor == -1 || fchmod(nDescriptor, 0666) != 0)
+    if (nDescriptor == -1)
         throw CToolError(EXIT_CODE_FAILED, "cannot make the pipe " + strPath + ": " + std::strerror(errno));
     return nDescriptor;
 }

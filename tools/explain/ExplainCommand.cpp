@@ -1,4 +1,6 @@
 // The subcommand explain of zelmedia: what a status means, when it arises, what to do.
+#include "explain/ExplainCommand.h"
+
 #include "base/Terminal.h"
 #include "base/Tool.h"
 #include "explain/StatusTable.h"

@@ -11,19 +11,24 @@ namespace
 const size_t PREFIX_LENGTH = 6; // of "MICMD_"
 } // namespace
 
+int commandCount()
+{
+    return COMMAND_COUNT + 1;
+}
+
 const char* shortCommandName(int nCommand)
 {
-    return nCommand < 0 || nCommand > COMMAND_COUNT ? "?" : MICMDToString(static_cast<MICMD>(nCommand)) + PREFIX_LENGTH;
+    return nCommand < 0 || nCommand >= commandCount() ? "?"
+                                                      : MICMDToString(static_cast<MICMD>(nCommand)) + PREFIX_LENGTH;
 }
 
 int commandFromName(std::string_view strvName)
 {
-    for (int n = 0; n <= COMMAND_COUNT; ++n)
-    {
-        const std::string_view strvLong = MICMDToString(static_cast<MICMD>(n));
-        if (strvName == strvLong || strvName == strvLong.substr(PREFIX_LENGTH))
+    if (strvName.starts_with("MICMD_"))
+        strvName.remove_prefix(PREFIX_LENGTH);
+    for (int n = 0; n < commandCount(); ++n)
+        if (strvName == shortCommandName(n))
             return n;
-    }
     return NO_COMMAND;
 }
 

@@ -1,8 +1,9 @@
 // Times as the library's log shows them.
 #include "log/LogTime.h"
 
+#include <fmt/format.h>
+
 #include <chrono>
-#include <cstdio>
 
 namespace
 {
@@ -83,12 +84,10 @@ std::string logTimeToString(int64_t llTime)
     const auto days = std::chrono::floor<std::chrono::days>(time);
     const std::chrono::year_month_day date(days);
     const std::chrono::hh_mm_ss clock(time - days);
-    char szText[64];
-    std::snprintf(szText, sizeof(szText), "%04d-%02u-%02u %02d:%02d:%02d.%06d", static_cast<int>(date.year()),
-                  static_cast<unsigned int>(date.month()), static_cast<unsigned int>(date.day()),
-                  static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-                  static_cast<int>(clock.seconds().count()), static_cast<int>(clock.subseconds().count()));
-    return szText;
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:06}", static_cast<int>(date.year()),
+                       static_cast<unsigned int>(date.month()), static_cast<unsigned int>(date.day()),
+                       clock.hours().count(), clock.minutes().count(), clock.seconds().count(),
+                       clock.subseconds().count());
 }
 
 int64_t logTimeFromString(std::string_view strvTime)

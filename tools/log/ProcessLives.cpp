@@ -3,46 +3,29 @@
 
 #include "MediaProtocol.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <utility>
 
 namespace
 {
 const size_t MAX_DETAIL = 600; // two names of files
 
-constexpr unsigned int bit(int nCommand)
-{
-    return nCommand == NO_COMMAND ? 0 : 1U << nCommand;
-}
-
 // The commands that an operation of the application leads to.
 unsigned int commandsOf(std::string_view strvCall)
 {
-    static const std::pair<std::string_view, unsigned int> aCalls[] = {
-        {"playAddFile", bit(MICMD_PLAYFILE)},
-        {"playAddPhrase", bit(MICMD_PLAYCLIP)},
-        {"recordToFile", bit(MICMD_RECORDFILE)},
-        {"recordToFileWithPromptPhrase", bit(MICMD_PLAYCLIP) | bit(MICMD_RECORDFILE)},
-        {"playCancel", bit(MICMD_CANCEL)},
-        {"recordCancel", bit(MICMD_CANCEL)},
-        {"initialize", bit(MICMD_OPENSTREAM)},
-        {"~CZelMediaStreamImpl", bit(MICMD_CLOSESTREAM)},
-        {"remStream", bit(MICMD_CLOSESTREAM)},
-        {"openPhraseFile", bit(MICMD_OPENFILE)},
-        {"closePhraseFile", bit(MICMD_CLOSEFILE)},
-        {"recordGetTimeMilliseconds", bit(MICMD_RECORDGETTIME)},
-        {"recordGetStatus", bit(MICMD_RECORDGETSTATUS)},
-        {"dump", bit(MICMD_DUMP)}};
-    for (const auto& [strvName, uCommands] : aCalls)
-        if (strvCall == strvName)
-            return uCommands;
-    return 0;
+    const auto calls = logCalls();
+    const auto it =
+        std::find_if(calls.begin(), calls.end(), [&](const CLogCall& call) { return call.m_strvName == strvCall; });
+    return it == calls.end() ? 0 : it->m_uCommands;
 }
 
 // A call that ought to have led to this command, and has not.
 int unsentCommand(unsigned int uExpected)
 {
     for (const int nCommand : {MICMD_PLAYFILE, MICMD_PLAYCLIP, MICMD_RECORDFILE, MICMD_CANCEL})
-        if (uExpected & bit(nCommand))
+        if (uExpected & commandBit(nCommand))
             return nCommand;
     return NO_COMMAND;
 }
@@ -53,111 +36,158 @@ CCommandLives::CProcessLives::CProcessLives(CLogListener& listener, int nProcess
 {
 }
 
+constexpr CCommandLives::CProcessLives::CRules CCommandLives::CProcessLives::rules()
+{
+    typedef CProcessLives L;
+    CRules rules;
+    rules[LOG_EVENT_CALL] = {&L::callBegins};
+    rules[LOG_EVENT_CALL_RESULT] = {&L::callResult};
+    rules[LOG_EVENT_STREAM_ADDED] = {&L::streamAdded};
+    rules[LOG_EVENT_STREAM_OPENED] = {&L::streamOpened};
+    rules[LOG_EVENT_STREAM_CLOSING] = {&L::streamClosing, nullptr, "the stream was closed"};
+    rules[LOG_EVENT_STREAM_CLEARED] = {&L::streamCleared};
+    rules[LOG_EVENT_CANCEL] = {&L::cancelled, nullptr, "cancelled"};
+
+    rules[LOG_EVENT_NEW_COMMAND] = {&L::newCommand};
+    rules[LOG_EVENT_REQUEST] = {&L::beginRequest, &L::ofRequest};
+    rules[LOG_EVENT_ENTERING] = {&L::entering, &L::ofRequest};
+    rules[LOG_EVENT_QUEUED] = {nullptr, &L::queued};
+    rules[LOG_EVENT_ACTIVE] = {nullptr, &L::becameActive};
+    rules[LOG_EVENT_NUMBERED] = {nullptr, &L::numbered};
+    rules[LOG_EVENT_SENT_NUMBER] = {nullptr, &L::numbered};
+    rules[LOG_EVENT_SENDING] = {nullptr, &L::sending};
+    rules[LOG_EVENT_RESPONSE] = {nullptr, &L::answered};
+    rules[LOG_EVENT_RESULT] = {nullptr, &L::endRequest};
+
+    rules[LOG_EVENT_CONSTRUCTED] = {&L::constructed};
+    rules[LOG_EVENT_DESTROYED] = {&L::destroyed};
+    rules[LOG_EVENT_OWN_COMPLETION] = {&L::ownCompletion};
+    rules[LOG_EVENT_EVENT] = {&L::readEvent};
+    rules[LOG_EVENT_WITHDRAWN] = {&L::withdrawn, nullptr, "the command before it could not be sent"};
+    rules[LOG_EVENT_UNLINKED] = {&L::unlinked};
+    rules[LOG_EVENT_TIMED_OUT] = {&L::timedOut};
+    rules[LOG_EVENT_REPORTING] = {&L::reporting};
+    rules[LOG_EVENT_COMPLETION] = {&L::complete};
+
+    rules[LOG_EVENT_PROCESS_STARTED] = {nullptr, nullptr, nullptr, LOG_NOTE_PROCESS_STARTED, "the process starts"};
+    rules[LOG_EVENT_PROCESS_ENDING] = {nullptr, nullptr, "the process ended", LOG_NOTE_PROCESS_ENDING,
+                                       "the process ends"};
+    rules[LOG_EVENT_CONNECTED] = {nullptr, nullptr, nullptr, LOG_NOTE_CONNECTED, "connected to the media driver"};
+    rules[LOG_EVENT_DRIVER_LOST] = {&L::driverLost, nullptr, "the media driver was lost", LOG_NOTE_DRIVER_LOST,
+                                    "the media driver is lost"};
+    rules[LOG_EVENT_DRIVER_SILENT] = {&L::driverSilent};
+    rules[LOG_EVENT_STREAM_LOST] = {&L::streamLost};
+    rules[LOG_EVENT_ALARM] = {nullptr, nullptr, nullptr, LOG_NOTE_ALARM};
+    rules[LOG_EVENT_LINES_LOST] = {nullptr, nullptr, nullptr, LOG_NOTE_LINES_LOST};
+    return rules;
+}
+
 void CCommandLives::CProcessLives::add(CLogLine& line)
 {
+    static constexpr CRules s_rules = rules();
+    const CRule& rule = s_rules[line.m_event];
     CThread& thread = m_mapThreads[line.m_nThread];
-    switch (line.m_event)
+    if (rule.m_pHandle)
+        (this->*rule.m_pHandle)(thread, line);
+    if (const CLife life = rule.m_pStep ? thread.m_current : nullptr)
     {
-    case LOG_EVENT_OTHER: break;
-    case LOG_EVENT_CALL:
-    case LOG_EVENT_CALL_RESULT:
-    case LOG_EVENT_STREAM_ADDED:
-    case LOG_EVENT_STREAM_OPENED:
-    case LOG_EVENT_STREAM_CLOSING:
-    case LOG_EVENT_STREAM_CLEARED:
-    case LOG_EVENT_CANCEL: addCallLine(thread, line); break;
-    case LOG_EVENT_CONSTRUCTED:
-    case LOG_EVENT_DESTROYED:
-    case LOG_EVENT_OWN_COMPLETION:
-    case LOG_EVENT_EVENT:
-    case LOG_EVENT_WITHDRAWN:
-    case LOG_EVENT_UNLINKED:
-    case LOG_EVENT_TIMED_OUT:
-    case LOG_EVENT_REPORTING:
-    case LOG_EVENT_COMPLETION: addEventLine(thread, line); break;
-    case LOG_EVENT_PROCESS_STARTED:
-    case LOG_EVENT_PROCESS_ENDING:
-    case LOG_EVENT_CONNECTED:
-    case LOG_EVENT_CONNECTION:
-    case LOG_EVENT_DRIVER_LOST:
-    case LOG_EVENT_DRIVER_SILENT:
-    case LOG_EVENT_STREAM_LOST:
-    case LOG_EVENT_ALARM:
-    case LOG_EVENT_LINES_LOST: addProcessLine(thread, line); break;
-    default: addRequestLine(thread, line); break;
+        line.m_nCommand = life->m_nCommand;
+        line.m_nStream = life->m_nStream;
+        (this->*rule.m_pStep)(life, thread, line);
     }
+    if (rule.m_pszWhy)
+        thread.m_pszWhy = rule.m_pszWhy;
+    if (rule.m_note)
+        note(*rule.m_note, line, NO_STREAM, rule.m_pszNote ? rule.m_pszNote : std::string(line.m_strvText));
 }
 
-void CCommandLives::CProcessLives::addCallLine(CThread& thread, CLogLine& line)
+void CCommandLives::CProcessLives::callBegins(CThread& thread, CLogLine& line)
 {
-    switch (line.m_event)
-    {
-    case LOG_EVENT_CALL:
-        releaseHeld(thread);
-        if (const auto it = m_mapStreamByHandle.find(line.m_uAddress);
-            line.m_uAddress != 0 && it != m_mapStreamByHandle.end())
-            line.m_nStream = it->second;
-        beginCall(thread, line);
-        break;
-    case LOG_EVENT_CALL_RESULT: line.m_nStream = thread.m_call.m_nStream; break;
-    case LOG_EVENT_STREAM_ADDED: m_mapStreamByHandle[line.m_uAddress] = line.m_nStream; break;
-    case LOG_EVENT_STREAM_OPENED: openStream(thread, line); break;
-    case LOG_EVENT_STREAM_CLOSING:
-        thread.m_nCloseStream = line.m_nStream;
-        thread.m_pszWhy = "the stream was closed";
-        break;
-    case LOG_EVENT_STREAM_CLEARED: dropStream(line.m_nStream, "the stream was closed", line.m_llTime, false); break;
-    default: // LOG_EVENT_CANCEL
-        thread.m_nCancelStream = line.m_nStream;
-        thread.m_pszWhy = "cancelled";
-        if (!m_bSeesObjects)
-            dropStream(line.m_nStream, "cancelled", line.m_llTime, true);
-        break;
-    }
+    releaseHeld(thread);
+    if (const auto it = m_mapStreamByHandle.find(line.m_uAddress);
+        line.m_uAddress != 0 && it != m_mapStreamByHandle.end())
+        line.m_nStream = it->second;
+    beginCall(thread, line);
 }
 
-void CCommandLives::CProcessLives::addRequestLine(CThread& thread, CLogLine& line)
+void CCommandLives::CProcessLives::callResult(CThread& thread, CLogLine& line)
 {
-    if (line.m_event == LOG_EVENT_NEW_COMMAND)
-    {
-        m_bSeesObjects = true;
-        thread.m_bNew = true;
-        thread.m_uNewAddress = line.m_uAddress;
-        return;
-    }
-    if (line.m_event == LOG_EVENT_REQUEST)
-        beginRequest(thread, line);
-    else if (line.m_event == LOG_EVENT_ENTERING)
-        resolveStarting(thread, line.m_bRecordSide);
-    const CLife life = thread.m_current;
-    if (!life)
-        return;
-    line.m_nCommand = life->m_nCommand;
-    line.m_nStream = life->m_nStream;
-    switch (line.m_event)
-    {
-    case LOG_EVENT_QUEUED:
-        if (life->m_llQueued == NO_TIME)
-            life->m_llQueued = line.m_llTime;
-        enqueue(streamOf(life->m_nStream).m_aSides[line.m_bRecordSide].m_queue, life);
-        break;
-    case LOG_EVENT_ACTIVE: activate(life, line.m_bRecordSide, line.m_llTime); break;
-    case LOG_EVENT_NUMBERED:
-    case LOG_EVENT_SENT_NUMBER: number(life, line.m_uSequence); break;
-    case LOG_EVENT_SENDING: life->m_llSent = line.m_llTime; break;
-    case LOG_EVENT_RESPONSE:
-        if (line.m_uSequence != 0) // else a late one that was thrown away
-            life->m_llAnswered = line.m_llTime;
-        break;
-    case LOG_EVENT_RESULT: endRequest(thread, line); break;
-    default: break;
-    }
+    line.m_nStream = thread.m_call.m_nStream;
+}
+
+void CCommandLives::CProcessLives::streamAdded(CThread&, CLogLine& line)
+{
+    m_mapStreamByHandle[line.m_uAddress] = line.m_nStream;
+}
+
+void CCommandLives::CProcessLives::streamClosing(CThread& thread, CLogLine& line)
+{
+    thread.m_nCloseStream = line.m_nStream;
+}
+
+void CCommandLives::CProcessLives::streamCleared(CThread&, CLogLine& line)
+{
+    dropStream(line.m_nStream, "the stream was closed", line.m_llTime, false);
+}
+
+void CCommandLives::CProcessLives::cancelled(CThread& thread, CLogLine& line)
+{
+    thread.m_nCancelStream = line.m_nStream;
+    if (!m_bSeesObjects)
+        dropStream(line.m_nStream, "cancelled", line.m_llTime, true);
+}
+
+void CCommandLives::CProcessLives::newCommand(CThread& thread, CLogLine& line)
+{
+    m_bSeesObjects = true;
+    thread.m_bNew = true;
+    thread.m_uNewAddress = line.m_uAddress;
+}
+
+void CCommandLives::CProcessLives::entering(CThread& thread, CLogLine& line)
+{
+    resolveStarting(thread, line.m_bRecordSide);
+}
+
+// Its command and stream are all that such a line is for.
+void CCommandLives::CProcessLives::ofRequest(const CLife&, CThread&, const CLogLine&) {}
+
+void CCommandLives::CProcessLives::queued(const CLife& life, CThread&, const CLogLine& line)
+{
+    if (life->m_llQueued == NO_TIME)
+        life->m_llQueued = line.m_llTime;
+    enqueue(streamOf(life->m_nStream).m_aSides[line.m_bRecordSide].m_queue, life);
+}
+
+void CCommandLives::CProcessLives::becameActive(const CLife& life, CThread&, const CLogLine& line)
+{
+    CLife& active = streamOf(life->m_nStream).m_aSides[line.m_bRecordSide].m_active;
+    if (active && active != life)
+        finishLife(active, OUTCOME_ENDED, "", line.m_llTime); // the lines of its end are missing
+    active = life;
+}
+
+void CCommandLives::CProcessLives::numbered(const CLife& life, CThread&, const CLogLine& line)
+{
+    life->m_uSequence = line.m_uSequence;
+    m_mapBySequence[line.m_uSequence] = life;
+}
+
+void CCommandLives::CProcessLives::sending(const CLife& life, CThread&, const CLogLine& line)
+{
+    life->m_llSent = line.m_llTime;
+}
+
+void CCommandLives::CProcessLives::answered(const CLife& life, CThread&, const CLogLine& line)
+{
+    if (line.m_uSequence != 0) // else a late one that was thrown away
+        life->m_llAnswered = line.m_llTime;
 }
 
 void CCommandLives::CProcessLives::beginCall(CThread& thread, const CLogLine& line)
 {
     const unsigned int uExpected = commandsOf(line.m_strvName);
-    if (uExpected == bit(MICMD_CLOSESTREAM) && (thread.m_call.m_uExpected & uExpected))
+    if (uExpected == commandBit(MICMD_CLOSESTREAM) && (thread.m_call.m_uExpected & uExpected))
         return; // remStream within the destructor
     endCall(thread);
     CCall& call = thread.m_call;
@@ -197,10 +227,10 @@ bool CCommandLives::CProcessLives::isNewCommand(const CThread& thread, int nComm
 {
     if (m_bSeesObjects)
         return thread.m_bNew;
-    return !isPlayOrRecordCommand(nCommand) || (thread.m_call.m_uExpected & bit(nCommand)) != 0;
+    return !isPlayOrRecordCommand(nCommand) || (thread.m_call.m_uExpected & commandBit(nCommand)) != 0;
 }
 
-void CCommandLives::CProcessLives::beginRequest(CThread& thread, const CLogLine& line)
+void CCommandLives::CProcessLives::beginRequest(CThread& thread, CLogLine& line)
 {
     releaseHeld(thread);
     thread.m_current.reset();
@@ -231,7 +261,7 @@ void CCommandLives::CProcessLives::beginRequest(CThread& thread, const CLogLine&
 void CCommandLives::CProcessLives::useCall(CThread& thread, CCommandLife& life)
 {
     CCall& call = thread.m_call;
-    const unsigned int uBit = bit(life.m_nCommand);
+    const unsigned int uBit = commandBit(life.m_nCommand);
     if (!(call.m_uExpected & uBit))
         return;
     if (!call.m_bUsed)
@@ -270,23 +300,9 @@ void CCommandLives::CProcessLives::enqueue(std::deque<CLife>& queue, const CLife
         queue.push_back(life);
 }
 
-void CCommandLives::CProcessLives::activate(const CLife& life, bool bRecordSide, int64_t llTime)
+void CCommandLives::CProcessLives::endRequest(const CLife& life, CThread& thread, const CLogLine& line)
 {
-    CLife& active = streamOf(life->m_nStream).m_aSides[bRecordSide].m_active;
-    if (active && active != life)
-        finishLife(active, OUTCOME_ENDED, "", llTime); // the lines of its end are missing
-    active = life;
-}
-
-void CCommandLives::CProcessLives::number(const CLife& life, uint32_t uSequence)
-{
-    life->m_uSequence = uSequence;
-    m_mapBySequence[uSequence] = life;
-}
-
-void CCommandLives::CProcessLives::endRequest(CThread& thread, const CLogLine& line)
-{
-    const CLife life = std::exchange(thread.m_current, nullptr);
+    thread.m_current.reset();
     const bool bQueued = line.m_nStatus == 0 && life->m_llSent == NO_TIME;
     if (life->m_bFinished || bQueued)
         return;
@@ -310,16 +326,14 @@ void CCommandLives::CProcessLives::releaseHeld(CThread& thread)
         finishLife(life, life->m_nStatus == 0 ? OUTCOME_ANSWERED : OUTCOME_FAILED, "", life->m_llAnswered);
 }
 
-void CCommandLives::CProcessLives::openStream(CThread& thread, const CLogLine& line)
+void CCommandLives::CProcessLives::streamOpened(CThread& thread, CLogLine& line)
 {
     if (line.m_nStream >= 0)
     {
         closeStream(line.m_nStream, line.m_llTime); // the line of its close is missing, or the driver was lost
         CStream& stream = streamOf(line.m_nStream);
         stream.m_llBegan = line.m_llTime;
-        stream.m_strName = line.m_strvText.substr(0, MAX_DETAIL);
-        if (const size_t nLeg = stream.m_strName.rfind(", legid "); nLeg != std::string::npos)
-            stream.m_strName.replace(nLeg, 8, ", leg ");
+        stream.m_strName = fmt::format("{}, leg {}", line.m_strvText.substr(0, MAX_DETAIL), line.m_uLeg);
     }
     if (thread.m_held)
         attachStream(*thread.m_held, line.m_nStream);

@@ -4,9 +4,11 @@
 
 #include "log/CommandLives.h"
 
+#include <array>
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 class CCommandLives::CProcessLives
@@ -69,29 +71,61 @@ private:
         CSide m_aSides[2]; // plays, records
     };
 
-    void addCallLine(CThread& thread, CLogLine& line);
-    void addRequestLine(CThread& thread, CLogLine& line);
-    void addEventLine(CThread& thread, CLogLine& line);
-    void addProcessLine(CThread& thread, const CLogLine& line);
+    // What is done with a line, by what it tells of.
+    struct CRule
+    {
+        void (CProcessLives::*m_pHandle)(CThread&, CLogLine&) = nullptr;
+        // Then, where the line belongs to the request that its thread is in, which names its command and stream.
+        void (CProcessLives::*m_pStep)(const CLife&, CThread&, const CLogLine&) = nullptr;
+        // And why the commands are dropped that are dropped from here on.
+        const char* m_pszWhy = nullptr;
+        // And what is told of the process.
+        std::optional<ELogNote> m_note = std::nullopt;
+        const char* m_pszNote = nullptr; // null: the line's text
+    };
+    typedef std::array<CRule, LOG_EVENTS> CRules;
+    static constexpr CRules rules();
+
+    void callBegins(CThread& thread, CLogLine& line);
+    void callResult(CThread& thread, CLogLine& line);
+    void streamAdded(CThread& thread, CLogLine& line);
+    void streamOpened(CThread& thread, CLogLine& line);
+    void streamClosing(CThread& thread, CLogLine& line);
+    void streamCleared(CThread& thread, CLogLine& line);
+    void cancelled(CThread& thread, CLogLine& line);
+
+    void newCommand(CThread& thread, CLogLine& line);
+    void beginRequest(CThread& thread, CLogLine& line);
+    void entering(CThread& thread, CLogLine& line);
+    void ofRequest(const CLife& life, CThread& thread, const CLogLine& line);
+    void queued(const CLife& life, CThread& thread, const CLogLine& line);
+    void becameActive(const CLife& life, CThread& thread, const CLogLine& line);
+    void numbered(const CLife& life, CThread& thread, const CLogLine& line);
+    void sending(const CLife& life, CThread& thread, const CLogLine& line);
+    void answered(const CLife& life, CThread& thread, const CLogLine& line);
+    void endRequest(const CLife& life, CThread& thread, const CLogLine& line);
+
+    void constructed(CThread& thread, CLogLine& line);
+    void destroyed(CThread& thread, CLogLine& line);
+    void ownCompletion(CThread& thread, CLogLine& line);
+    void readEvent(CThread& thread, CLogLine& line);
+    void withdrawn(CThread& thread, CLogLine& line);
+    void unlinked(CThread& thread, CLogLine& line);
+    void timedOut(CThread& thread, CLogLine& line);
+    void reporting(CThread& thread, CLogLine& line);
+    void complete(CThread& thread, CLogLine& line);
+    void driverLost(CThread& thread, CLogLine& line);
+    void driverSilent(CThread& thread, CLogLine& line);
+    void streamLost(CThread& thread, CLogLine& line);
 
     void beginCall(CThread& thread, const CLogLine& line);
     void endCall(CThread& thread);
-    void beginRequest(CThread& thread, const CLogLine& line);
     bool isNewCommand(const CThread& thread, int nCommand) const;
     void useCall(CThread& thread, CCommandLife& life);
     void resolveStarting(CThread& thread, bool bRecordSide);
     static void enqueue(std::deque<CLife>& queue, const CLife& life);
-    void activate(const CLife& life, bool bRecordSide, int64_t llTime);
-    void number(const CLife& life, uint32_t uSequence);
-    void endRequest(CThread& thread, const CLogLine& line);
     void releaseHeld(CThread& thread);
-    void openStream(CThread& thread, const CLogLine& line);
-
-    void readEvent(CThread& thread, const CLogLine& line);
-    void unlinked(CThread& thread, const CLogLine& line) const;
-    void complete(CThread& thread, const CLogLine& line);
     CLife completedLife(CThread& thread, const CLogLine& line);
-    void destroyed(CThread& thread, const CLogLine& line);
     void dropStream(int nStream, const char* pszWhy, int64_t llTime, bool bQueueOnly);
 
     CLife newLife(const CLogLine& line);

@@ -16,70 +16,59 @@ bool isFatal(int nStatus)
 const char* const WHY_EVENT = "what the stream played before it did not end well";
 } // namespace
 
-void CCommandLives::CProcessLives::addEventLine(CThread& thread, CLogLine& line)
+void CCommandLives::CProcessLives::constructed(CThread& thread, CLogLine& line)
 {
-    switch (line.m_event)
-    {
-    case LOG_EVENT_CONSTRUCTED: thread.m_uNewAddress = line.m_uAddress; break;
-    case LOG_EVENT_DESTROYED: destroyed(thread, line); break;
-    case LOG_EVENT_OWN_COMPLETION:
-        thread.m_current = newLife(line);
-        thread.m_current->m_nCommand = MICMD_NULL;
-        attachStream(*thread.m_current, line.m_nStream);
-        m_mapByAddress[thread.m_uNewAddress] = thread.m_current;
-        break;
-    case LOG_EVENT_EVENT: readEvent(thread, line); break;
-    case LOG_EVENT_WITHDRAWN:
-        thread.m_bWithdrawing = true;
-        thread.m_pszWhy = "the command before it could not be sent";
-        break;
-    case LOG_EVENT_UNLINKED: unlinked(thread, line); break;
-    case LOG_EVENT_TIMED_OUT:
-        if (thread.m_held)
-            attachStream(*thread.m_held, line.m_nStream);
-        releaseHeld(thread);
-        break;
-    case LOG_EVENT_REPORTING:
-        if (const CLife life = lifeOfNumber(line.m_uSequence, line.m_nStream))
-        {
-            thread.m_reporting = life;
-            line.m_nCommand = life->m_nCommand;
-        }
-        break;
-    default: complete(thread, line); break;
-    }
+    thread.m_uNewAddress = line.m_uAddress;
 }
 
-void CCommandLives::CProcessLives::addProcessLine(CThread& thread, const CLogLine& line)
+void CCommandLives::CProcessLives::ownCompletion(CThread& thread, CLogLine& line)
 {
-    const int nNone = NO_STREAM;
-    switch (line.m_event)
-    {
-    case LOG_EVENT_PROCESS_STARTED: note(LOG_NOTE_PROCESS_STARTED, line, nNone, "the process starts"); break;
-    case LOG_EVENT_PROCESS_ENDING:
-        thread.m_pszWhy = "the process ended";
-        note(LOG_NOTE_PROCESS_ENDING, line, nNone, "the process ends");
-        break;
-    case LOG_EVENT_CONNECTED: note(LOG_NOTE_CONNECTED, line, nNone, "connected to the media driver"); break;
-    case LOG_EVENT_DRIVER_LOST:
-        thread.m_pszWhy = "the media driver was lost";
-        thread.m_bLost = true;
-        note(LOG_NOTE_DRIVER_LOST, line, nNone, "the media driver is lost");
-        break;
-    case LOG_EVENT_DRIVER_SILENT:
-        if (std::exchange(thread.m_bLost, false)) // the line follows a loss, too
-            break;
-        thread.m_pszWhy = "the media driver did not answer";
-        note(LOG_NOTE_DRIVER_SILENT, line, nNone, "the media driver does not answer");
-        break;
-    case LOG_EVENT_STREAM_LOST: note(LOG_NOTE_STREAM_LOST, line, thread.m_nEventStream, "the stream is lost"); break;
-    case LOG_EVENT_ALARM: note(LOG_NOTE_ALARM, line, nNone, "alarm: " + std::string(line.m_strvText)); break;
-    case LOG_EVENT_LINES_LOST: note(LOG_NOTE_LINES_LOST, line, nNone, std::string(line.m_strvText)); break;
-    default: break;
-    }
+    thread.m_current = newLife(line);
+    thread.m_current->m_nCommand = MICMD_NULL;
+    attachStream(*thread.m_current, line.m_nStream);
+    m_mapByAddress[thread.m_uNewAddress] = thread.m_current;
 }
 
-void CCommandLives::CProcessLives::readEvent(CThread& thread, const CLogLine& line)
+void CCommandLives::CProcessLives::withdrawn(CThread& thread, CLogLine&)
+{
+    thread.m_bWithdrawing = true;
+}
+
+void CCommandLives::CProcessLives::timedOut(CThread& thread, CLogLine& line)
+{
+    if (thread.m_held)
+        attachStream(*thread.m_held, line.m_nStream);
+    releaseHeld(thread);
+}
+
+void CCommandLives::CProcessLives::reporting(CThread& thread, CLogLine& line)
+{
+    const CLife life = lifeOfNumber(line.m_uSequence, line.m_nStream);
+    if (!life)
+        return;
+    thread.m_reporting = life;
+    line.m_nCommand = life->m_nCommand;
+}
+
+void CCommandLives::CProcessLives::driverLost(CThread& thread, CLogLine&)
+{
+    thread.m_bLost = true;
+}
+
+void CCommandLives::CProcessLives::driverSilent(CThread& thread, CLogLine& line)
+{
+    if (std::exchange(thread.m_bLost, false)) // the line follows a loss, too
+        return;
+    thread.m_pszWhy = "the media driver did not answer";
+    note(LOG_NOTE_DRIVER_SILENT, line, NO_STREAM, "the media driver does not answer");
+}
+
+void CCommandLives::CProcessLives::streamLost(CThread& thread, CLogLine& line)
+{
+    note(LOG_NOTE_STREAM_LOST, line, thread.m_nEventStream, "the stream is lost");
+}
+
+void CCommandLives::CProcessLives::readEvent(CThread& thread, CLogLine& line)
 {
     releaseHeld(thread);
     endCall(thread);
@@ -101,7 +90,7 @@ void CCommandLives::CProcessLives::readEvent(CThread& thread, const CLogLine& li
 }
 
 // An active command is taken out for no event and no failure: its time is over.
-void CCommandLives::CProcessLives::unlinked(CThread& thread, const CLogLine& line) const
+void CCommandLives::CProcessLives::unlinked(CThread& thread, CLogLine& line)
 {
     if (std::exchange(thread.m_bWithdrawing, false))
         return;
@@ -110,7 +99,7 @@ void CCommandLives::CProcessLives::unlinked(CThread& thread, const CLogLine& lin
         thread.m_pszWhy = "the time-out of the stream's command";
 }
 
-void CCommandLives::CProcessLives::complete(CThread& thread, const CLogLine& line)
+void CCommandLives::CProcessLives::complete(CThread& thread, CLogLine& line)
 {
     CLife life = completedLife(thread, line);
     if (!life)
@@ -144,7 +133,7 @@ CCommandLives::CProcessLives::CLife CCommandLives::CProcessLives::completedLife(
     return nullptr;
 }
 
-void CCommandLives::CProcessLives::destroyed(CThread& thread, const CLogLine& line)
+void CCommandLives::CProcessLives::destroyed(CThread& thread, CLogLine& line)
 {
     m_bSeesObjects = true;
     const auto it = m_mapByAddress.find(line.m_uAddress);

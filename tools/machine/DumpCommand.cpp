@@ -5,14 +5,17 @@
 #include "driver/DriverControl.h"
 #include "driver/DriverProbe.h"
 #include "driver/OwnPipes.h"
+#include "driver/UmaskForDriver.h"
 #include "media/MediaSession.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
 #include <mutex>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -75,18 +78,21 @@ struct CLibraryDump
     std::vector<std::string> vLines;
 };
 
+std::unique_ptr<CZelMediaServices> openServices()
+{
+    const CUmaskForDriver umaskForDriver;
+    return std::make_unique<CZelMediaServices>(nullptr);
+}
+
 CLibraryDump dumpLibrary(bool bDriverAnswers)
 {
-    // A driver of another user has to open the library's pipes.
-    const mode_t umaskBefore = umask(0);
-    CZelMediaServices services(nullptr);
-    umask(umaskBefore);
+    const auto pServices = openServices();
     const auto pListing = std::make_shared<CListing>();
-    services.setLogger(new CListingLog(pListing), nullptr);
+    pServices->setLogger(new CListingLog(pListing), nullptr);
 
     CLibraryDump dump;
     const auto end = std::chrono::steady_clock::now() + CONNECT_LIMIT;
-    while ((dump.mcstatus = services.dump()) == MCS_NOTCONNECTED && bDriverAnswers &&
+    while ((dump.mcstatus = pServices->dump()) == MCS_NOTCONNECTED && bDriverAnswers &&
            std::chrono::steady_clock::now() < end)
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -96,44 +102,55 @@ CLibraryDump dumpLibrary(bool bDriverAnswers)
     return dump;
 }
 
-// What the driver lists on its control socket; with "error" when it cannot be asked there.
-nlohmann::ordered_json dumpDriver(const CDumpOptions& options)
+// What the driver lists on its control socket, or why it cannot be asked there.
+struct CDriverDump
+{
+    nlohmann::ordered_json listing;
+    std::string strError;
+};
+
+bool askAll(const std::string& strSocket, const CDumpOptions& options, CDriverDump& dump, std::string& strError)
+{
+    dump.listing = {{"control", strSocket}};
+    for (const char* const pszRequest : {"clients", "streams", "faults", "stats"})
+    {
+        nlohmann::ordered_json answer;
+        if (!askDriver(strSocket, pszRequest, options.limit, answer, strError))
+            return false;
+        dump.listing.update(answer);
+    }
+    return true;
+}
+
+CDriverDump dumpDriver(const CDumpOptions& options)
 {
     std::vector<std::string> vSockets = {"/tmp/zelmedia-driver.sock", "/run/zelmedia/driver.sock"};
     if (!options.strControl.empty())
         vSockets = {options.strControl};
-    std::string strErrors;
+    CDriverDump dump;
+    std::vector<std::string> vErrors;
     for (const std::string& strSocket : vSockets)
     {
-        nlohmann::ordered_json driver = {{"control", strSocket}};
         std::string strError;
-        for (const char* const pszRequest : {"clients", "streams", "faults", "stats"})
-        {
-            nlohmann::ordered_json answer;
-            if (!askDriver(strSocket, pszRequest, options.limit, answer, strError))
-                break;
-            driver.update(answer);
-        }
-        if (strError.empty())
-            return driver;
-        strErrors += (strErrors.empty() ? "" : "; ") + strError;
+        if (askAll(strSocket, options, dump, strError))
+            return dump;
+        vErrors.push_back(strError);
     }
-    return {{"error", strErrors}};
+    dump.strError = fmt::format("{}", fmt::join(vErrors, "; "));
+    return dump;
 }
 
-void printDump(const CLibraryDump& library, const nlohmann::ordered_json& driver)
+void printDump(const CLibraryDump& library, const CDriverDump& driver)
 {
-    printLine("library, process " + std::to_string(getpid()) + ": " + statusText(library.mcstatus));
+    printLine(fmt::format("library, process {}: {}", getpid(), statusText(library.mcstatus)));
     for (const std::string& strLine : library.vLines)
         printLine(strLine);
-    const auto itError = driver.find("error");
-    if (itError == driver.end())
-        printLine("driver: " + driver.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+    if (driver.strError.empty())
+        printLine("driver: " + driver.listing.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
     else if (library.mcstatus == MCS_OK)
-        printLine("driver: its listing is in its log (no answer on a control socket: " + itError->get<std::string>() +
-                  ')');
+        printLine("driver: its listing is in its log (no answer on a control socket: " + driver.strError + ')');
     else
-        printLine("driver: " + itError->get<std::string>());
+        printLine("driver: " + driver.strError);
 }
 } // namespace
 
@@ -144,15 +161,15 @@ int runDump(const CTool& tool, const CDumpOptions& options)
     const COwnPipes pipes;
     pipes.removeOnSignals();
     const CLibraryDump library = dumpLibrary(bAnswers);
-    const nlohmann::ordered_json driver =
-        bAnswers ? dumpDriver(options) : nlohmann::ordered_json{{"error", probe.strReason}};
+    const CDriverDump driver = bAnswers ? dumpDriver(options) : CDriverDump{{}, probe.strReason};
     if (tool.isJson())
         printJson(
             {{"library",
               {{"process", getpid()}, {"status", MCSTATUSToString(library.mcstatus)}, {"listing", library.vLines}}},
-             {"driver", driver}});
+             {"driver",
+              driver.strError.empty() ? driver.listing : nlohmann::ordered_json{{"error", driver.strError}}}});
     else
         printDump(library, driver);
-    const bool bControlFailed = !options.strControl.empty() && driver.contains("error");
+    const bool bControlFailed = !options.strControl.empty() && !driver.strError.empty();
     return bAnswers && bControlFailed ? EXIT_CODE_FAILED : exitCodeOf(library.mcstatus);
 }

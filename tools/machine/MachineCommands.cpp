@@ -1,4 +1,6 @@
 // The subcommands status, clean, dump of zelmedia.
+#include "machine/MachineCommands.h"
+
 #include "base/Duration.h"
 #include "base/Terminal.h"
 #include "base/Tool.h"
@@ -6,9 +8,10 @@
 #include "driver/PipeTable.h"
 #include "machine/DumpCommand.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <memory>
 
 namespace
@@ -131,11 +134,11 @@ void printDriver(const CDriverProbe& probe)
         printLine("driver   " + coloured(COLOUR_RED, driverStateToString(probe.state)) + ": " + probe.strReason);
         return;
     }
-    char szTimes[160];
     const auto [itLeast, itMost] = std::minmax_element(probe.vPingMs.begin(), probe.vPingMs.end());
-    std::snprintf(szTimes, sizeof(szTimes), ", round trip %.3f ms (%zu pings, %.3f to %.3f ms), connect %.3f ms",
-                  median(probe.vPingMs), probe.vPingMs.size(), *itLeast, *itMost, probe.dConnectMs);
-    printLine("driver   " + coloured(COLOUR_GREEN, "answers") + szTimes);
+    const std::string strTimes =
+        fmt::format(", round trip {:.3f} ms ({} pings, {:.3f} to {:.3f} ms), connect {:.3f} ms", median(probe.vPingMs),
+                    probe.vPingMs.size(), *itLeast, *itMost, probe.dConnectMs);
+    printLine("driver   " + coloured(COLOUR_GREEN, "answers") + strTimes);
 }
 
 void printClient(const CClient& client)
@@ -155,12 +158,9 @@ void printClient(const CClient& client)
             strPipes += std::string(" (") + pipeStateToString(pipe.state) + ')';
     }
     const std::string strCommand = first.bProcessLives ? commandName(first.nProcessID) : "(ended)";
-    char szStart[64];
-    std::snprintf(szStart, sizeof(szStart), "%7d  %-15s  ", first.nProcessID, strCommand.c_str());
-    char szEnd[16];
-    std::snprintf(szEnd, sizeof(szEnd), "%8s  ", ageText(first.dAge).c_str());
-    strState.resize(std::max<size_t>(strState.size(), 21), ' ');
-    printLine(szStart + coloured(colour, strState) + szEnd + strPipes);
+    printLine(fmt::format("{:7}  {:<15}  ", first.nProcessID, strCommand) +
+              coloured(colour, fmt::format("{:<21}", strState)) +
+              fmt::format("{:>8}  {}", ageText(first.dAge), strPipes));
 }
 
 void printClients(const std::vector<CClientPipe>& vPipes)
@@ -205,12 +205,19 @@ std::string reasonOf(const CClientPipe& pipe)
                               : "there is no " + strProcess;
 }
 
+// A pipe, and what there is to say of it.
+struct CPipeRemark
+{
+    std::string strPath;
+    std::string strRemark;
+};
+
 // What clean has done and met.
 struct CCleaning
 {
-    nlohmann::json removed = nlohmann::json::array();
-    nlohmann::json failed = nlohmann::json::array();
-    nlohmann::json foreign = nlohmann::json::array();
+    std::vector<CPipeRemark> vRemoved;
+    std::vector<CPipeRemark> vFailed;
+    std::vector<std::string> vForeign;
     size_t nKept = 0;
 };
 
@@ -221,47 +228,50 @@ CCleaning clean(const std::vector<CClientPipe>& vPipes, bool bDryRun)
     {
         std::string strError;
         if (pipe.state == PIPE_FOREIGN)
-            cleaning.foreign.push_back(pipe.strPath);
+            cleaning.vForeign.push_back(pipe.strPath);
         else if (pipe.state == PIPE_STALE && (bDryRun || removeStalePipe(pipe, strError)))
-            cleaning.removed.push_back({{"path", pipe.strPath}, {"reason", reasonOf(pipe)}});
+            cleaning.vRemoved.push_back({pipe.strPath, reasonOf(pipe)});
         else if (!strError.empty())
-            cleaning.failed.push_back({{"path", pipe.strPath}, {"error", strError}});
+            cleaning.vFailed.push_back({pipe.strPath, strError});
         else
             ++cleaning.nKept;
     }
     return cleaning;
 }
 
-std::string textOf(const nlohmann::json& json)
+nlohmann::json toJson(const std::vector<CPipeRemark>& vRemarks, const char* pszRemark)
 {
-    return json.get<std::string>();
+    nlohmann::json json = nlohmann::json::array();
+    for (const CPipeRemark& remark : vRemarks)
+        json.push_back({{"path", remark.strPath}, {pszRemark, remark.strRemark}});
+    return json;
+}
+
+void printCleaning(const CCleaning& cleaning, bool bDryRun)
+{
+    for (const CPipeRemark& removed : cleaning.vRemoved)
+        printLine(fmt::format("{} {}: {}", bDryRun ? "would remove" : "removed", removed.strPath, removed.strRemark));
+    for (const std::string& strPath : cleaning.vForeign)
+        printError(strPath + " is no pipe: left alone");
+    for (const CPipeRemark& failed : cleaning.vFailed)
+        printError(fmt::format("cannot remove {}: {}", failed.strPath, failed.strRemark));
+    if (cleaning.vRemoved.empty() && cleaning.vFailed.empty())
+        printLine("no stale pipes");
 }
 
 int runClean(const CTool& tool, const CCleanOptions& options)
 {
     const CCleaning cleaning =
         clean(options.nProcessID > 0 ? listClientPipes(options.nProcessID) : listClientPipes(), options.bDryRun);
-    const int nExit = cleaning.failed.empty() ? EXIT_CODE_OK : EXIT_CODE_FAILED;
     if (tool.isJson())
-    {
         printJson({{"dry_run", options.bDryRun},
-                   {"removed", cleaning.removed},
-                   {"failed", cleaning.failed},
-                   {"no_pipes", cleaning.foreign},
+                   {"removed", toJson(cleaning.vRemoved, "reason")},
+                   {"failed", toJson(cleaning.vFailed, "error")},
+                   {"no_pipes", cleaning.vForeign},
                    {"kept", cleaning.nKept}});
-        return nExit;
-    }
-    for (const nlohmann::json& removed : cleaning.removed)
-        printLine((options.bDryRun ? "would remove " : "removed ") + textOf(removed["path"]) + ": " +
-                  textOf(removed["reason"]));
-    for (const nlohmann::json& path : cleaning.foreign)
-        std::fprintf(stderr, "zelmedia: %s is no pipe: left alone\n", textOf(path).c_str());
-    for (const nlohmann::json& failed : cleaning.failed)
-        std::fprintf(stderr, "zelmedia: cannot remove %s: %s\n", textOf(failed["path"]).c_str(),
-                     textOf(failed["error"]).c_str());
-    if (cleaning.removed.empty() && cleaning.failed.empty())
-        printLine("no stale pipes");
-    return nExit;
+    else
+        printCleaning(cleaning, options.bDryRun);
+    return cleaning.vFailed.empty() ? EXIT_CODE_OK : EXIT_CODE_FAILED;
 }
 } // namespace
 

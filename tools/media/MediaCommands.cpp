@@ -1,4 +1,6 @@
 // The subcommands play, record, phrase play of zelmedia.
+#include "media/MediaCommands.h"
+
 #include "base/Tool.h"
 #include "media/MediaSession.h"
 #include "media/Player.h"

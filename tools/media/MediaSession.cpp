@@ -1,10 +1,11 @@
 // CMediaSession: one channel of a call, open at the media driver, for a command that plays or records on it.
 #include "media/MediaSession.h"
 
+#include "driver/UmaskForDriver.h"
+
 #include "MediaProtocol.h"
 
 #include <filesystem>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -13,25 +14,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr CMilliseconds CONNECT_POLL(20);
 constexpr CMilliseconds CHECK_INTERVAL(2000);
-
-// The driver opens our pipes for writing, which the usual umask leaves to our own user and to root.
-class CUmaskForDriver
-{
-public:
-    CUmaskForDriver() : m_nBefore(umask(0))
-    {
-        struct stat status = {};
-        const bool bOtherUser = stat(MI_REQUEST_PIPE, &status) == 0 && status.st_uid != 0 && status.st_uid != geteuid();
-        if (!bOtherUser)
-            umask(m_nBefore);
-    }
-    ~CUmaskForDriver() { umask(m_nBefore); }
-    CUmaskForDriver(const CUmaskForDriver&) = delete;
-    CUmaskForDriver& operator=(const CUmaskForDriver&) = delete;
-
-private:
-    mode_t m_nBefore;
-};
 
 bool isStatusOfLibrary(MCSTATUS mcstatus)
 {

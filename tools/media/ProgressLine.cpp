@@ -3,6 +3,8 @@
 
 #include "base/Terminal.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -36,9 +38,7 @@ std::string cut(const std::string& strText, size_t nCharacters)
 
 std::string tenths(CMilliseconds duration)
 {
-    char szText[32];
-    std::snprintf(szText, sizeof(szText), "%.1f", std::chrono::duration<double>(duration).count());
-    return szText;
+    return fmt::format("{:.1f}", std::chrono::duration<double>(duration).count());
 }
 
 std::string bar(CMilliseconds position, CMilliseconds total, size_t nWidth)
@@ -71,7 +71,7 @@ void CProgressLine::show(const std::string& strLabel, CMilliseconds position, st
 {
     if (!m_bVisible)
         return;
-    std::printf("\r%s\033[K", progressText(strLabel, position, total, strRest, terminalColumns()).c_str());
+    fmt::print("\r{}\033[K", progressText(strLabel, position, total, strRest, terminalColumns()));
     std::fflush(stdout);
     m_bShown = true;
 }
@@ -80,7 +80,7 @@ void CProgressLine::clear()
 {
     if (!m_bShown)
         return;
-    std::printf("\r\033[K");
+    fmt::print("\r\033[K");
     std::fflush(stdout);
     m_bShown = false;
 }

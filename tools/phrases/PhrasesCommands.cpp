@@ -1,9 +1,13 @@
 // The subcommands phrases build, list, check of zelmedia.
+#include "phrases/PhrasesCommands.h"
+
 #include "base/NewFile.h"
 #include "base/Tool.h"
 #include "phrases/AudioFile.h"
 #include "phrases/PhraseHeader.h"
 #include "phrases/PhraseIndex.h"
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <csignal>
@@ -142,10 +146,8 @@ int list(const CTool& tool, const std::string& strIndex)
     printLine("   start s   length s  name");
     for (const CPhrase& phrase : index.m_vPhrases)
     {
-        char szTimes[64];
-        std::snprintf(szTimes, sizeof(szTimes), "%10.3f %10.3f  ", secondsOf(phrase.m_nOffset),
-                      secondsOf(phrase.m_nLength));
-        printLine(szTimes + phrase.m_strName);
+        printLine(fmt::format("{:10.3f} {:10.3f}  {}", secondsOf(phrase.m_nOffset), secondsOf(phrase.m_nLength),
+                              phrase.m_strName));
     }
     return EXIT_CODE_OK;
 }

@@ -1,4 +1,6 @@
 // The subcommand completion of zelmedia, and the hidden one that the shells' scripts ask.
+#include "shell/CompletionCommand.h"
+
 #include "CompletionScripts.h"
 #include "base/Tool.h"
 #include "shell/Completion.h"

@@ -6,6 +6,8 @@
 #include "base/NewFile.h"
 #include "trace/TraceText.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -21,7 +23,7 @@ int64_t firstOf(std::initializer_list<int64_t> times)
 
 std::string plural(uint64_t ull, const char* pszName)
 {
-    return std::to_string(ull) + " " + pszName + (ull == 1 ? "" : "s");
+    return fmt::format("{} {}{}", ull, pszName, ull == 1 ? "" : "s");
 }
 } // namespace
 
@@ -167,17 +169,17 @@ nlohmann::json CTimeline::summary() const
             {"timeouts", count(ITEM_TIMEOUT)},
             {"completions", count(ITEM_COMPLETION)},
             {"failures", count(ITEM_FAILURE)},
-            {"driverLosses", m_ullDriverLosses},
+            {"driver_losses", m_ullDriverLosses},
             {"ends", ends}};
 }
 
 std::string CTimeline::summaryText() const
 {
-    return plural(streams(), "stream") + ", " + plural(count(ITEM_PLAY), "play") + ", " +
-           plural(count(ITEM_RECORD), "record") + ", " + plural(count(ITEM_WAIT), "wait") + ", " +
-           plural(count(ITEM_CANCEL), "cancel") + ", " + plural(count(ITEM_TIMEOUT), "time-out") + ", " +
-           plural(count(ITEM_FAILURE), "failure") + ", " + std::to_string(m_ullDriverLosses) + " driver loss" +
-           (m_ullDriverLosses == 1 ? "" : "es");
+    return fmt::format("{}, {}, {}, {}, {}, {}, {}, {} driver loss{}", plural(streams(), "stream"),
+                       plural(count(ITEM_PLAY), "play"), plural(count(ITEM_RECORD), "record"),
+                       plural(count(ITEM_WAIT), "wait"), plural(count(ITEM_CANCEL), "cancel"),
+                       plural(count(ITEM_TIMEOUT), "time-out"), plural(count(ITEM_FAILURE), "failure"),
+                       m_ullDriverLosses, m_ullDriverLosses == 1 ? "" : "es");
 }
 
 void CTimeline::write(const std::string& strPath, bool bPerfetto, const std::string& strLogName) const

@@ -8,33 +8,6 @@
 
 namespace
 {
-const int COMMANDS = 17;
-
-const struct
-{
-    const char* m_pszName;
-    ELogKind m_kind;
-} aKinds[] = {{"calls", LOG_KIND_CALLS},
-              {"requests", LOG_KIND_REQUESTS},
-              {"responses", LOG_KIND_RESPONSES},
-              {"events", LOG_KIND_EVENTS},
-              {"completions", LOG_KIND_COMPLETIONS},
-              {"errors", LOG_KIND_ERRORS},
-              {"connection", LOG_KIND_CONNECTION},
-              {"other", LOG_KIND_OTHER}};
-
-unsigned int kindFromName(const std::string& strName)
-{
-    std::string strKnown;
-    for (const auto& kind : aKinds)
-    {
-        if (strName == kind.m_pszName)
-            return kind.m_kind;
-        strKnown += std::string(strKnown.empty() ? "" : ", ") + kind.m_pszName;
-    }
-    throw CToolError(EXIT_CODE_USAGE, "there is no kind '" + strName + "': " + strKnown);
-}
-
 unsigned int commandsFromName(std::string strName)
 {
     std::transform(strName.begin(), strName.end(), strName.begin(),
@@ -42,9 +15,9 @@ unsigned int commandsFromName(std::string strName)
     if (strName.starts_with("MICMD_"))
         strName.erase(0, 6);
     unsigned int uCommands = 0;
-    for (int n = 0; n < COMMANDS; ++n)
+    for (int n = 0; n < commandCount(); ++n)
         if (!strName.empty() && std::string_view(shortCommandName(n)).starts_with(strName))
-            uCommands |= 1U << n;
+            uCommands |= commandBit(n);
     if (uCommands == 0)
         throw CToolError(EXIT_CODE_USAGE, "there is no command '" + strName + "'");
     return uCommands;
@@ -103,12 +76,25 @@ unsigned int kindsOf(const CLogNote& note)
 }
 } // namespace
 
+const std::map<std::string, ELogKind>& CTraceFilter::kinds()
+{
+    static const std::map<std::string, ELogKind> s_mapKinds = {{"calls", LOG_KIND_CALLS},
+                                                               {"requests", LOG_KIND_REQUESTS},
+                                                               {"responses", LOG_KIND_RESPONSES},
+                                                               {"events", LOG_KIND_EVENTS},
+                                                               {"completions", LOG_KIND_COMPLETIONS},
+                                                               {"errors", LOG_KIND_ERRORS},
+                                                               {"connection", LOG_KIND_CONNECTION},
+                                                               {"other", LOG_KIND_OTHER}};
+    return s_mapKinds;
+}
+
 void CTraceFilter::prepare()
 {
     for (const std::string& strName : m_vCommands)
         m_uCommands |= commandsFromName(strName);
     for (const std::string& strName : m_vKinds)
-        m_uKinds |= kindFromName(strName);
+        m_uKinds |= kinds().at(strName);
     m_llSince = timeFromText(m_strSince);
     m_llUntil = timeFromText(m_strUntil);
     m_bNeedsDay = isClock(m_strSince) || isClock(m_strUntil);
@@ -155,7 +141,8 @@ bool CTraceFilter::wantsStream(int nStream) const
 
 bool CTraceFilter::wantsCommand(int nCommand) const
 {
-    return m_uCommands == 0 || (nCommand >= 0 && nCommand < COMMANDS && (m_uCommands >> nCommand & 1) != 0);
+    return m_uCommands == 0 ||
+           (nCommand >= 0 && nCommand < commandCount() && (m_uCommands & commandBit(nCommand)) != 0);
 }
 
 bool CTraceFilter::wantsTimes(int64_t llBegin, int64_t llEnd) const

@@ -4,6 +4,7 @@
 
 #include "log/CommandLife.h"
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,11 @@ public:
     // As they are given on the command line; what is empty does not choose.
     std::vector<int> m_vStreams;
     std::vector<std::string> m_vCommands; // "PLAY" for PLAYFILE, PLAYCLIP and PLAYGETSTATS
-    std::vector<std::string> m_vKinds;
+    std::vector<std::string> m_vKinds;    // names in kinds()
     std::string m_strSince;
     std::string m_strUntil;
+
+    static const std::map<std::string, ELogKind>& kinds();
 
     // Throws CToolError for what cannot be understood.
     void prepare();

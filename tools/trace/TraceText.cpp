@@ -5,7 +5,7 @@
 #include "ZelMediaServices.h"
 #include "base/Terminal.h"
 
-#include <cstdio>
+#include <fmt/format.h>
 
 namespace
 {
@@ -50,10 +50,9 @@ std::string step(const char* pszName, int64_t llTime, const CCommandLife& life)
 {
     if (llTime == NO_TIME)
         return "";
-    char szText[64] = "";
-    if (life.m_llRequested != NO_TIME)
-        std::snprintf(szText, sizeof(szText), " %+.6f s", static_cast<double>(llTime - life.m_llRequested) / 1e6);
-    return std::string("  ") + pszName + szText;
+    if (life.m_llRequested == NO_TIME)
+        return fmt::format("  {}", pszName);
+    return fmt::format("  {} {:+.6f} s", pszName, static_cast<double>(llTime - life.m_llRequested) / 1e6);
 }
 
 std::string number(const CCommandLife& life)
@@ -111,15 +110,10 @@ std::string outcomeText(const CCommandLife& life)
 std::string traceText(const CCommandLife& life)
 {
     const int64_t llBegin = life.m_llRequested == NO_TIME ? life.m_llEnded : life.m_llRequested;
-    std::string strText =
-        coloured(COLOUR_GREY, logTimeToString(llBegin) + " p" + std::to_string(life.m_nProcess)) + " ";
-    char szText[96];
-    std::snprintf(szText, sizeof(szText), "%-10s %-6s ",
-                  life.m_nStream == NO_STREAM ? "-" : ("stream " + std::to_string(life.m_nStream)).c_str(),
-                  number(life).c_str());
-    strText += szText;
-    std::snprintf(szText, sizeof(szText), "%-12s", name(life).c_str());
-    strText += coloured(COLOUR_BOLD, szText);
+    std::string strText = coloured(COLOUR_GREY, fmt::format("{} p{}", logTimeToString(llBegin), life.m_nProcess)) + " ";
+    const std::string strStream = life.m_nStream == NO_STREAM ? "-" : fmt::format("stream {}", life.m_nStream);
+    strText += fmt::format("{:<10} {:<6} ", strStream, number(life));
+    strText += coloured(COLOUR_BOLD, fmt::format("{:<12}", name(life)));
     if (!life.m_strDetail.empty())
         strText += " " + harmless(life.m_strDetail);
     strText += step("queued", life.m_llQueued, life) + step("sent", life.m_llSent, life) +
@@ -138,7 +132,7 @@ std::string traceText(const CCommandLife& life)
 std::string traceText(const CLogNote& note)
 {
     std::string strText =
-        coloured(COLOUR_GREY, logTimeToString(note.m_llTime) + " p" + std::to_string(note.m_nProcess)) + " ";
+        coloured(COLOUR_GREY, fmt::format("{} p{}", logTimeToString(note.m_llTime), note.m_nProcess)) + " ";
     if (note.m_nStream != NO_STREAM)
         strText += "stream " + std::to_string(note.m_nStream) + " ";
     const bool bGood = note.m_note == LOG_NOTE_PROCESS_STARTED || note.m_note == LOG_NOTE_PROCESS_ENDING ||
@@ -183,7 +177,7 @@ nlohmann::json traceJson(const CCommandLife& life)
     if (life.m_bHasStatus)
     {
         json["status"] = life.m_nStatus;
-        json["statusName"] = statusName(life.m_nStatus);
+        json["status_name"] = statusName(life.m_nStatus);
     }
     if (*life.m_pszWhy)
         json["why"] = life.m_pszWhy;
