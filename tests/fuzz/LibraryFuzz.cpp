@@ -11,17 +11,17 @@
 namespace
 {
 #if defined(FUZZ_RESPONSES)
-const CHostileRun::kind KINDS[] = {CHostileRun::request,  CHostileRun::start,     CHostileRun::openStream,
-                                   CHostileRun::openFile, CHostileRun::Responses, CHostileRun::CloseFile,
+const CHostileRun::Kind KINDS[] = {CHostileRun::Request,  CHostileRun::Start,     CHostileRun::OpenStream,
+                                   CHostileRun::OpenFile, CHostileRun::Responses, CHostileRun::CloseFile,
                                    CHostileRun::Cancel,   CHostileRun::Idle};
 #elif defined(FUZZ_EVENTS)
-const CHostileRun::kind KINDS[] = {CHostileRun::start,      CHostileRun::events, CHostileRun::SetDone,
-                                   CHostileRun::openStream, CHostileRun::Cancel, CHostileRun::start,
-                                   CHostileRun::events,     CHostileRun::Idle};
+const CHostileRun::Kind KINDS[] = {CHostileRun::Start,      CHostileRun::Events, CHostileRun::SetDone,
+                                   CHostileRun::OpenStream, CHostileRun::Cancel, CHostileRun::Start,
+                                   CHostileRun::Events,     CHostileRun::Idle};
 #else
-const CHostileRun::kind KINDS[] = {CHostileRun::request,    CHostileRun::start,       CHostileRun::events,
+const CHostileRun::Kind KINDS[] = {CHostileRun::Request,    CHostileRun::Start,       CHostileRun::Events,
                                    CHostileRun::Responses,  CHostileRun::Cancel,      CHostileRun::SetDone,
-                                   CHostileRun::openStream, CHostileRun::CloseStream, CHostileRun::openFile,
+                                   CHostileRun::OpenStream, CHostileRun::CloseStream, CHostileRun::OpenFile,
                                    CHostileRun::CloseFile,  CHostileRun::Idle,        CHostileRun::Driver};
 #endif
 

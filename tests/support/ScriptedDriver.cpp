@@ -37,12 +37,23 @@ CScriptedDriver::~CScriptedDriver()
     die();
 }
 
-void CScriptedDriver::start()
+void CScriptedDriver::makeRequestPipe()
 {
     unlink(MI_REQUEST_PIPE);
     if (mkfifo(MI_REQUEST_PIPE, 0666) != 0)
         ADD_FAILURE() << "scripted driver: no request pipe: " << strerror(errno);
     m_nRequestPipe = open(MI_REQUEST_PIPE, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+}
+
+void CScriptedDriver::closeRequestPipe()
+{
+    closePipe(m_nRequestPipe);
+    unlink(MI_REQUEST_PIPE);
+}
+
+void CScriptedDriver::start()
+{
+    makeRequestPipe();
     m_bStop = false;
     m_thread = std::thread([this] { run(); });
 }
@@ -52,9 +63,18 @@ void CScriptedDriver::die()
     m_bStop = true;
     if (m_thread.joinable())
         m_thread.join();
-    closePipe(m_nRequestPipe);
+    closeRequestPipe();
     closeClient();
-    unlink(MI_REQUEST_PIPE);
+}
+
+// A client that waits for its response writes nothing meanwhile: what it writes next fails.
+void CScriptedDriver::replace(const std::function<void()>& last, std::chrono::milliseconds pause)
+{
+    closeRequestPipe();
+    last();
+    closeClient();
+    std::this_thread::sleep_for(pause);
+    makeRequestPipe();
 }
 
 void CScriptedDriver::freeze()
@@ -71,8 +91,10 @@ void CScriptedDriver::run()
 {
     while (!m_bStop)
     {
+        if (m_turn)
+            m_turn();
         pollfd entry = {m_nRequestPipe, POLLIN, 0};
-        if (m_bFrozen || poll(&entry, 1, 5) <= 0 || m_bFrozen)
+        if (m_bFrozen || poll(&entry, 1, m_turn ? 1 : 5) <= 0 || m_bFrozen)
         {
             if (m_bFrozen)
                 usleep(1000);
@@ -94,12 +116,15 @@ void CScriptedDriver::handle(const structMICMD& request)
         openClient(request);
     {
         std::lock_guard hold(m_mutex);
-        m_vRequests.push_back(request);
+        if (m_bKeep)
+            m_vRequests.push_back(request);
         const auto it = m_mapRules.find(request.s_micmd);
         if (it != m_mapRules.end())
             rule = it->second;
     }
     m_changed.notify_all();
+    if (m_gate && m_gate(request))
+        return;
     if (rule)
         rule(request);
     else
@@ -149,13 +174,19 @@ void CScriptedDriver::accept(const structMICMD& request)
 {
     switch (request.s_micmd)
     {
-    case MICMD_CONNECT: return respond(request, MIRSP_CONNECT, ++m_nConnectID);
-    case MICMD_OPENFILE: return respond(request, MIRSP_OPENFILE, m_nNextFileID++);
-    case MICMD_OPENSTREAM: return respond(request, MIRSP_OPENSTREAM, m_nNextStreamID++);
-    case MICMD_RECORDGETTIME: return respond(request, MIRSP_RECORDGETTIME, 1234);
-    case MICMD_RECORDGETSTATUS: return respond(request, MIRSP_RECORDGETSTATUS, 1);
-    default: return respond(request, MIRSP_STATUS, MISTATUS_OK);
+    case MICMD_CONNECT: return acceptWith(request, ++m_nConnectID);
+    case MICMD_OPENFILE: return acceptWith(request, m_nNextFileID++);
+    case MICMD_OPENSTREAM: return acceptWith(request, m_nNextStreamID++);
+    case MICMD_RECORDGETTIME: return acceptWith(request, 1234);
+    case MICMD_RECORDGETSTATUS: return acceptWith(request, 1);
+    default: return acceptWith(request, MISTATUS_OK);
     }
+}
+
+void CScriptedDriver::acceptWith(const structMICMD& request, int32_t nResult)
+{
+    const CCommandInfo* const pInfo = commandInfo(request.s_micmd);
+    respond(request, pInfo ? pInfo->m_mirsp : MIRSP_STATUS, nResult);
 }
 
 void CScriptedDriver::respond(const structMICMD& request, MIRSP mirsp, int32_t nResult)
@@ -197,6 +228,12 @@ void CScriptedDriver::eventRaw(const void* pBytes, size_t nBytes)
 {
     std::lock_guard hold(m_mutexPipes);
     writeWhole(m_nEventPipe, pBytes, nBytes, "event");
+}
+
+bool CScriptedDriver::tryEvent(const structMIEVT& evt)
+{
+    std::lock_guard hold(m_mutexPipes);
+    return write(m_nEventPipe, &evt, sizeof(evt)) == static_cast<ssize_t>(sizeof(evt));
 }
 
 std::vector<structMICMD> CScriptedDriver::requests() const

@@ -13,14 +13,16 @@
 #include <thread>
 #include <vector>
 
-// Without rules it accepts everything: connection ids from 1001, stream ids from 1, file ids from
-// 501, recorded time 1234 ms, record status 1, MIRSP_STATUS with 0 for the rest. Plays and records
-// end when the test says so, with done(). It serves the client that connected last.
+// Without rules it accepts everything, as the table of commands has it: connection ids from 1001, stream
+// ids from 1, file ids from 501, recorded time 1234 ms, record status 1, 0 for the rest. Plays and
+// records end when the test says so, with done(). It serves the client that connected last.
 class CScriptedDriver
 {
 public:
     // Answers, or does not answer, one request. Runs on the driver's thread.
     typedef std::function<void(const structMICMD& request)> Rule;
+    // Comes before those: whether it has dealt with the request.
+    typedef std::function<bool(const structMICMD& request)> Gate;
 
     explicit CScriptedDriver(bool bStart = true);
     ~CScriptedDriver(); // like die()
@@ -35,6 +37,16 @@ public:
     void freeze();
     void thaw();
 
+    // On its thread, from a rule: another driver takes its place after a pause, and what it does last is done
+    // when nobody reads the request pipe any more.
+    void replace(const std::function<void()>& last, std::chrono::milliseconds pause);
+
+    // To be set before it starts: what comes before the rules, what is done between requests, every
+    // millisecond at least, and whether requests are kept.
+    void onEveryRequest(Gate gate) { m_gate = std::move(gate); }
+    void onTurn(std::function<void()> turn) { m_turn = std::move(turn); }
+    void keepNoRequests() { m_bKeep = false; }
+
     // Replaces the answer to a command; acceptAgain undoes it.
     void onCommand(MICMD micmd, Rule rule);
     void acceptAgain(MICMD micmd);
@@ -43,12 +55,14 @@ public:
 
     // For rules, and for answers out of turn.
     void accept(const structMICMD& request);
+    void acceptWith(const structMICMD& request, int32_t nResult);
     void respond(const structMICMD& request, MIRSP mirsp, int32_t nResult);
     void respondTo(uint32_t nSequenceNo, MIRSP mirsp, int32_t nResult);
     void respondRaw(const void* pBytes, size_t nBytes);
     void done(const structMICMD& request, int32_t nStatus = 0); // MIEVT_DONE of a play or record
     void event(int32_t nStreamID, uint32_t nSequenceNo, int32_t nStatus, MIEVT mievt = MIEVT_DONE);
     void eventRaw(const void* pBytes, size_t nBytes);
+    bool tryEvent(const structMIEVT& evt); // false when the pipe has no room
 
     // Every request read so far, in order; those of one command; the n-th of a command (from 0),
     // waited for. A request that does not come in time fails the test.
@@ -60,6 +74,8 @@ public:
     int32_t connectID() const { return m_nConnectID; } // of the last accepted connect
 
 private:
+    void makeRequestPipe();
+    void closeRequestPipe();
     void run();
     void handle(const structMICMD& request);
     void openClient(const structMICMD& request);
@@ -69,6 +85,9 @@ private:
     mutable std::condition_variable m_changed;
     std::vector<structMICMD> m_vRequests;
     std::map<MICMD, Rule> m_mapRules;
+    Gate m_gate;
+    std::function<void()> m_turn;
+    bool m_bKeep = true;
 
     std::mutex m_mutexPipes;
     int m_nRequestPipe = -1;

@@ -93,26 +93,16 @@ std::vector<uint8_t> CHostileDriver::begin(const structMICMD& request)
 structMIRSP CHostileDriver::good(const structMICMD& request)
 {
     structMIRSP rsp = {};
-    rsp.s_mirsp = MIRSP_STATUS;
+    const CCommandInfo* const pInfo = commandInfo(request.s_micmd);
+    rsp.s_mirsp = pInfo ? pInfo->m_mirsp : MIRSP_STATUS;
     rsp.nRespSequenceNo = request.nSequenceNo;
     rsp.s_nResult = static_cast<int32_t>(2 + m_nToken);
     ++m_nToken;
     memcpy(rsp.abReserved, &m_nToken, sizeof(m_nToken));
-    switch (request.s_micmd)
-    {
-    case MICMD_CONNECT: rsp.s_mirsp = MIRSP_CONNECT; break;
-    case MICMD_OPENFILE: rsp.s_mirsp = MIRSP_OPENFILE; break;
-    case MICMD_OPENSTREAM:
-        rsp.s_mirsp = MIRSP_OPENSTREAM;
+    if (request.s_micmd == MICMD_OPENSTREAM)
         rsp.s_nResult = m_nNextStreamID ? m_nNextStreamID++ : streamID();
-        break;
-    case MICMD_RECORDGETTIME: rsp.s_mirsp = MIRSP_RECORDGETTIME; break;
-    case MICMD_RECORDGETSTATUS: rsp.s_mirsp = MIRSP_RECORDGETSTATUS; break;
-    default:
-        if (!m_bHonest && m_choices.oneIn(12))
-            rsp.s_nResult = MISTATUS_FAILED;
-        break;
-    }
+    else if (rsp.s_mirsp == MIRSP_STATUS && !m_bHonest && m_choices.oneIn(12))
+        rsp.s_nResult = MISTATUS_FAILED;
     return rsp;
 }
 

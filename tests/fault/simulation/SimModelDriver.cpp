@@ -156,19 +156,11 @@ structMIRSP CSimModel::lateAnswer(uint32_t nSequenceNo)
 structMIRSP CSimModel::answerTo(const structMICMD& request)
 {
     const int32_t anGood[] = {0, 0, 2, -1};
+    const CCommandInfo* const pInfo = commandInfo(request.s_micmd);
     structMIRSP rsp = {};
-    rsp.s_mirsp = MIRSP_STATUS;
+    rsp.s_mirsp = pInfo ? pInfo->m_mirsp : MIRSP_STATUS;
     rsp.nRespSequenceNo = request.nSequenceNo;
     rsp.s_nResult = m_pRandom->pick(anGood);
-    switch (request.s_micmd)
-    {
-    case MICMD_CONNECT: rsp.s_mirsp = MIRSP_CONNECT; break;
-    case MICMD_OPENFILE: rsp.s_mirsp = MIRSP_OPENFILE; break;
-    case MICMD_OPENSTREAM: rsp.s_mirsp = MIRSP_OPENSTREAM; break;
-    case MICMD_RECORDGETTIME: rsp.s_mirsp = MIRSP_RECORDGETTIME; break;
-    case MICMD_RECORDGETSTATUS: rsp.s_mirsp = MIRSP_RECORDGETSTATUS; break;
-    default: break;
-    }
     if (rsp.s_mirsp != MIRSP_STATUS)
         rsp.s_nResult = static_cast<int32_t>(1 + m_pRandom->below(m_nHighestStream));
     if (m_pRandom->perMille(m_nFaults / 4))
