@@ -26,7 +26,7 @@ std::string toString(const std::vector<CPlannedReport>& vReports)
     std::string strText;
     for (const CPlannedReport& report : vReports)
     {
-        strText += " {handler " + std::to_string(report.nToken) + ", stream " + std::to_string(report.nStreamID) +
+        strText += " {handler " + std::to_string(report.nHandler) + ", stream " + std::to_string(report.nStreamID) +
                    ", status " + std::to_string(report.nStatus) + ", reason " + std::to_string(report.nReason) + "}";
     }
     return strText;
@@ -49,17 +49,17 @@ extern "C"
 class CHostileLibrary::CHandler : public CMIntfCompletionHandler
 {
 public:
-    CHandler(std::vector<CPlannedReport>& vReports, int nToken) : m_vReports(vReports), m_nToken(nToken) {}
+    CHandler(std::vector<CPlannedReport>& vReports, int nHandler) : m_vReports(vReports), m_nHandler(nHandler) {}
 
     void OnCMIntfCompletion(int nStreamID, MCSTATUS mcstatus,
                             CZelMediaStreamCompletionHandler::MCCOMPLETION_REASON reason) override
     {
-        m_vReports.push_back({m_nToken, nStreamID, mcstatus, reason});
+        m_vReports.push_back({m_nHandler, nStreamID, mcstatus, reason});
     }
 
 private:
     std::vector<CPlannedReport>& m_vReports;
-    const int m_nToken;
+    const int m_nHandler;
 };
 
 CHostileLibrary::CHostileLibrary(uint64_t ullTick)
@@ -74,8 +74,11 @@ CHostileLibrary::CHostileLibrary(uint64_t ullTick)
     m_pmintf->replaceLogFile(nullptr);
     storeUnlocked(g_pmintf, m_pmintf);
     m_pServices = std::make_unique<CZelMediaServicesImpl>(nullptr);
-    for (int n = 0; n < TOKENS; ++n)
+    for (int n = 0; n < HANDLERS; ++n)
         m_vHandlers.push_back(std::make_unique<CHandler>(m_vReports, n));
+    m_pCompare = std::make_unique<CRulesCompare>(
+        *m_pmintf, [this](int nHandler) { return handler(nHandler); },
+        [this](int nObject) { return m_apObjects[nObject].get(); });
     s_pLibrary = this;
 }
 
@@ -96,9 +99,9 @@ CHostileLibrary::~CHostileLibrary()
     seams::setThreads(seams::Threads::Real);
 }
 
-CMIntfCompletionHandler* CHostileLibrary::handler(int nToken)
+CMIntfCompletionHandler* CHostileLibrary::handler(int nHandler)
 {
-    return nToken == -1 ? nullptr : m_vHandlers[static_cast<size_t>(nToken)].get();
+    return nHandler == -1 ? nullptr : m_vHandlers[static_cast<size_t>(nHandler)].get();
 }
 
 // The public object that has this one is only passed on.
@@ -206,19 +209,9 @@ void CHostileLibrary::end(CHostileModel& model)
     if (m_bExchange)
         setFault("an answer that was not waited for");
     compareReports(model);
-    expectEqual(model.m_nConnectID, m_pmintf->m_nConnectID, "connection");
-    expectEqual(model.m_bRequestPipe, m_pmintf->m_npipeReq != -1, "request pipe open");
-    expectEqual(model.m_nNextSequenceNo, m_pmintf->m_nNextSequenceNo, "next number");
-    expectEqual(static_cast<int64_t>(model.m_ullLastResponse), static_cast<int64_t>(m_pmintf->m_ullLastResponseTick),
-                "tick of the last response");
-    compareSide(model.m_aSides[CHostileModel::Play], m_pmintf->m_mapActiveCommandByStreamIDPlay,
-                m_pmintf->m_mapCommandQueue);
-    compareSide(model.m_aSides[CHostileModel::Record], m_pmintf->m_mapActiveCommandByStreamIDRecord,
-                m_pmintf->m_mapCommandQueueRecord);
-    expectEqual(static_cast<int64_t>(model.m_aSides[0].mapActive.size() + model.m_aSides[1].mapActive.size()),
-                static_cast<int64_t>(m_pmintf->m_mmapActiveCommandByTimeout.size()), "deadlines");
-    compareStreams(model);
-    compareFiles(model);
+    const std::string strDifference = m_pCompare->compare(model);
+    if (!strDifference.empty())
+        setFault(strDifference);
     model.m_vExchanges.clear();
     model.m_vReports.clear();
     m_pvPlan = nullptr;
@@ -228,57 +221,6 @@ void CHostileLibrary::compareReports(const CHostileModel& model)
 {
     if (model.m_vReports != m_vReports)
         setFault("completions: expected" + toString(model.m_vReports) + "; found" + toString(m_vReports));
-}
-
-void CHostileLibrary::compareSide(const CHostileModel::CSideState& side,
-                                  const std::map<int, CMIntf::CCommand*>& mapActive,
-                                  const std::map<int, CMIntf::CCommandList*>& mapQueue)
-{
-    expectEqual(std::ssize(side.mapActive), std::ssize(mapActive), "active commands of a side");
-    for (const auto& [nStreamID, pcommand] : mapActive)
-    {
-        const auto it = side.mapActive.find(nStreamID);
-        if (it == side.mapActive.end())
-            return setFault("a command is active for stream " + std::to_string(nStreamID));
-        expectEqual(it->second.request.nSequenceNo, pcommand->m_cmd.nSequenceNo, "number of an active command");
-        expectEqual(it->second.bDone, pcommand->m_bDone != 0, "whether an active command is to be reported");
-        if (handler(it->second.nToken) != pcommand->m_pcomplHandler)
-            setFault("an active command has another one's handler");
-    }
-    size_t nExpected = 0;
-    size_t nFound = 0;
-    for (const auto& [nStreamID, queCommands] : side.mapQueue)
-        nExpected += queCommands.size();
-    for (const auto& [nStreamID, plist] : mapQueue)
-        nFound += plist->size();
-    expectEqual(static_cast<int64_t>(nExpected), static_cast<int64_t>(nFound), "queued commands of a side");
-}
-
-void CHostileLibrary::compareStreams(const CHostileModel& model)
-{
-    expectEqual(std::ssize(model.m_mapObjectByStream), std::ssize(m_pmintf->m_mapStreamByStreamID), "open streams");
-    for (const auto& [nStreamID, pObject] : m_pmintf->m_mapStreamByStreamID)
-    {
-        const auto it = model.m_mapObjectByStream.find(nStreamID);
-        if (it == model.m_mapObjectByStream.end() || m_apObjects[it->second].get() != pObject)
-            return setFault("stream " + std::to_string(nStreamID) + " belongs to another object");
-    }
-    for (int n = 0; n < CHostileModel::OBJECTS; ++n)
-    {
-        const CHostileModel::CObject& expected = model.m_aObjects[n];
-        if (expected.bExists && m_apObjects[n])
-        {
-            expectEqual(expected.nStreamID, m_apObjects[n]->m_nStreamID, "id of a stream");
-            expectEqual(expected.bInitialized, m_apObjects[n]->m_bInitialized, "whether a stream can be used");
-        }
-    }
-}
-
-void CHostileLibrary::compareFiles(const CHostileModel& model)
-{
-    expectEqual(std::ssize(model.m_mapFiles), std::ssize(m_pmintf->m_mapClipFileByID), "open files");
-    for (const auto& [nFileID, file] : model.m_mapFiles)
-        expectEqual(file.nDriverID, m_pmintf->mapFileIDToCMIntfFileID(nFileID), "the driver's id of a file");
 }
 
 void CHostileLibrary::expectEqual(int64_t llExpected, int64_t llFound, const char* pszWhat)

@@ -4,6 +4,7 @@
 
 #include "HostileModel.h"
 #include "MIntf.h"
+#include "RulesCompare.h"
 #include "ZelMediaServicesImpl.h"
 #include "ZelMediaStreamImpl.h"
 
@@ -39,10 +40,10 @@ public:
     void dropConnection(); // as if the library had lost it
 
     CMIntf& mintf() { return *m_pmintf; }
-    CMIntfCompletionHandler* handler(int nToken);
+    CMIntfCompletionHandler* handler(int nHandler);
     int openObject(int nObject);
     void destroyObject(int nObject) { m_apObjects[nObject].reset(); }
-    static const int TOKENS = 64;
+    static const int HANDLERS = 64;
 
     int onWait(); // for the wrapped CPipeWait::waitReadable; -1: a real wait
 
@@ -53,13 +54,10 @@ private:
     void end(CHostileModel& model);
     void startExchange(const structMICMD& request);
     void compareReports(const CHostileModel& model);
-    void compareSide(const CHostileModel::CSideState& side, const std::map<int, CMIntf::CCommand*>& mapActive,
-                     const std::map<int, CMIntf::CCommandList*>& mapQueue);
-    void compareStreams(const CHostileModel& model);
-    void compareFiles(const CHostileModel& model);
     void setFault(const std::string& strText);
 
     CMIntf* m_pmintf;
+    std::unique_ptr<CRulesCompare> m_pCompare;
     int m_nDriver = -1;
     std::unique_ptr<CZelMediaServicesImpl> m_pServices;
     std::unique_ptr<CZelMediaStreamImpl> m_apObjects[CHostileModel::OBJECTS];

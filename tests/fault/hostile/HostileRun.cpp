@@ -59,7 +59,7 @@ int CHostileRun::sendBoth(CHostileModel::CCommand command, bool bUsePlayQueue)
     const int nExpected = m_model.send(command, bUsePlayQueue, rspExpected);
     const int nStatus = m_library.run(m_model, [&](CMIntf& mintf) {
         return mintf.sendCommand(command.nStreamID, &command.request, &rsp, command.nTimeout,
-                                 m_library.handler(command.nToken), command.bDone ? 0 : 1, bUsePlayQueue);
+                                 m_library.handler(command.nHandler), command.bDone ? 0 : 1, bUsePlayQueue);
     });
     expectStatus(nExpected, nStatus, "status of a request");
     if (nExpected != MCS_PIPEREAD)
@@ -89,13 +89,11 @@ void CHostileRun::start()
     command.request.stream.nStreamID = command.nStreamID;
     command.bDone = !m_choices.oneIn(3);
     command.nTimeout = m_choices.oneIn(2) ? m_choices.below(100) : 0xFFFFFFFFu;
-    command.nToken = m_choices.oneIn(8) ? -1 : freeToken();
-    for (CHostileModel::CSideState& side : m_model.m_aSides)
-    {
-        const auto it = side.mapQueue.find(command.nStreamID);
-        if (it != side.mapQueue.end() && it->second.size() >= MAX_QUEUED)
+    command.nHandler = m_choices.oneIn(8) ? -1 : freeHandler();
+    using Place = CHostileModel::Place;
+    for (const Place place : {Place::QueuedPlay, Place::QueuedRecord})
+        if (m_model.at(place, command.nStreamID).size() >= MAX_QUEUED)
             return;
-    }
     sendBoth(command, command.request.s_micmd == MICMD_RECORDFILE && m_choices.oneIn(2));
 }
 
@@ -126,28 +124,28 @@ void CHostileRun::responses()
 void CHostileRun::cancel()
 {
     const int nStreamID = stream();
-    const unsigned long ulType = 1 + m_choices.below(2);
-    const int nExpected = m_model.cancel(nStreamID);
-    const int nStatus = m_library.run(m_model, [&](CMIntf& mintf) { return mintf.cancel(nStreamID, ulType); });
+    const uint32_t nType = 1 + m_choices.below(2);
+    const int nExpected = m_model.cancel(nStreamID, nType);
+    const int nStatus = m_library.run(m_model, [&](CMIntf& mintf) { return mintf.cancel(nStreamID, nType); });
     expectStatus(nExpected, nStatus, "status of a cancel");
 }
 
 void CHostileRun::setDone()
 {
     const int nStreamID = stream();
-    const int nToken = freeToken();
-    const int nExpected = m_model.setDone(nStreamID, nToken);
+    const int nHandler = freeHandler();
+    m_model.setDone(nStreamID, nHandler);
     const int nStatus =
-        m_library.run(m_model, [&](CMIntf& mintf) { return mintf.setDone(nStreamID, m_library.handler(nToken)); });
-    expectStatus(nExpected, nStatus, "status of setDone");
+        m_library.run(m_model, [&](CMIntf& mintf) { return mintf.setDone(nStreamID, m_library.handler(nHandler)); });
+    expectStatus(MCS_OK, nStatus, "status of setDone");
 }
 
 void CHostileRun::openStream()
 {
     const int nObject = object();
-    if (m_model.m_aObjects[nObject].bExists)
+    if (m_model.exists(nObject))
         destroyObject(nObject);
-    const int nExpected = m_model.openStream(nObject);
+    const int nExpected = m_model.openObject(nObject);
     const int nStatus = m_library.run(m_model, [&](CMIntf&) { return m_library.openObject(nObject); });
     expectStatus(nExpected, nStatus, "status of an opened stream");
     if (nExpected != 0)
@@ -157,7 +155,7 @@ void CHostileRun::openStream()
 void CHostileRun::closeStream()
 {
     const int nObject = object();
-    if (m_model.m_aObjects[nObject].bExists)
+    if (m_model.exists(nObject))
         return destroyObject(nObject);
     const int nStreamID = stream();
     const int nExpected = m_model.closeStream(nStreamID);
@@ -206,7 +204,7 @@ void CHostileRun::closeFile()
 void CHostileRun::idle()
 {
     m_model.m_ullTick += m_choices.oneIn(4) ? m_choices.below(120000) : 1000;
-    m_model.idle();
+    m_model.idle(m_model.m_bDriver);
     m_library.run(m_model, [&](CMIntf& mintf) {
         mintf.idlePass();
         return 0;
@@ -227,8 +225,7 @@ void CHostileRun::reconnect()
     if (m_model.m_bRequestPipe)
     {
         m_library.dropConnection();
-        m_model.m_bRequestPipe = false;
-        m_model.m_nConnectID = -1;
+        m_model.loseConnection();
     }
     idle();
 }
@@ -239,10 +236,10 @@ int CHostileRun::stream()
     return m_choices.oneIn(16) ? m_choices.pick(anOthers) : static_cast<int>(1 + m_choices.below(5));
 }
 
-int CHostileRun::freeToken()
+int CHostileRun::freeHandler()
 {
-    for (int n = 0; n < CHostileLibrary::TOKENS; ++n)
-        if (!m_model.isTokenUsed(n))
+    for (int n = 0; n < CHostileLibrary::HANDLERS; ++n)
+        if (!m_model.isHandlerUsed(n))
             return n;
     return -1;
 }
@@ -266,7 +263,7 @@ bool CHostileRun::recover()
         CHostileModel::CCommand command;
         command.request.s_micmd = MICMD_PLAYFILE;
         command.nStreamID = nStreamID;
-        command.nToken = freeToken();
+        command.nHandler = freeHandler();
         m_library.expectEqual(0, sendBoth(command, false), "status of an honest play");
         const structMIEVT evt = {MIEVT_DONE, nStreamID, m_model.m_nNextSequenceNo - 1, 0};
         const uint8_t* const pBytes = reinterpret_cast<const uint8_t*>(&evt);

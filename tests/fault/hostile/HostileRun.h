@@ -52,7 +52,7 @@ private:
     void destroyObject(int nObject);
     int object();
     int stream();
-    int freeToken();
+    int freeHandler();
     void expectStatus(int nExpected, int nStatus, const char* pszWhat);
     int sendBoth(CHostileModel::CCommand command, bool bUsePlayQueue);
 

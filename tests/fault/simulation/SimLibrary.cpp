@@ -49,6 +49,12 @@ CSimLibrary::CSimLibrary(uint64_t ullTick, bool bTraced) : m_bTraced(bTraced)
     m_pmintf->m_bEventThreadRunning = 0; // so that finalize waits for nobody
     m_pmintf->replaceLogFile(new CLog(*this));
     storeUnlocked(g_pmintf, m_pmintf);
+    m_pCompare = std::make_unique<CRulesCompare>(
+        *m_pmintf,
+        [this](int nHandler) -> const CMIntfCompletionHandler* {
+            return nHandler == CSimModel::HANDLER ? this : nullptr;
+        },
+        [this](int nObject) { return m_vObjects[static_cast<size_t>(nObject)].get(); });
     for (int n = 0; n < CSimModel::OBJECTS; ++n)
     {
         m_vObjects.push_back(std::make_unique<CZelMediaStreamImpl>());
@@ -79,7 +85,12 @@ std::string CSimLibrary::run(const CSimOperation& operation, const CSimScript& s
     CSimSystem::set(nullptr);
     expectEqual(expected.nStatus, result.nStatus, "status");
     expectEqual(expected.nValue, result.nValue, "value");
-    compare(model);
+    expectEqual(static_cast<int64_t>(model.m_ullTick), static_cast<int64_t>(CPortable::GetTickCountULL()), "clock");
+    const std::string strDifference = m_pCompare->compare(model);
+    if (!strDifference.empty())
+        fault(strDifference);
+    if (m_bTraced)
+        expectEqual(static_cast<int64_t>(model.m_vCommands.size()), m_nAlive, "commands alive");
     return end();
 }
 

@@ -3,6 +3,7 @@
 #define SIM_LIBRARY_H
 
 #include "MIntf.h"
+#include "RulesCompare.h"
 #include "SimModel.h"
 #include "SimSystem.h"
 #include "ZelMediaStreamImpl.h"
@@ -54,26 +55,17 @@ private:
     void idle(const CSimOperation& operation);
     void loseDriver();
 
-    void compare(const CSimModel& model);
-    void compareActive(const CSimModel& model, CSimModel::Place place,
-                       const std::map<int, CMIntf::CCommand*>& mapActive);
-    void compareQueues(const CSimModel& model, CSimModel::Place place,
-                       const std::map<int, CMIntf::CCommandList*>& mapQueue, const std::vector<int>& vLists);
-    void compareDeadlines(const CSimModel& model);
-    void compareCommand(const CSimModel::CCommand& expected, const CMIntf::CCommand* pcommand, const char* pszPlace);
-    void compareStreams(const CSimModel& model);
-    void compareFiles(const CSimModel& model);
     void expectEqual(int64_t llExpected, int64_t llFound, const char* pszWhat);
 
     const bool m_bTraced;
     CMIntf* m_pmintf = nullptr;
+    std::unique_ptr<CRulesCompare> m_pCompare;
     int m_nDriver = -1; // the reading end of the request pipe, while a driver is there
     std::vector<std::unique_ptr<CZelMediaStreamImpl>> m_vObjects;
     long m_nAlive = 0; // commands made and not destroyed
     const CSimScript* m_pScript = nullptr;
     size_t m_nNextAct = 0;
     std::string m_strFault;
-    std::vector<const CMIntf::CCommand*> m_vSeen; // every command found by compare
 };
 
 #endif
