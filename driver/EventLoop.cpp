@@ -19,8 +19,8 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds TICK(TICK_MS);
 
-// After a stall the ticks that were missed are made up for, but requests get their turn in between.
-constexpr int MAX_TICKS_PER_TURN = 50;
+// Ticks that are late by no more are made up for. Packets of older ones would only burst.
+constexpr milliseconds MAX_CATCH_UP(100);
 
 // How long the channels without a clock wait for the disk or the decoder when none can move.
 constexpr int FAST_WAIT_MS = 1;
@@ -179,17 +179,23 @@ void CEventLoop::move()
         m_bFastWaits = !m_mediaClock.tickFast();
 }
 
+// One tick a turn, so that those that are made up for leave requests their share.
 void CEventLoop::tickRealTime()
 {
-    CClock::TimePoint now = m_clock.now();
-    for (int nTick = 0; m_bTickArmed && now >= m_nextTick && nTick < MAX_TICKS_PER_TURN; ++nTick)
+    const CClock::TimePoint now = m_clock.now();
+    if (!m_bTickArmed || now < m_nextTick)
+        return;
+    if (now - m_nextTick > MAX_CATCH_UP)
     {
-        m_mediaClock.tickRealTime();
-        const CClock::TimePoint end = m_clock.now();
-        m_statistics.onTick(now - m_nextTick, end - now);
-        m_nextTick += TICK;
-        now = end;
+        const auto nSkipped = (now - m_nextTick) / TICK;
+        m_mediaClock.skipRealTime(static_cast<uint64_t>(nSkipped));
+        m_statistics.onTicksSkipped(static_cast<uint64_t>(nSkipped));
+        m_nextTick += nSkipped * TICK;
     }
+    const CClock::TimePoint begin = m_clock.now();
+    m_mediaClock.tickRealTime();
+    m_statistics.onTick(begin - m_nextTick, m_clock.now() - begin);
+    m_nextTick += TICK;
 }
 
 void CEventLoop::freeze(std::optional<milliseconds> time, std::function<void()> thawed)

@@ -44,6 +44,9 @@ struct CStatistics
     // nor locks.
     void onTick(std::chrono::steady_clock::duration lateness, std::chrono::steady_clock::duration duration);
 
+    // Ticks that were too late to be made up for.
+    void onTicksSkipped(uint64_t ullTicks) { m_ullTicksSkipped += ullTicks; }
+
     nlohmann::ordered_json toJson(std::chrono::steady_clock::time_point now) const;
 
     // Set when the driver starts.
@@ -59,6 +62,7 @@ struct CStatistics
     uint64_t m_ullEventsDropped = 0; // with their client
     uint64_t m_ullClientsConnected = 0;
     uint64_t m_ullClientsDropped = 0; // that did not disconnect themselves
+    uint64_t m_ullTicksSkipped = 0;
     CTimeHistogram m_tickLateness;
     CTimeHistogram m_tickDuration;
 

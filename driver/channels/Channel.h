@@ -28,6 +28,12 @@ public:
     // Whether its time is that of the clock. The others go on as fast as the machine can.
     virtual bool isRealTime() const { return true; }
 
+    // What the caller says while nobody listens is gone: there is no asking for it later.
+    virtual bool isLive() const { return false; }
+
+    // The caller has done something in this tick that ends what plays.
+    virtual bool isInterrupted() const { return false; }
+
     // Lets the caller hear samples. Returns how many were taken: fewer than given when the rest has to
     // wait for the next tick. After a failure that lasts nothing is taken and hasFailed holds.
     virtual size_t hear(std::span<const uint8_t> samples) = 0;
@@ -67,20 +73,6 @@ public:
 
     // Calls done once, on the loop's thread, at once or later.
     virtual void open(const std::string& strCallID, uint32_t nLegID, OpenFunction done) = 0;
-};
-
-// What many channels do together around the media tick, such as sending their packets in one call.
-// Neither blocks, locks nor allocates.
-class CTickListener
-{
-public:
-    virtual ~CTickListener() = default;
-
-    // Whether it wants ticks even while no stream plays or records.
-    virtual bool needsTicks() const = 0;
-
-    virtual void beforeTick() = 0;
-    virtual void afterTick() = 0;
 };
 
 #endif

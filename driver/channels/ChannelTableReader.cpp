@@ -128,12 +128,12 @@ CNetAddress address(const json& entry, const char* pKey)
     return *address;
 }
 
-ERtpCodec codec(const json& entry)
+const CCodec* codec(const json& entry)
 {
     const std::string strCodec = text(entry, "codec");
     if (strCodec != "pcmu" && strCodec != "pcma")
         throw CTableError(fmt::format("\"codec\" is \"{}\", neither pcmu nor pcma", printable(strCodec)));
-    return strCodec == "pcma" ? ERtpCodec::Pcma : ERtpCodec::Pcmu;
+    return strCodec == "pcma" ? &CODEC_PCMA : &CODEC_PCMU;
 }
 
 CRtpRoute rtpRoute(const json& entry)
@@ -144,9 +144,9 @@ CRtpRoute rtpRoute(const json& entry)
     if (route.m_local.family() != route.m_remote.family())
         throw CTableError("\"local\" and \"remote\" must both be IPv4 or both be IPv6");
     if (entry.contains("codec"))
-        route.m_eCodec = codec(entry);
+        route.m_pCodec = codec(entry);
     if (entry.contains("jitterMs"))
-        route.m_nJitterMs = static_cast<int>(number(entry, "jitterMs", MAX_JITTER_MS));
+        route.m_nJitterMs = number(entry, "jitterMs", MAX_JITTER_MS);
     return route;
 }
 } // namespace

@@ -6,6 +6,12 @@
 #include <algorithm>
 #include <memory>
 
+namespace
+{
+// Ticks whose packets the sockets and jitter buffers still have: 4 s.
+constexpr uint64_t MAX_REMEMBERED = 200;
+} // namespace
+
 void CMediaClock::addListener(CTickListener& listener)
 {
     m_vListeners.push_back(&listener);
@@ -59,7 +65,33 @@ void CMediaClock::tickRealTime()
     move(m_realTime);
     for (CTickListener* pListener : m_vListeners)
         pListener->afterTick();
+    settleRealTime();
+}
+
+void CMediaClock::skipRealTime(uint64_t ullTicks)
+{
+    if (ullTicks > MAX_REMEMBERED)
+    {
+        for (CTickListener* pListener : m_vListeners)
+            pListener->jump(ullTicks - MAX_REMEMBERED);
+        for (CStream* pStream : m_realTime.m_vStreams)
+            pStream->jump((ullTicks - MAX_REMEMBERED) * TICK_SAMPLES);
+        ullTicks = MAX_REMEMBERED;
+    }
+    for (; ullTicks > 0; --ullTicks)
+    {
+        for (CTickListener* pListener : m_vListeners)
+            pListener->skipTick();
+        move(m_realTime, true);
+        settleRealTime();
+    }
+}
+
+void CMediaClock::settleRealTime()
+{
     settle(m_realTime);
+    for (CTickListener* pListener : m_vListeners)
+        pListener->settle();
 }
 
 bool CMediaClock::tickFast()
@@ -69,12 +101,12 @@ bool CMediaClock::tickFast()
     return bMoved;
 }
 
-bool CMediaClock::move(CLane& lane)
+bool CMediaClock::move(CLane& lane, bool bSkipped)
 {
     bool bMoved = false;
     for (CStream* pStream : lane.m_vStreams)
     {
-        const CStream::CAdvance advance = pStream->advance(TICK_SAMPLES);
+        const CStream::CAdvance advance = pStream->advance(TICK_SAMPLES, bSkipped);
         bMoved |= advance.m_bMoved;
         if (advance.m_bSettle)
         {

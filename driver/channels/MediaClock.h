@@ -2,9 +2,10 @@
 #ifndef DRIVER_MEDIA_CLOCK_H
 #define DRIVER_MEDIA_CLOCK_H
 
-#include "Channel.h"
+#include "TickListener.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 class CStream;
@@ -34,6 +35,10 @@ public:
     void tickRealTime();
     bool tickFast();
 
+    // Ticks of real time that come too late to be made up for. Plays stand still; recordings go on with what
+    // the callers said meanwhile, as far as that is still to be had.
+    void skipRealTime(uint64_t ullTicks);
+
 private:
     struct CLane
     {
@@ -42,8 +47,9 @@ private:
     };
 
     CLane& laneOf(const CStream& stream);
-    static bool move(CLane& lane); // whether any stream could move
+    static bool move(CLane& lane, bool bSkipped = false); // whether any stream could move
     static void settle(CLane& lane);
+    void settleRealTime();
 
     CLane m_realTime;
     CLane m_fast;

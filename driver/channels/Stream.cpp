@@ -1,6 +1,7 @@
 // A client's stream on a channel: at most one play and one recording at a time, moved by the media tick.
 #include "Stream.h"
 
+#include "G711.h"
 #include "MediaClock.h"
 #include "Text.h"
 
@@ -216,13 +217,16 @@ void CStream::updateClock()
     isMoving() ? m_clock.start(*this) : m_clock.stop(*this);
 }
 
-CStream::CAdvance CStream::advance(size_t nSamples)
+CStream::CAdvance CStream::advance(size_t nSamples, bool bSkipped)
 {
     size_t nMoved = 0;
     bool bSettle = m_pChannel->wantsService();
-    if (m_play && !m_play->m_bFinishing)
+    if (m_play && !m_play->m_bFinishing && !bSkipped)
     {
-        nMoved += advancePlay(nSamples);
+        if (m_pChannel->isInterrupted())
+            m_play->m_nEndStatus = DONE_CANCELLED;
+        else
+            nMoved += advancePlay(nSamples);
         bSettle |= m_play->m_nEndStatus.has_value();
     }
     if (m_record && m_record->m_pSink && !m_record->m_bFinishing)
@@ -253,21 +257,63 @@ size_t CStream::advancePlay(size_t nSamples)
 
 size_t CStream::advanceRecord(size_t nSamples)
 {
-    CAudioSink& sink = *m_record->m_pSink;
-    std::array<uint8_t, TICK_SAMPLES> abTick;
     const uint64_t ullLeft = m_record->m_ullMaxSamples - m_ullRecorded;
-    // Where the disk does not keep up, the caller is not listened to before it has.
-    const size_t nAsked = std::min({nSamples, abTick.size(), static_cast<size_t>(ullLeft), sink.room()});
-    const size_t nCount = m_pChannel->listen({abTick.data(), nAsked});
-    sink.put({abTick.data(), nCount});
+    const size_t nWanted = std::min({nSamples, TICK_SAMPLES, static_cast<size_t>(ullLeft)});
+    const size_t nCount = m_pChannel->isLive() ? recordLive(nWanted) : recordWaiting(nWanted);
     m_ullRecorded += nCount;
-    if (sink.hasFailed())
+    if (m_record->m_pSink->hasFailed())
         m_record->m_nEndStatus = DONE_FAILED;
     else if (m_ullRecorded == m_record->m_ullMaxSamples)
         m_record->m_nEndStatus = DONE_FINISHED;
     else if (m_pChannel->hasCallerEnded())
         m_record->m_nEndStatus = m_pChannel->hasCallerFailed() ? DONE_FAILED : DONE_FINISHED;
     return nCount;
+}
+
+// Where the disk does not keep up, the caller is not listened to before it has.
+size_t CStream::recordWaiting(size_t nSamples)
+{
+    std::array<uint8_t, TICK_SAMPLES> abTick;
+    CAudioSink& sink = *m_record->m_pSink;
+    const size_t nCount = m_pChannel->listen({abTick.data(), std::min(nSamples, sink.room())});
+    sink.put({abTick.data(), nCount});
+    return nCount;
+}
+
+// A live caller does not wait for the disk: what there is no room for becomes silence, so that what follows
+// keeps its time.
+size_t CStream::recordLive(size_t nSamples)
+{
+    std::array<uint8_t, TICK_SAMPLES> abTick;
+    const size_t nCount = m_pChannel->listen({abTick.data(), nSamples});
+    payOwed();
+    const size_t nPut = m_record->m_ullOwed > 0 ? 0 : m_record->m_pSink->put({abTick.data(), nCount});
+    m_record->m_ullOwed += nCount - nPut;
+    return nCount;
+}
+
+void CStream::payOwed()
+{
+    std::array<uint8_t, TICK_SAMPLES> abSilence;
+    abSilence.fill(ULAW_SILENCE);
+    uint64_t& ullOwed = m_record->m_ullOwed;
+    while (ullOwed > 0)
+    {
+        const size_t nPut = m_record->m_pSink->put(
+            {abSilence.data(), std::min<size_t>(abSilence.size(), static_cast<size_t>(ullOwed))});
+        if (nPut == 0)
+            return;
+        ullOwed -= nPut;
+    }
+}
+
+void CStream::jump(uint64_t ullSamples)
+{
+    if (!m_record || !m_record->m_pSink || m_record->m_bFinishing || !m_pChannel->isLive())
+        return;
+    const uint64_t ullCount = std::min(ullSamples, m_record->m_ullMaxSamples - m_ullRecorded);
+    m_record->m_ullOwed += ullCount;
+    m_ullRecorded += ullCount;
 }
 
 void CStream::settle()
@@ -315,6 +361,7 @@ void CStream::endRecord(int32_t nStatus)
     m_record->m_bFinishing = true;
     updateClock();
     m_pChannel->endListening();
+    payOwed();
     m_record->m_pSink->close([pWeak = weak_from_this()](bool bOk) {
         if (const auto pThis = pWeak.lock())
             pThis->onRecordFinished(bOk);

@@ -84,8 +84,12 @@ public:
     };
 
     // Moves play and recording on the media tick, and neither blocks, locks nor allocates.
-    CAdvance advance(size_t nSamples);
+    // In a tick that is skipped only recordings move.
+    CAdvance advance(size_t nSamples, bool bSkipped);
     void settle();
+
+    // Time that nobody remembers: of a caller who is live a recording has silence for it.
+    void jump(uint64_t ullSamples);
 
     // Of the recording that runs or ran last.
     int32_t recordedMs() const;
@@ -119,6 +123,7 @@ private:
         bool m_bFinishing = false;
         std::vector<DoneFunction> m_vWaiters;
         StartFunction m_started; // called once
+        uint64_t m_ullOwed = 0; // samples of silence that are to be written before anything else
     };
 
     void openRecordFile();
@@ -127,6 +132,9 @@ private:
     void beginRecord();
     size_t advancePlay(size_t nSamples);
     size_t advanceRecord(size_t nSamples);
+    size_t recordWaiting(size_t nSamples);
+    size_t recordLive(size_t nSamples);
+    void payOwed();
     void endPlay(int32_t nStatus);
     void endRecord(int32_t nStatus);
     void endRecordIfDue();

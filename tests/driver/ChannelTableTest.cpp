@@ -129,11 +129,11 @@ TEST(ChannelTable, ReadsAllOfAnRtpEntry)
                            "'jitterMs': 100}, {'call': 'u', " +
                            RTP + ", 'codec': 'pcmu'}, {'call': 'd', " + RTP + "}"));
     EXPECT_EQ(find(table, "a", 1), "[::1]:1 [::2]:2");
-    EXPECT_EQ(findRtp(table, "a").m_eCodec, ERtpCodec::Pcma);
-    EXPECT_EQ(findRtp(table, "a").m_nJitterMs, 100);
-    EXPECT_EQ(findRtp(table, "u").m_eCodec, ERtpCodec::Pcmu);
-    EXPECT_EQ(findRtp(table, "d").m_eCodec, ERtpCodec::Pcmu);
-    EXPECT_EQ(findRtp(table, "d").m_nJitterMs, 60);
+    EXPECT_EQ(findRtp(table, "a").m_pCodec, &CODEC_PCMA);
+    EXPECT_EQ(findRtp(table, "a").m_nJitterMs, 100U);
+    EXPECT_EQ(findRtp(table, "u").m_pCodec, &CODEC_PCMU);
+    EXPECT_EQ(findRtp(table, "d").m_pCodec, &CODEC_PCMU);
+    EXPECT_EQ(findRtp(table, "d").m_nJitterMs, 60U);
 }
 
 TEST(ChannelTable, SaysWhereItIsNoJson)

@@ -15,30 +15,24 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 // The names of a codec: ours, and those of the far end.
-struct CCodec
+struct CLineCodec
 {
-    ERtpCodec codec;
+    const CCodec* codec;
     const char* pName;     // in pipelines
     const char* pEncoding; // in stream descriptions
     const char* pFormat;   // of raw audio
 
     // Between µ-law and what is on the line.
-    CBytes toLine(const CBytes& bytes) const
-    {
-        return codec == ERtpCodec::Pcma ? converted(bytes, uLawToALaw()) : bytes;
-    }
-    CBytes fromLine(const CBytes& bytes) const
-    {
-        return codec == ERtpCodec::Pcma ? converted(bytes, aLawToULaw()) : bytes;
-    }
+    CBytes toLine(const CBytes& bytes) const { return codec == &CODEC_PCMA ? converted(bytes, uLawToALaw()) : bytes; }
+    CBytes fromLine(const CBytes& bytes) const { return codec == &CODEC_PCMA ? converted(bytes, aLawToULaw()) : bytes; }
 };
 
-void PrintTo(const CCodec& codec, std::ostream* pStream)
+void PrintTo(const CLineCodec& codec, std::ostream* pStream)
 {
     *pStream << codec.pEncoding;
 }
 
-class RtpPeer : public testing::TestWithParam<CCodec>
+class RtpPeer : public testing::TestWithParam<CLineCodec>
 {
 protected:
     RtpPeer() : m_fdTimer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)), m_pPort(m_ports.open(loopback(), m_strError))
@@ -55,7 +49,7 @@ protected:
         CRtpRoute route;
         route.m_local = m_pPort->local();
         route.m_remote = remote;
-        route.m_eCodec = GetParam().codec;
+        route.m_pCodec = GetParam().codec;
         route.m_nJitterMs = 1000; // the far end shares a busy machine with us
         m_pChannel = CRtpChannel::open(m_ports, route, m_strError);
         ASSERT_TRUE(m_pChannel) << m_strError;
@@ -99,7 +93,7 @@ protected:
 TEST_P(RtpPeer, ReceivesEverySampleOfTwoPlays)
 {
     const std::string strPath = "/tmp/received";
-    const CCodec& codec = GetParam();
+    const CLineCodec& codec = GetParam();
     CPipeline receiver(
         std::string("udpsrc address=127.0.0.1 port=0 caps=application/x-rtp,media=audio,clock-rate=8000,") +
         "encoding-name=" + codec.pEncoding + " ! rtpjitterbuffer ! rtp" + codec.pName +
@@ -130,7 +124,7 @@ TEST_P(RtpPeer, ReceivesEverySampleOfTwoPlays)
 
 TEST_P(RtpPeer, IsRecordedSampleBySample)
 {
-    const CCodec& codec = GetParam();
+    const CLineCodec& codec = GetParam();
     CPipeline sender(std::string("fdsrc fd=0 blocksize=160 ! rawaudioparse use-sink-caps=false sample-rate=8000 "
                                  "num-channels=1 format=") +
                      codec.pFormat + " ! rtp" + codec.pName +
@@ -162,6 +156,6 @@ TEST_P(RtpPeer, IsRecordedSampleBySample)
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, RtpPeer,
-                         testing::Values(CCodec{ERtpCodec::Pcmu, "pcmu", "PCMU", "mulaw"},
-                                         CCodec{ERtpCodec::Pcma, "pcma", "PCMA", "alaw"}),
+                         testing::Values(CLineCodec{&CODEC_PCMU, "pcmu", "PCMU", "mulaw"},
+                                         CLineCodec{&CODEC_PCMA, "pcma", "PCMA", "alaw"}),
                          [](const auto& codec) { return codec.param.pEncoding; });

@@ -12,12 +12,30 @@ namespace
 class CCollector : public CRtpReceiver
 {
 public:
-    void onRtp(const CRtpPacket& packet) override
+    void onDatagram(std::span<uint8_t> bytes, const CNetAddress&) override
     {
-        m_vSequences.push_back(packet.m_header.m_nSequence);
-        m_vPayloads.emplace_back(packet.m_payload.begin(), packet.m_payload.end());
+        const std::optional<CRtpPacket> packet = parseRtpPacket(bytes);
+        if (!packet)
+        {
+            ++m_counters.m_ullMalformed;
+            return;
+        }
+        m_vSequences.push_back(packet->m_header.m_nSequence);
+        m_vPayloads.emplace_back(packet->m_payload.begin(), packet->m_payload.end());
     }
+    void onTick(bool bSkipped) override { m_strTicks += bSkipped ? 's' : 't'; }
+    void onTickEnd() override { m_strTicks += 'e'; }
+    void onJump(uint64_t ullTicks) override { m_strTicks += std::to_string(ullTicks); }
+    void onSettle() override
+    {
+        if (m_onSettle)
+            m_onSettle();
+    }
+    const CRtpCounters& counters() const override { return m_counters; }
 
+    CRtpCounters m_counters;
+    std::string m_strTicks;
+    std::function<void()> m_onSettle;
     std::vector<uint16_t> m_vSequences;
     std::vector<CBytes> m_vPayloads;
 };
@@ -30,7 +48,7 @@ protected:
     void send(uint16_t nSequence, const CNetAddress& remote)
     {
         const CBytes bytes = rtpBytes({false, 0, nSequence, 0, 0}, CBytes(RTP_SAMPLES, 1));
-        m_pPort->send(std::span(bytes).first<RTP_PACKET_SIZE>(), remote);
+        m_pPort->send(bytes, remote);
     }
 
     CRtpPorts m_ports;
@@ -168,21 +186,20 @@ TEST_F(RtpPort, DropsAndCountsStrangers)
     EXPECT_EQ(m_ports.counters().m_ullStrangers, 1U);
 }
 
-TEST_F(RtpPort, DropsAndCountsWhatIsNoRtp)
+TEST_F(RtpPort, GivesACutDatagramAsOneWithoutBytes)
 {
     ASSERT_TRUE(m_pPort->join(m_far.address(), m_collector));
-    m_far.send({}, m_pPort->local());
-    m_far.send({1, 2, 3}, m_pPort->local());
-    m_far.send(CBytes(172, 0), m_pPort->local());
     m_far.send(rtpBytes({}, CBytes(RTP_MAX_DATAGRAM, 1)), m_pPort->local());
     m_far.send(rtpBytes({false, 0, 7, 0, 0}, CBytes(RTP_MAX_DATAGRAM - RTP_HEADER_SIZE, 1)), m_pPort->local());
     runTick(m_ports);
     EXPECT_THAT(m_collector.m_vSequences, testing::ElementsAre(7));
-    EXPECT_EQ(m_ports.counters().m_ullMalformed, 4U);
+    EXPECT_EQ(m_ports.counters().m_ullMalformed, 1U);
 }
 
 TEST_F(RtpPort, TakesMoreThanABatchInATick)
 {
+    CCollector other; // with whom the socket's buffer grows
+    ASSERT_TRUE(m_pPort->join(loopback(1), other));
     ASSERT_TRUE(m_pPort->join(m_far.address(), m_collector));
     for (uint16_t n = 0; n < 300; ++n)
         m_far.send(rtpBytes({false, 0, n, 0, 0}, {1}), m_pPort->local());
@@ -204,6 +221,82 @@ TEST_F(RtpPort, LeavesAFloodForLaterTicks)
         EXPECT_LE(m_ports.counters().m_ullStrangers - ullBefore, 600U);
     }
     EXPECT_GE(m_ports.counters().m_ullStrangers, 100U);
+}
+
+TEST_F(RtpPort, GivesWhatComesFromElsewhereToTheOneThatTakesAll)
+{
+    CCollector other;
+    const CFarEnd otherFar;
+    ASSERT_TRUE(m_pPort->join(m_far.address(), m_collector));
+    ASSERT_TRUE(m_pPort->joinAll(other));
+    EXPECT_FALSE(m_pPort->joinAll(m_collector));
+    m_far.send(rtpBytes({false, 0, 1, 0, 0}, {1}), m_pPort->local());
+    otherFar.send(rtpBytes({false, 0, 2, 0, 0}, {1}), m_pPort->local());
+    runTick(m_ports);
+    EXPECT_THAT(m_collector.m_vSequences, testing::ElementsAre(1));
+    EXPECT_THAT(other.m_vSequences, testing::ElementsAre(2));
+    m_pPort->leaveAll();
+    otherFar.send(rtpBytes({false, 0, 3, 0, 0}, {1}), m_pPort->local());
+    runTick(m_ports);
+    EXPECT_THAT(other.m_vSequences, testing::ElementsAre(2));
+    EXPECT_EQ(m_ports.counters().m_ullStrangers, 1U);
+}
+
+TEST_F(RtpPort, ReceiversHaveTheirPartOfEachTick)
+{
+    ASSERT_TRUE(m_pPort->join(m_far.address(), m_collector));
+    runTick(m_ports);
+    m_ports.skipTick();
+    m_ports.jump(7);
+    runTick(m_ports);
+    EXPECT_EQ(m_collector.m_strTicks, "tes7te");
+    EXPECT_EQ(m_ports.tick(), 10U);
+}
+
+TEST_F(RtpPort, ReceiverMayTakeOthersOutWhenItSettles)
+{
+    std::vector<CCollector> vReceivers(5);
+    std::string strSettled;
+    for (uint16_t n = 0; n < 5; ++n)
+    {
+        ASSERT_TRUE(m_pPort->join(loopback(static_cast<uint16_t>(n + 1)), vReceivers[n]));
+        vReceivers[n].m_onSettle = [&, n] {
+            strSettled += static_cast<char>('0' + n);
+            if (n == 1)
+                for (const int nOther : {1, 2, 4})
+                    m_pPort->leave(loopback(static_cast<uint16_t>(nOther)));
+        };
+    }
+    for (CCollector& receiver : vReceivers)
+    {
+        m_ports.wantSettle(receiver);
+        m_ports.wantSettle(receiver); // once all the same
+    }
+    m_ports.settle();
+    EXPECT_EQ(strSettled, "0124");
+    m_ports.settle();
+    EXPECT_EQ(strSettled, "0124");
+}
+
+TEST_F(RtpPort, SocketOfOneReceiverKeepsTheSystemsBufferAndThatOfManyGrows)
+{
+    const auto bufferSize = [this] {
+        const std::shared_ptr<CRtpPort> pPort = m_pPort;
+        int nSize = 0;
+        socklen_t nLength = sizeof nSize;
+        EXPECT_EQ(::getsockopt(pPort->descriptor(), SOL_SOCKET, SO_RCVBUF, &nSize, &nLength), 0);
+        return nSize;
+    };
+    const int nSystem = bufferSize();
+    ASSERT_TRUE(m_pPort->join(m_far.address(), m_collector));
+    EXPECT_EQ(bufferSize(), nSystem);
+    std::vector<CCollector> vReceivers(100);
+    for (uint16_t n = 0; n < vReceivers.size(); ++n)
+        ASSERT_TRUE(m_pPort->join(loopback(static_cast<uint16_t>(n + 1)), vReceivers[n]));
+    // A system may allow no more than it gives by itself.
+    EXPECT_GE(bufferSize(), nSystem);
+    if (::geteuid() == 0)
+        EXPECT_GT(bufferSize(), 2 << 20);
 }
 
 TEST_F(RtpPort, HasOneReceiverForARemoteAddress)
@@ -268,7 +361,7 @@ TEST(RtpPorts, SendAndReceiveOverIPv6)
     CFarEnd().send({1}, pShort->local());
     runTick(ports);
     const CBytes bytes = rtpBytes({false, 0, 5, 0, 0}, CBytes(RTP_SAMPLES, 1));
-    runTick(ports, [&] { pOne->send(std::span(bytes).first<RTP_PACKET_SIZE>(), pTwo->local()); });
+    runTick(ports, [&] { pOne->send(bytes, pTwo->local()); });
     runTick(ports);
     EXPECT_THAT(collector.m_vSequences, testing::ElementsAre(5));
 }

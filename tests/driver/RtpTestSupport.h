@@ -18,6 +18,8 @@
 
 using CBytes = std::vector<uint8_t>;
 
+constexpr size_t RTP_SAMPLES = 160; // 20 ms
+
 // A packet as it is on the line.
 inline CBytes rtpBytes(const CRtpHeader& header, const CBytes& payload)
 {
@@ -96,6 +98,7 @@ inline void runTick(
     ports.beforeTick();
     work();
     ports.afterTick();
+    ports.settle();
 }
 
 #endif

@@ -74,7 +74,7 @@ TEST(Statistics, ShowsEveryCounterUnderItsName)
     statistics.m_ullClientsConnected = 8;
     statistics.m_ullClientsDropped = 9;
     statistics.m_now = {10, 11, 12, 13, 14, 15, 16, 17};
-    statistics.m_rtp = {21, 22, 23, 24, 25, 26, 27, 28, 29};
+    statistics.m_rtp = {21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31};
     ordered_json json = statistics.toJson(statistics.m_start + milliseconds(90999));
     json.erase("requests");
     json.erase("ticks");
@@ -84,6 +84,6 @@ TEST(Statistics, ShowsEveryCounterUnderItsName)
         "clients":{"connected":8,"dropped":9},"refused":1,"dropped":2,"rubbish_bytes":3,
         "responses":{"sent":4,"lost":5},"events":{"sent":6,"dropped":7},
         "rtp":{"sent":21,"send_errors":22,"received":23,"receive_errors":24,"strangers":25,"malformed":26,
-        "other_payloads":27,"late":28,"lost":29}})")
+        "other_payloads":27,"strays":28,"duplicates":29,"late":30,"lost":31}})")
                                .dump());
 }

@@ -8,16 +8,8 @@
 #include <span>
 
 constexpr size_t RTP_HEADER_SIZE = 12;
-constexpr size_t RTP_SAMPLES = 160; // 20 ms in each packet that goes out
-constexpr size_t RTP_PACKET_SIZE = RTP_HEADER_SIZE + RTP_SAMPLES;
 constexpr size_t RTP_MAX_DATAGRAM = 2048; // that is taken from others
-
-// The values are the static payload types.
-enum class ERtpCodec : uint8_t
-{
-    Pcmu = 0,
-    Pcma = 8
-};
+constexpr size_t RTP_MAX_SENT = 704;
 
 struct CRtpHeader
 {

@@ -33,6 +33,9 @@ public:
     sockaddr* get() { return &m_any; }
     socklen_t size() const { return family() == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6); }
 
+    bool isKnown() const { return family() != AF_UNSPEC; }
+    bool hasHostOf(const CNetAddress& other) const { return withPort(0) == other.withPort(0); }
+
     bool operator==(const CNetAddress& other) const;
     size_t hash() const;
 
