@@ -76,6 +76,7 @@ const Errors& errorsOf(Call call, Object object)
     static const Errors wait = {EAGAIN, EINTR, EINVAL, ENOMEM, NOTHING};
     static const Errors readDir = {EBADF, EIO, ENOENT};
     static const Errors signal = {EINVAL};
+    static const Errors sleep = {EINTR};
     static const Errors thread = {EAGAIN, ENOMEM, EPERM};
     switch (call)
     {
@@ -100,6 +101,7 @@ const Errors& errorsOf(Call call, Object object)
     case Call::ReadDir: return readDir;
     case Call::SetSpecific: return setSpecific;
     case Call::Signal: return signal;
+    case Call::Sleep: return sleep;
     case Call::Thread: return thread;
     case Call::Write: return errorsOfWrite(object);
     default: return errorsOfPath(call);
@@ -108,22 +110,22 @@ const Errors& errorsOf(Call call, Object object)
 
 const char* nameOf(Call call)
 {
-    static const char* const apszNames[] = {"close",          "closedir",
-                                            "faccessat",      "fallocate",
-                                            "fcntl",          "fdatasync",
-                                            "flock",          "fstat",
-                                            "fstatfs",        "ftruncate",
-                                            "getrlimit",      "pthread_key_create",
-                                            "lseek",          "lstat",
-                                            "membarrier",     "mknod",
-                                            "mmap",           "munmap",
-                                            "open",           "opendir",
-                                            "poll",           "pread",
-                                            "read",           "readdir",
-                                            "rename",         "pthread_setspecific",
-                                            "signal",         "stat",
-                                            "pthread_create", "unlink",
-                                            "write"};
+    static const char* const apszNames[] = {"close",      "closedir",
+                                            "faccessat",  "fallocate",
+                                            "fcntl",      "fdatasync",
+                                            "flock",      "fstat",
+                                            "fstatfs",    "ftruncate",
+                                            "getrlimit",  "pthread_key_create",
+                                            "lseek",      "lstat",
+                                            "membarrier", "mknod",
+                                            "mmap",       "munmap",
+                                            "open",       "opendir",
+                                            "poll",       "pread",
+                                            "read",       "readdir",
+                                            "rename",     "pthread_setspecific",
+                                            "signal",     "nanosleep",
+                                            "stat",       "pthread_create",
+                                            "unlink",     "write"};
     return apszNames[static_cast<int>(call)];
 }
 

@@ -43,6 +43,7 @@ enum class Call : uint8_t
     Rename,
     SetSpecific,
     Signal,
+    Sleep,
     Stat,
     Thread,
     Unlink,

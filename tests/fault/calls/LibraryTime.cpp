@@ -93,6 +93,7 @@ void stopLibrary()
 
 extern "C"
 {
+    // Cannot fail for the clocks that there are.
     int __wrap_clock_gettime(clockid_t nClock, timespec* pTime)
     {
         if (nClock != CLOCK_MONOTONIC && nClock != CLOCK_MONOTONIC_COARSE)
@@ -101,16 +102,27 @@ extern "C"
         return 0;
     }
 
+    // A signal that ends it comes when half of the time is over.
     int __wrap_clock_nanosleep(clockid_t nClock, int nFlags, const timespec* pTime, timespec* pLeft)
     {
-        const timespec time = timeOf(realDuration(nanoseconds(*pTime)));
-        return __real_clock_nanosleep(nClock, nFlags, &time, pLeft);
+        const int64_t llTime = nanoseconds(*pTime);
+        const int nError = llTime > 0 ? nextFault({__builtin_return_address(0), Call::Sleep, Object::Other}) : 0;
+        const timespec time = timeOf(realDuration(nError ? llTime / 2 : llTime));
+        const int nResult = __real_clock_nanosleep(nClock, nFlags, &time, pLeft);
+        if (nError)
+            *pLeft = timeOf(llTime / 2);
+        return nError ? nError : nResult;
     }
 
     int __wrap_nanosleep(const timespec* pTime, timespec* pLeft)
     {
+        const int nError = nextFault({__builtin_return_address(0), Call::Sleep, Object::Other});
         const timespec time = timeOf(realDuration(nanoseconds(*pTime)));
-        return __real_nanosleep(&time, pLeft);
+        const int nResult = __real_nanosleep(&time, pLeft);
+        if (nError == 0)
+            return nResult;
+        errno = nError;
+        return -1;
     }
 
     int __wrap_poll(pollfd* pEntries, nfds_t nEntries, int nMilliseconds)
@@ -126,7 +138,7 @@ extern "C"
         return __real_poll(pEntries, nEntries, nReal);
     }
 
-    // The tests' alarms are not the operator's.
+    // The tests' alarms are not the operator's. They have no result that could be an error.
     void __wrap_syslog(int, const char*, ...) {}
     void __wrap___syslog_chk(int, int, const char*, ...) {}
 }
