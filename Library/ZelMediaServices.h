@@ -46,7 +46,7 @@ typedef int MCSTATUS;
 enum : MCSTATUS
 {
     MCS_OK = 0,
-    MCS_INVALIDHANDLE = 2,      // the stream was lost with the pipes; a null out-pointer was given
+    MCS_INVALIDHANDLE = 2,      // a null out-pointer was given
     MCS_CANCELLED = 3,          // a play ended early; its elapsed time counts all the same
     MCS_OUTOFMEMORY = 4,        // no memory for a command or a stream
     MCS_THREADFAILED = 6,       // the event thread could not be started
@@ -57,10 +57,10 @@ enum : MCSTATUS
     MCS_PIPECREATE = 42,        // the response or event pipe could not be created
     MCS_PIPEOPEN = 43,          // the response or event pipe could not be opened
     MCS_PIPEREAD = 44,          // reading the response pipe failed: the driver is gone
-    MCS_PIPEWRITE = 45,         // writing a pipe failed: the driver is gone
+    MCS_PIPEWRITE = 45,         // writing the request failed: the driver is gone, or its pipe is full
     MCS_TIMEDOUT = 46,          // a play or record passed its time-out and was cancelled
     MCS_NOTCONNECTED = 47,      // the media driver is not running or not connected
-    MCS_NOTINITIALIZED = 48,    // the stream has no driver stream
+    MCS_NOTINITIALIZED = 48,    // the stream has no driver stream, or was lost with the pipes
     MCS_NOTSUPPORTED = 49       // buffer play and buffer record
 };
 
@@ -116,6 +116,10 @@ public:
     // back into the library, to play the next file or to close the stream. While it runs no other
     // completion is delivered and nothing is timed out, so it must return promptly. It must not
     // throw: an exception ends the event thread.
+    //
+    // After MCS_TIMEDOUT the driver's own event for the end that it was asked for is still to come. It
+    // drops, without completions, what is queued on the stream by then. So play one file or phrase at a
+    // time, with nFlag 0, until a completion has come with another status; or close the stream.
     virtual void OnMediaStreamCompletion(CZelMediaStream* pStream, MCSTATUS mcstatus, MCCOMPLETION_REASON reason) = 0;
 };
 
@@ -159,9 +163,10 @@ public:
     int playAddFile(char* pszFile, unsigned long ulStartPos, unsigned long ulTimeout, int nFlag, int nStartPosInMs,
                     unsigned long ulPlayParam);
 
-    // Plays ulLength samples (8000/s) from ulOffset on, out of an open phrase file, or queues them.
-    // ulFileID is the id that openPhraseFile gave. MCS_UNKNOWNPHRASEFILE: no such id, or the driver
-    // has not got that file open; nothing was sent. Otherwise as playAddFile.
+    // Plays a part of an open phrase file, or queues it. ulFileID is the id that openPhraseFile gave;
+    // ulOffset and ulLength go to the driver unchanged, whose units they are: samples (8000/s) for the
+    // reference driver. MCS_UNKNOWNPHRASEFILE: no such id, or the driver has not got that file open;
+    // nothing was sent. Otherwise as playAddFile.
     int playAddPhrase(unsigned long ulFileID, unsigned long ulOffset, unsigned long ulLength, unsigned long ulTimeout,
                       int nFlag, unsigned long ulPlayParam);
 
@@ -200,6 +205,7 @@ public:
     // nRlen         appears in the log and has no other effect
     // ulMaxSeconds  the driver ends the recording after this many seconds
     // ulTimeout     seconds, see above
+    // nFlag         of no effect: the end of a recording is always reported
     //
     // The completion of a plain recording is not matched with the driver's event: it is reported
     // when the time-out passes, with MCS_TIMEDOUT. Give it a time-out just above ulMaxSeconds, or
@@ -207,7 +213,8 @@ public:
     int recordToFile(char* pszFileName, int nRlen, unsigned long ulMaxSeconds, unsigned long ulTimeout, int nFlag);
 
     // Plays a phrase as playAddPhrase does, then records as recordToFile does. The phrase and the
-    // recording have ulTimeout each. The end of the recording is reported when it happens.
+    // recording have ulTimeout each. The end of the recording is reported when it happens. So is that of
+    // the phrase: with a non-zero nFlag it goes unreported only where it ends well before this returns.
     // When the recording is refused the phrase plays on.
     int recordToFileWithPromptPhrase(unsigned long ulFileID, unsigned long ulOffset, unsigned long ulLength,
                                      char* pszFileName, int nRlen, unsigned long ulMaxSeconds, unsigned long ulTimeout,

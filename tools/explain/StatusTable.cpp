@@ -56,8 +56,10 @@ const std::vector<CStatusEntry>& statusTable()
          "The completion of a play or record: what is recorded or heard cannot be written, or what is played turned "
          "out damaged. The queue of the stream is dropped.",
          "Look into the driver's log, at the file, and at the room on the disk."},
-        {MCS_INVALIDHANDLE, "MCS_INVALIDHANDLE", "There is no place for the answer, or the stream was lost.",
-         "openMediaStream was given a null pointer for the stream.", "Correct the call."},
+        {MCS_INVALIDHANDLE, "MCS_INVALIDHANDLE", "There is no place for the answer.",
+         "openMediaStream was given a null pointer for the stream. A stream that was lost with the pipes answers "
+         "MCS_NOTINITIALIZED.",
+         "Correct the call."},
         {MCS_CANCELLED, "MCS_CANCELLED", "Ended early by a cancel.",
          "The completion of a play or record that playCancel or recordCancel has ended. Its elapsed time counts all "
          "the same.",
@@ -72,7 +74,9 @@ const std::vector<CStatusEntry>& statusTable()
          "The first services object of the process; it is seen in the log only, the calls answer MCS_NOTCONNECTED.",
          "Look at the limits on processes and memory, then restart the process."},
         {MCS_LOCKFAILED, "MCS_LOCKFAILED", "The locks could not be made.",
-         "The first services object of the process, when memory is short; applications do not see it.",
+         "The first services object of the process, when memory is short. Applications do not see it and the log has "
+         "no "
+         "line of it: the calls answer MCS_NOTCONNECTED.",
          "Restart the process."},
         {MCS_NORESPONSE, "MCS_NORESPONSE", "The driver did not answer this request in time.",
          "No answer came within 10 s, or the driver answered other requests five times. All plays of the process "
@@ -99,22 +103,23 @@ const std::vector<CStatusEntry>& statusTable()
          "A response was short, or the pipe broke. The request pipe is closed, streams that played or recorded become "
          "unusable.",
          "Close all streams, open new ones once connected."},
-        {MCS_PIPEWRITE, "MCS_PIPEWRITE", "Writing the request failed: the driver is gone.",
-         "The driver ended or restarted, or its request pipe is full because it hangs. All queues are dropped, "
+        {MCS_PIPEWRITE, "MCS_PIPEWRITE", "Writing the request failed: the driver is gone or hangs.",
+         "The driver ended or restarted, or it lives and its request pipe is full. All queues are dropped, "
          "streams that played or recorded become unusable, and their plays get no completion.",
          "Close all streams, open new ones once connected. zelmedia status tells whether a driver is there."},
         {MCS_TIMEDOUT, "MCS_TIMEDOUT", "The play or record passed its time-out and was cancelled.",
          "The completion of a play or record that ran for longer than its time-out. A plain recordToFile always ends "
          "with it.",
-         "What was queued on the stream is gone. If it should have ended before: give a longer time-out, or see "
-         "whether the driver has lost its end."},
+         "What was queued on the stream is gone, and what is queued before the driver's own event for the end has come "
+         "is dropped without completions: play one at a time, with flag 0, until one ends with another status. If it "
+         "should have ended before: give a longer time-out, or see whether the driver has lost its end."},
         {MCS_NOTCONNECTED, "MCS_NOTCONNECTED", "The media driver is not running, or this process is not connected.",
          "Within the first second of the process, while no driver runs, and until the library has connected again "
          "after one ended. For ever when the pipes could not be made, or when the driver refused or did not "
          "answer the connect.",
          "Try again in a second. If it stays: zelmedia status, then zelmedia clean, then restart the process."},
         {MCS_NOTINITIALIZED, "MCS_NOTINITIALIZED", "The stream has no channel at the driver (any more).",
-         "The stream played or recorded when the driver was lost.", "Close it, open a new one."},
+         "The stream played or recorded when the driver was lost, or was never opened.", "Close it, open a new one."},
         {MCS_NOTSUPPORTED, "MCS_NOTSUPPORTED", "Playing from and recording into memory.",
          "playAddBuffer, recordToBuffer and recordToBufferWithPromptPhrase always answer it.", "Use files."},
     };
