@@ -1,11 +1,7 @@
 #include "HostilePeer.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -20,30 +16,12 @@ CHostilePeer::CHostilePeer(uint64_t ullSeed, uint32_t nRequestsPerTear)
     : m_choices(ullSeed), m_driver(m_choices), m_nRequestsPerTear(nRequestsPerTear)
 {
     m_driver.giveEachStreamItsOwnID();
-    if (mkfifo(MI_REQUEST_PIPE, 0666) != 0)
-        ADD_FAILURE() << "no request pipe: " << strerror(errno);
-    m_nRequestPipe = open(MI_REQUEST_PIPE, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    m_thread = std::thread([this] { run(); });
-}
-
-CHostilePeer::~CHostilePeer()
-{
-    m_bStop = true;
-    m_thread.join();
-    for (const int nDescriptor : {m_nRequestPipe, m_nResponsePipe, m_nEventPipe})
-        close(nDescriptor);
-    unlink(MI_REQUEST_PIPE);
-}
-
-void CHostilePeer::run()
-{
-    while (!m_bStop)
-    {
-        pollfd entry = {m_nRequestPipe, POLLIN, 0};
-        structMICMD request;
-        if (poll(&entry, 1, 20) > 0 && read(m_nRequestPipe, &request, sizeof(request)) == sizeof(request))
-            handle(request);
-    }
+    m_peer.keepNoRequests();
+    m_peer.onEveryRequest([this](const structMICMD& request) {
+        handle(request);
+        return true;
+    });
+    m_peer.start();
 }
 
 void CHostilePeer::handle(const structMICMD& request)
@@ -72,7 +50,7 @@ void CHostilePeer::handle(const structMICMD& request)
     const bool bEventsFirst = m_choices.oneIn(3);
     if (bEventsFirst)
         writeEvents(request, fate);
-    put(m_nResponsePipe, vBytes); // in one piece: a read finds all of it or nothing
+    m_peer.respondRaw(vBytes.data(), vBytes.size()); // in one piece: a read finds all of it or nothing
     if (!bEventsFirst)
         writeEvents(request, fate);
     m_ullRecords = m_driver.records() + m_ullEvents;
@@ -81,18 +59,17 @@ void CHostilePeer::handle(const structMICMD& request)
 // What is left unread of an earlier connection would make this one fail, for good.
 void CHostilePeer::connect(const structMICMD& request)
 {
-    close(m_nResponsePipe);
-    close(m_nEventPipe);
-    m_nResponsePipe = open(request.connect.szRspPipe, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    m_nEventPipe = open(request.connect.szEvtPipe, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    const int nPipe = open(request.connect.szRspPipe, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     char acRest[4096];
-    while (read(m_nResponsePipe, acRest, sizeof(acRest)) > 0)
+    while (read(nPipe, acRest, sizeof(acRest)) > 0)
     {
     }
+    close(nPipe);
     m_pipeResponse.clear();
     m_mapCallByStream.clear();
     m_driver.setHonest(true);
-    put(m_nResponsePipe, m_driver.answer(request, 0, true));
+    const std::vector<uint8_t> vBytes = m_driver.answer(request, 0, true);
+    m_peer.respondRaw(vBytes.data(), vBytes.size());
     ++m_nConnects;
 }
 
@@ -147,8 +124,7 @@ void CHostilePeer::writeEvents(const structMICMD& request, const CFate& fate)
     }
     vEvents.insert(vEvents.end(), 1 + m_choices.below(2),
                    {MIEVT_DONE, nStreamID, request.nSequenceNo, fate.nCompletion});
-    const uint8_t* const pBytes = reinterpret_cast<const uint8_t*>(vEvents.data());
-    put(m_nEventPipe, {pBytes, pBytes + vEvents.size() * sizeof(structMIEVT)});
+    m_peer.eventRaw(vEvents.data(), vEvents.size() * sizeof(structMIEVT));
     m_ullEvents += vEvents.size();
 }
 
@@ -172,10 +148,4 @@ std::optional<CHostilePeer::CFate> CHostilePeer::waitFate(const std::string& str
     m_changed.wait_for(hold, limit, [&] { return m_mapFates.contains(strCall); });
     const auto node = m_mapFates.extract(strCall);
     return node ? std::optional(node.mapped()) : std::nullopt;
-}
-
-void CHostilePeer::put(int nDescriptor, const std::vector<uint8_t>& vBytes)
-{
-    if (write(nDescriptor, vBytes.data(), vBytes.size()) != std::ssize(vBytes))
-        ADD_FAILURE() << "a pipe takes no more";
 }

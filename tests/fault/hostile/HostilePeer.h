@@ -1,17 +1,13 @@
-// CHostilePeer: a driver with a thread of its own that writes hostile records, and knows what becomes of them.
+// CHostilePeer: a scripted driver that writes hostile records, and knows what becomes of them.
 #ifndef HOSTILE_PEER_H
 #define HOSTILE_PEER_H
 
 #include "BytePipe.h"
 #include "HostileDriver.h"
+#include "ScriptedDriver.h"
 
-#include <atomic>
-#include <condition_variable>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
 // All that the library reads as responses comes from here, and requests come one at a time: so what the
 // library makes of each is known before it is written.
@@ -30,9 +26,7 @@ public:
 
     // nRequestsPerTear: how many requests there are for one whose answer breaks off.
     CHostilePeer(uint64_t ullSeed, uint32_t nRequestsPerTear);
-    ~CHostilePeer();
-    CHostilePeer(const CHostilePeer&) = delete;
-    CHostilePeer& operator=(const CHostilePeer&) = delete;
+    ~CHostilePeer() { m_peer.die(); } // before what it uses goes
 
     // The fate of the one request of the caller with this call id. The library may have an answer before its
     // request has come here: it was in the pipe already. None when the limit has passed.
@@ -44,20 +38,15 @@ public:
     void setHonest() { m_bHonest = true; }
 
 private:
-    void run();
     void handle(const structMICMD& request);
     void connect(const structMICMD& request);
     CFate plan(const structMICMD& request, std::vector<uint8_t>& vBytes);
     void writeEvents(const structMICMD& request, const CFate& fate);
     void keepFate(const structMICMD& request, const CFate& fate);
-    void put(int nDescriptor, const std::vector<uint8_t>& vBytes);
 
     CRandomChoices m_choices;
     CHostileDriver m_driver;
     const uint32_t m_nRequestsPerTear;
-    int m_nRequestPipe = -1;
-    int m_nResponsePipe = -1;
-    int m_nEventPipe = -1;
     CBytePipe m_pipeResponse;
     std::map<int32_t, std::string> m_mapCallByStream;
     int m_nNextCompletion = 1000;
@@ -70,8 +59,7 @@ private:
     std::atomic<unsigned int> m_nLosses{0};
     std::atomic<uint64_t> m_ullRecords{0};
     std::atomic<bool> m_bHonest{false};
-    std::atomic<bool> m_bStop{false};
-    std::thread m_thread;
+    CScriptedDriver m_peer{false};
 };
 
 #endif
