@@ -1,5 +1,6 @@
 #include "ChildRun.h"
 #include "FailingAllocations.h"
+#include "Files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -48,14 +49,6 @@ void removePipesAndLogs()
     }
 }
 
-std::set<std::string> namesIn(const char* pszFolder)
-{
-    std::set<std::string> setNames;
-    for (const auto& entry : std::filesystem::directory_iterator(pszFolder))
-        setNames.insert(entry.path().filename().string());
-    return setNames;
-}
-
 // Each with what it is open for; without the one that reads the folder.
 std::set<std::string> openDescriptors()
 {
@@ -74,7 +67,7 @@ struct CUsage
 {
     std::set<std::string> setDescriptors = openDescriptors();
     size_t nThreads = namesIn("/proc/self/task").size();
-    std::set<std::string> setNames = namesIn("/tmp");
+    std::vector<std::string> vNames = namesIn("/tmp");
 };
 
 void checkNothingLeft(const CUsage& before, const CScenario& scenario)
@@ -86,8 +79,8 @@ void checkNothingLeft(const CUsage& before, const CScenario& scenario)
     for (const std::string& strDescriptor : after.setDescriptors)
         if (!before.setDescriptors.count(strDescriptor))
             complain("a descriptor is left: " + strDescriptor);
-    for (const std::string& strName : after.setNames)
-        if (!before.setNames.count(strName) && !scenario.mayRemain(strName))
+    for (const std::string& strName : after.vNames)
+        if (!std::count(before.vNames.begin(), before.vNames.end(), strName) && !scenario.mayRemain(strName))
             complain("a name is left in /tmp: " + strName);
 }
 

@@ -2,8 +2,8 @@
 #ifndef RACES_DRIVER_H
 #define RACES_DRIVER_H
 
+#include "Choices.h"
 #include "ScriptedPlayer.h"
-#include "SimRandom.h"
 
 // Accepts nearly everything; refuses, is late or silent for a moment now and then. A play ends within
 // some milliseconds, a cancelled one at once. Stream and file ids are never given twice. No request is
@@ -25,7 +25,7 @@ private:
     void play(const structMICMD& request);
     void goAway(const structMICMD& request);
 
-    CSimRandom m_random;
+    CRandomChoices m_random;
     std::chrono::steady_clock::time_point m_restart = std::chrono::steady_clock::time_point::max();
     std::atomic<bool> m_bRestarts{false};
     std::atomic<unsigned int> m_nConnects{0};

@@ -4,6 +4,7 @@
 //
 // ZELMEDIA_RACE_SECONDS  how long the threads run (3)
 // ZELMEDIA_SEED          what they draw from (random, printed)
+#include "Files.h"
 #include "RacesDriver.h"
 #include "RacesLedger.h"
 #include "RandomRun.h"
@@ -12,7 +13,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <random>
@@ -44,17 +44,6 @@ std::multiset<std::string> descriptors()
     return setTargets;
 }
 
-size_t entriesIn(const char* pszFolder)
-{
-    size_t nEntries = 0;
-    DIR* const pFolder = opendir(pszFolder);
-    if (!pFolder)
-        return 0;
-    while (readdir(pFolder))
-        ++nEntries;
-    closedir(pFolder);
-    return nEntries;
-}
 } // namespace
 
 class Races : public testing::Test
@@ -76,12 +65,12 @@ protected:
     }
 
     void work(unsigned int nThread);
-    void playAndWait(CRaceHandler& handler, CZelMediaServices& services, CSimRandom& random);
-    void handOver(CRaceHandler& handler, CZelMediaServices& services, CSimRandom& random);
-    int startOperations(CRaceStream& stream, CSimRandom& random);
+    void playAndWait(CRaceHandler& handler, CZelMediaServices& services, CRandomChoices& random);
+    void handOver(CRaceHandler& handler, CZelMediaServices& services, CRandomChoices& random);
+    int startOperations(CRaceStream& stream, CRandomChoices& random);
     void closeWhatWasLost(CRaceHandler& handler);
-    void housekeeping(CZelMediaServices& services, CSimRandom& random);
-    static void ask(CZelMediaStream& stream, CSimRandom& random);
+    void housekeeping(CZelMediaServices& services, CRandomChoices& random);
+    static void ask(CZelMediaStream& stream, CRandomChoices& random);
     void end();
 
     const unsigned long m_ulSeed = setting<unsigned long>("ZELMEDIA_SEED", std::random_device()());
@@ -98,7 +87,7 @@ protected:
 
 void Races::work(unsigned int nThread)
 {
-    CSimRandom random(m_ulSeed * 1000 + nThread);
+    CRandomChoices random(m_ulSeed * 1000 + nThread);
     CRaceHandler& handler = m_aHandlers[nThread % 2];
     CZelMediaServices& services = *m_apServices[nThread % 2];
     uint64_t ullRounds = 0;
@@ -122,7 +111,7 @@ void Races::work(unsigned int nThread)
 }
 
 // One play at a time, ended or cancelled: one completion comes, unless the stream is lost with the pipes.
-void Races::playAndWait(CRaceHandler& handler, CZelMediaServices& services, CSimRandom& random)
+void Races::playAndWait(CRaceHandler& handler, CZelMediaServices& services, CRandomChoices& random)
 {
     char szFile[] = "/p/one.wav";
     const CRaceStreamRef pStream = handler.open(services, m_ulLegID.fetch_add(1, std::memory_order_relaxed));
@@ -155,7 +144,7 @@ void Races::playAndWait(CRaceHandler& handler, CZelMediaServices& services, CSim
 }
 
 // Several operations at once; from then on the handler has the stream.
-void Races::handOver(CRaceHandler& handler, CZelMediaServices& services, CSimRandom& random)
+void Races::handOver(CRaceHandler& handler, CZelMediaServices& services, CRandomChoices& random)
 {
     if (handler.streams().size() > 4 * THREADS)
         return closeWhatWasLost(handler);
@@ -169,7 +158,7 @@ void Races::handOver(CRaceHandler& handler, CZelMediaServices& services, CSimRan
 }
 
 // The status of the last one.
-int Races::startOperations(CRaceStream& stream, CSimRandom& random)
+int Races::startOperations(CRaceStream& stream, CRandomChoices& random)
 {
     char szFile[] = "/p/many.wav";
     unsigned long ulFileID = 0;
@@ -219,7 +208,7 @@ void Races::closeWhatWasLost(CRaceHandler& handler)
     }
 }
 
-void Races::ask(CZelMediaStream& stream, CSimRandom& random)
+void Races::ask(CZelMediaStream& stream, CRandomChoices& random)
 {
     unsigned long ul = 0;
     int nCancelled = 0;
@@ -236,7 +225,7 @@ void Races::ask(CZelMediaStream& stream, CSimRandom& random)
     }
 }
 
-void Races::housekeeping(CZelMediaServices& services, CSimRandom& random)
+void Races::housekeeping(CZelMediaServices& services, CRandomChoices& random)
 {
     char szFile[] = "/p/phrases-0.ul";
     szFile[11] = static_cast<char>('0' + random.below(5));
@@ -282,7 +271,7 @@ TEST_F(Races, NothingIsLostDoubledOrStuckWhenManyThreadsDoEverythingAtOnce)
     fflush(stdout);
     ASSERT_TRUE(waitUntil([this] { return m_apServices[0]->dump() == MCS_OK; }));
     const std::multiset<std::string> setDescriptors = descriptors();
-    const size_t nThreads = entriesIn("/proc/self/task");
+    const size_t nThreads = namesIn("/proc/self/task").size();
     m_pDriver->allowRestarts(true);
 
     std::vector<std::thread> vThreads;
@@ -306,7 +295,7 @@ TEST_F(Races, NothingIsLostDoubledOrStuckWhenManyThreadsDoEverythingAtOnce)
     EXPECT_EQ(0u, m_nLost);
     waitUntil([&] { return descriptors() == setDescriptors; }, seconds(10));
     EXPECT_EQ(setDescriptors, descriptors());
-    EXPECT_TRUE(waitUntil([&] { return entriesIn("/proc/self/task") == nThreads; }, seconds(10)));
+    EXPECT_TRUE(waitUntil([&] { return namesIn("/proc/self/task").size() == nThreads; }, seconds(10)));
     printf("%llu rounds, %llu requests, %llu completions, %u drivers, %u log files\n",
            static_cast<unsigned long long>(m_ullRounds), static_cast<unsigned long long>(m_pDriver->requests()),
            static_cast<unsigned long long>(m_aHandlers[0].completions() + m_aHandlers[1].completions()),

@@ -16,7 +16,7 @@ void CSimModel::setMood(unsigned int nFaults, unsigned int nCallBacks, unsigned 
     m_nHighestStream = nHighestStream;
 }
 
-CSimResult CSimModel::apply(const CSimOperation& operation, CSimRandom& random, CSimScript& script)
+CSimResult CSimModel::apply(const CSimOperation& operation, CRandomChoices& random, CSimScript& script)
 {
     m_pRandom = &random;
     m_pScript = &script;
@@ -56,7 +56,7 @@ CSimResult CSimModel::apply(const CSimOperation& operation, CSimRandom& random, 
     return {nStatus, 0};
 }
 
-void CSimModel::finalize(CSimRandom& random, CSimScript& script)
+void CSimModel::finalize(CRandomChoices& random, CSimScript& script)
 {
     m_pRandom = &random;
     m_pScript = &script;

@@ -2,8 +2,8 @@
 #ifndef SIM_MODEL_H
 #define SIM_MODEL_H
 
+#include "Choices.h"
 #include "RulesModel.h"
-#include "SimRandom.h"
 #include "SimScript.h"
 
 // Decides by chance how the driver, the pipes and the application's handler behave, and foretells
@@ -21,8 +21,8 @@ public:
     void setMood(unsigned int nFaults, unsigned int nCallBacks, unsigned int nHighestStream);
     unsigned int highestStream() const { return m_nHighestStream; }
 
-    CSimResult apply(const CSimOperation& operation, CSimRandom& random, CSimScript& script);
-    void finalize(CSimRandom& random, CSimScript& script);
+    CSimResult apply(const CSimOperation& operation, CRandomChoices& random, CSimScript& script);
+    void finalize(CRandomChoices& random, CSimScript& script);
 
     std::vector<structMIEVT> m_vEvents; // in the event pipe
 
@@ -41,12 +41,12 @@ private:
     unsigned int m_nFaults = 0;
     unsigned int m_nCallBacks = 0;
     unsigned int m_nHighestStream = 1;
-    CSimRandom* m_pRandom = nullptr;
+    CRandomChoices* m_pRandom = nullptr;
     CSimScript* m_pScript = nullptr;
 };
 
 // What happens next, chosen for the state that the model is in. In a completion handler only what an
 // application may do there.
-CSimOperation chooseOperation(const CSimModel& model, CSimRandom& random, bool bInHandler);
+CSimOperation chooseOperation(const CSimModel& model, CRandomChoices& random, bool bInHandler);
 
 #endif

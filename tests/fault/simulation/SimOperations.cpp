@@ -5,21 +5,21 @@
 
 namespace
 {
-int anyStream(const CSimModel& model, CSimRandom& random)
+int anyStream(const CSimModel& model, CRandomChoices& random)
 {
     if (model.m_vStreams.empty() || random.oneIn(8))
         return static_cast<int>(random.below(model.highestStream() + 2)) - 1;
     return model.m_vStreams[random.below(static_cast<unsigned int>(model.m_vStreams.size()))].nStreamID;
 }
 
-std::string anyFile(CSimRandom& random)
+std::string anyFile(CRandomChoices& random)
 {
     std::string strName = "/p/";
     strName += static_cast<char>('a' + random.below(4));
     return random.oneIn(20) ? strName + std::string(300, 'x') : strName;
 }
 
-void compose(CSimOperation& operation, CSimRandom& random)
+void compose(CSimOperation& operation, CRandomChoices& random)
 {
     static const MICMD aCodes[] = {MICMD_PLAYFILE,   MICMD_PLAYFILE,      MICMD_PLAYFILE,       MICMD_PLAYCLIP,
                                    MICMD_PLAYCLIP,   MICMD_RECORDFILE,    MICMD_RECORDFILE,     MICMD_RECORDFILE,
@@ -43,14 +43,14 @@ void compose(CSimOperation& operation, CSimRandom& random)
     operation.bUsePlayQueue = request.s_micmd == MICMD_RECORDFILE && random.oneIn(2);
 }
 
-int32_t anyStatus(CSimRandom& random)
+int32_t anyStatus(CRandomChoices& random)
 {
     static const int32_t anStatuses[] = {0, 0, 0, 0, 0, 0, 0, 0, 3, 3, 3, 7, 16, 34, 46, 2, -1, 41, 42, 43, 44, 45};
     return random.pick(anStatuses);
 }
 
 // Mostly the end of something that is active; also a late one, or one that nothing was told of.
-structMIEVT driverEvent(const CSimModel& model, CSimRandom& random)
+structMIEVT driverEvent(const CSimModel& model, CRandomChoices& random)
 {
     const std::vector<const CSimModel::CCommand*> vActive = model.byDeadline();
     structMIEVT evt = {MIEVT_DONE, anyStream(model, random), model.m_nNextSequenceNo - random.below(5),
@@ -67,7 +67,7 @@ structMIEVT driverEvent(const CSimModel& model, CSimRandom& random)
 }
 
 // To the edges of what is measured in time: the first deadline, the alarm, the ping.
-uint64_t anyPause(const CSimModel& model, CSimRandom& random)
+uint64_t anyPause(const CSimModel& model, CRandomChoices& random)
 {
     static const uint64_t aullPauses[] = {0, 100, 100, 999, 1000, 1000, 1000, 1000, 1000, 5000, 20000, 60000};
     const std::vector<const CSimModel::CCommand*> vActive = model.byDeadline();
@@ -80,7 +80,7 @@ uint64_t anyPause(const CSimModel& model, CSimRandom& random)
     return ullDeadline > model.m_ullTick ? ullDeadline - model.m_ullTick : 0;
 }
 
-CSimOperation quietSecond(const CSimModel& model, CSimRandom& random)
+CSimOperation quietSecond(const CSimModel& model, CRandomChoices& random)
 {
     CSimOperation operation;
     operation.kind = CSimOperation::Idle;
@@ -89,7 +89,7 @@ CSimOperation quietSecond(const CSimModel& model, CSimRandom& random)
     return operation;
 }
 
-CSimOperation::Kind anyKind(const CSimModel& model, CSimRandom& random, bool bInHandler)
+CSimOperation::Kind anyKind(const CSimModel& model, CRandomChoices& random, bool bInHandler)
 {
     typedef CSimOperation Op;
     static const Op::Kind aOfApplication[] = {
@@ -111,7 +111,7 @@ CSimOperation::Kind anyKind(const CSimModel& model, CSimRandom& random, bool bIn
 }
 } // namespace
 
-CSimOperation chooseOperation(const CSimModel& model, CSimRandom& random, bool bInHandler)
+CSimOperation chooseOperation(const CSimModel& model, CRandomChoices& random, bool bInHandler)
 {
     if (!bInHandler && model.m_nConnectID == -1 && random.oneIn(3))
         return quietSecond(model, random);

@@ -19,7 +19,7 @@ void tell(CSimOutcome& outcome, const std::string& strStep, const CSimScript& sc
 
 CSimPlan::CSimPlan(uint64_t ullFromSeed) : ullSeed(ullFromSeed)
 {
-    CSimRandom random(ullSeed);
+    CRandomChoices random(ullSeed);
     vSteps.resize(8 + random.below(random.oneIn(16) ? 400 : 56)); // long ones now and then
     for (uint64_t& ull : vSteps)
         ull = random.next();
@@ -29,7 +29,7 @@ CSimOutcome runSimulation(const CSimPlan& plan, bool bTell)
 {
     static const unsigned int anFaults[] = {0, 0, 20, 60, 200};
     static const unsigned int anCallBacks[] = {0, 250, 700};
-    CSimRandom random(~plan.ullSeed);
+    CRandomChoices random(~plan.ullSeed);
     CSimLibrary library(FIRST_TICK, !random.oneIn(16));
     CSimModel model(library.responsePipe(), library.eventPipe(), FIRST_TICK);
     model.setMood(random.pick(anFaults), random.pick(anCallBacks), 1 + random.below(6));
@@ -40,7 +40,7 @@ CSimOutcome runSimulation(const CSimPlan& plan, bool bTell)
     CSimScript script;
     for (const uint64_t ullStep : plan.vSteps)
     {
-        CSimRandom stepRandom(ullStep);
+        CRandomChoices stepRandom(ullStep);
         script.clear();
         const CSimOperation operation = chooseOperation(model, stepRandom, false);
         const CSimResult expected = model.apply(operation, stepRandom, script);

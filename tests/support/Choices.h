@@ -1,4 +1,4 @@
-// CChoices: where a run of hostile bytes takes its decisions from, a generator or a fuzzer.
+// CChoices: where a random run takes its decisions from, a generator or a fuzzer.
 #ifndef CHOICES_H
 #define CHOICES_H
 
@@ -15,6 +15,7 @@ public:
     virtual std::vector<uint8_t> bytes(size_t nBytes) = 0;
 
     bool oneIn(uint32_t nTimes) { return below(nTimes) == nTimes - 1; }
+    bool perMille(uint32_t nPerMille) { return below(1000) < nPerMille; }
     uint32_t word()
     {
         const uint32_t nHigh = below(0x10000);
@@ -37,7 +38,6 @@ public:
         return vBytes;
     }
 
-private:
     uint64_t next()
     {
         uint64_t ull = m_ullState += 0x9E3779B97F4A7C15u;
@@ -46,6 +46,7 @@ private:
         return ull ^ (ull >> 31);
     }
 
+private:
     uint64_t m_ullState;
 };
 
