@@ -324,30 +324,6 @@ TEST_F(PublicInterface, MinimumSilenceDurationChangesNothing)
     EXPECT_EQ(nRequests, requestCount());
 }
 
-TEST_F(PublicInterface, LogFileAlreadyHeldIsKept)
-{
-    auto* const pLogFile = new CLogCapture(m_pLog);
-    m_pServices->setLogger(pLogFile, nullptr);
-    m_pServices->setLogger(pLogFile, nullptr);
-    m_pLog->clear();
-    m_pServices->setMinimumSilenceDuration(1);
-    EXPECT_EQ(1u, m_pLog->count("setMinimumSilenceDuration"));
-}
-
-TEST_F(PublicInterface, RegistryIsReplacedWithoutTheLogFile)
-{
-    const auto newRegistry = [] {
-        return new OrvLogLib::CLogFileRegistry(nullptr, "Test", nullptr, nullptr, nullptr, 0, 1, 100, 1000, 3, 1023, 0,
-                                               1023, 0, 10000, 0, 1, 40000, 1, 0);
-    };
-    m_pServices->setLogger(nullptr, newRegistry());
-    m_pServices->setLogger(nullptr, newRegistry());
-    m_pServices->setLogger(nullptr, nullptr);
-    m_pLog->clear();
-    m_pServices->setMinimumSilenceDuration(1);
-    EXPECT_EQ(1u, m_pLog->count("setMinimumSilenceDuration"));
-}
-
 TEST(PublicWithoutADriver, OpenReturnsTheTransportsStatusAndRegistersNothing)
 {
     CCompletions completions;
