@@ -165,6 +165,25 @@ TEST(Status, AnInterruptLeavesNoPipes)
     EXPECT_THAT(clientPipes(), IsEmpty());
 }
 
+TEST(Status, OpensItsPipesToADriverOfAnotherUserOnly)
+{
+    const uid_t NOBODY = 65534;
+    umask(022);
+    const CDeafDriver driver;
+    if (chown(MI_REQUEST_PIPE, NOBODY, NOBODY) != 0)
+        GTEST_SKIP() << "no other user here";
+    for (const auto& [nOwner, nMode] : {std::pair<uid_t, int>(NOBODY, 0666), {geteuid(), 0644}})
+    {
+        ASSERT_EQ(chown(MI_REQUEST_PIPE, nOwner, static_cast<gid_t>(-1)), 0);
+        CToolRun run({"status", "--timeout", "10m"});
+        ASSERT_TRUE(waitUntil([] { return clientPipes().size() == 2; }));
+        for (const std::string& strPipe : clientPipes())
+            EXPECT_EQ(static_cast<int>(std::filesystem::status(strPipe).permissions()), nMode) << strPipe;
+        run.signal(SIGINT);
+        EXPECT_EQ(run.waitExit(), 130);
+    }
+}
+
 TEST(Status, ListsLivingAndEndedClients)
 {
     const CPipeHolder holder;

@@ -405,6 +405,7 @@ TEST(Duration, TakesUnitsAndSeconds)
     EXPECT_EQ(parseDuration("24h"), MAX_DURATION);
     EXPECT_EQ(parseDuration("3"), CMilliseconds(3000));
     EXPECT_EQ(parseDuration("0"), CMilliseconds(0));
+    EXPECT_EQ(parseDuration("3723.456s"), CMilliseconds(3723456)); // no digit is lost
 }
 
 TEST(Duration, RefusesEverythingElse)

@@ -175,6 +175,13 @@ TEST_F(PhrasesCommands, BuildThatCannotWriteLeavesNothing)
     EXPECT_EQ(written(), std::set<std::string>());
 }
 
+TEST_F(PhrasesCommands, BuildLeavesTheRightsToTheUmask)
+{
+    umask(027);
+    ASSERT_EQ(CToolRun(buildBoth()).waitExit(), 0);
+    EXPECT_EQ(static_cast<int>(fs::status("p.ul").permissions()), 0640);
+}
+
 TEST_F(PhrasesCommands, BuildDoesNotWriteOverWhatItReadsOrIsNoFile)
 {
     writeFile("p.ul", "old");

@@ -93,9 +93,10 @@ public:
     }
     static unsigned int handle(int nStream) { return 0x08000000U + static_cast<unsigned int>(nStream) * 64; }
 
-private:
+    // Of the command of this number.
     static unsigned int address(unsigned int uSequence) { return 0x09000000U + uSequence * 336; }
 
+private:
     static const char* formatOf(ELogEvent event, int nText)
     {
         for (const CLogText& text : logTexts())

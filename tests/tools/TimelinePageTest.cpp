@@ -204,6 +204,38 @@ TEST(TimelineFile, PerfettoGetsNamesSlicesAndMarks)
     EXPECT_THAT(names, testing::IsSupersetOf({"process 4711", "media driver", "stream 2 call-2, leg 1, plays"}));
 }
 
+TEST(TimelineFile, PerfettoGetsWhateverTheLogTellsOf)
+{
+    {
+        CSampleLog log(SAMPLE_LOG);
+        log.connect();
+        log.openStream(1, "one");
+        log.line("CZelMediaStreamImpl::playCancel (0x%08X)", CSampleLog::handle(1)); // nothing plays
+        log.complete(1, log.play(1, "late.wav"), 46);
+        log.request(0, "MICMD_OPENFILE", 34);
+        log.text(LOG_EVENT_DRIVER_LOST);
+        log.text(LOG_EVENT_DRIVER_SILENT);
+        log.text(LOG_EVENT_PROCESS_ENDING);
+    }
+    EXPECT_EQ(timeline("perfetto")["driver_losses"], 1);
+    std::set<std::string> names;
+    const json trace = json::parse(readFile(PAGE));
+    for (const json& event : trace["traceEvents"])
+        names.insert(event["name"]);
+    EXPECT_THAT(names,
+                testing::IsSupersetOf({"open", "connected", "no driver", "play", "time-out", "cancel", "failure"}));
+}
+
+TEST(TimelineFile, TheSummaryIsALineForPeople)
+{
+    writePlays(1, 2);
+    CToolRun run({"timeline", SAMPLE_LOG, "-o", PAGE});
+    EXPECT_EQ(run.waitExit(), 0);
+    EXPECT_EQ(run.output(),
+              "/tmp/page.html: 1 stream, 2 plays, 0 records, 0 waits, 0 cancels, 0 time-outs, 0 failures, "
+              "0 driver losses\n");
+}
+
 TEST(TimelineFile, APlaceThatCannotBeWrittenIsSaid)
 {
     writePlays(1, 1);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -69,6 +70,15 @@ TEST(TraceCommand, ShowsColoursOnATerminal)
     EXPECT_THAT(run.output(), AllOf(HasSubstr("\033[32mcompleted"), HasSubstr("\033[31mcompleted")));
 }
 
+TEST(TraceCommand, ShowsNoColoursWhereTheyAreNotWanted)
+{
+    writeTwoPlays();
+    setenv("NO_COLOR", "1", 1);
+    CToolRun run({"trace", SAMPLE_LOG}, CToolRun::TO_TERMINAL);
+    EXPECT_EQ(run.waitExit(), 0);
+    EXPECT_THAT(run.output(), AllOf(HasSubstr("completed"), Not(HasSubstr("\033"))));
+}
+
 TEST(TraceCommand, ChoosesByStream)
 {
     writeTwoPlays();
@@ -101,6 +111,19 @@ TEST(TraceCommand, ChoosesByKind)
     EXPECT_EQ(linesOf(trace({"--kind", "completions"})), 2U);
     EXPECT_EQ(linesOf(trace({"--kind", "connection,completions"})), 5U);
     EXPECT_THAT(trace({"--kind", "noise"}, 2), HasSubstr("noise not in {calls,"));
+}
+
+TEST(TraceCommand, NotesAreChosenByKindAndStream)
+{
+    {
+        CSampleLog log(SAMPLE_LOG);
+        log.text(LOG_EVENT_DRIVER_LOST);
+        log.text(LOG_EVENT_ALARM);
+    }
+    EXPECT_EQ(linesOf(trace({"--kind", "connection"})), 1U);
+    EXPECT_EQ(linesOf(trace({"--kind", "errors"})), 2U);
+    EXPECT_EQ(linesOf(trace({"--stream", "1"})), 0U);
+    EXPECT_THAT(trace({"--json"}), HasSubstr("\"text\":\"the media driver is lost\""));
 }
 
 TEST(TraceCommand, RawShowsTheLinesThemselves)

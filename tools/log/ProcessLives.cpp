@@ -77,7 +77,7 @@ constexpr CCommandLives::CProcessLives::CRules CCommandLives::CProcessLives::rul
                                     "the media driver is lost"};
     rules[LOG_EVENT_DRIVER_SILENT] = {&L::driverSilent};
     rules[LOG_EVENT_STREAM_LOST] = {&L::streamLost};
-    rules[LOG_EVENT_ALARM] = {nullptr, nullptr, nullptr, LOG_NOTE_ALARM};
+    rules[LOG_EVENT_ALARM] = {&L::alarm};
     rules[LOG_EVENT_LINES_LOST] = {nullptr, nullptr, nullptr, LOG_NOTE_LINES_LOST};
     return rules;
 }

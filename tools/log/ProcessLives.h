@@ -117,6 +117,7 @@ private:
     void driverLost(CThread& thread, CLogLine& line);
     void driverSilent(CThread& thread, CLogLine& line);
     void streamLost(CThread& thread, CLogLine& line);
+    void alarm(CThread& thread, CLogLine& line);
 
     void beginCall(CThread& thread, const CLogLine& line);
     void endCall(CThread& thread);

@@ -68,6 +68,11 @@ void CCommandLives::CProcessLives::streamLost(CThread& thread, CLogLine& line)
     note(LOG_NOTE_STREAM_LOST, line, thread.m_nEventStream, "the stream is lost");
 }
 
+void CCommandLives::CProcessLives::alarm(CThread&, CLogLine& line)
+{
+    note(LOG_NOTE_ALARM, line, NO_STREAM, "alarm: " + std::string(line.m_strvText));
+}
+
 void CCommandLives::CProcessLives::readEvent(CThread& thread, CLogLine& line)
 {
     releaseHeld(thread);
