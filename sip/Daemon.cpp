@@ -2,6 +2,7 @@
 #include "Daemon.h"
 
 #include "Log.h"
+#include "PolicyFile.h"
 
 #include <spdlog/spdlog.h>
 
@@ -55,10 +56,16 @@ bool CDaemon::loadPolicy(CPolicy& policy, std::string& strError) const
 {
     policy.m_negotiation.m_vCodecs = defaultCodecs();
     policy.m_bDialAnywhere = true;
+    if (!m_options.m_strConfig.empty())
+    {
+        policy.m_bDialAnywhere = false;
+        if (!readPolicyFile(m_options.m_strConfig, policy, strError))
+            return false;
+    }
     for (const std::string& strAllow : m_options.m_vstrAllow)
         if (!policy.m_allowed.add(strAllow, strError))
             return false;
-    if (m_options.m_vstrAllow.empty())
+    if (m_options.m_vstrAllow.empty() && m_options.m_strConfig.empty())
         policy.m_allowed = CAddressList::ofThisMachine();
     return true;
 }
@@ -68,7 +75,7 @@ bool CDaemon::run(std::string& strError)
     CPolicy policy;
     if (!loadPolicy(policy, strError))
         return false;
-    const CAddressList allowed = policy.m_allowed;
+    const CAddressList allowed = policy.everybody();
     m_pCalls = std::make_unique<CCalls>(
         m_loop, std::move(policy),
         CCalls::CSettings{m_options.m_strDriver, m_options.m_strMediaAddress, m_options.m_strJournal});
@@ -110,7 +117,7 @@ void CDaemon::reload()
         spdlog::error("{}; the policy stays as it was", strError);
         return;
     }
-    m_pStack->allow(policy.m_allowed);
+    m_pStack->allow(policy.everybody());
     m_pCalls->setPolicy(std::move(policy));
     spdlog::info("the policy was read anew");
 }
@@ -123,6 +130,7 @@ void CDaemon::end()
     ::sd_notify(0, "STOPPING=1");
     spdlog::info("ends");
     // BYEs may be lost; the peers' own timers end those calls.
-    m_endTimer.start(s_endLimit, [this] { m_loop.stop(); });
+    m_endTimer.start(
+        s_endLimit, [this] { m_loop.stop(); });
     m_pCalls->shutDown([this] { m_loop.stop(); });
 }

@@ -36,7 +36,8 @@ void addOptions(CLI::App& app, COptions& options, std::vector<std::string>& vstr
     app.add_option("--listen", vstrListen, "where calls come in, as udp:ADDRESS:PORT, tcp: or tls:; may be repeated")
         ->type_name("WHERE")
         ->allow_extra_args(false);
-    app.add_option("--driver", options.m_strDriver, "call socket of the media driver; default: /tmp/zelmedia-calls.sock")
+    app.add_option("--driver", options.m_strDriver,
+                   "call socket of the media driver; default: /tmp/zelmedia-calls.sock")
         ->type_name("PATH");
     app.add_option("--socket", options.m_strSocket, "socket for applications; default: /tmp/zelmedia-sip.sock")
         ->type_name("PATH");
@@ -56,8 +57,10 @@ void addOptions(CLI::App& app, COptions& options, std::vector<std::string>& vstr
     app.add_option("--log-format", strLogFormat, "json is one object per line; default: text")
         ->type_name("FORMAT")
         ->check(CLI::IsMember({"text", "json"}));
-    app.add_option("--sip-trace", options.m_strTrace, "write all SIP messages into this file, as pcap")->type_name("FILE");
-    app.add_option("--journal", options.m_strJournal, "keep the calls in this file, for the next start")->type_name("FILE");
+    app.add_option("--sip-trace", options.m_strTrace, "write all SIP messages into this file, as pcap")
+        ->type_name("FILE");
+    app.add_option("--journal", options.m_strJournal, "keep the calls in this file, for the next start")
+        ->type_name("FILE");
     app.add_option("--certificates", options.m_strCertificates, "folder with agent.pem and cafile.pem, for tls:")
         ->type_name("DIR");
     app.add_flag("--verify", options.m_bVerify, "peers by TLS must have certificates that cafile.pem vouches for");
@@ -112,8 +115,8 @@ std::optional<int> parseOptions(int nArguments, const char* const* ppArguments, 
                 throw CLI::ValidationError("--allow", strError);
         if (!options.m_strMediaAddress.empty() && !isAddress(options.m_strMediaAddress))
             throw CLI::ValidationError("--media-address", "\"" + options.m_strMediaAddress + "\" is no address");
-        if (options.m_vListeners.empty() && options.m_strConfig.empty())
-            throw CLI::RequiredError("--listen or --config");
+        if (options.m_vListeners.empty())
+            throw CLI::RequiredError("--listen");
         options.m_bLogJson = strLogFormat == "json";
         return std::nullopt;
     }

@@ -72,7 +72,7 @@ void CApplications::onRequest(ConnectionID nConnection, const CJsonRequest& requ
     CContext context = {nConnection, request, CJsonFields(request.m_fields)};
     const auto iHandler = handlers().find(request.m_strName);
     if (iHandler == handlers().end())
-        refuse(context, JSON_UNKNOWN_REQUEST, "there is no request " + quoted(request.m_strName));
+        refuse(context, JSON_UNKNOWN_REQUEST, "there is no request " + quotedText(request.m_strName));
     else if (request.m_strName != "register" && !m_mapApplications.contains(nConnection))
         refuse(context, "not-attached", "\"register\" comes first");
     else
@@ -84,7 +84,7 @@ void CApplications::onDisconnected(ConnectionID nConnection, const std::string& 
     const auto iApplication = m_mapApplications.find(nConnection);
     if (iApplication == m_mapApplications.end())
         return;
-    spdlog::info("application {} of route \"{}\" is gone: {}", quoted(iApplication->second.m_strInstance),
+    spdlog::info("application {} of route \"{}\" is gone: {}", quotedText(iApplication->second.m_strInstance),
                  iApplication->second.m_strRoute, strWhy);
     m_mapApplications.erase(iApplication);
     m_calls.ownerLost(nConnection);
@@ -159,7 +159,7 @@ void CApplications::registerRoute(CContext& context)
     application.m_bWatches = context.m_fields.flag("watch").value_or(false);
     if (!finish(context))
         return;
-    spdlog::info("application {} takes route \"{}\"", quoted(application.m_strInstance), application.m_strRoute);
+    spdlog::info("application {} takes route \"{}\"", quotedText(application.m_strInstance), application.m_strRoute);
     m_mapApplications[context.m_nConnection] = std::move(application);
     m_server.answer(context.m_nConnection, context.m_request.m_nID);
 }
@@ -189,7 +189,7 @@ SipHeaders CApplications::takeHeaders(CContext& context)
         const bool bOurs = strName.rfind("X-", 0) == 0 || strName == "User-to-User" || strName == "Subject" ||
                            strName == "P-Asserted-Identity" || strName == "Privacy" || strName == "Diversion";
         if (!bOurs || !value.is_string() || value.get_ref<const std::string&>().size() > 1024)
-            context.m_fields.fail("the header " + quoted(strName) + " cannot be set");
+            context.m_fields.fail("the header " + quotedText(strName) + " cannot be set");
         else
             vHeaders.emplace_back(strName, value.get<std::string>());
     }

@@ -90,8 +90,8 @@ void CApplications::transferTo(CContext& context)
     else
     {
         const bool bReady = context.m_pRecord->m_pLeg && pOther->m_pLeg && pOther->m_pLeg->isAnswered();
-        done(context, bReady && context.m_pRecord->m_pLeg->transfer(pOther->m_pLeg->remoteUri(),
-                                                                    pOther->m_pLeg->replaces()));
+        done(context,
+             bReady && context.m_pRecord->m_pLeg->transfer(pOther->m_pLeg->remoteUri(), pOther->m_pLeg->replaces()));
     }
 }
 
@@ -112,7 +112,8 @@ void CApplications::forward(CContext& context, const char* pName, Json fields)
                 return;
             }
             const nlohmann::json error = answer.value("error", nlohmann::json::object());
-            m_server.refuse(nConnection, nID, error.value("code", "failed"), error.value("text", "refused by the driver"));
+            m_server.refuse(nConnection, nID, error.value("code", "failed"),
+                            error.value("text", "refused by the driver"));
         });
 }
 

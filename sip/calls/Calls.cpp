@@ -97,8 +97,8 @@ Json CCalls::describe(const CLegRecord& record) const
 
 size_t CCalls::living() const
 {
-    return static_cast<size_t>(std::count_if(m_mapRecords.begin(), m_mapRecords.end(),
-                                             [](const auto& entry) { return entry.second->m_pLeg != nullptr; }));
+    return static_cast<size_t>(std::count_if(
+        m_mapRecords.begin(), m_mapRecords.end(), [](const auto& entry) { return entry.second->m_pLeg != nullptr; }));
 }
 
 bool CCalls::admits(const std::string& strSource, const std::string& strMethod)
@@ -148,6 +148,8 @@ int CCalls::onRequest(const CSipMessage& message, CSipContent& answer)
 bool CCalls::offer(CLeg& leg)
 {
     CLegRecord* pRecord = find(leg.name());
+    if (!pRecord)
+        return false;
     pRecord->m_strRoute = m_policy.routeOf(leg.calledNumber(), leg.source());
     return (m_policy.m_vRoutes.empty() || !pRecord->m_strRoute.empty()) && offerRecord(*pRecord);
 }

@@ -44,9 +44,10 @@ bool CCalls::mayDial(const std::string& strUri, const CTrunk*& pTrunk, std::stri
         return false;
     }
     pTrunk = m_policy.trunk(pRule->m_strTrunk);
-    const auto nDialed = static_cast<size_t>(std::count_if(m_mapRecords.begin(), m_mapRecords.end(), [](const auto& entry) {
-        return entry.second->m_pLeg && entry.second->m_pLeg->isCaller();
-    }));
+    const auto nDialed =
+        static_cast<size_t>(std::count_if(m_mapRecords.begin(), m_mapRecords.end(), [](const auto& entry) {
+            return entry.second->m_pLeg && entry.second->m_pLeg->isCaller();
+        }));
     if ((m_policy.m_nDialConcurrent > 0 && nDialed >= m_policy.m_nDialConcurrent) || living() >= m_policy.m_nMaxCalls)
     {
         strCode = "full";

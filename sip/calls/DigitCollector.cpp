@@ -14,9 +14,7 @@ void CDigitCollector::start(const CDigitCollection& collection)
 void CDigitCollector::add(char cDigit)
 {
     if (!m_bActive)
-    {
         return;
-    }
     if (m_collection.m_strTerminators.find(cDigit) != std::string::npos)
     {
         end("terminator");
@@ -34,18 +32,14 @@ void CDigitCollector::add(char cDigit)
 void CDigitCollector::stop()
 {
     if (m_bActive)
-    {
         end("ended");
-    }
 }
 
 void CDigitCollector::wait(unsigned uMs)
 {
     m_timer.stop();
     if (uMs > 0)
-    {
         m_timer.start(std::chrono::milliseconds(uMs), [this] { end("timeout"); });
-    }
 }
 
 void CDigitCollector::end(const char* pWhy)

@@ -15,18 +15,12 @@ using std::chrono::seconds;
 namespace
 {
 constexpr seconds s_transactionLimit(33); // 64 * T1, and a little
-
-bool isSdp(const CSipMessage& message)
-{
-    return !message.m_strBody.empty() && strncasecmp(message.m_strContentType.c_str(), "application/sdp", 15) == 0;
-}
 } // namespace
 
 CLeg::CLeg(CLegServices& services, CLegName name, CNegotiationSettings negotiation)
     : m_services(services), m_name(std::move(name)), m_negotiation(std::move(negotiation)), m_timer(services.loop()),
-      m_retryTimer(services.loop()),
-      m_sessionTimer(
-          services.loop(), [this] { refreshSession(); }, [this] { hangUp("timer"); }),
+      m_retryTimer(services.loop()), m_sessionTimer(
+                                         services.loop(), [this] { refreshSession(); }, [this] { hangUp("timer"); }),
       m_collector(services.loop(), [this](const std::string& strDigits, const char* pWhy) {
           m_services.emit(*this, {{"event", "digits"}, {"digits", strDigits}, {"why", pWhy}});
       })
@@ -84,10 +78,10 @@ void CLeg::dial(std::unique_ptr<CSipDialog> pDialog, const std::string& strUri, 
 
 bool CLeg::take(const CLegEvent& event)
 {
-    static constexpr std::array<Handler, 12> handlers = {
-        &CLeg::inPreparing,  &CLeg::inOffered,  &CLeg::inRinging,    &CLeg::inAnswering,
-        &CLeg::inDialing,    &CLeg::inAnswered, &CLeg::inReoffering, &CLeg::inReoffered,
-        &CLeg::inHanging,    &CLeg::inCancelling, &CLeg::inEnding,   &CLeg::inEnded};
+    static constexpr std::array<Handler, 12> handlers = {&CLeg::inPreparing,  &CLeg::inOffered,   &CLeg::inRinging,
+                                                         &CLeg::inAnswering,  &CLeg::inDialing,   &CLeg::inAnswered,
+                                                         &CLeg::inReoffering, &CLeg::inReoffered, &CLeg::inHanging,
+                                                         &CLeg::inCancelling, &CLeg::inEnding,    &CLeg::inEnded};
     const std::shared_ptr<CLeg> pKeep = shared_from_this();
     return (this->*handlers[static_cast<size_t>(m_eState)])(event);
 }
@@ -168,8 +162,8 @@ void CLeg::sendBye(const std::string& strReason, int nStatus)
     tellEnd(strReason, nStatus);
     CSipContent content;
     if (strReason != "local")
-        content.m_vHeaders = {{"Reason", "SIP;cause=" + std::to_string(nStatus == 0 ? 200 : nStatus) + ";text=\"" +
-                                             strReason + "\""}};
+        content.m_vHeaders = {
+            {"Reason", "SIP;cause=" + std::to_string(nStatus == 0 ? 200 : nStatus) + ";text=\"" + strReason + "\""}};
     m_ullInvite = m_pDialog->request("BYE", content);
     if (m_ullInvite == 0)
         finish(strReason, nStatus);
@@ -271,8 +265,12 @@ Json CLeg::describe() const
     for (const auto& [strName, strValue] : m_mapHeaders)
         headers[strName] = strValue;
     const char* pState = m_bEndTold ? "ended" : stateName(m_eState);
-    return {{"call", m_name.m_strCall}, {"leg", m_name.m_uLeg},          {"from", m_strFrom},
-            {"to", m_strTo},            {"sip_call_id", m_strSipCallID}, {"headers", headers},
+    return {{"call", m_name.m_strCall},
+            {"leg", m_name.m_uLeg},
+            {"from", m_strFrom},
+            {"to", m_strTo},
+            {"sip_call_id", m_strSipCallID},
+            {"headers", headers},
             {"state", m_bHeld && isAnswered() ? "held" : pState}};
 }
 

@@ -82,8 +82,8 @@ struct CLegEvent
     const CSipMessage* m_pMessage = nullptr;
     uint64_t m_ullRequest = 0;
     int m_nStatus = 0;
-    std::string m_strText; // reason of an end, target
-    bool m_bMedia = false; // ring with early media
+    std::string m_strText = {}; // reason of an end, target
+    bool m_bMedia = false;      // ring with early media
     SipHeaders m_vHeaders = {};
 };
 
@@ -202,7 +202,7 @@ private:
     std::string m_strRemoteTag;
     std::string m_strTarget; // that is dialed
     std::map<std::string, std::string> m_mapHeaders;
-    SipHeaders m_vOurHeaders; // of the INVITE or of its 2xx
+    SipHeaders m_vOurHeaders;              // of the INVITE or of its 2xx
     std::optional<std::string> m_strOffer; // of the INVITE that waits
     bool m_bReliable = false;              // the caller takes reliable provisional answers
     std::string m_strAnswer;               // to the caller's offer
@@ -215,7 +215,7 @@ private:
     std::string m_strEndReason;
     int m_nEndStatus = 0;
     bool m_bEndTold = false;
-    bool m_bHeld = false;      // as the application knows it
+    bool m_bHeld = false;        // as the application knows it
     bool m_bOfferWanted = false; // as soon as the leg is stable
     bool m_bLateOffer = false;   // the answer to ours comes in the ACK
 

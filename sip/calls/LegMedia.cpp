@@ -76,18 +76,18 @@ void CLeg::updateMedia()
 {
     if (!m_bMedia)
         return;
-    m_services.driver().request(
-        "update", m_name, toJson(m_negotiation.media()), [pWeak = weak_from_this()](const nlohmann::json& answer) {
-            const auto pLeg = pWeak.lock();
-            if (!pLeg || isOk(answer) || !pLeg->m_bMedia)
-                return;
-            spdlog::warn("call {} leg {}: media refused: {}", pLeg->m_name.m_strCall, pLeg->m_name.m_uLeg,
-                         errorOf(answer));
-            CLegEvent event = {ELegEvent::MediaFailed};
-            event.m_strText = "failed";
-            event.m_nStatus = 500;
-            pLeg->take(event);
-        });
+    m_services.driver().request("update", m_name, toJson(m_negotiation.media()),
+                                [pWeak = weak_from_this()](const nlohmann::json& answer) {
+                                    const auto pLeg = pWeak.lock();
+                                    if (!pLeg || isOk(answer) || !pLeg->m_bMedia)
+                                        return;
+                                    spdlog::warn("call {} leg {}: media refused: {}", pLeg->m_name.m_strCall,
+                                                 pLeg->m_name.m_uLeg, errorOf(answer));
+                                    CLegEvent event = {ELegEvent::MediaFailed};
+                                    event.m_strText = "failed";
+                                    event.m_nStatus = 500;
+                                    pLeg->take(event);
+                                });
 }
 
 void CLeg::endMedia(const std::string& strReason)
@@ -118,7 +118,8 @@ void CLeg::onDriverEvent(const nlohmann::json& event)
     else if (strEvent == "speech")
         m_services.emit(*this, {{"event", "speech"}, {"begins", event.value("begins", true)}});
     else if (strEvent == "recorded")
-        m_services.emit(*this, {{"event", "recorded"}, {"file", event.value("file", "")}, {"ok", event.value("ok", false)}});
+        m_services.emit(*this,
+                        {{"event", "recorded"}, {"file", event.value("file", "")}, {"ok", event.value("ok", false)}});
     else if (strEvent == "no_media")
         hangUp("no-media");
     else if (strEvent == "ended")

@@ -14,11 +14,6 @@ namespace
 constexpr char s_szAllow[] = "INVITE, ACK, CANCEL, BYE, OPTIONS, PRACK, UPDATE, INFO, REFER, NOTIFY";
 constexpr unsigned s_uMaxRedirects = 5;
 
-bool isSdp(const CSipMessage& message)
-{
-    return !message.m_strBody.empty() && strncasecmp(message.m_strContentType.c_str(), "application/sdp", 15) == 0;
-}
-
 std::chrono::milliseconds randomDelay(int nFromMs, int nToMs)
 {
     static std::mt19937 generator{std::random_device{}()};
@@ -46,7 +41,8 @@ CSipContent CLeg::sessionContent() const
     const unsigned uExpires = std::max(uRunning > 0 ? uRunning : m_services.policy().m_uSessionExpires, uMinimum);
     if (m_services.policy().m_uSessionExpires > 0)
     {
-        const char* pRefresher = uRunning == 0 ? "" : (m_sessionTimer.weRefresh() ? ";refresher=uac" : ";refresher=uas");
+        const char* pRefresher =
+            uRunning == 0 ? "" : (m_sessionTimer.weRefresh() ? ";refresher=uac" : ";refresher=uas");
         content.m_vHeaders.emplace_back("Session-Expires", std::to_string(uExpires) + pRefresher);
         content.m_vHeaders.emplace_back("Min-SE", std::to_string(uMinimum));
     }
@@ -209,7 +205,8 @@ bool CLeg::followRedirect(const CSipMessage& message)
     const std::string& strUri = message.m_vstrContacts.front();
     if (!m_services.policy().dialRule(strUri))
     {
-        spdlog::warn("call {} leg {}: a redirection to {} is against the rules", m_name.m_strCall, m_name.m_uLeg, strUri);
+        spdlog::warn("call {} leg {}: a redirection to {} is against the rules", m_name.m_strCall, m_name.m_uLeg,
+                     strUri);
         return false;
     }
     m_strTarget = strUri;

@@ -63,9 +63,7 @@ bool CLeg::inOffered(const CLegEvent& event)
     {
     case ELegEvent::Ring: return ring(event.m_bMedia);
     case ELegEvent::Answer: return answer();
-    case ELegEvent::Reject:
-        refuse(event.m_nStatus, event.m_strText.empty() ? "local" : event.m_strText);
-        return true;
+    case ELegEvent::Reject: refuse(event.m_nStatus, event.m_strText.empty() ? "local" : event.m_strText); return true;
     case ELegEvent::Redirect: refuse(302, "local", {{"Contact", "<" + event.m_strText + ">"}}); return true;
     case ELegEvent::HangUp: refuse(event.m_nStatus == 0 ? 603 : event.m_nStatus, event.m_strText); return true;
     case ELegEvent::Cancelled: finish("cancelled", 487); return true;

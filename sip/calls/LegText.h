@@ -2,7 +2,10 @@
 #ifndef SIP_LEG_TEXT_H
 #define SIP_LEG_TEXT_H
 
+#include "SipMessage.h"
+
 #include <string>
+#include <strings.h>
 
 // "100" of "sip:100@example.com:5060;user=phone".
 inline std::string userOf(const std::string& strUri)
@@ -27,6 +30,11 @@ inline const char* reasonOf(int nStatus)
     case 487: return "cancelled";
     default: return nStatus >= 500 && nStatus < 600 ? "failed" : "rejected";
     }
+}
+
+inline bool isSdp(const CSipMessage& message)
+{
+    return !message.m_strBody.empty() && strncasecmp(message.m_strContentType.c_str(), "application/sdp", 15) == 0;
 }
 
 #endif

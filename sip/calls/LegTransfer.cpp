@@ -63,7 +63,8 @@ bool CLeg::transfer(const std::string& strUri, const std::string& strReplaces)
                 strReferTo += std::string("%") + s_szHex[uc >> 4U] + s_szHex[uc & 15U];
         }
     }
-    m_ullRefer = m_pDialog->request("REFER", {{{"Refer-To", strReferTo + ">"}, {"Referred-By", "<" + m_pDialog->localContact() + ">"}}, {}, {}});
+    m_ullRefer = m_pDialog->request(
+        "REFER", {{{"Refer-To", strReferTo + ">"}, {"Referred-By", "<" + m_pDialog->localContact() + ">"}}, {}, {}});
     return m_ullRefer != 0;
 }
 

@@ -46,9 +46,8 @@ public:
     {
         // A flood from many addresses must not cost memory: then all share what is for all.
         if (m_mapSources.size() >= s_nMaxSources)
-            std::erase_if(m_mapSources, [now](const auto& entry) {
-                return now - entry.second.last() > std::chrono::seconds(10);
-            });
+            std::erase_if(m_mapSources,
+                          [now](const auto& entry) { return now - entry.second.last() > std::chrono::seconds(10); });
         if (m_mapSources.size() < s_nMaxSources || m_mapSources.contains(strSource))
             if (!m_mapSources[strSource].take(sourceRate, now))
                 return false;

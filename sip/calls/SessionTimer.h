@@ -21,17 +21,11 @@ public:
         m_uSeconds = uSeconds;
         m_bWeRefresh = bWeRefresh;
         if (uSeconds == 0)
-        {
             m_timer.stop();
-        }
         else if (bWeRefresh)
-        {
             m_timer.start(std::chrono::milliseconds(uSeconds * 500ULL), [this] { refresh(); });
-        }
         else
-        {
             m_timer.start(std::chrono::seconds(deadline()), m_expired);
-        }
     }
 
     void stop() { m_timer.stop(); }

@@ -9,9 +9,7 @@ Json codecJson(const CSdpCodec& codec)
 {
     Json json = {{"name", codec.m_strName}, {"payload", codec.m_uPayload}, {"rate", codec.m_uRate}};
     if (!codec.m_strFormat.empty())
-    {
         json["fmtp"] = codec.m_strFormat;
-    }
     return json;
 }
 
@@ -36,20 +34,14 @@ Json toJson(const CMediaDescription& media)
 {
     Json json = Json::object();
     if (!media.m_strRemote.empty())
-    {
         json["remote"] = media.m_strRemote;
-    }
     if (!media.m_strRtcpRemote.empty())
-    {
         json["rtcp_remote"] = media.m_strRtcpRemote;
-    }
     if (!media.m_vReceive.empty())
     {
         Json codecs = Json::array();
         for (const CSdpCodec& codec : media.m_vReceive)
-        {
             codecs.push_back(codecJson(codec));
-        }
         json["receive"] = std::move(codecs);
         json["send"] = codecJson(media.m_send);
         json["send_digits"] = optionalJson(media.m_uSendDigits);

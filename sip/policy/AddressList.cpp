@@ -28,17 +28,13 @@ bool parseAddress(const std::string& strAddress, CNetwork& network)
 bool covers(const CNetwork& network, const CNetwork& address)
 {
     if (network.m_bSix != address.m_bSix)
-    {
         return false;
-    }
     for (unsigned uBit = 0; uBit < network.m_uPrefix; uBit += 8)
     {
         const unsigned uHere = std::min(8U, network.m_uPrefix - uBit);
         const auto ucMask = static_cast<uint8_t>(0xff00U >> uHere);
         if (((network.m_ucBytes[uBit / 8] ^ address.m_ucBytes[uBit / 8]) & ucMask) != 0)
-        {
             return false;
-        }
     }
     return true;
 }
@@ -85,9 +81,7 @@ CAddressList CAddressList::ofThisMachine()
     list.add("::1", strIgnored);
     ifaddrs* pFirst = nullptr;
     if (::getifaddrs(&pFirst) != 0)
-    {
         return list;
-    }
     const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> free(pFirst, ::freeifaddrs);
     for (const ifaddrs* pInterface = pFirst; pInterface; pInterface = pInterface->ifa_next)
     {

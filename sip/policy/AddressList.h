@@ -19,6 +19,10 @@ class CAddressList
 public:
     // "192.0.2.0/24", "192.0.2.1", "2001:db8::/32". False, with the reason in strError.
     bool add(const std::string& strNetwork, std::string& strError);
+    void add(const CAddressList& others)
+    {
+        m_vNetworks.insert(m_vNetworks.end(), others.m_vNetworks.begin(), others.m_vNetworks.end());
+    }
     // Numeric addresses; anything else is in no list.
     bool contains(const std::string& strAddress) const;
     // Those of this machine, as its interfaces have them now.

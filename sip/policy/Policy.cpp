@@ -50,6 +50,14 @@ const CTrunk* CPolicy::trunkOf(const std::string& strAddress) const
     return iTrunk == m_vTrunks.end() ? nullptr : &*iTrunk;
 }
 
+CAddressList CPolicy::everybody() const
+{
+    CAddressList addresses = m_allowed;
+    for (const CTrunk& trunk : m_vTrunks)
+        addresses.add(trunk.m_addresses);
+    return addresses;
+}
+
 bool CPolicy::allows(const std::string& strAddress) const
 {
     return m_allowed.contains(strAddress) || trunkOf(strAddress) != nullptr;
@@ -62,9 +70,7 @@ std::string CPolicy::routeOf(const std::string& strNumber, const std::string& st
     {
         const bool bTrunk = rule.m_strTrunk.empty() || (pTrunk && pTrunk->m_strName == rule.m_strTrunk);
         if (bTrunk && matches(rule.m_strNumber, strNumber))
-        {
             return rule.m_strRoute;
-        }
     }
     return m_vRoutes.empty() ? strNumber : "";
 }
@@ -75,8 +81,6 @@ const CDialRule* CPolicy::dialRule(const std::string& strUri) const
     const auto iRule = std::find_if(m_vDial.begin(), m_vDial.end(),
                                     [&strUri](const CDialRule& rule) { return matches(rule.m_strTarget, strUri); });
     if (iRule != m_vDial.end())
-    {
         return &*iRule;
-    }
     return m_bDialAnywhere ? &anywhere : nullptr;
 }

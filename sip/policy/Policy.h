@@ -69,6 +69,8 @@ struct CPolicy
 
     const CTrunk* trunk(const std::string& strName) const;
     const CTrunk* trunkOf(const std::string& strAddress) const;
+    // The networks that anything may come from.
+    CAddressList everybody() const;
     bool allows(const std::string& strAddress) const;
     std::string routeOf(const std::string& strNumber, const std::string& strAddress) const;
     // The rule for dialing a URI; null when it must not be dialed.

@@ -27,8 +27,8 @@ bool isSame(const CSdpCodec& a, const CSdpCodec& b)
 
 const CSdpCodec* findSame(const std::vector<CSdpCodec>& vCodecs, const CSdpCodec& codec)
 {
-    const auto iCodec = std::find_if(vCodecs.begin(), vCodecs.end(),
-                                     [&codec](const CSdpCodec& other) { return isSame(other, codec); });
+    const auto iCodec =
+        std::find_if(vCodecs.begin(), vCodecs.end(), [&codec](const CSdpCodec& other) { return isSame(other, codec); });
     return iCodec == vCodecs.end() ? nullptr : &*iCodec;
 }
 
@@ -167,9 +167,7 @@ std::string CNegotiation::describe(std::vector<CSdpMedia> vMedia)
     sdp.m_ullVersion = m_ullVersion;
     // The version tells that something is new.
     if (m_strLocal.empty() || printSdp(sdp) != m_strLocal)
-    {
         sdp.m_ullVersion = ++m_ullVersion;
-    }
     m_strLocal = printSdp(sdp);
     return m_strLocal;
 }
@@ -189,13 +187,9 @@ bool CNegotiation::takeAnswer(const std::string& strText, bool bProvisional, std
     }
     const CSdpMedia ours = *m_pending;
     if (!takeRemote(*remote, remote->m_vMedia[m_nAudio], ours, false, strError))
-    {
         return false;
-    }
     if (!bProvisional)
-    {
         m_pending.reset();
-    }
     return true;
 }
 
@@ -203,9 +197,7 @@ std::optional<std::string> CNegotiation::answerOffer(const std::string& strText,
 {
     const auto remote = parseSdp(strText, strError);
     if (!remote)
-    {
         return std::nullopt;
-    }
     const auto isOurs = [](const CSdpMedia& media) {
         return media.m_strType == "audio" && media.m_uPort != 0 && isRtp(media);
     };
@@ -217,18 +209,14 @@ std::optional<std::string> CNegotiation::answerOffer(const std::string& strText,
     }
     CSdpMedia ours = ourMedia(both(reversed(iAudio->m_eDirection), wanted()));
     if (!takeRemote(*remote, *iAudio, ours, true, strError))
-    {
         return std::nullopt;
-    }
     ours.m_vCodecs = m_media.m_vReceive;
     ours.m_strProtocol = iAudio->m_strProtocol;
     ours.m_bRtcpMux = m_media.m_bRtcpMux;
     ours.m_eDirection = m_media.m_eDirection;
     ours.m_uPtime = m_media.m_uPtime;
     if (m_media.m_keys)
-    {
         ours.m_vCrypto.push_back({m_strCryptoTag, m_strOurSuite, m_strOurKey});
-    }
     m_nAudio = static_cast<size_t>(iAudio - remote->m_vMedia.begin());
     m_vOthers.clear();
     std::vector<CSdpMedia> vMedia;
@@ -252,9 +240,7 @@ bool CNegotiation::takeRemote(const CSdp& remote, const CSdpMedia& media, const 
 {
     CMediaDescription result;
     if (!chooseCodecs(media, ours, bPeerOffered, result, strError) || !takeKeys(media, bPeerOffered, result, strError))
-    {
         return false;
-    }
     const std::string& strAddress = media.m_strAddress.empty() ? remote.m_strAddress : media.m_strAddress;
     EDirection eDirection = both(reversed(media.m_eDirection), ours.m_eDirection);
     if (isNowhere(strAddress))
@@ -269,15 +255,13 @@ bool CNegotiation::takeRemote(const CSdp& remote, const CSdpMedia& media, const 
     }
     result.m_eDirection = eDirection;
     result.m_bRtcpMux = media.m_bRtcpMux && (bPeerOffered || ours.m_bRtcpMux);
-    result.m_uPtime = media.m_uPtime >= 10 && media.m_uPtime <= 60 && media.m_uPtime % 10 == 0 ? media.m_uPtime
-                                                                                                : m_settings.m_uPtime;
+    result.m_uPtime =
+        media.m_uPtime >= 10 && media.m_uPtime <= 60 && media.m_uPtime % 10 == 0 ? media.m_uPtime : m_settings.m_uPtime;
     m_bHeldByPeer = isNowhere(strAddress) || media.m_eDirection == EDirection::SendOnly ||
                     media.m_eDirection == EDirection::Inactive;
     // A peer that answers our own hold does not hold us by that.
     if (m_bHold && !bPeerOffered)
-    {
         m_bHeldByPeer = false;
-    }
     m_media = std::move(result);
     m_bAgreed = true;
     return true;
@@ -293,18 +277,12 @@ bool CNegotiation::chooseCodecs(const CSdpMedia& remote, const CSdpMedia& ours, 
         const CSdpCodec* pMine = findSame(vMine, codec);
         const CSdpCodec* pRemote = findSame(remote.m_vCodecs, codec);
         if (!pMine || !pRemote || hasName(codec, "telephone-event") || hasName(codec, "CN"))
-        {
             continue;
-        }
         CSdpCodec received = *pRemote;
         if (result.m_vReceive.empty())
-        {
             result.m_send = *pRemote;
-        }
         if (!bPeerOffered)
-        {
             received.m_uPayload = pMine->m_uPayload; // what we have offered is what is sent to us
-        }
         result.m_vReceive.push_back(received);
     }
     if (result.m_vReceive.empty())
@@ -333,11 +311,10 @@ bool CNegotiation::takeKeys(const CSdpMedia& remote, bool bPeerOffered, CMediaDe
         strError = "the media are to be encrypted";
         return m_settings.m_eSrtp != ESrtp::Required && (bPeerOffered || m_pending->m_vCrypto.empty());
     }
-    const auto iCrypto =
-        std::find_if(remote.m_vCrypto.begin(), remote.m_vCrypto.end(), [&](const CSdpCrypto& crypto) {
-            return isSuite(crypto.m_strSuite) && crypto.m_strKey.size() == 40 &&
-                   (bPeerOffered || (crypto.m_strSuite == m_strOurSuite && crypto.m_strTag == m_strCryptoTag));
-        });
+    const auto iCrypto = std::find_if(remote.m_vCrypto.begin(), remote.m_vCrypto.end(), [&](const CSdpCrypto& crypto) {
+        return isSuite(crypto.m_strSuite) && crypto.m_strKey.size() == 40 &&
+               (bPeerOffered || (crypto.m_strSuite == m_strOurSuite && crypto.m_strTag == m_strCryptoTag));
+    });
     if (m_settings.m_eSrtp == ESrtp::Off || iCrypto == remote.m_vCrypto.end())
     {
         strError = "there is no encryption in common";

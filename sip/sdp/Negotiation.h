@@ -73,7 +73,7 @@ private:
     std::string m_strCryptoTag = "1";
     std::optional<CSdpMedia> m_pending; // what we have offered
     std::vector<CSdpMedia> m_vOthers;   // the peer's media that we refuse, to be refused again
-    size_t m_nAudio = 0;           // the place of ours
+    size_t m_nAudio = 0;                // the place of ours
     CMediaDescription m_media;
     bool m_bAgreed = false;
     bool m_bHold = false;

@@ -48,9 +48,7 @@ int onReady(su_root_magic_t*, su_wait_t* pWait, su_wakeup_arg_t* pArgument)
 CLoop::CLoop()
 {
     if (su_init() != 0 || !(m_pRoot = su_root_create(nullptr)))
-    {
         throw std::system_error(errno, std::generic_category(), "the loop cannot be made");
-    }
     m_nTimer = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     if (m_nTimer < 0)
     {
@@ -64,9 +62,7 @@ CLoop::CLoop()
 CLoop::~CLoop()
 {
     while (!m_mapWatches.empty())
-    {
         unwatch(m_mapWatches.begin()->first);
-    }
     ::close(m_nTimer);
     su_root_destroy(m_pRoot);
     su_deinit();
@@ -79,9 +75,7 @@ void CLoop::watch(int nDescriptor, short nEvents, Ready ready)
     su_wait_t wait = {nDescriptor, nEvents, 0};
     pWatch->m_nIndex = su_root_register(m_pRoot, &wait, onReady, &pWatch->m_pReady, 0);
     if (pWatch->m_nIndex <= 0)
-    {
         throw std::system_error(errno, std::generic_category(), "a descriptor cannot be watched");
-    }
     m_mapWatches[nDescriptor] = std::move(pWatch);
 }
 
@@ -89,9 +83,7 @@ void CLoop::change(int nDescriptor, short nEvents)
 {
     const auto iWatch = m_mapWatches.find(nDescriptor);
     if (iWatch != m_mapWatches.end())
-    {
         su_root_eventmask(m_pRoot, iWatch->second->m_nIndex, nDescriptor, nEvents);
-    }
 }
 
 void CLoop::unwatch(int nDescriptor)
@@ -155,10 +147,9 @@ void CLoop::runTimers()
 void CLoop::arm()
 {
     if (m_timers.empty())
-    {
         return;
-    }
-    const auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(m_timers.begin()->first.first - Clock::now());
+    const auto wait =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(m_timers.begin()->first.first - Clock::now());
     const auto nNanoseconds = std::max<std::chrono::nanoseconds::rep>(wait.count(), 1);
     itimerspec when = {};
     when.it_value.tv_sec = nNanoseconds / 1'000'000'000;

@@ -7,8 +7,7 @@
 
 #include <cstring>
 
-CNtaDialog::CNtaDialog(nta_agent_t* pAgent, std::string strContact, std::string strProxy,
-                       const std::string& strProduct)
+CNtaDialog::CNtaDialog(nta_agent_t* pAgent, std::string strContact, std::string strProxy, const std::string& strProduct)
     : m_pAgent(pAgent), m_strContact(std::move(strContact)), m_strProxy(std::move(strProxy)), m_strProduct(strProduct)
 {
 }
@@ -17,9 +16,7 @@ CNtaDialog::~CNtaDialog()
 {
     m_pHandler = nullptr;
     while (!m_mapIncoming.empty())
-    {
         removeIncoming(m_mapIncoming.begin()->first);
-    }
     for (auto& [ullNumber, pOutgoing] : m_mapOutgoing)
     {
         dropForks(*pOutgoing);
@@ -41,18 +38,13 @@ bool CNtaDialog::call(const CSipDialSettings& settings, EKind eKind)
 
 bool CNtaDialog::answer(nta_incoming_t* pTransaction, const sip_t* pSip, uint64_t& ullRequest)
 {
-    m_pLeg = nta_leg_tcreate(m_pAgent, onLegRequest, this, SIPTAG_CALL_ID(pSip->sip_call_id),
-                             SIPTAG_FROM(pSip->sip_to), SIPTAG_TO(pSip->sip_from),
-                             NTATAG_REMOTE_CSEQ(pSip->sip_cseq->cs_seq), TAG_END());
+    m_pLeg = nta_leg_tcreate(m_pAgent, onLegRequest, this, SIPTAG_CALL_ID(pSip->sip_call_id), SIPTAG_FROM(pSip->sip_to),
+                             SIPTAG_TO(pSip->sip_from), NTATAG_REMOTE_CSEQ(pSip->sip_cseq->cs_seq), TAG_END());
     if (!m_pLeg || !nta_leg_tag(m_pLeg, nta_incoming_tag(pTransaction, nullptr)) ||
         nta_leg_server_route(m_pLeg, pSip->sip_record_route, pSip->sip_contact) < 0)
-    {
         return false;
-    }
     for (const sip_record_route_t* pRoute = pSip->sip_record_route; pRoute; pRoute = pRoute->r_next)
-    {
         m_strRecordRoute += (m_strRecordRoute.empty() ? "<" : ", <") + toText(pRoute->r_url) + ">";
-    }
     m_strTarget = pSip->sip_contact ? toText(pSip->sip_contact->m_url) : "";
     remember(pSip, pSip->sip_to, nta_leg_get_tag(m_pLeg), pSip->sip_from);
     ullRequest = addIncoming(pTransaction, pSip).m_ullNumber;
@@ -74,9 +66,7 @@ bool CNtaDialog::restore(const CSipSavedDialog& saved)
                              SIPTAG_CSEQ_STR(strSequence.c_str()),
                              NTATAG_REMOTE_CSEQ(static_cast<unsigned>(saved.m_ulRemoteCSeq)), TAG_END());
     if (!m_pLeg)
-    {
         return false;
-    }
     su_home_t* pHome = su_home_create();
     sip_record_route_t* pRoute =
         m_strRecordRoute.empty() ? nullptr : sip_record_route_make(pHome, m_strRecordRoute.c_str());
@@ -87,8 +77,7 @@ bool CNtaDialog::restore(const CSipSavedDialog& saved)
     return bRouted;
 }
 
-void CNtaDialog::remember(const sip_t* pSip, const sip_addr_t* pLocal, const char* pLocalTag,
-                          const sip_addr_t* pRemote)
+void CNtaDialog::remember(const sip_t* pSip, const sip_addr_t* pLocal, const char* pLocalTag, const sip_addr_t* pRemote)
 {
     m_strCallID = pSip->sip_call_id->i_id;
     m_strLocal = "<" + toText(pLocal->a_url) + ">;tag=" + (pLocalTag ? pLocalTag : "");
@@ -131,9 +120,7 @@ void CNtaDialog::removeIncoming(uint64_t ullNumber)
         const std::unique_ptr<CNtaIncoming> pIncoming = std::move(iIncoming->second);
         m_mapIncoming.erase(iIncoming);
         for (nta_reliable_t* pReliable : pIncoming->m_vReliable)
-        {
             nta_reliable_destroy(pReliable);
-        }
         nta_incoming_destroy(pIncoming->m_pTransaction);
     }
 }
@@ -141,9 +128,7 @@ void CNtaDialog::removeIncoming(uint64_t ullNumber)
 int CNtaDialog::onLegRequest(CNtaDialog* pDialog, nta_leg_t* pLeg, nta_incoming_t* pTransaction, const sip_t* pSip)
 {
     if (!pDialog || !pDialog->m_pHandler)
-    {
         return 481;
-    }
     if (pSip->sip_request->rq_method == sip_method_ack)
     {
         nta_incoming_destroy(pTransaction); // of no transaction
@@ -171,9 +156,7 @@ int CNtaDialog::onLegRequest(CNtaDialog* pDialog, nta_leg_t* pLeg, nta_incoming_
 int CNtaDialog::onAckOrCancel(CNtaIncoming* pIncoming, nta_incoming_t*, const sip_t* pSip)
 {
     if (!pIncoming)
-    {
         return 0;
-    }
     CNtaDialog& dialog = *pIncoming->m_pDialog;
     const uint64_t ullNumber = pIncoming->m_ullNumber;
     CSipDialogHandler* pHandler = dialog.m_pHandler;
@@ -183,29 +166,21 @@ int CNtaDialog::onAckOrCancel(CNtaIncoming* pIncoming, nta_incoming_t*, const si
         {
             dialog.removeIncoming(ullNumber);
             if (pHandler)
-            {
                 pHandler->onAckMissing(ullNumber);
-            }
         }
         else if (pSip->sip_request->rq_method == sip_method_cancel)
         {
             if (pHandler)
-            {
                 pHandler->onCancel(ullNumber);
-            }
             else
-            {
                 dialog.reply(ullNumber, 487, {});
-            }
         }
         else
         {
             const CSipMessage message = toMessage(pSip);
             dialog.removeIncoming(ullNumber);
             if (pHandler)
-            {
                 pHandler->onAck(ullNumber, message);
-            }
         }
     }
     catch (const std::exception& exception)
@@ -219,15 +194,11 @@ int CNtaDialog::onPrackRequest(CNtaIncoming* pIncoming, nta_reliable_t* pReliabl
                                const sip_t* pSip)
 {
     if (!pIncoming)
-    {
         return 200;
-    }
     std::erase(pIncoming->m_vReliable, pReliable);
     nta_reliable_destroy(pReliable);
     if (!pIncoming->m_pDialog->m_pHandler)
-    {
         return 200;
-    }
     CNtaDialog& dialog = *pIncoming->m_pDialog;
     try
     {
@@ -249,9 +220,7 @@ void CNtaDialog::reply(uint64_t ullRequest, int nStatus, const CSipContent& cont
 {
     const auto iIncoming = m_mapIncoming.find(ullRequest);
     if (iIncoming == m_mapIncoming.end() || iIncoming->second->m_bAnswered)
-    {
         return;
-    }
     CNtaIncoming& incoming = *iIncoming->second;
     const bool bSuccess = nStatus >= 200 && nStatus < 300;
     const std::string strContact = "<" + m_strContact + ">";
@@ -265,37 +234,27 @@ void CNtaDialog::reply(uint64_t ullRequest, int nStatus, const CSipContent& cont
                         TAG_IF(!content.m_strBody.empty(), SIPTAG_CONTENT_TYPE_STR(content.m_strContentType.c_str())),
                         TAG_IF(!content.m_strBody.empty(), SIPTAG_PAYLOAD_STR(content.m_strBody.c_str())), TAG_END());
     if (nStatus < 200)
-    {
         return;
-    }
     incoming.m_bAnswered = true;
     if (!incoming.m_bInvite || !bSuccess)
-    {
         removeIncoming(ullRequest);
-    }
 }
 
 bool CNtaDialog::replyReliably(uint64_t ullRequest, int nStatus, const CSipContent& content)
 {
     const auto iIncoming = m_mapIncoming.find(ullRequest);
     if (iIncoming == m_mapIncoming.end() || iIncoming->second->m_bAnswered)
-    {
         return false;
-    }
     const std::string strContact = "<" + m_strContact + ">";
     const std::string strHeaders = headerLines(content.m_vHeaders);
     nta_reliable_t* pReliable = nta_reliable_treply(
-               iIncoming->second->m_pTransaction, onPrackRequest, iIncoming->second.get(), nStatus,
-               sip_status_phrase(nStatus), SIPTAG_CONTACT_STR(strContact.c_str()),
-               SIPTAG_SERVER_STR(m_strProduct.c_str()),
-               TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
-               TAG_IF(!content.m_strBody.empty(), SIPTAG_CONTENT_TYPE_STR(content.m_strContentType.c_str())),
-               TAG_IF(!content.m_strBody.empty(), SIPTAG_PAYLOAD_STR(content.m_strBody.c_str())),
-               TAG_END());
+        iIncoming->second->m_pTransaction, onPrackRequest, iIncoming->second.get(), nStatus, sip_status_phrase(nStatus),
+        SIPTAG_CONTACT_STR(strContact.c_str()), SIPTAG_SERVER_STR(m_strProduct.c_str()),
+        TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
+        TAG_IF(!content.m_strBody.empty(), SIPTAG_CONTENT_TYPE_STR(content.m_strContentType.c_str())),
+        TAG_IF(!content.m_strBody.empty(), SIPTAG_PAYLOAD_STR(content.m_strBody.c_str())), TAG_END());
     if (pReliable)
-    {
         iIncoming->second->m_vReliable.push_back(pReliable);
-    }
     return pReliable != nullptr;
 }
 
@@ -305,8 +264,8 @@ std::string CNtaDialog::replaces() const
     std::string strValue;
     if (sip_replaces_t* pReplaces = nta_leg_make_replaces(m_pLeg, pHome, 0))
     {
-        const char* pText = sip_header_as_string(pHome, reinterpret_cast<const sip_header_t*>(pReplaces));
-        strValue = pText ? pText : "";
+        strValue = std::string(pReplaces->rp_call_id) + ";to-tag=" + pReplaces->rp_to_tag +
+                   ";from-tag=" + pReplaces->rp_from_tag;
     }
     su_home_unref(pHome);
     return strValue;

@@ -103,7 +103,7 @@ private:
     std::string m_strRecordRoute; // as the peer's message had it
     std::string m_strTarget;
     std::string m_strCallID;
-    std::string m_strLocal;  // with tags
+    std::string m_strLocal; // with tags
     std::string m_strRemote;
     CSipCredentials m_credentials;
     bool m_bCaller = false;

@@ -42,13 +42,9 @@ uint64_t CNtaDialog::send(std::unique_ptr<CNtaOutgoing> pOutgoing)
     pOutgoing->m_pDialog = this;
     pOutgoing->m_ullNumber = ++m_ullLastNumber;
     if (!transmit(*pOutgoing))
-    {
         return 0;
-    }
     if (pOutgoing->m_strMethod == "INVITE")
-    {
         removeOutgoing(std::exchange(m_ullLastInvite, pOutgoing->m_ullNumber));
-    }
     const uint64_t ullNumber = pOutgoing->m_ullNumber;
     m_mapOutgoing[ullNumber] = std::move(pOutgoing);
     return ullNumber;
@@ -66,8 +62,7 @@ bool CNtaDialog::transmit(CNtaOutgoing& outgoing)
         m_pLeg, onAnyResponse, &outgoing, bProxy ? urlText(m_strProxy) : nullptr, methodOf(outgoing.m_strMethod),
         outgoing.m_strMethod.c_str(), urlText(outgoing.m_strUri),
         TAG_IF(bTarget && !m_bSequence, SIPTAG_CONTACT_STR(strContact.c_str())),
-        SIPTAG_USER_AGENT_STR(m_strProduct.c_str()),
-        TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
+        SIPTAG_USER_AGENT_STR(m_strProduct.c_str()), TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
         TAG_IF(!strBody.empty(), SIPTAG_CONTENT_TYPE_STR(outgoing.m_content.m_strContentType.c_str())),
         TAG_IF(!strBody.empty(), SIPTAG_PAYLOAD_STR(strBody.c_str())), TAG_END());
     return outgoing.m_pTransaction != nullptr;
@@ -77,9 +72,7 @@ void CNtaDialog::removeOutgoing(uint64_t ullNumber)
 {
     const auto iOutgoing = m_mapOutgoing.find(ullNumber);
     if (iOutgoing == m_mapOutgoing.end())
-    {
         return;
-    }
     const std::unique_ptr<CNtaOutgoing> pOutgoing = std::move(iOutgoing->second);
     m_mapOutgoing.erase(iOutgoing);
     dropForks(*pOutgoing);
@@ -101,9 +94,7 @@ void CNtaDialog::ack(uint64_t ullInvite, const CSipContent& content)
 {
     const auto iOutgoing = m_mapOutgoing.find(ullInvite);
     if (iOutgoing == m_mapOutgoing.end() || iOutgoing->second->m_pAck)
-    {
         return;
-    }
     CNtaOutgoing& outgoing = *iOutgoing->second;
     // Requests sent meanwhile have moved the dialog's own number on.
     const std::string strSequence = std::to_string(nta_outgoing_cseq(outgoing.m_pTransaction)) + " ACK";
@@ -119,17 +110,13 @@ void CNtaDialog::cancel(uint64_t ullInvite)
 {
     const auto iOutgoing = m_mapOutgoing.find(ullInvite);
     if (iOutgoing != m_mapOutgoing.end())
-    {
         nta_outgoing_cancel(iOutgoing->second->m_pTransaction);
-    }
 }
 
 bool CNtaDialog::authorize(CNtaOutgoing& outgoing, const sip_t* pSip)
 {
     if (m_credentials.m_strUser.empty() || outgoing.m_uTries++ > 1)
-    {
         return false;
-    }
     msg_t* pRequest = nta_outgoing_getrequest(outgoing.m_pTransaction);
     const sip_t* pSent = pRequest ? sip_object(pRequest) : nullptr;
     const std::string strUri = pSent && pSent->sip_request ? toText(pSent->sip_request->rq_url) : outgoing.m_strUri;
@@ -137,9 +124,7 @@ bool CNtaDialog::authorize(CNtaOutgoing& outgoing, const sip_t* pSip)
     outgoing.m_strAuthorization =
         digestLines(pSip, m_credentials, outgoing.m_strMethod, strUri, outgoing.m_content.m_strBody);
     if (outgoing.m_strAuthorization.empty())
-    {
         return false;
-    }
     nta_outgoing_t* pOld = outgoing.m_pTransaction;
     if (!transmit(outgoing))
     {
@@ -172,21 +157,18 @@ void CNtaDialog::acknowledgeReliable(CNtaOutgoing& outgoing, nta_outgoing_t* pTr
     }
     if (pLeg && pTransaction)
     {
-        nta_outgoing_t* pPrack = nta_outgoing_prack(pLeg, pTransaction, onPrackResponse, &outgoing, nullptr, nullptr,
-                                                    NTATAG_RSEQ(static_cast<unsigned>(pSip->sip_rseq->rs_response)), TAG_END());
+        nta_outgoing_t* pPrack =
+            nta_outgoing_prack(pLeg, pTransaction, onPrackResponse, &outgoing, nullptr, nullptr,
+                               NTATAG_RSEQ(static_cast<unsigned>(pSip->sip_rseq->rs_response)), TAG_END());
         if (!pPrack)
-        {
             spdlog::warn("no PRACK could be sent");
-        }
     }
 }
 
 int CNtaDialog::onPrackResponse(CNtaOutgoing*, nta_outgoing_t* pTransaction, const sip_t* pSip)
 {
     if (nta_outgoing_status(pTransaction) >= 200 || !pSip)
-    {
         nta_outgoing_destroy(pTransaction);
-    }
     return 0;
 }
 
@@ -201,32 +183,22 @@ void CNtaDialog::establish(CNtaOutgoing& outgoing, const sip_t* pSip)
     {
         const auto iFork = outgoing.m_mapForks.find(pSip->sip_to->a_tag ? pSip->sip_to->a_tag : "");
         if (iFork != outgoing.m_mapForks.end() && iFork->second.m_pLeg)
-        {
             nta_leg_destroy(std::exchange(m_pLeg, std::exchange(iFork->second.m_pLeg, nullptr)));
-        }
         else
-        {
             nta_leg_rtag(m_pLeg, pSip->sip_to->a_tag);
-        }
         nta_leg_client_reroute(m_pLeg, pSip->sip_record_route, pSip->sip_contact, 1);
         remember(pSip, pSip->sip_from, pSip->sip_from->a_tag, pSip->sip_to);
         for (const sip_record_route_t* pRoute = pSip->sip_record_route; pRoute; pRoute = pRoute->r_next)
-        {
             m_strRecordRoute += (m_strRecordRoute.empty() ? "<" : ", <") + toText(pRoute->r_url) + ">";
-        }
     }
     if (pSip->sip_contact)
-    {
         m_strTarget = toText(pSip->sip_contact->m_url);
-    }
 }
 
 int CNtaDialog::onAnyResponse(CNtaOutgoing* pOutgoing, nta_outgoing_t* pTransaction, const sip_t* pSip)
 {
     if (!pOutgoing)
-    {
         return 0;
-    }
     CNtaDialog& dialog = *pOutgoing->m_pDialog;
     const int nStatus = nta_outgoing_status(pTransaction);
     const uint64_t ullNumber = pOutgoing->m_ullNumber;
@@ -234,29 +206,19 @@ int CNtaDialog::onAnyResponse(CNtaOutgoing* pOutgoing, nta_outgoing_t* pTransact
     try
     {
         if ((nStatus == 401 || nStatus == 407) && pSip && dialog.authorize(*pOutgoing, pSip))
-        {
             return 0;
-        }
         if (bInvite && nStatus > 100 && nStatus < 200 && pSip && pSip->sip_rseq && pSip->sip_to->a_tag)
-        {
             dialog.acknowledgeReliable(*pOutgoing, pTransaction, pSip);
-        }
         const bool bSuccess = nStatus >= 200 && nStatus < 300;
         if (bInvite && bSuccess && pSip)
-        {
             dialog.establish(*pOutgoing, pSip);
-        }
         const CSipMessage message = toMessage(pSip, nStatus);
         CSipDialogHandler* pHandler = dialog.m_pHandler;
         // The ACK of a 2xx is repeated by what was kept of the INVITE.
         if (nStatus >= 200 && !(bInvite && bSuccess))
-        {
             dialog.removeOutgoing(ullNumber);
-        }
         if (pHandler)
-        {
             pHandler->onResponse(ullNumber, message);
-        }
     }
     catch (const std::exception& exception)
     {

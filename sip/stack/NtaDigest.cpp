@@ -14,9 +14,7 @@ using Home = std::unique_ptr<su_home_t, void (*)(su_home_t*)>;
 bool isMd5(const msg_auth_t* pChallenge)
 {
     if (!pChallenge->au_scheme || strcasecmp(pChallenge->au_scheme, "Digest") != 0)
-    {
         return false;
-    }
     const char* pAlgorithm = msg_params_find(pChallenge->au_params, "algorithm=");
     return !pAlgorithm || strcasecmp(pAlgorithm, "MD5") == 0 || strcasecmp(pAlgorithm, "\"MD5\"") == 0;
 }
@@ -29,9 +27,7 @@ std::string linesFor(su_home_t* pHome, const msg_auth_t* pChallenges, msg_hclass
     for (const msg_auth_t* pChallenge = pChallenges; pChallenge; pChallenge = pChallenge->au_next)
     {
         if (!isMd5(pChallenge))
-        {
             continue;
-        }
         msg_auth_t single = *pChallenge;
         single.au_next = nullptr;
         auth_client_t* pClient = nullptr; // a fresh one for each nonce
@@ -45,13 +41,16 @@ std::string linesFor(su_home_t* pHome, const msg_auth_t* pChallenges, msg_hclass
             auc_authorization_headers(&pClient, pHome, strMethod.c_str(), url_make(pHome, strUri.c_str()), &body,
                                       &pHeaders) > 0)
         {
-            for (const msg_header_t* pHeader = pHeaders; pHeader; pHeader = pHeader->sh_next)
+            // The stack's own printer cuts off what is longer than 128 bytes.
+            const auto* pCredentials = reinterpret_cast<const msg_auth_t*>(pHeaders);
+            strLines += std::string(pHeaders->sh_class->hc_name) + ": " + pCredentials->au_scheme;
+            const char* pSeparator = " ";
+            for (const msg_param_t* pParameter = pCredentials->au_params; pParameter && *pParameter; ++pParameter)
             {
-                if (const char* pText = sip_header_as_string(pHome, reinterpret_cast<const sip_header_t*>(pHeader)))
-                {
-                    strLines += std::string(pHeader->sh_class->hc_name) + ": " + pText + "\r\n";
-                }
+                strLines += std::string(pSeparator) + *pParameter;
+                pSeparator = ", ";
             }
+            strLines += "\r\n";
             return strLines; // the first that we know is the one that the server likes best
         }
     }
@@ -63,8 +62,8 @@ std::string digestLines(const sip_t* pResponse, const CSipCredentials& credentia
                         const std::string& strUri, const std::string& strBody)
 {
     const Home home(su_home_create(), [](su_home_t* pHome) { su_home_unref(pHome); });
-    return linesFor(home.get(), pResponse->sip_www_authenticate, sip_authorization_class, credentials, strMethod, strUri,
-                    strBody) +
-           linesFor(home.get(), pResponse->sip_proxy_authenticate, sip_proxy_authorization_class, credentials, strMethod,
-                    strUri, strBody);
+    return linesFor(home.get(), pResponse->sip_www_authenticate, sip_authorization_class, credentials, strMethod,
+                    strUri, strBody) +
+           linesFor(home.get(), pResponse->sip_proxy_authenticate, sip_proxy_authorization_class, credentials,
+                    strMethod, strUri, strBody);
 }

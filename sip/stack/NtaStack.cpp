@@ -36,9 +36,7 @@ std::string addressTowards(const std::string& strPeer, bool bSix)
     addrinfo* pPeer = nullptr;
     const char* pHost = strPeer.empty() ? (bSix ? "2001:db8::1" : "192.0.2.1") : strPeer.c_str();
     if (::getaddrinfo(pHost, "5060", &hints, &pPeer) != 0)
-    {
         return bSix ? "::1" : "127.0.0.1";
-    }
     char szAddress[NI_MAXHOST] = "";
     sockaddr_storage own = {};
     socklen_t nSize = sizeof(own);
@@ -46,12 +44,11 @@ std::string addressTowards(const std::string& strPeer, bool bSix)
     if (nSocket >= 0 && ::connect(nSocket, pPeer->ai_addr, pPeer->ai_addrlen) == 0 &&
         ::getsockname(nSocket, reinterpret_cast<sockaddr*>(&own), &nSize) == 0)
     {
-        ::getnameinfo(reinterpret_cast<sockaddr*>(&own), nSize, szAddress, sizeof(szAddress), nullptr, 0, NI_NUMERICHOST);
+        ::getnameinfo(reinterpret_cast<sockaddr*>(&own), nSize, szAddress, sizeof(szAddress), nullptr, 0,
+                      NI_NUMERICHOST);
     }
     if (nSocket >= 0)
-    {
         ::close(nSocket);
-    }
     ::freeaddrinfo(pPeer);
     return szAddress[0] ? szAddress : (bSix ? "::1" : "127.0.0.1");
 }
@@ -76,17 +73,13 @@ CNtaStack::CNtaStack(CLoop& loop, CSipStackHandler& handler, std::string strProd
     : m_handler(handler), m_strProduct(std::move(strProduct)),
       m_pAgent(nta_agent_create(loop.root(), reinterpret_cast<const url_string_t*>(-1L), onMessage, this, NTATAG_UA(1),
                                 NTATAG_MERGE_482(1), NTATAG_CLIENT_RPORT(1), NTATAG_SERVER_RPORT(1),
-                                NTATAG_EXTRA_100(1), NTATAG_TIMEOUT_408(1), NTATAG_CANCEL_487(0),
-                                NTATAG_MAXSIZE(65536), TAG_END()))
+                                NTATAG_EXTRA_100(1), NTATAG_TIMEOUT_408(1), NTATAG_CANCEL_487(0), NTATAG_MAXSIZE(65536),
+                                TAG_END()))
 {
     if (!m_pAgent)
-    {
         throw std::runtime_error("the SIP stack cannot be started");
-    }
     for (su_log_t* pLog : {su_log_default, nta_log, tport_log})
-    {
         su_log_set_level(pLog, 0);
-    }
 }
 
 CNtaStack::~CNtaStack()
@@ -100,10 +93,9 @@ bool CNtaStack::listen(const CSipListener& listener, const std::string& strCerti
     const bool bTls = listener.m_strTransport == "tls";
     const std::string strUrl = std::string(bTls ? "sips:" : "sip:") + bracketed(listener.m_strAddress) + ":" +
                                portText(listener) + ";transport=" + listener.m_strTransport;
-    if (nta_agent_add_tport(m_pAgent, urlText(strUrl), TPTAG_QUEUESIZE(1024),
-                            TAG_IF(bTls, TPTAG_CERTIFICATE(strCertificates.c_str())),
-                            TAG_IF(bTls, TPTAG_TLS_VERIFY_POLICY(bVerify ? TPTLS_VERIFY_ALL : TPTLS_VERIFY_NONE)),
-                            TAG_END()) < 0)
+    if (nta_agent_add_tport(
+            m_pAgent, urlText(strUrl), TPTAG_QUEUESIZE(1024), TAG_IF(bTls, TPTAG_CERTIFICATE(strCertificates.c_str())),
+            TAG_IF(bTls, TPTAG_TLS_VERIFY_POLICY(bVerify ? TPTLS_VERIFY_ALL : TPTLS_VERIFY_NONE)), TAG_END()) < 0)
     {
         strError = "cannot listen at " + listener.m_strTransport + ":" + listener.m_strAddress + ":" +
                    portText(listener) + ": " + std::strerror(errno);
@@ -120,9 +112,7 @@ void CNtaStack::allow(const CAddressList& addresses)
         std::string strError;
         if (!filterSources(listener.m_strAddress, listener.m_usPort, listener.m_strTransport == "udp", addresses,
                            strError))
-        {
             spdlog::warn("other sources than those that are allowed may get answers to broken messages: {}", strError);
-        }
     }
 }
 
@@ -131,13 +121,9 @@ int CNtaStack::onMessage(CNtaStack* pStack, nta_agent_t*, msg_t* pMessage, sip_t
     try
     {
         if (pSip && pSip->sip_request)
-        {
             pStack->takeRequest(pMessage, pSip);
-        }
         else
-        {
             msg_destroy(pMessage);
-        }
     }
     catch (const std::exception& exception)
     {
@@ -157,9 +143,7 @@ void CNtaStack::takeRequest(msg_t* pMessage, sip_t* pSip)
     }
     nta_incoming_t* pTransaction = nta_incoming_create(m_pAgent, nullptr, pMessage, pSip, TAG_END());
     if (!pTransaction)
-    {
         return;
-    }
     message.m_strTransport = transportOf(pTransaction);
     if (!message.m_strToTag.empty() || message.m_strMethod == "CANCEL")
     {
@@ -175,11 +159,10 @@ void CNtaStack::takeRequest(msg_t* pMessage, sip_t* pSip)
         CSipContent answer;
         const int nStatus = m_handler.onRequest(message, answer);
         const std::string strHeaders = headerLines(answer.m_vHeaders);
-        nta_incoming_treply(
-            pTransaction, nStatus, sip_status_phrase(nStatus), SIPTAG_SERVER_STR(m_strProduct.c_str()),
-            TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
-            TAG_IF(!answer.m_strBody.empty(), SIPTAG_CONTENT_TYPE_STR(answer.m_strContentType.c_str())),
-            TAG_IF(!answer.m_strBody.empty(), SIPTAG_PAYLOAD_STR(answer.m_strBody.c_str())), TAG_END());
+        nta_incoming_treply(pTransaction, nStatus, sip_status_phrase(nStatus), SIPTAG_SERVER_STR(m_strProduct.c_str()),
+                            TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
+                            TAG_IF(!answer.m_strBody.empty(), SIPTAG_CONTENT_TYPE_STR(answer.m_strContentType.c_str())),
+                            TAG_IF(!answer.m_strBody.empty(), SIPTAG_PAYLOAD_STR(answer.m_strBody.c_str())), TAG_END());
         nta_incoming_destroy(pTransaction);
     }
 }
@@ -232,22 +215,16 @@ std::string CNtaStack::contactFor(const std::string& strTransport, const std::st
         {
             pBest = &listener;
             if (bSame && bFamily)
-            {
                 break;
-            }
         }
     }
     if (!pBest)
-    {
         return "sip:invalid.invalid";
-    }
     const std::string strAddress =
         isWildcard(pBest->m_strAddress) ? addressTowards(strPeer, pBest->m_strAddress == "::") : pBest->m_strAddress;
     std::string strContact = pBest->m_strTransport == "tls" ? "sips:" : "sip:";
     if (!strUser.empty())
-    {
         strContact += strUser + "@";
-    }
     strContact += bracketed(strAddress) + ":" + portText(*pBest);
     return pBest->m_strTransport == "tcp" ? strContact + ";transport=tcp" : strContact;
 }
@@ -261,18 +238,12 @@ std::string CNtaStack::contactForUri(const std::string& strUri, const std::strin
     {
         char szTransport[16] = "";
         if (pUrl->url_type == url_sips)
-        {
             strTransport = "tls";
-        }
         else if (pUrl->url_params && url_param(pUrl->url_params, "transport", szTransport, sizeof(szTransport)) > 0)
-        {
             strTransport = szTransport;
-        }
         strHost = pUrl->url_host ? pUrl->url_host : "";
         if (strHost.size() > 2 && strHost.front() == '[')
-        {
             strHost = strHost.substr(1, strHost.size() - 2);
-        }
     }
     su_home_unref(pHome);
     return contactFor(strTransport, strHost, strUser);
@@ -281,7 +252,8 @@ std::string CNtaStack::contactForUri(const std::string& strUri, const std::strin
 std::unique_ptr<CSipDialog> CNtaStack::createDialog(const CSipDialSettings& settings)
 {
     auto pDialog = std::make_unique<CNtaDialog>(
-        m_pAgent, contactForUri(settings.m_strProxy.empty() ? settings.m_strTo : settings.m_strProxy, settings.m_strUser),
+        m_pAgent,
+        contactForUri(settings.m_strProxy.empty() ? settings.m_strTo : settings.m_strProxy, settings.m_strUser),
         settings.m_strProxy, m_strProduct);
     return pDialog->call(settings, CNtaDialog::EKind::Dialog) ? std::move(pDialog) : nullptr;
 }
@@ -289,7 +261,8 @@ std::unique_ptr<CSipDialog> CNtaStack::createDialog(const CSipDialSettings& sett
 std::unique_ptr<CSipDialog> CNtaStack::createSequence(const CSipDialSettings& settings)
 {
     auto pDialog = std::make_unique<CNtaDialog>(
-        m_pAgent, contactForUri(settings.m_strProxy.empty() ? settings.m_strTo : settings.m_strProxy, settings.m_strUser),
+        m_pAgent,
+        contactForUri(settings.m_strProxy.empty() ? settings.m_strTo : settings.m_strProxy, settings.m_strUser),
         settings.m_strProxy, m_strProduct);
     return pDialog->call(settings, CNtaDialog::EKind::Sequence) ? std::move(pDialog) : nullptr;
 }

@@ -30,7 +30,8 @@ private:
     void takeInvite(nta_incoming_t* pTransaction, const sip_t* pSip, const CSipMessage& message);
     std::string transportOf(nta_incoming_t* pTransaction) const;
     // Where peers find us by that transport, for the one at strPeer, a host or empty.
-    std::string contactFor(const std::string& strTransport, const std::string& strPeer, const std::string& strUser) const;
+    std::string contactFor(const std::string& strTransport, const std::string& strPeer,
+                           const std::string& strUser) const;
     std::string contactForUri(const std::string& strUri, const std::string& strUser) const;
 
     CSipStackHandler& m_handler;

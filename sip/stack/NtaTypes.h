@@ -30,16 +30,16 @@ struct CNtaOutgoing;
 
 #include <string>
 
-extern "C" {
-extern su_log_t nta_log[];
-extern su_log_t tport_log[];
+extern "C"
+{
+    extern su_log_t nta_log[];
+    extern su_log_t tport_log[];
 }
 
 // The stack's type for either an URL or the text of one.
 inline url_string_t* urlText(const std::string& strUri)
 {
-    return strUri.empty() ? nullptr
-                          : static_cast<url_string_t*>(static_cast<void*>(const_cast<char*>(strUri.c_str())));
+    return strUri.empty() ? nullptr : static_cast<url_string_t*>(static_cast<void*>(const_cast<char*>(strUri.c_str())));
 }
 
 #endif

@@ -11,7 +11,7 @@ namespace
 {
 constexpr size_t s_nMaxText = 32768;
 
-std::string text(const char* pText)
+std::string plainText(const char* pText)
 {
     return pText ? pText : "";
 }
@@ -20,13 +20,11 @@ std::string text(const char* pText)
 // than one part, of which a lifetime alone may be left out of account.
 void takeCrypto(CSdpMedia& media, const char* pValue)
 {
-    const std::string strValue = text(pValue);
+    const std::string strValue = plainText(pValue);
     const size_t nSuite = strValue.find(' ');
     const size_t nKey = nSuite == std::string::npos ? nSuite : strValue.find(" inline:", nSuite + 1);
     if (nKey == std::string::npos)
-    {
         return;
-    }
     const size_t nBegin = nKey + std::strlen(" inline:");
     const size_t nEnd = strValue.find_first_of("|; ", nBegin);
     const std::string strRest = nEnd == std::string::npos ? "" : strValue.substr(nEnd);
@@ -42,17 +40,16 @@ void takeAttributes(CSdpMedia& media, const sdp_attribute_t* pAttribute)
     for (; pAttribute; pAttribute = pAttribute->a_next)
     {
         if (!pAttribute->a_name)
-        {
             continue;
-        }
         const std::string strName = pAttribute->a_name;
         if (strName == "ptime")
         {
-            media.m_uPtime = static_cast<unsigned>(std::strtoul(text(pAttribute->a_value).c_str(), nullptr, 10));
+            media.m_uPtime = static_cast<unsigned>(std::strtoul(plainText(pAttribute->a_value).c_str(), nullptr, 10));
         }
         else if (strName == "rtcp")
         {
-            media.m_uRtcpPort = static_cast<unsigned>(std::strtoul(text(pAttribute->a_value).c_str(), nullptr, 10));
+            media.m_uRtcpPort =
+                static_cast<unsigned>(std::strtoul(plainText(pAttribute->a_value).c_str(), nullptr, 10));
         }
         else if (strName == "rtcp-mux")
         {
@@ -68,24 +65,20 @@ void takeAttributes(CSdpMedia& media, const sdp_attribute_t* pAttribute)
 CSdpMedia toMedia(const sdp_media_t* pMedia)
 {
     CSdpMedia media;
-    media.m_strType = text(pMedia->m_type_name);
-    media.m_strProtocol = text(pMedia->m_proto_name);
+    media.m_strType = plainText(pMedia->m_type_name);
+    media.m_strProtocol = plainText(pMedia->m_proto_name);
     media.m_uPort = pMedia->m_rejected ? 0 : static_cast<unsigned>(pMedia->m_port);
     media.m_eDirection = static_cast<EDirection>(pMedia->m_mode & 3U);
     if (const sdp_connection_t* pConnection = sdp_media_connections(pMedia))
-    {
-        media.m_strAddress = text(pConnection->c_address);
-    }
+        media.m_strAddress = plainText(pConnection->c_address);
     for (const sdp_rtpmap_t* pMap = pMedia->m_rtpmaps; pMap; pMap = pMap->rm_next)
     {
-        media.m_vCodecs.push_back({text(pMap->rm_encoding), pMap->rm_pt, static_cast<unsigned>(pMap->rm_rate),
-                                   text(pMap->rm_params), text(pMap->rm_fmtp)});
+        media.m_vCodecs.push_back({plainText(pMap->rm_encoding), pMap->rm_pt, static_cast<unsigned>(pMap->rm_rate),
+                                   plainText(pMap->rm_params), plainText(pMap->rm_fmtp)});
         media.m_strFormats += (media.m_strFormats.empty() ? "" : " ") + std::to_string(unsigned{pMap->rm_pt});
     }
     for (const sdp_list_t* pFormat = pMedia->m_format; pFormat; pFormat = pFormat->l_next)
-    {
-        media.m_strFormats += (media.m_strFormats.empty() ? "" : " ") + text(pFormat->l_text);
-    }
+        media.m_strFormats += (media.m_strFormats.empty() ? "" : " ") + plainText(pFormat->l_text);
     takeAttributes(media, pMedia->m_attributes);
     return media;
 }
@@ -114,9 +107,7 @@ void printCodecs(std::string& strText, const CSdpMedia& media)
         strText += "a=rtpmap:" + strPayload + " " + codec.m_strName + "/" + std::to_string(codec.m_uRate) +
                    (codec.m_strParameters.empty() ? "" : "/" + codec.m_strParameters) + "\r\n";
         if (!codec.m_strFormat.empty())
-        {
             strText += "a=fmtp:" + strPayload + " " + codec.m_strFormat + "\r\n";
-        }
     }
 }
 
@@ -129,27 +120,17 @@ void printMedia(std::string& strText, const CSdpMedia& media)
         return;
     }
     for (const CSdpCodec& codec : media.m_vCodecs)
-    {
         strText += " " + std::to_string(codec.m_uPayload);
-    }
     strText += "\r\n";
     printCodecs(strText, media);
     for (const CSdpCrypto& crypto : media.m_vCrypto)
-    {
         strText += "a=crypto:" + crypto.m_strTag + " " + crypto.m_strSuite + " inline:" + crypto.m_strKey + "\r\n";
-    }
     if (media.m_uPtime > 0)
-    {
         strText += "a=ptime:" + std::to_string(media.m_uPtime) + "\r\n";
-    }
     if (media.m_uRtcpPort > 0 && media.m_uRtcpPort != media.m_uPort + 1)
-    {
         strText += "a=rtcp:" + std::to_string(media.m_uRtcpPort) + "\r\n";
-    }
     if (media.m_bRtcpMux)
-    {
         strText += "a=rtcp-mux\r\n";
-    }
     strText += std::string("a=") + directionName(media.m_eDirection) + "\r\n";
 }
 } // namespace
@@ -180,13 +161,9 @@ std::optional<CSdp> parseSdp(const std::string& strText, std::string& strError)
         sdp.m_ullVersion = pSession->sdp_origin->o_version;
     }
     if (pSession->sdp_connection)
-    {
-        sdp.m_strAddress = text(pSession->sdp_connection->c_address);
-    }
+        sdp.m_strAddress = plainText(pSession->sdp_connection->c_address);
     for (const sdp_media_t* pMedia = pSession->sdp_media; pMedia; pMedia = pMedia->m_next)
-    {
         sdp.m_vMedia.push_back(toMedia(pMedia));
-    }
     return sdp;
 }
 
@@ -196,8 +173,6 @@ std::string printSdp(const CSdp& sdp)
                           " " + connection(sdp.m_strAddress) + "\r\ns=-\r\nc=" + connection(sdp.m_strAddress) +
                           "\r\nt=0 0\r\n";
     for (const CSdpMedia& media : sdp.m_vMedia)
-    {
         printMedia(strText, media);
-    }
     return strText;
 }

@@ -37,9 +37,7 @@ uint32_t word(const CNetwork& network, unsigned uWord)
 {
     uint32_t uValue = 0;
     for (unsigned uByte = 0; uByte < 4; ++uByte)
-    {
         uValue = uValue << 8 | network.m_ucBytes[uWord * 4 + uByte];
-    }
     return uValue;
 }
 
@@ -66,9 +64,7 @@ Program programFor(const CAddressList& addresses)
     Program four;
     Program six;
     for (const CNetwork& network : addresses.networks())
-    {
         addNetwork(network.m_bSix ? six : four, network);
-    }
     four.push_back(step(BPF_RET | BPF_K, 0));
     six.push_back(step(BPF_RET | BPF_K, 0));
     Program program;
@@ -90,15 +86,11 @@ bool listensAt(int nSocket, const std::string& strAddress, unsigned short usPort
     if (::getsockopt(nSocket, SOL_SOCKET, SO_TYPE, &nType, &nSize) != 0 ||
         nType != (bDatagrams ? SOCK_DGRAM : SOCK_STREAM) ||
         (!bDatagrams && (::getsockopt(nSocket, SOL_SOCKET, SO_ACCEPTCONN, &bListens, &nListensSize) != 0 || !bListens)))
-    {
         return false;
-    }
     sockaddr_storage storage = {};
     socklen_t nStorage = sizeof(storage);
     if (::getsockname(nSocket, reinterpret_cast<sockaddr*>(&storage), &nStorage) != 0)
-    {
         return false;
-    }
     char szAddress[INET6_ADDRSTRLEN] = "";
     in_port_t nPort = 0;
     if (storage.ss_family == AF_INET)
