@@ -1,42 +1,25 @@
 // What an application does with completions: plays on, closes, holds two services objects.
-#include "ServicesFixture.h"
+#include "SystemFixture.h"
 
+#include <algorithm>
 #include <atomic>
-#include <dirent.h>
-#include <fstream>
-#include <unistd.h>
 
 namespace
 {
-using CHandler = CZelMediaStreamCompletionHandler;
-
 size_t pipeNamesOfThisProcess()
 {
-    const std::string strEnd = std::string("-p").append(std::to_string(getpid()));
-    size_t nPipes = 0;
-    DIR* const pFolder = opendir("/tmp");
-    while (const dirent* const pEntry = readdir(pFolder))
-    {
-        const std::string strName = pEntry->d_name;
-        nPipes += strName.rfind("OrvMediaIntf-", 0) == 0 && strName.size() > strEnd.size() &&
-                  strName.compare(strName.size() - strEnd.size(), strEnd.size(), strEnd) == 0;
-    }
-    closedir(pFolder);
-    return nPipes;
+    const std::vector<std::string> vNames = namesIn("/tmp");
+    return static_cast<size_t>(std::count_if(vNames.begin(), vNames.end(), [](const std::string& strName) {
+        return "/tmp/" + strName == responsePipe() || "/tmp/" + strName == eventPipe();
+    }));
 }
 
 size_t threadsNamed(const std::string& strWanted)
 {
-    size_t nThreads = 0;
-    DIR* const pFolder = opendir("/proc/self/task");
-    while (const dirent* const pEntry = readdir(pFolder))
-    {
-        std::ifstream file(std::string("/proc/self/task/") + pEntry->d_name + "/comm");
-        std::string strName;
-        nThreads += std::getline(file, strName) && strName == strWanted;
-    }
-    closedir(pFolder);
-    return nThreads;
+    const std::vector<std::string> vTasks = namesIn("/proc/self/task");
+    return static_cast<size_t>(std::count_if(vTasks.begin(), vTasks.end(), [&](const std::string& strTask) {
+        return taskLine(std::stoi(strTask), "comm", "") == strWanted;
+    }));
 }
 } // namespace
 
