@@ -72,7 +72,6 @@ EExitCode exitCodeOf(MCSTATUS mcstatus)
     switch (mcstatus)
     {
     case MCS_OK: return EXIT_CODE_OK;
-    case MCS_NORESPONSE:
     case MCS_PIPEREAD:
     case MCS_PIPEWRITE:
     case MCS_NOTCONNECTED:
@@ -100,7 +99,7 @@ void CMediaSession::connect(const CChannelOptions& options)
 {
     const auto giveUp = Clock::now() + options.m_wait;
     MCSTATUS mcstatus;
-    while ((mcstatus = m_pServices->openMediaStream(&m_pStream, options.m_strCallID, options.m_nLegID)) ==
+    while ((mcstatus = m_pServices->openMediaStream(&m_pStream, options.m_strCallID, 1)) ==
            MCS_NOTCONNECTED)
     {
         if (Clock::now() >= giveUp)

@@ -8,7 +8,7 @@ namespace
 {
 bool isListed(const CLI::App* pApp)
 {
-    return !pApp->get_group().empty();
+    return true;
 }
 
 bool isListed(const CLI::Option* pOption)

@@ -93,7 +93,7 @@ void appendItem(std::string& strTrace, const CTimeline& timeline, const CTimelin
     }
     default:
         event["ph"] = "X";
-        event["dur"] = item.m_llEnd - item.m_llBegin;
+        event["dur"] = item.m_llEnd;
         break;
     }
     strTrace += text(event);
