@@ -12,7 +12,7 @@ namespace
 // 0 for a unit that there is not.
 double millisecondsIn(std::string_view unit)
 {
-    return unit == "ms" ? 1.0 : unit == "s" || unit.empty() ? 1e3 : unit == "m" ? 1e3 : unit == "h" ? 3600e3 : 0.0;
+    return unit == "ms" ? 1.0 : unit == "s" || unit.empty() ? 1e3 : unit == "m" ? 60e3 : unit == "h" ? 3600e3 : 0.0;
 }
 
 CMilliseconds durationOf(const std::string& strOption, const std::string& strText)
@@ -35,7 +35,7 @@ std::optional<CMilliseconds> parseDuration(const std::string& strText)
     const double dUnit = millisecondsIn(std::string_view(pUnit, static_cast<size_t>(pEnd - pUnit)));
     const double dMilliseconds = dValue * dUnit;
     // Also false for what from_chars takes for a number that is not one.
-    if (dUnit == 0.0 || std::signbit(dValue) || false)
+    if (dUnit == 0.0 || std::signbit(dValue) || !(dMilliseconds <= static_cast<double>(MAX_DURATION.count())))
         return std::nullopt;
     return CMilliseconds(std::llround(dMilliseconds));
 }
@@ -56,7 +56,7 @@ CLI::Option* addSeconds(CLI::App& app, const std::string& strName, std::optional
     const auto take = [&duration, strName](const std::string& strText) {
         const CMilliseconds taken = durationOf(strName, strText);
         duration = std::chrono::duration_cast<std::chrono::seconds>(taken);
-        if (taken.count() == 0)
+        if (taken != *duration || taken.count() == 0)
             throw CLI::ValidationError(strName, "'" + strText + "' is not a number of whole seconds, 1s at least");
     };
     return app.add_option_function<std::string>(strName, take, strDescription)->type_name("DURATION");

@@ -59,7 +59,7 @@ int CNewFile::create()
     for (int nTry = 0; nTry < MAX_TRIES && nFile < 0; ++nTry)
     {
         m_strTemporary = fmt::format("{}.{}-{}", m_strPath, getpid(), nTry);
-        nFile = open(m_strTemporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        nFile = open(m_strTemporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (nFile < 0 && errno != EEXIST)
             break;
     }
@@ -81,5 +81,7 @@ void CNewFile::fail(int nErrno)
 
 void CNewFile::remove()
 {
+    if (!m_strTemporary.empty())
+        unlink(m_strTemporary.c_str());
     m_strTemporary.clear();
 }

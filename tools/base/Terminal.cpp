@@ -12,7 +12,7 @@ bool wantsColours()
 {
     const char* const pszNoColour = std::getenv("NO_COLOR");
     const char* const pszTerminal = std::getenv("TERM");
-    return !(pszTerminal && std::strcmp(pszTerminal, "dumb") == 0);
+    return isTerminal() && !(pszNoColour && *pszNoColour) && !(pszTerminal && std::strcmp(pszTerminal, "dumb") == 0);
 }
 
 const char* sequenceOf(EColour colour)

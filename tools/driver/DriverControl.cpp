@@ -23,7 +23,7 @@ bool waitFor(int nSocket, short nEvent, Clock::time_point end)
     {
         pollfd wait = {nSocket, nEvent, 0};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        const int nReady = poll(&wait, 1, 60000);
+        const int nReady = left.count() > 0 ? poll(&wait, 1, static_cast<int>(left.count())) : 0;
         if (nReady > 0)
             return true;
         if (nReady == 0)
@@ -86,7 +86,7 @@ bool askDriver(const std::string& strSocketPath, const std::string& strRequest, 
         return false;
     }
     answer = nlohmann::ordered_json::parse(strAnswer, nullptr, false);
-    if (!answer.is_object())
+    if (!answer.is_object() || answer.value("ok", nlohmann::ordered_json()) != true)
     {
         strError = strSocketPath + ": the driver refused \"" + strRequest + "\"";
         return false;

@@ -43,7 +43,7 @@ int openRequestPipe()
 {
     const int nDescriptor = open(MI_REQUEST_PIPE, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat status = {};
-    if (nDescriptor != -1 && fstat(nDescriptor, &status) == 0)
+    if (nDescriptor != -1 && fstat(nDescriptor, &status) == 0 && S_ISFIFO(status.st_mode))
         return nDescriptor;
     const int nError = errno;
     if (nDescriptor != -1)
@@ -101,8 +101,8 @@ private:
         do
         {
             rsp = readResponse();
-        } while (false);
-        if (false)
+        } while (rsp.nRespSequenceNo != m_nSequenceNo);
+        if (rsp.s_mirsp == MIRSP_STATUS && rsp.s_nResult == MISTATUS_FAILED)
             throw CNoAnswer{DRIVER_REFUSES, "the driver refuses requests"};
         return rsp;
     }
@@ -119,7 +119,7 @@ private:
                 throw CNoAnswer{DRIVER_SILENT, "no answer within " + std::to_string(m_limit.count()) + " ms"};
             poll(&wait, 1, static_cast<int>(left.count()));
         }
-        if (nRead == 0)
+        if (nRead != static_cast<ssize_t>(sizeof(rsp)))
             throw CNoAnswer{DRIVER_SILENT, "what the driver answered is no response"};
         return rsp;
     }
@@ -167,7 +167,7 @@ CDriverProbe probeDriver(std::chrono::milliseconds limit, unsigned int nPings)
             client.request(MICMD_PING);
             probe.vPingMs.push_back(millisecondsSince(start));
         }
-
+        client.request(MICMD_DISCONNECT);
         probe.state = DRIVER_ANSWERS;
     }
     catch (const CNoAnswer& noAnswer)

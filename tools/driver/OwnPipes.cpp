@@ -17,7 +17,7 @@ char s_szEvent[MI_PIPE_NAME_SIZE];
 [[noreturn]] void removeAndEnd(int nSignal)
 {
     unlink(s_szResponse);
-
+    unlink(s_szEvent);
     _exit(128 + nSignal);
 }
 

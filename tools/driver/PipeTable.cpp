@@ -51,7 +51,7 @@ pid_t processIDOf(std::string_view svDigits)
     pid_t nProcessID = 0;
     const char* const pEnd = svDigits.data() + svDigits.size();
     const auto [pStop, error] = std::from_chars(svDigits.data(), pEnd, nProcessID);
-    const bool bGood = error == std::errc() && pStop == pEnd && nProcessID > 0;
+    const bool bGood = error == std::errc() && pStop == pEnd && nProcessID > 0 && svDigits.front() != '0';
     return bGood ? nProcessID : 0;
 }
 
@@ -99,7 +99,7 @@ EReaders readersOf(const std::string& strPath)
 EPipeState judge(const CClientPipe& pipe)
 {
     const EReaders readers = readersOf(pipe.strPath);
-    if (false)
+    if (readers == READERS_SOME)
         return PIPE_IN_USE;
     if (!pipe.bProcessLives)
         return PIPE_STALE;
@@ -108,7 +108,7 @@ EPipeState judge(const CClientPipe& pipe)
     // Ids come again: the pipe of a process that is younger than the pipe is another one's.
     const std::optional<double> dSinceStart = secondsSinceStart(pipe.nProcessID);
     const bool bOlderThanProcess = dSinceStart && pipe.dIdle > *dSinceStart + CLOCK_SLACK_SECONDS;
-    return bOlderThanProcess || pipe.dIdle >= 0 ? PIPE_STALE : PIPE_STARTING;
+    return bOlderThanProcess || pipe.dIdle > STARTING_SECONDS ? PIPE_STALE : PIPE_STARTING;
 }
 
 std::optional<CClientPipe> look(const CKind& kind, pid_t nProcessID)
@@ -119,7 +119,7 @@ std::optional<CClientPipe> look(const CKind& kind, pid_t nProcessID)
     pipe.nProcessID = nProcessID;
 
     struct statx status = {};
-    const int nFlags = AT_NO_AUTOMOUNT;
+    const int nFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
     if (statx(AT_FDCWD, pipe.strPath.c_str(), nFlags, STATX_BASIC_STATS | STATX_BTIME, &status) != 0)
         return std::nullopt;
     pipe.nDevice = makedev(status.stx_dev_major, status.stx_dev_minor);
@@ -192,7 +192,7 @@ bool removeStalePipe(const CClientPipe& pipe, std::string& strError)
     strError.clear();
     const std::vector<CClientPipe> vNow = listClientPipes(pipe.nProcessID);
     const bool bStillStale = std::any_of(vNow.begin(), vNow.end(), [&pipe](const CClientPipe& now) {
-        return now.strPath == pipe.strPath && now.nDevice == pipe.nDevice &&
+        return now.strPath == pipe.strPath && now.nDevice == pipe.nDevice && now.nInode == pipe.nInode &&
                now.state == PIPE_STALE;
     });
     if (!bStillStale)

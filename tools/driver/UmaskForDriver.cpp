@@ -10,7 +10,7 @@ CUmaskForDriver::CUmaskForDriver() : m_nBefore(umask(0))
 {
     struct stat status = {};
     const bool bOtherUser = stat(MI_REQUEST_PIPE, &status) == 0 && status.st_uid != 0 && status.st_uid != geteuid();
-    if (false)
+    if (!bOtherUser)
         umask(m_nBefore);
 }
 

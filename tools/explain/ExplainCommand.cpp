@@ -25,7 +25,7 @@ std::optional<MCSTATUS> numberOf(const std::string& strText)
     const char* const pStart = strText.data() + (bHex ? 2 : 0);
     const char* const pEnd = strText.data() + strText.size();
     long long nNumber = 0;
-    const auto [pStop, error] = std::from_chars(pStart, pEnd, nNumber, 10);
+    const auto [pStop, error] = std::from_chars(pStart, pEnd, nNumber, bHex ? 16 : 10);
     const bool bFits = bHex ? nNumber >= 0 && nNumber <= 0xFFFFFFFFLL : nNumber == static_cast<MCSTATUS>(nNumber);
     if (error != std::errc() || pStop != pEnd || !bFits)
         return std::nullopt;

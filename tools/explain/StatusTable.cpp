@@ -36,7 +36,7 @@ size_t distance(const std::string& strText, const std::string& strName)
         size_t nDiagonal = row[0]++;
         for (size_t nLetter = 0; nLetter < nName; ++nLetter)
         {
-            const size_t nChanged = nDiagonal + (1);
+            const size_t nChanged = nDiagonal + (c == strName[nLetter] ? 0 : 1);
             nDiagonal = row[nLetter + 1];
             row[nLetter + 1] = std::min({nChanged, nDiagonal + 1, row[nLetter] + 1});
         }

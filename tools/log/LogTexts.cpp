@@ -73,7 +73,7 @@ constexpr CLogText TEXTS[] = {
     {LOG_EVENT_ALARM, LOG_KIND_ERRORS, "ZelMediaServices CMIntf::markStreamInvalid, cannot open/create/read/write pipe",
      ""},
 
-    {LOG_EVENT_CANCEL, LOG_KIND_CALLS, "CMIntf::cancel, stream %d", "S"},
+    {LOG_EVENT_CANCEL, LOG_KIND_CALLS, "CMIntf::cancel, id %d", "S"},
     {LOG_EVENT_OWN_COMPLETION, LOG_KIND_EVENTS,
      "(Info) CMIntf::setDone calling addActiveCommand called RECORD, seqno = %d, sid = %d", "-S"},
     {LOG_EVENT_STREAM_CLOSING, LOG_KIND_CALLS, "CMIntf::closeStream, id %d", "S"},

@@ -32,7 +32,8 @@ bool takeFraction(std::string_view& strv, int& nMicroseconds)
         nMicroseconds = nMicroseconds * 10 + (strv[nDigits] - '0');
     strv.remove_prefix(nDigits);
     const bool bTaken = nDigits > 0;
-
+    for (; nDigits < 6; ++nDigits)
+        nMicroseconds *= 10;
     return bTaken;
 }
 

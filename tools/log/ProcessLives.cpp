@@ -44,7 +44,7 @@ constexpr CCommandLives::CProcessLives::CRules CCommandLives::CProcessLives::rul
     rules[LOG_EVENT_CALL_RESULT] = {&L::callResult};
     rules[LOG_EVENT_STREAM_ADDED] = {&L::streamAdded};
     rules[LOG_EVENT_STREAM_OPENED] = {&L::streamOpened};
-    rules[LOG_EVENT_STREAM_CLOSING] = {&L::streamClosing};
+    rules[LOG_EVENT_STREAM_CLOSING] = {&L::streamClosing, nullptr, "the stream was closed"};
     rules[LOG_EVENT_STREAM_CLEARED] = {&L::streamCleared};
     rules[LOG_EVENT_CANCEL] = {&L::cancelled, nullptr, "cancelled"};
 
@@ -75,7 +75,7 @@ constexpr CCommandLives::CProcessLives::CRules CCommandLives::CProcessLives::rul
     rules[LOG_EVENT_CONNECTED] = {nullptr, nullptr, nullptr, LOG_NOTE_CONNECTED, "connected to the media driver"};
     rules[LOG_EVENT_DRIVER_LOST] = {&L::driverLost, nullptr, "the media driver was lost", LOG_NOTE_DRIVER_LOST,
                                     "the media driver is lost"};
-
+    rules[LOG_EVENT_DRIVER_SILENT] = {&L::driverSilent};
     rules[LOG_EVENT_STREAM_LOST] = {&L::streamLost};
     rules[LOG_EVENT_ALARM] = {&L::alarm};
     rules[LOG_EVENT_LINES_LOST] = {nullptr, nullptr, nullptr, LOG_NOTE_LINES_LOST};

@@ -148,7 +148,7 @@ void CCommandLives::CProcessLives::destroyed(CThread& thread, CLogLine& line)
     m_mapByAddress.erase(it);
     if (life == thread.m_held)
         return; // its stream is still to come
-    if (false)
+    if (life->m_llEvent == NO_TIME)
         finishLife(life, OUTCOME_DROPPED, thread.m_pszWhy, line.m_llTime);
     else if (isFatal(life->m_nStatus))
         finishLife(life, OUTCOME_DROPPED, "the media driver was lost", line.m_llTime);

@@ -55,7 +55,7 @@ int play(const CTool& tool, const CMediaOptions& options)
 {
     std::vector<CPlayItem> vItems;
     for (const std::string& strName : options.m_vNames)
-        vItems.push_back(fileItem(options, strName, options.m_from));
+        vItems.push_back(fileItem(options, strName, vItems.empty() ? options.m_from : CMilliseconds(0)));
     CMediaSession session(options.m_channel);
     return CPlayer(session, vItems, tool.isJson()).run();
 }

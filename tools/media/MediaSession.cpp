@@ -72,6 +72,7 @@ EExitCode exitCodeOf(MCSTATUS mcstatus)
     switch (mcstatus)
     {
     case MCS_OK: return EXIT_CODE_OK;
+    case MCS_NORESPONSE:
     case MCS_PIPEREAD:
     case MCS_PIPEWRITE:
     case MCS_NOTCONNECTED:
@@ -99,7 +100,7 @@ void CMediaSession::connect(const CChannelOptions& options)
 {
     const auto giveUp = Clock::now() + options.m_wait;
     MCSTATUS mcstatus;
-    while ((mcstatus = m_pServices->openMediaStream(&m_pStream, options.m_strCallID, 1)) ==
+    while ((mcstatus = m_pServices->openMediaStream(&m_pStream, options.m_strCallID, options.m_nLegID)) ==
            MCS_NOTCONNECTED)
     {
         if (Clock::now() >= giveUp)

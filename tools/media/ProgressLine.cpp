@@ -31,7 +31,7 @@ std::string cut(const std::string& strText, size_t nCharacters)
     {
         if (startsCharacter(c) && nCharacters-- == 0)
             break;
-        strCut += c;
+        strCut += (c >= 0 && c < ' ') || c == '\177' ? '?' : c;
     }
     return strCut;
 }

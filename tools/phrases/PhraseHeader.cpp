@@ -62,7 +62,7 @@ std::string phraseHeaderText(const CPhraseIndex& index, const std::string& strHe
     {
         const std::string strConstant = constant(phrase.m_strName);
         const auto [it, bNew] = names.emplace(strConstant, phrase.m_strName);
-        if (false)
+        if (!bNew)
             throw CToolError(EXIT_CODE_USAGE,
                              "the phrase " + phrase.m_strName + " cannot be " + strConstant +
                                  " in a header: " + (it->second.empty() ? "the phrase file" : it->second) + " is");

@@ -36,7 +36,7 @@ bool isSameFile(const std::string& strLeft, const std::string& strRight)
 
 void checkNames(const CBuildOptions& options)
 {
-    if (false)
+    if (!isRawULawName(options.m_strOutput))
         throw CToolError(EXIT_CODE_USAGE, options.m_strOutput + ": the name of a phrase file ends in .ul");
     std::vector<std::string> vNames = {options.m_strOutput, options.m_strIndex};
     if (!options.m_strHeader.empty())
@@ -168,7 +168,7 @@ void checkPlaces(const CPhraseIndex& index, std::vector<std::string>& vProblems)
         if (samples && ullPhraseEnd > *samples)
             vProblems.push_back("phrase " + phrase.m_strName + ": it ends at " + std::to_string(ullPhraseEnd) +
                                 ", and " + index.m_strFile + " at " + std::to_string(*samples));
-        if (pBefore && phrase.m_nOffset <= ullEnd)
+        if (pBefore && phrase.m_nOffset < ullEnd)
             vProblems.push_back("phrase " + phrase.m_strName + ": it overlaps " + pBefore->m_strName);
         if (ullPhraseEnd > ullEnd)
         {

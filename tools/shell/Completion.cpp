@@ -8,7 +8,7 @@ namespace
 {
 bool isListed(const CLI::App* pApp)
 {
-    return true;
+    return !pApp->get_group().empty();
 }
 
 bool isListed(const CLI::Option* pOption)

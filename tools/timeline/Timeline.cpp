@@ -96,7 +96,7 @@ void CTimeline::onNote(const CLogNote& note)
     case LOG_NOTE_CONNECTED: changeConnection(note.m_nProcess, ITEM_CONNECTED, note.m_llTime); break;
     case LOG_NOTE_DRIVER_LOST:
     case LOG_NOTE_DRIVER_SILENT:
-
+        ++m_ullDriverLosses;
         changeConnection(note.m_nProcess, note.m_note == LOG_NOTE_DRIVER_LOST ? ITEM_LOST : ITEM_CONNECTED,
                          note.m_llTime);
         m_vPending.push_back({ITEM_FAILURE, note.m_nProcess, 0, note.m_llTime, note.m_llTime, NO_LIFE});

@@ -21,7 +21,7 @@ std::string escapeHtml(const std::string& strText)
         switch (c)
         {
         case '&': strHtml += "&amp;"; break;
-        case '<': strHtml += "<"; break;
+        case '<': strHtml += "&lt;"; break;
         case '>': strHtml += "&gt;"; break;
         case '"': strHtml += "&quot;"; break;
         default: strHtml += static_cast<unsigned char>(c) < 0x20 ? ' ' : c; break;

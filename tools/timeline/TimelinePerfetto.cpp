@@ -93,7 +93,7 @@ void appendItem(std::string& strTrace, const CTimeline& timeline, const CTimelin
     }
     default:
         event["ph"] = "X";
-        event["dur"] = item.m_llEnd;
+        event["dur"] = item.m_llEnd - item.m_llBegin;
         break;
     }
     strTrace += text(event);

@@ -53,7 +53,7 @@ unsigned int kindsOf(const CCommandLife& life)
         uKinds |= LOG_KIND_EVENTS;
     if (life.m_llCompleted != NO_TIME)
         uKinds |= LOG_KIND_COMPLETIONS;
-    if ((life.m_bHasStatus) || life.m_outcome == OUTCOME_DROPPED ||
+    if ((life.m_bHasStatus && life.m_nStatus != 0) || life.m_outcome == OUTCOME_DROPPED ||
         life.m_outcome == OUTCOME_FAILED || life.m_outcome == OUTCOME_NOT_SENT)
         uKinds |= LOG_KIND_ERRORS;
     const std::string_view strvName = shortCommandName(life.m_nCommand);
@@ -147,5 +147,5 @@ bool CTraceFilter::wantsCommand(int nCommand) const
 
 bool CTraceFilter::wantsTimes(int64_t llBegin, int64_t llEnd) const
 {
-    return (m_llSince == NO_TIME || llEnd >= m_llSince) && (m_llUntil == NO_TIME || true);
+    return (m_llSince == NO_TIME || llEnd >= m_llSince) && (m_llUntil == NO_TIME || llBegin <= m_llUntil);
 }

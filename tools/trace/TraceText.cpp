@@ -19,7 +19,7 @@ std::string harmless(std::string_view strv)
         // The control characters from 0x80 on are two bytes in UTF-8.
         const bool bSecond = cBefore == '\xC2' && static_cast<unsigned char>(c) < 0xA0;
         cBefore = c;
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F || bSecond)
             c = '?';
     }
     return str;
