@@ -73,9 +73,16 @@ bool CRequestPipe::lock(std::string& strError)
             return false;
         }
         // A driver that was just ending may have removed the file between our open and our lock.
-        if (isFileAt(m_fdLock.get(), LOCK_PATH))
+        if (isFileAt(m_fdLock.get(), LOCK_PATH) && (isOwnLockFile() || ::unlink(LOCK_PATH) != 0))
             return true;
     }
+}
+
+// Root replaces what the driver of another user has left, for that user could lock it at any time.
+bool CRequestPipe::isOwnLockFile() const
+{
+    struct stat status = {};
+    return ::fstat(m_fdLock.get(), &status) == 0 && status.st_uid == ::geteuid();
 }
 
 bool CRequestPipe::openLockFile(std::string& strError)
@@ -87,22 +94,32 @@ bool CRequestPipe::openLockFile(std::string& strError)
         // Not in one step: systems may forbid O_CREAT on what another user's driver has left in /tmp.
         m_fdLock = CFd(::open(LOCK_PATH, nFlags));
         if (!m_fdLock.isOpen() && errno == ENOENT)
-        {
             m_fdLock = CFd(::open(LOCK_PATH, nFlags | O_CREAT | O_EXCL, 0600));
-            // Readable for the drivers of other users, to find it locked.
-            if (m_fdLock.isOpen() && ::fchmod(m_fdLock.get(), 0644) != 0)
-                m_fdLock.close();
-        }
     } while (!m_fdLock.isOpen() && errno == EEXIST);
+    const int nErrno = errno;
     struct stat status = {};
+    const bool bThere = ::lstat(LOCK_PATH, &status) == 0;
+    if (bThere && S_ISREG(status.st_mode) && status.st_uid != ::geteuid() && ::geteuid() != 0)
+    {
+        strError = fmt::format("another driver is running, or was killed: {} belongs to user {}, who or root must end "
+                               "the one or remove the other",
+                               strPath, status.st_uid);
+        return false;
+    }
     if (!m_fdLock.isOpen() || ::fstat(m_fdLock.get(), &status) != 0)
     {
-        strError = "cannot open the lock file " + strPath + ": " + errnoText(errno);
+        strError = "cannot open the lock file " + strPath + ": " + errnoText(nErrno);
         return false;
     }
     if (!S_ISREG(status.st_mode))
     {
         strError = strPath + " exists and is not a regular file; remove it if it is of no use";
+        return false;
+    }
+    // Whoever can open it can lock it. Earlier drivers left it open to everybody.
+    if (status.st_uid == ::geteuid() && (status.st_mode & 07777) != 0600 && ::fchmod(m_fdLock.get(), 0600) != 0)
+    {
+        strError = "cannot keep others from locking " + strPath + ": " + errnoText(errno);
         return false;
     }
     return true;

@@ -22,10 +22,10 @@ public:
     // Removes pipe and lock file, unless somebody has put other files in their places.
     ~CRequestPipe();
 
-    // Takes the lock and makes a fresh pipe that everybody may write into. A pipe left by an earlier
-    // driver of the same user is replaced, so that its clients find it broken; root replaces anybody's.
-    // False, with the whole message in strError, when another driver runs, or the path is taken by
-    // another user's pipe or by something that is no FIFO (which stays).
+    // Takes the lock, which nobody else but root could, and makes a fresh pipe that everybody may write into.
+    // Pipe and lock file left by an earlier driver of the same user are replaced, so that its clients find the pipe
+    // broken; root replaces anybody's. False, with the whole message in strError, when another driver runs, or a
+    // path is taken by another user's file or by something else (which stays).
     bool open(std::string& strError);
 
     // Readable when there are requests that hasBuffered does not tell of.
@@ -45,6 +45,7 @@ public:
 private:
     bool lock(std::string& strError);
     bool openLockFile(std::string& strError);
+    bool isOwnLockFile() const;
     bool removeOldFifo(std::string& strError);
     bool makeFifo(std::string& strError);
     bool next(structMICMD& cmd);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
@@ -303,4 +304,72 @@ TEST_F(RequestPipe, OfADriverOfAnotherUserIsRecognisedByItsLock)
     const std::string strError = errorOfOpen();
     ASSERT_EQ(::seteuid(0), 0);
     EXPECT_THAT(strError, HasSubstr("another driver is running"));
+}
+
+TEST_F(RequestPipe, LocksAFileThatNobodyElseCanLock)
+{
+    const mode_t nFormer = ::umask(0);
+    const auto pPipe = mustOpen();
+    ::umask(nFormer);
+    struct stat status = {};
+    ASSERT_EQ(::stat(LOCK, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(RequestPipe, TakesRightsAwayFromALockFileThatIsThere)
+{
+    writeBytes(LOCK, {});
+    ASSERT_EQ(::chmod(LOCK, 0666), 0);
+    const auto pPipe = mustOpen();
+    struct stat status = {};
+    ASSERT_EQ(::stat(LOCK, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+// What needs several users.
+class RequestPipeAsRoot : public RequestPipe
+{
+protected:
+    void SetUp() override
+    {
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "only root can become another user";
+        writeBytes(LOCK, {});
+        ASSERT_EQ(::chmod(LOCK, 0644), 0);
+        ASSERT_EQ(::chown(LOCK, 12345, 12345), 0);
+    }
+
+    static uid_t ownerOfLock()
+    {
+        struct stat status = {};
+        EXPECT_EQ(::lstat(LOCK, &status), 0);
+        return status.st_uid;
+    }
+};
+
+TEST_F(RequestPipeAsRoot, ReplacesTheLockFileThatAUsersDriverHasLeft)
+{
+    const CFd fdUser(::open(LOCK, O_RDONLY));
+    const auto pPipe = mustOpen();
+    EXPECT_EQ(ownerOfLock(), 0U);
+    EXPECT_EQ(::flock(fdUser.get(), LOCK_EX | LOCK_NB), 0) << "the former file is still in use";
+    EXPECT_THAT(errorOfOpen(), HasSubstr("another driver is running"));
+}
+
+TEST_F(RequestPipeAsRoot, StaysAwayFromAUsersDriverThatRuns)
+{
+    const CFd fdUser(::open(LOCK, O_RDONLY));
+    ASSERT_EQ(::flock(fdUser.get(), LOCK_EX), 0);
+    EXPECT_THAT(errorOfOpen(), HasSubstr("another driver is running"));
+    EXPECT_EQ(ownerOfLock(), 12345U);
+}
+
+TEST_F(RequestPipeAsRoot, OfAUserTakesNoLockFileOfAnother)
+{
+    ASSERT_EQ(::seteuid(23456), 0);
+    const std::string strError = errorOfOpen();
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_THAT(strError, HasSubstr("belongs to user 12345"));
+    EXPECT_EQ(ownerOfLock(), 12345U);
+    EXPECT_FALSE(exists(PATH));
 }
