@@ -13,6 +13,12 @@
 namespace
 {
 constexpr int MAX_REQUESTS_PER_TURN = 64;
+
+void endLikeACrash()
+{
+    flushLog();
+    ::raise(SIGKILL);
+}
 } // namespace
 
 CDriver::CDriver(const COptions& options)
@@ -46,7 +52,8 @@ bool CDriver::open(std::string& strError)
     m_pHandler = std::make_unique<CRequestHandler>(
         CRequestHandler::CParts{m_registry, m_outbox, m_clipStore, *m_pChannels, m_opener, m_mediaClock, m_disk,
                                 m_faults, m_statistics},
-        CRequestHandler::CHooks{[this](auto time) { freeze(time); }, [] { ::raise(SIGKILL); }});
+        CRequestHandler::CHooks{[this](auto time) { freeze(time); }, [] { endLikeACrash(); }},
+        CRequestHandler::CLimits{m_options.m_nMaxStreams, m_options.m_nMaxFiles});
 
     return addFaults(strError) && m_poller.create(strError) && m_loop.create(strError) &&
            m_requestPipe.open(strError) && openControl(strError) && m_loader.start("loader", strError) &&
@@ -93,9 +100,8 @@ bool CDriver::run(std::string& strError)
     duties.m_endTurn = [this] { endTurn(); };
     duties.m_everySecond = [this] { everySecond(); };
     duties.m_reload = [] {
-        std::string strReason;
         reportReloading();
-        reopenLog(strReason);
+        reopenLog();
         reportReloaded();
     };
     const bool bOk = m_loop.run(duties, strError);
@@ -124,7 +130,7 @@ void CDriver::endTurn()
         m_registry.flushEvents();
     m_registry.sweep();
     if (m_bDie)
-        ::raise(SIGKILL);
+        endLikeACrash();
 }
 
 void CDriver::everySecond()
@@ -172,7 +178,7 @@ CStatistics CDriver::statistics() const
         }
     }
     now.m_nClips = m_clipStore.count();
-    now.m_nClipBytes = m_clipStore.samples();
+    now.m_nClipBytes = m_clipStore.bytes();
     now.m_nRtpPorts = m_rtpPorts.count();
     statistics.m_rtp = m_rtpPorts.counters();
     statistics.m_ullRubbishBytes = m_requestPipe.rubbishBytes();

@@ -67,8 +67,8 @@ private:
     CEventLoop m_loop{m_poller, m_mediaClock, m_timers, m_clock, m_statistics};
 
     CThreadExecutor m_loader;
-    CThreadExecutor m_disk;
-    CClipStore m_clipStore{m_loader};
+    CThreadExecutor m_disk{CThreadExecutor::CSetting{.m_eLinks = m_options.m_eLinks}};
+    CClipStore m_clipStore{m_loader, m_options.m_nClipMegabytes << 20};
     CRtpPorts m_rtpPorts;
     CFileChannelFactory m_fileChannels;
     std::unique_ptr<CTableChannelFactory> m_pChannels;

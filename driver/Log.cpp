@@ -1,6 +1,7 @@
 // Sets up the driver's log.
 #include "Log.h"
 
+#include "BackgroundSink.h"
 #include "LogFileSink.h"
 
 #include <fmt/chrono.h>
@@ -52,12 +53,14 @@ spdlog::sink_ptr makeSink(const COptions& options, std::string& strError)
 
 bool setUpLog(const COptions& options, std::string& strError)
 {
-    spdlog::sink_ptr pSink = makeSink(options, strError);
-    if (!pSink)
+    spdlog::sink_ptr pOther = makeSink(options, strError);
+    if (!pOther)
         return false;
-    auto pLogger = std::make_shared<spdlog::logger>("zelmedia-driver", std::move(pSink));
+    const auto pSink = std::make_shared<CBackgroundSink>(std::move(pOther));
+    if (!pSink->start(strError))
+        return false;
+    auto pLogger = std::make_shared<spdlog::logger>("zelmedia-driver", pSink);
     pLogger->set_level(options.m_eLogLevel);
-    pLogger->flush_on(spdlog::level::trace);
     if (options.m_eLogFormat == ELogFormat::Json)
         pLogger->set_formatter(std::make_unique<CJsonFormatter>());
     else
@@ -66,18 +69,18 @@ bool setUpLog(const COptions& options, std::string& strError)
     return true;
 }
 
-bool reopenLog(std::string& strError)
+void reopenLog()
 {
     for (const spdlog::sink_ptr& pSink : spdlog::default_logger()->sinks())
-    {
-        const auto pFile = std::dynamic_pointer_cast<CLogFileSink>(pSink);
-        if (pFile && !pFile->open(strError))
-        {
-            spdlog::error("{}; the log goes on in the old one", strError);
-            return false;
-        }
-        if (pFile)
-            spdlog::info("the log file was opened anew");
-    }
-    return true;
+        if (const auto pBackground = std::dynamic_pointer_cast<CBackgroundSink>(pSink))
+            pBackground->reopen(spdlog::default_logger()->level());
+}
+
+bool flushLog()
+{
+    bool bAll = true;
+    for (const spdlog::sink_ptr& pSink : spdlog::default_logger()->sinks())
+        if (const auto pBackground = std::dynamic_pointer_cast<CBackgroundSink>(pSink))
+            bAll = pBackground->finish() && bAll;
+    return bAll;
 }

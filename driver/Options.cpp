@@ -67,6 +67,12 @@ const std::map<std::string, spdlog::level::level_enum>& logLevels()
     return levels;
 }
 
+const std::map<std::string, ELinks>& linkRules()
+{
+    static const std::map<std::string, ELinks> rules = {{"trusted", ELinks::Trusted}, {"all", ELinks::All}};
+    return rules;
+}
+
 class CCtlFormatter : public CLI::Formatter
 {
 public:
@@ -83,6 +89,7 @@ struct CChoices
     std::string m_strCallerEnd = "stop";
     std::string m_strLogFormat = "text";
     std::string m_strLogLevel = "info";
+    std::string m_strLinks = "trusted";
 };
 
 void addServeOptions(CLI::App& app, COptions& options, CChoices& choices)
@@ -102,6 +109,21 @@ void addServeOptions(CLI::App& app, COptions& options, CChoices& choices)
                    "whether a recording ends with the caller's file or goes on with silence; default: stop")
         ->type_name("WHAT")
         ->check(CLI::IsMember(callerEnds()));
+    app.add_option("--links", choices.m_strLinks,
+                   "links that may lead to what is written: those of root and of the driver's user, or all; "
+                   "default: trusted")
+        ->type_name("WHICH")
+        ->check(CLI::IsMember(linkRules()));
+    app.add_option("--max-streams", options.m_nMaxStreams, "streams that a client may have open; default: 10000")
+        ->type_name("N")
+        ->check(CLI::Range(size_t{1}, size_t{1000000}).description(""));
+    app.add_option("--max-files", options.m_nMaxFiles, "files that a client may have open; default: 10000")
+        ->type_name("N")
+        ->check(CLI::Range(size_t{1}, size_t{1000000}).description(""));
+    app.add_option("--clip-memory", options.m_nClipMegabytes,
+                   "memory for all files that are open or play; default: 1024")
+        ->type_name("MIB")
+        ->check(CLI::Range(size_t{1}, size_t{1000000}).description(""));
     app.add_option("--fault", options.m_vstrFaults, "misbehave like this, for tests of clients; may be repeated")
         ->type_name("RULE")
         ->allow_extra_args(false);
@@ -179,6 +201,7 @@ std::optional<int> parseOptions(int nArguments, const char* const* ppArguments, 
     }
     options.m_eSpeed = speeds().at(choices.m_strSpeed);
     options.m_bSilenceAfterCaller = callerEnds().at(choices.m_strCallerEnd);
+    options.m_eLinks = linkRules().at(choices.m_strLinks);
     options.m_eLogFormat = logFormats().at(choices.m_strLogFormat);
     options.m_eLogLevel = logLevels().at(choices.m_strLogLevel);
     return std::nullopt;

@@ -2,6 +2,8 @@
 #ifndef DRIVER_OPTIONS_H
 #define DRIVER_OPTIONS_H
 
+#include "PathWalk.h"
+
 #include <spdlog/common.h>
 
 #include <optional>
@@ -26,6 +28,10 @@ struct COptions
     std::string m_strChannelsFile; // the channel table; empty: every channel is a pair of files
     ESpeed m_eSpeed = ESpeed::RealTime;
     bool m_bSilenceAfterCaller = false; // recordings outlast the caller's audio
+    ELinks m_eLinks = ELinks::Trusted;  // that may lead to what is recorded
+    size_t m_nMaxStreams = 10000;       // of a client
+    size_t m_nMaxFiles = 10000;         // of a client
+    size_t m_nClipMegabytes = 1024;     // all files in memory
     std::vector<std::string> m_vstrFaults;
     std::string m_strControlPath = "/tmp/zelmedia-driver.sock"; // empty: no control socket
     std::string m_strLogFile;                                   // empty: stderr

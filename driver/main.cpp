@@ -14,6 +14,7 @@ namespace
 {
 int fail(const std::string& strError)
 {
+    flushLog();
     std::fprintf(stderr, "zelmedia-driver: %s\n", strError.c_str());
     return 1;
 }

@@ -1,8 +1,9 @@
 // Audio on its way into a file: the media tick puts it into memory, the disk's thread writes it.
 #include "AudioSink.h"
 
+#include "OpenFile.h"
+
 #include <algorithm>
-#include <exception>
 #include <new>
 
 namespace
@@ -12,31 +13,29 @@ constexpr size_t SERVICE_SAMPLES = CAudioSink::CAPACITY / 8;
 
 void CAudioSink::open(CExecutor& disk, const std::string& strPath, OpenFunction done)
 {
-    struct COpened
+    std::string strError;
+    if (!CAudioWriter::hasFormat(strPath, strError))
     {
-        std::unique_ptr<CAudioWriter> m_pWriter;
-        std::string m_strError;
-    };
-    const auto pOpened = std::make_shared<COpened>();
-    disk.post(
-        [strPath, pOpened] {
-            try
-            {
-                pOpened->m_pWriter = CAudioWriter::create(strPath, pOpened->m_strError);
-            }
-            catch (const std::exception& exception)
-            {
-                pOpened->m_strError = exception.what();
-            }
+        done(nullptr, strError);
+        return;
+    }
+    const auto ppSink = std::make_shared<std::shared_ptr<CAudioSink>>();
+    openFile(
+        disk, strPath, CAudioWriter::OPEN_FLAGS,
+        [strPath, ppSink](CFd fd, const struct stat&, std::string& strReason) {
+            if (auto pWriter = CAudioWriter::create(std::move(fd), strPath, strReason))
+                *ppSink = std::make_shared<CAudioSink>(std::move(pWriter));
+            return *ppSink != nullptr;
         },
-        [&disk, pOpened, done = std::move(done)] {
-            done(pOpened->m_pWriter ? std::make_shared<CAudioSink>(disk, std::move(pOpened->m_pWriter)) : nullptr,
-                 pOpened->m_strError);
+        [ppSink, done = std::move(done)](const COpenResult& result) {
+            if (*ppSink)
+                (*ppSink)->m_pLane = result.m_pLane;
+            done(std::move(*ppSink), result.m_strError);
         });
 }
 
-CAudioSink::CAudioSink(CExecutor& disk, std::unique_ptr<CAudioWriter> pWriter)
-    : m_disk(disk), m_pWriter(std::move(pWriter)), m_pbRing(std::make_unique_for_overwrite<uint8_t[]>(CAPACITY))
+CAudioSink::CAudioSink(std::unique_ptr<CAudioWriter> pWriter)
+    : m_pWriter(std::move(pWriter)), m_pbRing(std::make_unique_for_overwrite<uint8_t[]>(CAPACITY))
 {
 }
 
@@ -70,8 +69,8 @@ bool CAudioSink::wantsService() const
 void CAudioSink::service()
 {
     m_bServicePosted = true;
-    m_disk.post([pThis = shared_from_this()] { pThis->drain(); },
-                [pThis = shared_from_this()] { pThis->m_bServicePosted = false; });
+    m_pLane->post([pThis = shared_from_this()] { pThis->drain(); },
+                  [pThis = shared_from_this()] { pThis->m_bServicePosted = false; });
 }
 
 void CAudioSink::update(DoneFunction done)
@@ -86,7 +85,7 @@ void CAudioSink::close(DoneFunction done)
 
 void CAudioSink::postDrain(bool (CAudioWriter::*finish)(), DoneFunction done)
 {
-    m_disk.post(
+    m_pLane->post(
         [pThis = shared_from_this(), finish] {
             pThis->drain();
             if (!(*pThis->m_pWriter.*finish)())

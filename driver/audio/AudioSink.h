@@ -12,8 +12,8 @@
 #include <span>
 #include <string>
 
-// Used on the loop's thread. One executor serves all sinks, in order: a file that was closed is
-// complete before any that is opened later is touched.
+// Used on the loop's thread. The lane of a file system serves all sinks there, in order: a file that was
+// closed is complete before any that is opened there later is touched.
 class CAudioSink : public std::enable_shared_from_this<CAudioSink>
 {
 public:
@@ -27,7 +27,7 @@ public:
     // Creates or empties the file; see CAudioWriter::Create.
     static void open(CExecutor& disk, const std::string& strPath, OpenFunction done);
 
-    CAudioSink(CExecutor& disk, std::unique_ptr<CAudioWriter> pWriter);
+    explicit CAudioSink(std::unique_ptr<CAudioWriter> pWriter);
 
     // On the media tick: takes as many samples as there is room for and returns their number. Neither
     // blocks, locks nor allocates.
@@ -55,7 +55,7 @@ private:
     void drain();
     bool write(std::span<const uint8_t> samples);
 
-    CExecutor& m_disk;
+    CExecutor* m_pLane = nullptr;
     std::unique_ptr<CAudioWriter> m_pWriter; // the disk's thread's
     std::unique_ptr<uint8_t[]> m_pbRing;     // CAPACITY bytes, memory in use only once it was written
     std::atomic<size_t> m_nPut = 0;          // samples ever put; the place in the ring is modulo CAPACITY

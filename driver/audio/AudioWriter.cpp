@@ -2,8 +2,8 @@
 #include "AudioWriter.h"
 
 #include "AudioFormat.h"
-#include "AudioReader.h"
 #include "G711.h"
+#include "OpenFile.h"
 #include "Text.h"
 
 #include <fcntl.h>
@@ -16,17 +16,14 @@
 
 namespace
 {
-bool openForWriting(const std::string& strPath, CFd& fd, std::string& strError)
+bool takeForWriting(const CFd& fd, std::string& strError)
 {
-    // It is emptied only after the checks: the path may name what must not be touched.
-    struct stat status = {};
-    if (!openAudioFile(strPath, O_RDWR | O_CREAT, fd, status, strError))
-        return false;
     if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
     {
         strError = "it is being written already";
         return false;
     }
+    // Only now, after the checks: the path may have named what must not be touched.
     if (::ftruncate(fd.get(), 0) != 0)
     {
         strError = errnoText(errno);
@@ -83,14 +80,32 @@ struct CAudioWriter::CTarget
 
 std::unique_ptr<CAudioWriter> CAudioWriter::create(const std::string& strPath, std::string& strError)
 {
-    const auto format = audioFormatOf(strPath);
-    if (!format)
+    std::unique_ptr<CAudioWriter> pWriter;
+    if (hasFormat(strPath, strError))
+        openFileHere(
+            strPath, OPEN_FLAGS,
+            [&](CFd fd, const struct stat&, std::string& strReason) {
+                pWriter = create(std::move(fd), strPath, strReason);
+                return pWriter != nullptr;
+            },
+            strError);
+    return pWriter;
+}
+
+bool CAudioWriter::hasFormat(const std::string& strPath, std::string& strError)
+{
+    if (!audioFormatOf(strPath))
     {
         strError = std::string("its ending is none of ") + AUDIO_ENDINGS;
-        return nullptr;
+        return false;
     }
-    CFd fd;
-    if (!openForWriting(strPath, fd, strError))
+    return true;
+}
+
+std::unique_ptr<CAudioWriter> CAudioWriter::create(CFd fd, const std::string& strPath, std::string& strError)
+{
+    const auto format = audioFormatOf(strPath);
+    if (!format || !takeForWriting(fd, strError))
         return nullptr;
     SF_INFO info = {};
     info.format = format->m_nSndFormat;

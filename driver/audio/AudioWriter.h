@@ -5,6 +5,8 @@
 #include "Fd.h"
 #include "SndFile.h"
 
+#include <fcntl.h>
+
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -19,6 +21,12 @@ public:
     // AudioFormat.h. Any other ending, a path that is not a regular file, and a file that another writer
     // is writing give null; strError then says why, without the path.
     static std::unique_ptr<CAudioWriter> create(const std::string& strPath, std::string& strError);
+
+    // The same in steps: whether the ending has a format; the flags with which the file is opened; and making a
+    // writer of the open file.
+    static bool hasFormat(const std::string& strPath, std::string& strError);
+    static constexpr int OPEN_FLAGS = O_RDWR | O_CREAT;
+    static std::unique_ptr<CAudioWriter> create(CFd fd, const std::string& strPath, std::string& strError);
 
     ~CAudioWriter();
 

@@ -2,6 +2,8 @@
 #ifndef DRIVER_CLIP_H
 #define DRIVER_CLIP_H
 
+#include "ClipBudget.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -14,11 +16,20 @@
 class CClip
 {
 public:
-    CClip(std::string strPath, size_t nCapacity)
-        : m_strPath(std::move(strPath)), m_nCapacity(nCapacity),
+    // The memory is given back to the budget, if there is one: what is not needed at the end of the decoding, and
+    // the rest with the clip. nCapacity was taken of it.
+    CClip(std::string strPath, size_t nCapacity, std::shared_ptr<CClipBudget> pBudget = nullptr)
+        : m_strPath(std::move(strPath)), m_nCapacity(nCapacity), m_pBudget(std::move(pBudget)),
           m_pbSamples(std::make_unique_for_overwrite<uint8_t[]>(nCapacity))
     {
     }
+    ~CClip()
+    {
+        if (m_pBudget)
+            m_pBudget->giveBack(isDecoded() ? ready() : m_nCapacity);
+    }
+    CClip(const CClip&) = delete;
+    CClip& operator=(const CClip&) = delete;
 
     const std::string& path() const { return m_strPath; }
 
@@ -34,7 +45,12 @@ public:
     // For the decoding thread: room for the next samples, their publication, and the end.
     std::span<uint8_t> room() { return {m_pbSamples.get() + ready(), m_nCapacity - ready()}; }
     void publish(size_t nSamples) { m_nReady.fetch_add(nSamples, std::memory_order_release); }
-    void end(bool bBroken) { m_eState.store(bBroken ? EState::Broken : EState::Complete, std::memory_order_release); }
+    void end(bool bBroken)
+    {
+        if (m_pBudget)
+            m_pBudget->giveBack(m_nCapacity - ready());
+        m_eState.store(bBroken ? EState::Broken : EState::Complete, std::memory_order_release);
+    }
 
 private:
     enum class EState
@@ -46,6 +62,7 @@ private:
 
     const std::string m_strPath;
     const size_t m_nCapacity;
+    const std::shared_ptr<CClipBudget> m_pBudget;
     const std::unique_ptr<uint8_t[]> m_pbSamples; // memory that is not written yet is not in use
     std::atomic<size_t> m_nReady = 0;
     std::atomic<EState> m_eState = EState::Decoding;

@@ -1,6 +1,8 @@
 // The audio files that are in memory, shared by all who play them.
 #include "ClipStore.h"
 
+#include "AudioFormat.h"
+#include "OpenFile.h"
 #include "Text.h"
 
 #include <fcntl.h>
@@ -9,6 +11,9 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
+#include <stdexcept>
+#include <utility>
 
 namespace
 {
@@ -23,89 +28,149 @@ bool canStart(const CClip& clip, size_t nPosition)
 }
 } // namespace
 
-CClipStore::CClipStore(CExecutor& executor) : m_executor(executor) {}
-
-bool CClipStore::CIdentity::operator==(const CIdentity& other) const
+CClipPtr CClipStore::CKnown::find(const CIdentity& identity) const
 {
-    return m_nDevice == other.m_nDevice && m_nInode == other.m_nInode && m_nSize == other.m_nSize &&
-           m_modified.tv_sec == other.m_modified.tv_sec && m_modified.tv_nsec == other.m_modified.tv_nsec;
+    const CMutexHold hold(m_mutex);
+    const auto it = m_mapClipByIdentity.find(identity);
+    return it != m_mapClipByIdentity.end() ? it->second.lock() : nullptr;
+}
+
+void CClipStore::CKnown::add(const CIdentity& identity, const CClipPtr& pClip)
+{
+    const CMutexHold hold(m_mutex);
+    std::erase_if(m_mapClipByIdentity, [](const auto& item) { return item.second.expired(); });
+    m_mapClipByIdentity[identity] = pClip;
+}
+
+void CClipStore::CKnown::remove(const CIdentity& identity, const CClipPtr& pClip)
+{
+    const CMutexHold hold(m_mutex);
+    const auto it = m_mapClipByIdentity.find(identity);
+    if (it != m_mapClipByIdentity.end() && it->second.lock() == pClip)
+        m_mapClipByIdentity.erase(it);
+}
+
+std::vector<CClipPtr> CClipStore::CKnown::clips() const
+{
+    std::vector<CClipPtr> vClips;
+    const CMutexHold hold(m_mutex);
+    for (const auto& [identity, pWeak] : m_mapClipByIdentity)
+        if (CClipPtr pClip = pWeak.lock())
+            vClips.push_back(std::move(pClip));
+    return vClips;
+}
+
+CClipStore::CClipStore(CExecutor& executor, size_t nMaxBytes)
+    : m_executor(executor), m_pBudget(std::make_shared<CClipBudget>(nMaxBytes)), m_pKnown(std::make_shared<CKnown>())
+{
+}
+
+CClipStore::CIdentity CClipStore::identityOf(const std::string& strPath, const struct stat& status)
+{
+    const auto format = audioFormatOf(strPath);
+    return {status.st_dev,         status.st_ino,          status.st_size,
+            status.st_mtim.tv_sec, status.st_mtim.tv_nsec, format && format->m_bHeaderless ? format->m_nSndFormat : 0};
 }
 
 void CClipStore::load(const std::string& strPath, size_t nPosition, LoadFunction done)
 {
-    const auto it = m_mapEntryByPath.find(strPath);
-    const CClipPtr pKnown = it != m_mapEntryByPath.end() ? it->second.m_pClip.lock() : nullptr;
-    const CIdentity known = pKnown ? it->second.m_identity : CIdentity();
+    open(strPath, nPosition, false, std::move(done));
+}
+
+void CClipStore::loadIfThere(const std::string& strPath, size_t nPosition, LoadFunction done)
+{
+    open(strPath, nPosition, true, std::move(done));
+}
+
+void CClipStore::open(const std::string& strPath, size_t nPosition, bool bNeedNotBeThere, LoadFunction done)
+{
     const auto pOpening = std::make_shared<COpening>();
-    m_executor.post(
-        [strPath, bKnown = pKnown != nullptr, known, pOpening] { open(strPath, bKnown ? &known : nullptr, *pOpening); },
-        [this, strPath, nPosition, pKnown, pOpening, done = std::move(done)]() mutable {
-            onOpened(strPath, nPosition, pKnown, *pOpening, std::move(done));
+    openFile(
+        m_executor, strPath, O_RDONLY,
+        [strPath, pOpening, pKnown = m_pKnown](CFd fd, const struct stat& status, std::string& strReason) {
+            pOpening->m_identity = identityOf(strPath, status);
+            pOpening->m_pClip = pKnown->find(pOpening->m_identity);
+            if (pOpening->m_pClip)
+                return true;
+            pOpening->m_pReader = CAudioReader::open(std::move(fd), strPath, strReason);
+            pOpening->m_bNoAudio = !pOpening->m_pReader;
+            return !pOpening->m_bNoAudio;
+        },
+        [this, strPath, nPosition, bNeedNotBeThere, pOpening,
+         done = std::move(done)](const COpenResult& result) mutable {
+            if (result.m_bMissing && bNeedNotBeThere)
+                done(nullptr, {});
+            else
+                onOpened(strPath, nPosition, *pOpening, result, done);
         });
 }
 
-void CClipStore::open(const std::string& strPath, const CIdentity* pKnown, COpening& opening)
+void CClipStore::onOpened(const std::string& strPath, size_t nPosition, COpening& opening, const COpenResult& result,
+                          LoadFunction& done)
 {
+    std::string strError = result.m_strError;
     try
     {
-        CFd fd;
-        struct stat status = {};
-        std::string strReason;
-        if (!openAudioFile(strPath, O_RDONLY, fd, status, strReason))
+        if (strError.empty())
         {
-            opening.m_strError = fmt::format("\"{}\" cannot be opened: {}", printable(strPath), strReason);
+            begin(strPath, nPosition, opening, *result.m_pLane, done);
             return;
         }
-        opening.m_identity = {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
-        if (pKnown != nullptr && *pKnown == opening.m_identity)
-        {
-            opening.m_bUnchanged = true;
-            return;
-        }
-        opening.m_pReader = CAudioReader::open(std::move(fd), strPath, strReason);
-        if (!opening.m_pReader)
-        {
-            opening.m_strError =
-                fmt::format("\"{}\" is no audio file that can be read: {}", printable(strPath), strReason);
-            return;
-        }
-        opening.m_pClip = std::make_shared<CClip>(strPath, opening.m_pReader->maxSamples());
     }
     catch (const std::exception& exception)
     {
-        opening.m_strError = fmt::format("\"{}\" cannot be opened: {}", printable(strPath), exception.what());
+        strError = exception.what();
+    }
+    if (done)
+        done(nullptr,
+             fmt::format("\"{}\" {}: {}", printable(strPath),
+                         opening.m_bNoAudio ? "is no audio file that can be read" : "cannot be opened", strError));
+}
+
+std::shared_ptr<CClip> CClipStore::makeClip(const std::string& strPath, size_t nSamples)
+{
+    if (!m_pBudget->take(nSamples))
+        throw std::runtime_error(fmt::format("all files in memory would take more than {} bytes", m_pBudget->max()));
+    try
+    {
+        return std::make_shared<CClip>(strPath, nSamples, m_pBudget);
+    }
+    catch (...)
+    {
+        m_pBudget->giveBack(nSamples);
+        throw;
     }
 }
 
-void CClipStore::onOpened(const std::string& strPath, size_t nPosition, const CClipPtr& pKnown, COpening& opening,
-                          LoadFunction done)
+// done is taken from the caller where nothing can fail any more.
+void CClipStore::begin(const std::string& strPath, size_t nPosition, COpening& opening, CExecutor& lane,
+                       LoadFunction& done)
 {
-    if (!opening.m_strError.empty())
-    {
-        done(nullptr, opening.m_strError);
-        return;
-    }
     // Somebody else may have loaded the file in the meantime.
-    const CClipPtr pClip = opening.m_bUnchanged ? pKnown : findClip(strPath, opening.m_identity);
+    const CClipPtr pClip = opening.m_pClip ? opening.m_pClip : m_pKnown->find(opening.m_identity);
     if (pClip)
     {
-        waitFor(pClip, nPosition, std::move(done));
+        waitFor(pClip, nPosition, done);
         return;
     }
     const auto pDecoding = std::make_shared<CDecoding>();
-    pDecoding->m_pClip = std::move(opening.m_pClip);
+    pDecoding->m_identity = opening.m_identity;
+    pDecoding->m_pLane = &lane;
+    pDecoding->m_pClip = makeClip(strPath, opening.m_pReader->maxSamples());
     pDecoding->m_pReader = std::move(opening.m_pReader);
-    pDecoding->m_vWaiters.push_back({nPosition, std::move(done)});
-    std::erase_if(m_mapEntryByPath, [](const auto& item) { return item.second.m_pClip.expired(); });
-    m_mapEntryByPath[strPath] = {pDecoding->m_pClip, opening.m_identity};
+    pDecoding->m_vWaiters.reserve(1);
     m_mapDecodingByClip.emplace(pDecoding->m_pClip.get(), pDecoding);
-    postPiece(pDecoding);
-}
-
-CClipPtr CClipStore::findClip(const std::string& strPath, const CIdentity& identity) const
-{
-    const auto it = m_mapEntryByPath.find(strPath);
-    return it != m_mapEntryByPath.end() && it->second.m_identity == identity ? it->second.m_pClip.lock() : nullptr;
+    try
+    {
+        m_pKnown->add(opening.m_identity, pDecoding->m_pClip);
+        postPiece(pDecoding);
+    }
+    catch (...)
+    {
+        m_mapDecodingByClip.erase(pDecoding->m_pClip.get());
+        throw;
+    }
+    pDecoding->m_vWaiters.push_back({nPosition, std::exchange(done, nullptr)});
 }
 
 void CClipStore::waitFor(const CClipPtr& pClip, size_t nPosition, LoadFunction done)
@@ -121,7 +186,7 @@ void CClipStore::waitFor(const CClipPtr& pClip, size_t nPosition, LoadFunction d
 
 void CClipStore::postPiece(const std::shared_ptr<CDecoding>& pDecoding)
 {
-    m_executor.post([pDecoding] { decodePiece(*pDecoding); }, [this, pDecoding] { onPiece(pDecoding); });
+    pDecoding->m_pLane->post([pDecoding] { decodePiece(*pDecoding); }, [this, pDecoding] { onPiece(pDecoding); });
 }
 
 void CClipStore::decodePiece(CDecoding& decoding)
@@ -145,65 +210,78 @@ void CClipStore::decodePiece(CDecoding& decoding)
 
 void CClipStore::onPiece(const std::shared_ptr<CDecoding>& pDecoding)
 {
-    const CClipPtr pClip = pDecoding->m_pClip;
+    CDecoding& decoding = *pDecoding;
+    const std::shared_ptr<CClip> pClip = decoding.m_pClip;
     std::vector<CWaiter> vWaiters;
-    vWaiters.swap(pDecoding->m_vWaiters);
-    if (!pClip->isDecoded())
-    {
-        // Waiters and readers gone: two holders are left, the decoding and this function.
-        if (vWaiters.empty() && pClip.use_count() == 2)
-        {
-            m_mapDecodingByClip.erase(pClip.get());
-            return;
-        }
-        postPiece(pDecoding);
-    }
-    else
+    vWaiters.swap(decoding.m_vWaiters);
+    // Waiters and readers gone: two holders are left, the decoding and this function.
+    if (!pClip->isDecoded() && vWaiters.empty() && pClip.use_count() == 2)
     {
         m_mapDecodingByClip.erase(pClip.get());
-        if (pClip->isBroken())
-        {
-            m_mapEntryByPath.erase(pClip->path());
-            spdlog::error("\"{}\" is damaged behind {} samples: {}", printable(pClip->path()), pClip->ready(),
-                          pDecoding->m_strError);
-        }
-        else
-        {
-            spdlog::info("loaded \"{}\", {} samples", printable(pClip->path()), pClip->ready());
-        }
+        return;
     }
-    for (CWaiter& waiter : vWaiters)
+    try
     {
-        if (!canStart(*pClip, waiter.m_nPosition))
-        {
-            pDecoding->m_vWaiters.push_back(std::move(waiter));
-        }
-        else if (pClip->isBroken() && pClip->ready() <= waiter.m_nPosition)
-        {
-            waiter.m_done(nullptr, fmt::format("\"{}\" is no audio file that can be read: {}", printable(pClip->path()),
-                                               pDecoding->m_strError));
-        }
-        else
-        {
-            waiter.m_done(pClip, {});
-        }
+        if (!pClip->isDecoded())
+            postPiece(pDecoding);
     }
+    catch (const std::exception& exception)
+    {
+        decoding.m_strError = exception.what();
+        pClip->end(true);
+    }
+    if (pClip->isDecoded())
+        forget(decoding);
+    answer(decoding, std::move(vWaiters));
+}
+
+void CClipStore::forget(const CDecoding& decoding)
+{
+    m_mapDecodingByClip.erase(decoding.m_pClip.get());
+    if (decoding.m_pClip->isBroken())
+        m_pKnown->remove(decoding.m_identity, decoding.m_pClip);
+    try
+    {
+        report(decoding);
+    }
+    catch (const std::bad_alloc&)
+    {
+        // Those who wait for the clip need no line.
+    }
+}
+
+void CClipStore::report(const CDecoding& decoding)
+{
+    const CClip& clip = *decoding.m_pClip;
+    if (clip.isBroken())
+        spdlog::error("\"{}\" is damaged behind {} samples: {}", printable(clip.path()), clip.ready(),
+                      decoding.m_strError);
+    else
+        spdlog::info("loaded \"{}\", {} samples", printable(clip.path()), clip.ready());
+}
+
+void CClipStore::answer(CDecoding& decoding, std::vector<CWaiter> vWaiters)
+{
+    const CClipPtr pClip = decoding.m_pClip;
+    for (CWaiter& waiter : vWaiters)
+        if (!canStart(*pClip, waiter.m_nPosition))
+            decoding.m_vWaiters.push_back(std::move(waiter));
+        else if (pClip->isBroken() && pClip->ready() <= waiter.m_nPosition)
+            waiter.m_done(nullptr, fmt::format("\"{}\" is no audio file that can be read: {}", printable(pClip->path()),
+                                               decoding.m_strError));
+        else
+            waiter.m_done(pClip, {});
 }
 
 size_t CClipStore::count() const
 {
-    return static_cast<size_t>(std::count_if(
-        m_mapEntryByPath.begin(), m_mapEntryByPath.end(),
-        [](const auto& item) { return !item.second.m_pClip.expired(); }));
+    return m_pKnown->clips().size();
 }
 
 size_t CClipStore::samples() const
 {
     size_t nSamples = 0;
-    for (const auto& [strPath, entry] : m_mapEntryByPath)
-    {
-        const CClipPtr pClip = entry.m_pClip.lock();
-        nSamples += pClip ? pClip->ready() : 0;
-    }
+    for (const CClipPtr& pClip : m_pKnown->clips())
+        nSamples += pClip->ready();
     return nSamples;
 }

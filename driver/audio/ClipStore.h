@@ -4,7 +4,11 @@
 
 #include "AudioReader.h"
 #include "Clip.h"
+#include "ClipBudget.h"
 #include "Executor.h"
+#include "Mutex.h"
+
+#include <sys/stat.h>
 
 #include <ctime>
 #include <functional>
@@ -13,51 +17,72 @@
 #include <string>
 #include <vector>
 
-// Decodes each file once for as long as somebody holds its clip. A file that has changed on disk
-// since is decoded anew; holders of the former contents keep those. Files are opened and decoded by the
-// executor, in pieces, so that a short file does not wait for a long one. Used on the loop's thread.
+struct COpenResult;
+
+// Decodes each file once for as long as somebody holds its clip, whatever the names by which it is asked for.
+// A file that has changed on disk since is decoded anew; holders of the former contents keep those. Files are
+// opened and decoded by the executor, in the lanes of their file systems and in pieces, so that a short file does
+// not wait for a long one. Used on the loop's thread.
 class CClipStore
 {
 public:
     // Gets the clip of a file, or null: strError then says why, with the path.
     using LoadFunction = std::function<void(CClipPtr pClip, const std::string& strError)>;
 
-    explicit CClipStore(CExecutor& executor);
+    static constexpr size_t MAX_BYTES = size_t{1} << 30;
+
+    // All clips together take nMaxBytes at most; a file that would take more is refused.
+    explicit CClipStore(CExecutor& executor, size_t nMaxBytes = MAX_BYTES);
 
     // Calls done once a play from nPosition, in samples, can begin: one second from there, or all of the
     // file, is decoded. At once or later.
     void load(const std::string& strPath, size_t nPosition, LoadFunction done);
 
+    // The same for a file that need not be there: null, without an error, when it is not.
+    void loadIfThere(const std::string& strPath, size_t nPosition, LoadFunction done);
+
     // The same for a clip that was loaded before.
     void waitFor(const CClipPtr& pClip, size_t nPosition, LoadFunction done);
 
-    // Clips that are in memory, and their samples so far.
+    // Clips that are in memory, their samples so far, and the memory that they take. While a clip is being
+    // decoded it counts as long as the file says that it will be.
     size_t count() const;
     size_t samples() const;
+    size_t bytes() const { return m_pBudget->taken(); }
 
 private:
+    // What a clip was made of: files with one identity have the same samples.
     struct CIdentity
     {
         dev_t m_nDevice = 0;
         ino_t m_nInode = 0;
         off_t m_nSize = 0;
-        timespec m_modified = {};
+        time_t m_nModified = 0;
+        long m_nModifiedNs = 0;
+        int m_nHeaderlessFormat = 0; // by the ending, which tells what the bytes of such a file mean
 
-        bool operator==(const CIdentity& other) const;
+        auto operator<=>(const CIdentity&) const = default;
     };
-    struct CEntry
+    // The clips that are in memory. Shared with the work of the executor, which may outlive the store.
+    class CKnown
     {
-        std::weak_ptr<const CClip> m_pClip;
-        CIdentity m_identity;
+    public:
+        CClipPtr find(const CIdentity& identity) const;
+        void add(const CIdentity& identity, const CClipPtr& pClip);
+        void remove(const CIdentity& identity, const CClipPtr& pClip);
+        std::vector<CClipPtr> clips() const;
+
+    private:
+        mutable CMutex m_mutex;
+        std::map<CIdentity, std::weak_ptr<const CClip>> m_mapClipByIdentity GUARDED_BY(m_mutex);
     };
     // A file on its way from the executor.
     struct COpening
     {
         CIdentity m_identity;
-        bool m_bUnchanged = false; // the clip that is in memory is still right
+        CClipPtr m_pClip; // where it is in memory already
         std::unique_ptr<CAudioReader> m_pReader;
-        std::shared_ptr<CClip> m_pClip;
-        std::string m_strError;
+        bool m_bNoAudio = false;
     };
     struct CWaiter
     {
@@ -66,22 +91,30 @@ private:
     };
     struct CDecoding
     {
+        CIdentity m_identity;
+        CExecutor* m_pLane;
         std::shared_ptr<CClip> m_pClip;
         std::unique_ptr<CAudioReader> m_pReader;
         std::vector<CWaiter> m_vWaiters;
         std::string m_strError;
     };
 
-    static void open(const std::string& strPath, const CIdentity* pKnown, COpening& opening);
+    static CIdentity identityOf(const std::string& strPath, const struct stat& status);
     static void decodePiece(CDecoding& decoding);
-    void onOpened(const std::string& strPath, size_t nPosition, const CClipPtr& pKnown, COpening& opening,
-                  LoadFunction done);
-    CClipPtr findClip(const std::string& strPath, const CIdentity& identity) const;
+    void open(const std::string& strPath, size_t nPosition, bool bNeedNotBeThere, LoadFunction done);
+    void onOpened(const std::string& strPath, size_t nPosition, COpening& opening, const COpenResult& result,
+                  LoadFunction& done);
+    void begin(const std::string& strPath, size_t nPosition, COpening& opening, CExecutor& lane, LoadFunction& done);
+    std::shared_ptr<CClip> makeClip(const std::string& strPath, size_t nSamples);
     void postPiece(const std::shared_ptr<CDecoding>& pDecoding);
     void onPiece(const std::shared_ptr<CDecoding>& pDecoding);
+    void forget(const CDecoding& decoding);
+    static void report(const CDecoding& decoding);
+    static void answer(CDecoding& decoding, std::vector<CWaiter> vWaiters);
 
     CExecutor& m_executor;
-    std::map<std::string, CEntry> m_mapEntryByPath;
+    const std::shared_ptr<CClipBudget> m_pBudget;
+    const std::shared_ptr<CKnown> m_pKnown;
     std::map<const CClip*, std::shared_ptr<CDecoding>> m_mapDecodingByClip;
 };
 

@@ -3,16 +3,22 @@
 #define DRIVER_EXECUTOR_H
 
 #include "Fd.h"
+#include "MountTable.h"
 #include "Mutex.h"
+#include "PathWalk.h"
+#include "Worker.h"
 
-#include <condition_variable>
+#include <chrono>
+#include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-// Does its work in the order in which it was posted. Post is called on the loop's thread.
+struct CLane;
+
+// Does its work in the order in which it was posted. Used on the loop's thread.
 class CExecutor
 {
 public:
@@ -22,6 +28,23 @@ public:
 
     // Runs work somewhere where it may block, then done on the loop's thread.
     virtual void post(Function work, Function done) = 0;
+
+    // Where the files below a path are worked on.
+    virtual CLane laneOf(const std::string& strPath);
+
+    // Runs action, and then done, on the loop's thread, once all the work is done that action has posted.
+    virtual void afterwards(const Function& action, Function done);
+};
+
+struct CLane
+{
+    // Work that is posted there is done in order, and waits for no other file system. It lives as long as the
+    // executor that the lane is of.
+    CExecutor* m_pExecutor;
+
+    ELinks m_eLinks;                  // those that may lead to a file that is written
+    bool m_bFull;                     // so much waits there that nothing should be begun
+    CPathWalk::HereFunction m_isHere; // whether a path is in this lane, from any thread
 };
 
 // Runs everything at once, before post returns: for programs without a loop. What is posted by a
@@ -36,44 +59,61 @@ private:
     bool m_bRunning = false;
 };
 
-// Runs work on a thread of its own.
+// Runs work on threads of its own: one for each file system, and one for what belongs to none.
 class CThreadExecutor : public CExecutor
 {
 public:
-    // Ends the thread after the work that it has begun or waits for; nothing is given to the loop any more.
+    // File systems beyond this number share threads with others.
+    static constexpr size_t MAX_LANES = 16;
+
+    // A lane in which so much waits is full.
+    static constexpr size_t MAX_WAITING = 65536;
+
+    struct CSetting
+    {
+        ELinks m_eLinks = ELinks::All;
+        std::string m_strMounts = "/proc/self/mountinfo";
+        std::chrono::milliseconds m_patience = CWorker::PATIENCE; // of the end, with a single piece of work
+    };
+
+    CThreadExecutor();
+    explicit CThreadExecutor(const CSetting& setting);
+
+    // Waits for the work that was posted, as long as it goes on; nothing is given to the loop any more.
     ~CThreadExecutor() override;
 
-    // False, with the message in strError, when the system refuses. The thread takes no signals.
+    // False, with the message in strError, when the system refuses. The threads take no signals.
     bool start(const char* pThreadName, std::string& strError);
 
     void post(Function work, Function done) override;
+    CLane laneOf(const std::string& strPath) override;
+    void afterwards(const Function& action, Function done) override;
 
     // Readable while functions wait to be run on the loop's thread by runDone.
     int fd() const;
     void runDone();
 
-    // Waits until everything that was posted is worked off, and runs what is to be done for it.
-    void finish();
+    // Waits until everything that was posted is worked off, and runs what is to be done for it. False when work
+    // that does not end was given up.
+    bool finish();
 
 private:
-    struct CJob
-    {
-        Function m_work;
-        Function m_done;
-    };
+    struct CGroup;
+    struct CJob;
+    class CDone;
+    class CLaneThread;
 
-    void run();
-    bool take(CJob& job); // waits; false at the end
+    void postTo(CWorker& worker, Function work, Function done);
+    CLaneThread& laneOfFileSystem(const std::string& strFileSystem);
+    CLaneThread* addLane(const std::string& strFileSystem, std::string& strError);
 
-    CFd m_fdDone;
-    std::thread m_thread;
-    CMutex m_mutex;
-    std::condition_variable_any m_wake; // there is work, or the end
-    std::condition_variable_any m_idle; // all work is done
-    std::deque<CJob> m_queue GUARDED_BY(m_mutex);
-    std::vector<Function> m_vDone GUARDED_BY(m_mutex);
-    bool m_bWorking GUARDED_BY(m_mutex) = false;
-    bool m_bStop GUARDED_BY(m_mutex) = false;
+    const CSetting m_setting;
+    CMounts m_mounts;
+    std::string m_strThreadName;
+    std::shared_ptr<CDone> m_pDone;
+    std::vector<std::unique_ptr<CLaneThread>> m_vLanes; // the first one is for what belongs to no file system
+    std::shared_ptr<CGroup> m_pGroup;                   // of the jobs that are posted now, or null
+    uint64_t m_ullPosted = 0;
 };
 
 #endif

@@ -60,20 +60,19 @@ void CFileChannel::beginListening(BeginFunction done)
 {
     m_bSilent = false;
     m_bCallerEnded = false;
-    if (m_pCaller->m_bStarted || ::access(m_strInPath.c_str(), F_OK) != 0)
+    if (m_pCaller->m_bStarted)
     {
-        m_pCaller->m_bStarted = true;
         m_bSilent =
             !m_pCaller->m_pSaid || (m_pCaller->m_pSaid->isDecoded() && m_nPosition >= m_pCaller->m_pSaid->ready());
         done(true, {});
         return;
     }
-    m_clipStore.load(m_strInPath, 0,
-                     [pCaller = m_pCaller, done = std::move(done)](CClipPtr pClip, const std::string& strError) {
-                         pCaller->m_bStarted = pClip != nullptr;
-                         pCaller->m_pSaid = std::move(pClip);
-                         done(pCaller->m_bStarted, strError);
-                     });
+    m_clipStore.loadIfThere(m_strInPath, 0,
+                            [pCaller = m_pCaller, done = std::move(done)](CClipPtr pClip, const std::string& strError) {
+                                pCaller->m_bStarted = strError.empty();
+                                pCaller->m_pSaid = std::move(pClip);
+                                done(pCaller->m_bStarted, strError);
+                            });
 }
 
 size_t CFileChannel::listen(std::span<uint8_t> samples)

@@ -88,15 +88,16 @@ CClipStore::LoadFunction playWhenLoaded(const std::shared_ptr<CStream>& pStream,
 
 void CRequestHandler::disconnect(CClient& client, const structMICMD&, const CReply& reply)
 {
-    client.m_mapStreamByID.clear();
-    // By then the disk has completed the files of the streams. The answer lets the client go.
-    m_parts.m_disk.post([] {}, [reply] { reply.ok(); });
+    // The files of the streams are complete before the answer, which lets the client go.
+    m_parts.m_disk.afterwards([&client] { client.m_mapStreamByID.clear(); }, [reply] { reply.ok(); });
 }
 
-void CRequestHandler::openFile(CClient&, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::openFile(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
     std::string strName;
-    if (fileNameOf(cmd.openFile.szFileName, strName, reply))
+    if (client.m_mapFileByID.size() >= m_limits.m_nFiles)
+        reply.refuse(fmt::format("the client has {} files open, which is the most", m_limits.m_nFiles));
+    else if (fileNameOf(cmd.openFile.szFileName, strName, reply))
     {
         m_parts.m_clipStore.load(
             strName, 0,
@@ -131,8 +132,13 @@ void CRequestHandler::closeFile(CClient& client, const structMICMD& cmd, const C
     reply.ok();
 }
 
-void CRequestHandler::openStream(CClient&, const structMICMD& cmd, const CReply& reply)
+void CRequestHandler::openStream(CClient& client, const structMICMD& cmd, const CReply& reply)
 {
+    if (client.m_mapStreamByID.size() >= m_limits.m_nStreams)
+    {
+        reply.refuse(fmt::format("the client has {} streams open, which is the most", m_limits.m_nStreams));
+        return;
+    }
     std::string strCallID;
     if (!fieldText(cmd.openStream.szCallID, strCallID))
     {
@@ -175,10 +181,10 @@ void CRequestHandler::closeStream(CClient& client, const structMICMD& cmd, const
 {
     if (streamOf(client, cmd.stream.nStreamID, reply))
     {
-        client.m_mapStreamByID.erase(cmd.stream.nStreamID);
         spdlog::info("client {} closes stream {}", client.connectId(), cmd.stream.nStreamID);
-        // By then the disk has completed the files of the stream.
-        m_parts.m_disk.post([] {}, [reply] { reply.ok(); });
+        // The files of the stream are complete before the answer.
+        m_parts.m_disk.afterwards([&client, nID = cmd.stream.nStreamID] { client.m_mapStreamByID.erase(nID); },
+                                  [reply] { reply.ok(); });
     }
 }
 

@@ -80,8 +80,8 @@ const CRequestHandler::CCommandEntry& CRequestHandler::entryOf(MICMD micmd)
     return pEntry == std::end(COMMANDS) ? UNKNOWN : *pEntry;
 }
 
-CRequestHandler::CRequestHandler(const CParts& parts, CHooks hooks)
-    : m_parts(parts), m_hooks(std::move(hooks)), m_strangers("requests that nobody can be answered")
+CRequestHandler::CRequestHandler(const CParts& parts, CHooks hooks, const CLimits& limits)
+    : m_parts(parts), m_hooks(std::move(hooks)), m_limits(limits), m_strangers("requests that nobody can be answered")
 {
 }
 

@@ -68,7 +68,15 @@ public:
         std::function<void()> m_die;
     };
 
-    CRequestHandler(const CParts& parts, CHooks hooks);
+    // What one client may have open at a time.
+    struct CLimits
+    {
+        size_t m_nStreams = 10000;
+        size_t m_nFiles = 10000;
+    };
+
+    CRequestHandler(const CParts& parts, CHooks hooks, const CLimits& limits);
+    CRequestHandler(const CParts& parts, CHooks hooks) : CRequestHandler(parts, std::move(hooks), CLimits()) {}
 
     // Carries out a request and answers it, after the client's earlier ones. What cannot be answered,
     // because it comes from no known client, is logged and dropped. Any content is acceptable; nothing is
@@ -130,6 +138,7 @@ private:
 
     const CParts m_parts;
     const CHooks m_hooks;
+    const CLimits m_limits;
     bool m_bFrozen = false;
     std::deque<CClient::CRequest> m_connects; // came while it was frozen
     uint64_t m_ullNextTicket = 1;

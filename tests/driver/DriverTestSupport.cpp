@@ -246,7 +246,8 @@ void CManualExecutor::runAll()
 
 CDriverInMemory::CDriverInMemory() : CDriverInMemory(m_inline, m_inline, {.m_bRealTime = false}) {}
 
-CDriverInMemory::CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChannelOptions options)
+CDriverInMemory::CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChannelOptions options,
+                                 const CRequestHandler::CLimits& limits)
     : m_disk(disk), m_clipStore(loader),
       m_channels(m_clipStore, disk, {m_folder.folder(), options.m_bRealTime, options.m_bSilenceAfterCaller}),
       m_handler({m_registry, m_outbox, m_clipStore, m_channels, m_opener, m_mediaClock, disk, m_faults, m_statistics},
@@ -254,7 +255,8 @@ CDriverInMemory::CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChanne
                      m_vHooks.push_back(time ? "freeze " + std::to_string(time->count()) : "freeze");
                      m_handler.freeze(true);
                  },
-                 [this] { m_vHooks.push_back("die"); }})
+                 [this] { m_vHooks.push_back("die"); }},
+                limits)
 {
     if (&disk == &m_inline)
         m_nConnectID = connect(100);

@@ -150,7 +150,8 @@ class CDriverInMemory
 {
 public:
     CDriverInMemory();
-    CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChannelOptions options = {});
+    CDriverInMemory(CExecutor& loader, CExecutor& disk, CFileChannelOptions options = {},
+                    const CRequestHandler::CLimits& limits = {10000, 10000});
     ~CDriverInMemory();
 
     // Connects the process and returns its connect id, 0 when it got none.

@@ -51,14 +51,20 @@ TEST(Options, HaveDefaults)
     EXPECT_EQ(options.m_strLogFile, "");
     EXPECT_EQ(options.m_eLogLevel, spdlog::level::info);
     EXPECT_EQ(options.m_eLogFormat, ELogFormat::Text);
+    EXPECT_EQ(options.m_eLinks, ELinks::Trusted);
+    EXPECT_EQ(options.m_nMaxStreams, 10000U);
+    EXPECT_EQ(options.m_nMaxFiles, 10000U);
+    EXPECT_EQ(options.m_nClipMegabytes, 1024U);
     EXPECT_FALSE(options.m_bCtl);
 }
 
 TEST(Options, AreTakenFromTheCommandLine)
 {
     COptions options;
-    EXPECT_EQ(parse({"--audio", "/tmp", "--speed=max", "--log", "a.log", "--log-level", "debug", "--log-format", "json",
-                     "--channels", "/dev/null", "--caller-end", "silence", "--control", "/tmp/c"},
+    EXPECT_EQ(parse({"--audio", "/tmp",         "--speed=max", "--log",         "a.log",     "--log-level",
+                     "debug",   "--log-format", "json",        "--channels",    "/dev/null", "--caller-end",
+                     "silence", "--control",    "/tmp/c",      "--links",       "all",       "--max-streams",
+                     "3",       "--max-files",  "4",           "--clip-memory", "5"},
                     options),
               std::nullopt);
     EXPECT_EQ(options.m_strAudioFolder, "/tmp");
@@ -69,6 +75,10 @@ TEST(Options, AreTakenFromTheCommandLine)
     EXPECT_EQ(options.m_strChannelsFile, "/dev/null");
     EXPECT_TRUE(options.m_bSilenceAfterCaller);
     EXPECT_EQ(options.m_strControlPath, "/tmp/c");
+    EXPECT_EQ(options.m_eLinks, ELinks::All);
+    EXPECT_EQ(options.m_nMaxStreams, 3U);
+    EXPECT_EQ(options.m_nMaxFiles, 4U);
+    EXPECT_EQ(options.m_nClipMegabytes, 5U);
 }
 
 TEST(Options, FaultRulesAreKeptAsTheyAre)
@@ -81,6 +91,9 @@ TEST(Options, FaultRulesAreKeptAsTheyAre)
 TEST(Options, AFaultRuleDoesNotTakeTheSubcommandAlong)
 {
     COptions options;
+    expectMistake({"--links", "some"}, "--links");
+    expectMistake({"--max-files", "0"}, "--max-files");
+    expectMistake({"--clip-memory", "x"}, "--clip-memory");
     expectMistake({"--fault", "do=die", "word"}, "word");
 }
 

@@ -319,3 +319,53 @@ TEST_F(Commands, NothingIsMovedUnlessItPlaysOrRecords)
     EXPECT_TRUE(m_driver.recordFile(m_nStreamID, m_driver.path("msg.wav"), 160));
     EXPECT_TRUE(m_driver.m_mediaClock.hasFast());
 }
+
+// A client may have two streams and two files open.
+class CommandsWithinLimits : public testing::Test
+{
+protected:
+    CommandsWithinLimits()
+    {
+        m_driver.m_nConnectID = m_driver.connect(100);
+        writeULaw(m_driver.path("clip.wav"), SF_FORMAT_WAV, noise(100));
+    }
+
+    int openFile() { return m_driver.openFile(m_driver.path("clip.wav")); }
+
+    CInlineExecutor m_inline;
+    CDriverInMemory m_driver{m_inline, m_inline, {.m_bRealTime = false}, {2, 2}};
+};
+
+TEST_F(CommandsWithinLimits, FurtherStreamsAreRefusedUntilOneIsClosed)
+{
+    const int nFirst = m_driver.openStream("call", 1);
+    EXPECT_NE(nFirst, 0);
+    EXPECT_NE(m_driver.openStream("call", 2), 0);
+    EXPECT_EQ(m_driver.openStream("call", 3), 0);
+    EXPECT_THAT(m_driver.m_log.text(), HasSubstr("the client has 2 streams open, which is the most"));
+    EXPECT_TRUE(isSuccess(m_driver.streamRequest(MICMD_CLOSESTREAM, nFirst)));
+    EXPECT_NE(m_driver.openStream("call", 3), 0);
+}
+
+TEST_F(CommandsWithinLimits, FurtherFilesAreRefusedUntilOneIsClosed)
+{
+    const int nFirst = openFile();
+    EXPECT_NE(nFirst, 0);
+    EXPECT_NE(openFile(), 0);
+    EXPECT_EQ(openFile(), 0);
+    EXPECT_THAT(m_driver.m_log.text(), HasSubstr("the client has 2 files open, which is the most"));
+    structMICMD cmd = command(MICMD_CLOSEFILE, m_driver.m_nConnectID, 900);
+    cmd.closeFile.nFileID = nFirst;
+    EXPECT_TRUE(isSuccess(m_driver.request(cmd)));
+    EXPECT_NE(openFile(), 0);
+}
+
+TEST_F(CommandsWithinLimits, OtherClientsHaveTheirOwn)
+{
+    EXPECT_NE(openFile(), 0);
+    EXPECT_NE(openFile(), 0);
+    m_driver.m_nConnectID = m_driver.connect(200);
+    structMICMD cmd = command(MICMD_OPENFILE, m_driver.m_nConnectID, 900);
+    setText(cmd.openFile.szFileName, m_driver.path("clip.wav"));
+    EXPECT_EQ(m_driver.request(cmd, 200).s_mirsp, MIRSP_OPENFILE);
+}

@@ -325,6 +325,7 @@ TEST_F(StreamAsync, ClosedWhileItsRecordingFileIsOpenedLeavesNothingOpen)
     const size_t nDescriptors = openDescriptors();
     auto pStream = Open();
     beginRecord(*pStream, "msg.wav");
+    m_loader.runAll();
     pStream.reset();
     runBoth();
     EXPECT_THAT(m_vOrder, IsEmpty());

@@ -83,3 +83,22 @@ TEST_F(StreamMemory, IsShortAtTheStartOfARecording)
         expectCancelIsAnswered(*pStream);
     }
 }
+
+TEST_F(StreamMemory, IsShortWhileTheFileIsOpened)
+{
+    callerSays(noise(8000));
+    const auto pStream = open();
+    for (CAttempts attempts(Failing::Once); attempts.next();)
+    {
+        m_nStarted = m_nRefused = 0;
+        startRecord(*pStream);
+        attempts.run([&] {
+            runAll();
+            return 0;
+        });
+        runAll();
+        EXPECT_EQ(m_nStarted + m_nRefused, 1) << "at allocation " << attempts.nth();
+        EXPECT_TRUE(attempts.failed() || m_nStarted == 1);
+        expectCancelIsAnswered(*pStream);
+    }
+}
