@@ -1,4 +1,5 @@
 // The moving part of the tick allocates nothing and takes no lock: both are counted in this program.
+#include "../support/AllocationHooks.h"
 #include "NullChannel.h"
 #include "RtpChannel.h"
 #include "RtpTestSupport.h"
@@ -9,12 +10,6 @@
 
 #include <cstdlib>
 
-#if defined(ZELMEDIA_ASAN) || defined(ZELMEDIA_TSAN)
-#define TICK_IS_COUNTED 0
-#else
-#define TICK_IS_COUNTED 1
-#endif
-
 namespace
 {
 thread_local bool t_bCounts = false;
@@ -22,32 +17,15 @@ thread_local int t_nAllocations = 0;
 thread_local int t_nLocks = 0;
 } // namespace
 
-#if TICK_IS_COUNTED
-// These stand before the C library's for the whole process, its libraries included.
+#if ALLOCATIONS_ARE_HOOKED
 extern "C"
 {
-    void* __libc_malloc(size_t nBytes);
-    void* __libc_calloc(size_t nCount, size_t nBytes);
-    void* __libc_realloc(void* p, size_t nBytes);
-
-    void* malloc(size_t nBytes)
+    void allocationCounts(void*, int nSign)
     {
-        t_nAllocations += t_bCounts ? 1 : 0;
-        return __libc_malloc(nBytes);
+        t_nAllocations += t_bCounts && nSign > 0 ? 1 : 0;
     }
 
-    void* calloc(size_t nCount, size_t nBytes)
-    {
-        t_nAllocations += t_bCounts ? 1 : 0;
-        return __libc_calloc(nCount, nBytes);
-    }
-
-    void* realloc(void* p, size_t nBytes)
-    {
-        t_nAllocations += t_bCounts ? 1 : 0;
-        return __libc_realloc(p, nBytes);
-    }
-
+    // Stands before the C library's.
     int pthread_mutex_lock(pthread_mutex_t* pMutex)
     {
         using Function = int (*)(pthread_mutex_t*);
@@ -89,7 +67,7 @@ protected:
     void SetUp() override
     {
         t_nAllocations = t_nLocks = 0;
-        if (!TICK_IS_COUNTED)
+        if (!ALLOCATIONS_ARE_HOOKED)
             GTEST_SKIP() << "sanitizers have the C library's functions for themselves";
     }
 

@@ -1,4 +1,5 @@
 #include "FailingAllocations.h"
+#include "AllocationHooks.h"
 
 #include <atomic>
 #include <cerrno>
@@ -7,14 +8,8 @@
 #include <new>
 #include <sys/prctl.h>
 
-#if !defined(ZELMEDIA_ASAN) && !defined(ZELMEDIA_TSAN)
-#define REPLACES_MALLOC
-extern "C"
-{
-    void* __libc_malloc(size_t);
-    void* __libc_calloc(size_t, size_t);
-    void* __libc_realloc(void*, size_t);
-}
+#if ALLOCATIONS_ARE_HOOKED
+extern "C" void* __libc_malloc(size_t);
 #endif
 
 namespace
@@ -67,7 +62,7 @@ bool failsInLibrary()
 // Without being asked again whether it fails.
 void* memory(size_t nBytes)
 {
-#ifdef REPLACES_MALLOC
+#if ALLOCATIONS_ARE_HOOKED
     return __libc_malloc(nBytes);
 #else
     return malloc(nBytes);
@@ -239,23 +234,8 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept
     release(p);
 }
 
-#ifdef REPLACES_MALLOC
 // What the system's own libraries allocate on the library's behalf.
-extern "C"
+bool allocationFails()
 {
-    void* malloc(size_t nBytes) noexcept
-    {
-        return failsInLibrary() ? nullptr : __libc_malloc(nBytes);
-    }
-
-    void* calloc(size_t nMembers, size_t nBytes) noexcept
-    {
-        return failsInLibrary() ? nullptr : __libc_calloc(nMembers, nBytes);
-    }
-
-    void* realloc(void* p, size_t nBytes) noexcept
-    {
-        return failsInLibrary() ? nullptr : __libc_realloc(p, nBytes);
-    }
+    return failsInLibrary();
 }
-#endif
