@@ -1,7 +1,9 @@
 // The exchange of a request and its response when the driver answers late, wrongly or never.
 #include "SystemFixture.h"
 
+#include <atomic>
 #include <future>
+#include <sys/ioctl.h>
 
 namespace
 {
@@ -25,6 +27,16 @@ std::string triedLine(int nTries, uint32_t nSequenceNo, const char* pszResponse)
 class Exchange : public CSystemTest
 {
 protected:
+    // Requests that the driver has not read yet.
+    static int bytesInRequestPipe()
+    {
+        int nBytes = -1;
+        const int nPipe = ::open(MI_REQUEST_PIPE, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        ioctl(nPipe, FIONREAD, &nBytes);
+        close(nPipe);
+        return nBytes;
+    }
+
     // Answers a command after nLate answers to a request of long ago.
     void answerAfterLateOnes(MICMD micmd, int nLate, bool bAnswer = true)
     {
@@ -181,9 +193,15 @@ TEST_F(Exchange, OtherThreadsRequestWaitsForItsTurnAndIsAnswered)
     m_driver.ignore(MICMD_PLAYFILE);
     auto first = std::async(std::launch::async, [&] { return play(pFirst, "/p/1.wav"); });
     const structMICMD unanswered = m_driver.waitRequest(MICMD_PLAYFILE);
-    auto second = std::async(std::launch::async, [&] { return pSecond->recordGetStatus(); });
+    std::atomic<pid_t> nSecond{0};
+    auto second = std::async(std::launch::async, [&] {
+        nSecond = gettid();
+        return pSecond->recordGetStatus();
+    });
     ASSERT_TRUE(m_pLog->waitFor("cmd MICMD_RECORDGETSTATUS"));
-    EXPECT_FALSE(m_driver.waitCount(MICMD_RECORDGETSTATUS, 1, milliseconds(100)));
+    ASSERT_TRUE(waitUntil([&] { return taskLine(nSecond, "status", "State:\t").starts_with("S"); }));
+    EXPECT_EQ(0, bytesInRequestPipe());
+    EXPECT_EQ(0u, m_driver.count(MICMD_RECORDGETSTATUS));
     m_driver.accept(unanswered);
     EXPECT_EQ(MCS_OK, first.get());
     EXPECT_EQ(1, second.get());
