@@ -1,5 +1,6 @@
 // How many channels the reference driver serves on one core: lateness of the media tick, processor time
 // per channel, memory per idle channel. Prints a table and writes it as JSON.
+#include "Places.h"
 #include "ProgramSupport.h"
 
 #include <nlohmann/json.hpp>
@@ -175,7 +176,7 @@ public:
     Json statistics() const
     {
         const std::string strCommand =
-            ZELMEDIA_DRIVER_PROGRAM + std::string(" ctl --control ") + SOCKET + " stats > /tmp/scale-stats.json";
+            REFERENCE_DRIVER_PROGRAM + std::string(" ctl --control ") + SOCKET + " stats > /tmp/scale-stats.json";
         require(std::system(strCommand.c_str()) == 0, "the driver does not tell its statistics");
         std::ifstream file("/tmp/scale-stats.json");
         return Json::parse(file).at("stats");

@@ -4,6 +4,9 @@ set(print_multiarch ${CMAKE_CXX_COMPILER} ${CMAKE_CXX_COMPILER_ARG1})
 if(ZELMEDIA_M32)
   list(APPEND print_multiarch -m32)
 endif()
+if(CMAKE_CXX_COMPILER_TARGET)
+  list(APPEND print_multiarch --target=${CMAKE_CXX_COMPILER_TARGET})
+endif()
 execute_process(COMMAND ${print_multiarch} -print-multiarch OUTPUT_VARIABLE ZELMEDIA_MULTIARCH
   ERROR_QUIET OUTPUT_STRIP_TRAILING_WHITESPACE)
 

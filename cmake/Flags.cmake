@@ -40,7 +40,8 @@ endif()
 set(ZELMEDIA_WARNINGS
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
   -Woverloaded-virtual -Wnull-dereference -Wconversion -Wdouble-promotion -Wformat=2 -Wno-format-nonliteral
-  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # gcc 12 finds overlaps in std::string where there are none
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>  # gcc 12 finds overlaps in std::string where there are none
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-psabi>) # 32-bit ARM: what gcc 6 did is told of each std::map
 # Left out: -Wuseless-cast, as types that are the same in one width differ in the other; -Wswitch-enum and
 # -Wswitch-default, as a default is meant where it stands, and -Wall tells of values without one.
 set(ZELMEDIA_PRODUCT_WARNINGS

@@ -1,7 +1,7 @@
 # What is installed and where, and the Debian packages made of it: scripts/build-packages.
 #
-# Each component is a package. The 32-bit build has the libraries only: driver, tools and documents are those
-# of the 64-bit one, and of a build without driver or tools there is no package of them.
+# Each component is a package. The 32-bit and cross builds have the libraries only: driver, tools and documents are those
+# of the native one, and of a build without driver or tools there is no package of them.
 if(ZELMEDIA_SANITIZE OR ZELMEDIA_COVERAGE OR ZELMEDIA_FUZZ)
   return()
 endif()
@@ -10,7 +10,7 @@ include(CMakePackageConfigHelpers)
 set(PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
 set(STAGE ${CMAKE_BINARY_DIR}/packaging) # files that are made here
 set(COMPONENTS libzelmedia1 libzelmedia-dev)
-if(NOT ZELMEDIA_M32)
+if(NOT ZELMEDIA_M32 AND NOT CMAKE_CROSSCOMPILING)
   list(APPEND COMPONENTS zelmedia-doc)
   foreach(program zelmedia-tools=zelmedia zelmedia-driver=zelmedia-driver)
     string(REGEX MATCH "(.*)=(.*)" program ${program})
@@ -66,7 +66,7 @@ endif()
 configure_file(cmake/zelmedia.pc.in ${STAGE}/zelmedia.pc @ONLY)
 install(FILES ${STAGE}/zelmedia.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT libzelmedia-dev)
 
-if(NOT ZELMEDIA_M32)
+if(NOT ZELMEDIA_M32 AND NOT CMAKE_CROSSCOMPILING)
   include(${CMAKE_CURRENT_LIST_DIR}/InstallPrograms.cmake)
 endif()
 

@@ -24,11 +24,15 @@ function(zelmedia_test_headers NAME)
   target_precompile_headers(${NAME} PRIVATE ${ARGN})
 endfunction()
 
-# zelmedia_test(NAME SOURCE... [HEADERS TARGET] [LIBS TARGET...]): a GoogleTest program of which every test case runs
-# in a process and a /tmp of its own. Its files are compiled several at once, but for coverage, which shows
+# zelmedia_test(NAME SOURCE... [HEADERS TARGET] [LIBS TARGET...] [ONE_THREAD SOURCE...]): a GoogleTest program of which
+# every test case runs in a process and a /tmp of its own. The thread sanitizer is not asked about sources that are named
+# again behind ONE_THREAD. Its files are compiled several at once, but for coverage, which shows
 # that each of them stands on its own.
 function(zelmedia_test NAME)
-  cmake_parse_arguments(ARG "" "HEADERS" "LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "HEADERS" "LIBS;ONE_THREAD" ${ARGN})
+  if(ZELMEDIA_SANITIZE STREQUAL thread)
+    list(REMOVE_ITEM ARG_UNPARSED_ARGUMENTS ${ARG_ONE_THREAD})
+  endif()
   add_executable(${NAME} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${NAME} PRIVATE zelmedia_warnings ${ARG_LIBS} GTest::gmock_main)
   if(NOT ARG_HEADERS)
@@ -44,6 +48,22 @@ function(zelmedia_test NAME)
     CROSSCOMPILING_EMULATOR "${ZELMEDIA_PRIVATE_TMP};${CMAKE_CROSSCOMPILING_EMULATOR}")
   add_dependencies(${NAME} private_tmp)
   gtest_discover_tests(${NAME} TEST_PREFIX "${NAME}." DISCOVERY_TIMEOUT 60)
+endfunction()
+
+# zelmedia_places(TARGET NAME PLACE...): gives tests/support/Places.h its values, in a file of their own: definitions
+# with names of folders would keep all files from being found in the compiler cache of another clone.
+function(zelmedia_places TARGET)
+  set(content "#include \"${PROJECT_SOURCE_DIR}/tests/support/Places.h\"\n")
+  set(arguments ${ARGN})
+  while(arguments)
+    list(POP_FRONT arguments name place)
+    string(APPEND content "const char* const ${name} = \"${place}\";\n")
+  endwhile()
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/${TARGET}Places.cpp)
+  file(GENERATE OUTPUT ${source} CONTENT "${content}")
+  target_sources(${TARGET} PRIVATE ${source})
+  target_include_directories(${TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
+  set_source_files_properties(${source} PROPERTIES SKIP_PRECOMPILE_HEADERS ON SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()
 
 # zelmedia_wrap_platform(TARGET): puts tests/support/PlatformSeams.cpp between the library's objects

@@ -3,6 +3,7 @@
 #define GSTREAMER_PEER_H
 
 #include "G711.h"
+#include "Places.h"
 #include "RtpTestSupport.h"
 
 #include <fcntl.h>
@@ -29,7 +30,7 @@ inline CBytes readFile(const std::string& strPath)
 // Part of the phrases that the tests play and record.
 inline CBytes speech(size_t nSize)
 {
-    CBytes speech = readFile(ZELMEDIA_ASSETS "/phrases.ul");
+    CBytes speech = readFile(std::string(ASSETS) + "/phrases.ul");
     EXPECT_GE(speech.size(), nSize);
     speech.resize(nSize);
     return speech;

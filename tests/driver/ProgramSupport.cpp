@@ -1,5 +1,6 @@
 // The driver as a program, bare clients on real FIFOs, and child processes for them to live in.
 #include "ProgramSupport.h"
+#include "Places.h"
 
 #include "DriverTestSupport.h"
 
@@ -41,7 +42,7 @@ CDriverProgram::CDriverProgram(const std::vector<std::string>& vArguments)
     int anErr[2];
     if (::pipe2(anOut, O_CLOEXEC) != 0 || ::pipe2(anErr, O_CLOEXEC) != 0)
         return;
-    std::string strProgram = ZELMEDIA_DRIVER_PROGRAM;
+    std::string strProgram = REFERENCE_DRIVER_PROGRAM;
     std::vector<std::string> vCopies = vArguments;
     std::vector<char*> vPointers = {strProgram.data()};
     for (std::string& strArgument : vCopies)

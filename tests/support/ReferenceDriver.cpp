@@ -1,4 +1,5 @@
 #include "ReferenceDriver.h"
+#include "Places.h"
 
 #include <csignal>
 #include <fcntl.h>

@@ -1,5 +1,6 @@
 // The subcommand clean of zelmedia removes what ended processes left, and nothing else.
 #include "MachineFixture.h"
+#include "Places.h"
 #include "ReferenceDriver.h"
 #include "ZelMediaServices.h"
 #include "base/Tool.h"
@@ -145,7 +146,7 @@ TEST(Clean, RemovesWhatAForerunnerOfALivingProcessLeft)
     if (shell(strUnshare + "true 2> /dev/null") != 0)
         GTEST_SKIP() << "no process namespaces here";
     EXPECT_TRUE(waitUntil([&strUnshare] {
-        EXPECT_EQ(shell(strUnshare + "sh -c '" ZELMEDIA_PROGRAM " clean --process-id $$ > /tmp/out; true'"), 0);
+        EXPECT_EQ(shell(strUnshare + "sh -c '" + ZELMEDIA_PROGRAM + " clean --process-id $$ > /tmp/out; true'"), 0);
         return clientPipes().empty();
     }));
     EXPECT_THAT(readFile("/tmp/out"), HasSubstr(pipePath("Evt", 1) + ": process 1, sh, is not its owner"));
@@ -156,9 +157,9 @@ TEST(Clean, TellsWhatItMayNotRemove)
     const pid_t nEnded = endedProcess();
     makePipes(nEnded);
     const std::string strOther = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
-    if (shell(strOther + ZELMEDIA_PROGRAM " --version > /dev/null 2>&1") != 0)
+    if (shell(strOther + ZELMEDIA_PROGRAM + " --version > /dev/null 2>&1") != 0)
         GTEST_SKIP() << "no other user here";
-    EXPECT_EQ(shell(strOther + ZELMEDIA_PROGRAM " clean > /tmp/out 2> /tmp/err"), 1);
+    EXPECT_EQ(shell(strOther + ZELMEDIA_PROGRAM + " clean > /tmp/out 2> /tmp/err"), 1);
     EXPECT_THAT(readFile("/tmp/err"),
                 HasSubstr("zelmedia: cannot remove " + pipePath("Rsp", nEnded) + ": Operation not permitted\n"));
     EXPECT_THAT(clientPipes(), SizeIs(2));

@@ -1,4 +1,5 @@
 // Shells complete command lines of zelmedia: bash, and zsh and fish where they are installed.
+#include "Places.h"
 #include "ToolRun.h"
 
 #include <gmock/gmock.h>

@@ -1,4 +1,5 @@
 // The subcommand explain of zelmedia knows every status of the public header.
+#include "Places.h"
 #include "ToolRun.h"
 #include "explain/StatusTable.h"
 

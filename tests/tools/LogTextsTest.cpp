@@ -1,5 +1,6 @@
 // The table of the log's texts is what the library writes.
 #include "log/LogTexts.h"
+#include "Places.h"
 
 #include <gmock/gmock.h>
 

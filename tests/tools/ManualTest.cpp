@@ -1,5 +1,6 @@
 // The man page of zelmedia describes the commands and options that there are, and no other ones.
 #include "Commands.h"
+#include "Places.h"
 #include "base/Tool.h"
 
 #include <gtest/gtest.h>

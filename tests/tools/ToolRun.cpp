@@ -1,5 +1,6 @@
 // CToolRun: the command zelmedia as a child process, as a user types it.
 #include "ToolRun.h"
+#include "Places.h"
 
 #include "SampleFiles.h"
 #include "WaitUntil.h"

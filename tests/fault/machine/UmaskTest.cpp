@@ -1,4 +1,5 @@
 // The modes of everything that library and driver make, for every usual umask, and who can then connect.
+#include "Places.h"
 #include "WithDriver.h"
 
 namespace

@@ -3,6 +3,7 @@
 #define WITH_DRIVER_H
 
 #include "Machine.h"
+#include "Places.h"
 #include "ReferenceDriver.h"
 
 const char SHORT_FILE[] = "/tmp/short.ul"; // 20 ms

@@ -1,5 +1,6 @@
 #include "Lives.h"
 #include "Application.h"
+#include "Places.h"
 #include "ResponseBudget.h"
 #include "WaitUntil.h"
 

@@ -6,6 +6,7 @@
 #include "HeapGauge.h"
 #include "Load.h"
 #include "OrvLogLib.h"
+#include "Places.h"
 #include "RandomRun.h"
 #include "ReferenceDriver.h"
 #include "Usage.h"
@@ -161,7 +162,7 @@ private:
     {
         std::vector<std::string> vWords;
         if (MEMORY_TELLS)
-            vWords.emplace_back("LD_PRELOAD=" HEAP_GAUGE);
+            vWords.push_back(std::string("LD_PRELOAD=") + HEAP_GAUGE);
         for (const char* const pszWord : {REFERENCE_DRIVER_PROGRAM, "--channels", "/tmp/channels.json", "--log",
                                           "/tmp/driver.log", "--log-level", "error"})
             vWords.emplace_back(pszWord);
