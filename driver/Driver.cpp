@@ -48,7 +48,8 @@ bool CDriver::open(std::string& strError)
             return false;
         table = std::move(*loaded);
     }
-    m_pChannels = std::make_unique<CTableChannelFactory>(std::move(table), m_rtpPorts, m_fileChannels);
+    m_pTableChannels = std::make_unique<CTableChannelFactory>(std::move(table), m_rtpPorts, m_fileChannels);
+    m_pChannels = std::make_unique<CCallChannelFactory>(*m_pTableChannels);
     m_pHandler = std::make_unique<CRequestHandler>(
         CRequestHandler::CParts{m_registry, m_outbox, m_clipStore, *m_pChannels, m_opener, m_mediaClock, m_disk,
                                 m_faults, m_statistics},
@@ -56,8 +57,8 @@ bool CDriver::open(std::string& strError)
         CRequestHandler::CLimits{m_options.m_nMaxStreams, m_options.m_nMaxFiles});
 
     return addFaults(strError) && m_poller.create(strError) && m_loop.create(strError) &&
-           m_requestPipe.open(strError) && openControl(strError) && m_loader.start("loader", strError) &&
-           m_disk.start("disk", strError) &&
+           m_requestPipe.open(strError) && openControl(strError) && openCalls(strError) &&
+           m_loader.start("loader", strError) && m_disk.start("disk", strError) &&
            m_loop.addInput(
                m_requestPipe.fd(), [this] { takeRequests(); }, strError) &&
            m_loop.addInput(
@@ -79,6 +80,22 @@ bool CDriver::addFaults(std::string& strError)
         }
     }
     return true;
+}
+
+bool CDriver::openCalls(std::string& strError)
+{
+    if (m_options.m_strCallsPath.empty())
+        return true;
+    m_pCalls = std::make_unique<CCallServer>(
+        CCallServer::CParts{
+            m_rtpPorts, &m_poller, m_clock,
+            [this](const std::string& strCallID, std::optional<uint32_t> nLegID) { return hangUp(strCallID, nLegID); }},
+        CCallServer::CSettings{m_options.m_strCallsPath,
+                               CNetAddress::parseHost(m_options.m_strRtpAddress).value_or(CNetAddress()),
+                               m_options.m_nFirstRtpPort, m_options.m_nLastRtpPort});
+    m_pChannels->setCalls(m_pCalls.get());
+    return m_pCalls->open(strError) && m_loop.addInput(
+                                           m_pCalls->descriptor(), [this] { m_pCalls->onReadable(); }, strError);
 }
 
 bool CDriver::openControl(std::string& strError)
@@ -136,6 +153,8 @@ void CDriver::endTurn()
 void CDriver::everySecond()
 {
     m_registry.dropDead();
+    if (m_pCalls && !m_loop.isFrozen())
+        m_pCalls->dropLost();
     m_rubbishLog.reportLeftOut();
     m_pHandler->reportLeftOut();
 }

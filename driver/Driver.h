@@ -2,6 +2,7 @@
 #ifndef DRIVER_DRIVER_H
 #define DRIVER_DRIVER_H
 
+#include "CallServer.h"
 #include "ChannelTable.h"
 #include "ClientPipes.h"
 #include "ClientRegistry.h"
@@ -53,6 +54,7 @@ private:
 
     bool addFaults(std::string& strError);
     bool openControl(std::string& strError);
+    bool openCalls(std::string& strError);
     void takeRequests();
     void endTurn();
     void everySecond();
@@ -71,7 +73,8 @@ private:
     CClipStore m_clipStore{m_loader, m_options.m_nClipMegabytes << 20};
     CRtpPorts m_rtpPorts;
     CFileChannelFactory m_fileChannels;
-    std::unique_ptr<CTableChannelFactory> m_pChannels;
+    std::unique_ptr<CTableChannelFactory> m_pTableChannels;
+    std::unique_ptr<CCallChannelFactory> m_pChannels;
 
     CClientRegistry m_registry{m_statistics};
     COutbox m_outbox{m_registry, m_faults, m_timers, m_statistics};
@@ -82,6 +85,7 @@ private:
 
     CControlRequests m_controlRequests{*this};
     std::unique_ptr<CControlSocket> m_pControlSocket;
+    std::unique_ptr<CCallServer> m_pCalls; // null without a call socket
     bool m_bDie = false;
 };
 

@@ -1,8 +1,11 @@
 // The command line of the driver.
 #include "Options.h"
 
+#include "NetAddress.h"
+
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <map>
 #include <memory>
 
@@ -90,6 +93,7 @@ struct CChoices
     std::string m_strLogFormat = "text";
     std::string m_strLogLevel = "info";
     std::string m_strLinks = "trusted";
+    std::string m_strRtpPorts = "20000-29999";
 };
 
 void addServeOptions(CLI::App& app, COptions& options, CChoices& choices)
@@ -124,6 +128,18 @@ void addServeOptions(CLI::App& app, COptions& options, CChoices& choices)
                    "memory for all files that are open or play; default: 1024")
         ->type_name("MIB")
         ->check(CLI::Range(size_t{1}, size_t{1000000}).description(""));
+    app.add_option("--calls", options.m_strCallsPath,
+                   "socket on which programs make the media of calls, or none; default: /tmp/zelmedia-calls.sock")
+        ->type_name("PATH");
+    app.add_option("--rtp-address", options.m_strRtpAddress, "where calls receive media; default: 127.0.0.1")
+        ->type_name("ADDRESS")
+        ->check(CLI::Validator(
+            [](const std::string& strText) {
+                return CNetAddress::parseHost(strText) ? std::string() : "not an address in numbers: " + strText;
+            },
+            ""));
+    app.add_option("--rtp-ports", choices.m_strRtpPorts, "the ports of calls; default: 20000-29999")
+        ->type_name("FROM-TO");
     app.add_option("--fault", options.m_vstrFaults, "misbehave like this, for tests of clients; may be repeated")
         ->type_name("RULE")
         ->allow_extra_args(false);
@@ -161,6 +177,28 @@ void takeCtlWords(const CLI::App& ctl, COptions& options)
     }
 }
 
+void takeCallsPath(COptions& options)
+{
+    if (options.m_strCallsPath == "none")
+        options.m_strCallsPath.clear();
+    else if (options.m_strCallsPath.empty())
+        throw CLI::ValidationError("--calls", "the path is empty");
+}
+
+// A call takes an even port and the one above it.
+void takeRtpPorts(const std::string& strText, COptions& options)
+{
+    const char* pEnd = strText.data() + strText.size();
+    const auto first = std::from_chars(strText.data(), pEnd, options.m_nFirstRtpPort);
+    const bool bDash = first.ec == std::errc() && first.ptr != pEnd && *first.ptr == '-';
+    const auto last = std::from_chars(bDash ? first.ptr + 1 : pEnd, pEnd, options.m_nLastRtpPort);
+    const int nFirstEven = options.m_nFirstRtpPort + options.m_nFirstRtpPort % 2;
+    if (!bDash || last.ec != std::errc() || last.ptr != pEnd || options.m_nFirstRtpPort == 0 ||
+        options.m_nLastRtpPort <= nFirstEven)
+        throw CLI::ValidationError("--rtp-ports",
+                                   "not two port numbers such as 20000-29999, the first even: " + strText);
+}
+
 void takeControlPath(COptions& options)
 {
     if (options.m_strControlPath == "none")
@@ -194,6 +232,8 @@ std::optional<int> parseOptions(int nArguments, const char* const* ppArguments, 
         app.parse(nArguments, ppArguments);
         takeCtlWords(*pCtl, options);
         takeControlPath(options);
+        takeCallsPath(options);
+        takeRtpPorts(choices.m_strRtpPorts, options);
     }
     catch (const CLI::ParseError& error)
     {

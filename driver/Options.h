@@ -6,6 +6,7 @@
 
 #include <spdlog/common.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,6 +35,10 @@ struct COptions
     size_t m_nClipMegabytes = 1024;     // all files in memory
     std::vector<std::string> m_vstrFaults;
     std::string m_strControlPath = "/tmp/zelmedia-driver.sock"; // empty: no control socket
+    std::string m_strCallsPath = "/tmp/zelmedia-calls.sock";    // empty: no call socket
+    std::string m_strRtpAddress = "127.0.0.1";                  // where the media of calls is received,
+    uint16_t m_nFirstRtpPort = 20000;                           // at these ports
+    uint16_t m_nLastRtpPort = 29999;
     std::string m_strLogFile;                                   // empty: stderr
     spdlog::level::level_enum m_eLogLevel = spdlog::level::info;
     ELogFormat m_eLogFormat = ELogFormat::Text;

@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <system_error>
-
 std::string printable(std::string_view text)
 {
     std::string strResult;
@@ -14,9 +12,4 @@ std::string printable(std::string_view text)
         else
             strResult += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
     return strResult;
-}
-
-std::string errnoText(int nErrno)
-{
-    return std::generic_category().message(nErrno);
 }

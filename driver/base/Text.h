@@ -2,6 +2,8 @@
 #ifndef DRIVER_TEXT_H
 #define DRIVER_TEXT_H
 
+#include "JsonText.h" // errnoText
+
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -24,8 +26,5 @@ template <size_t nSize> bool fieldText(const char (&szField)[nSize], std::string
 
 // The same text with every byte that could disturb a log line written as \xNN.
 std::string printable(std::string_view text);
-
-// The text of an errno value.
-std::string errnoText(int nErrno);
 
 #endif

@@ -46,6 +46,12 @@ std::optional<CNetAddress> CNetAddress::parse(const std::string& strText)
     return ::inet_pton(AF_INET, strHost.c_str(), &address.m_ip4.sin_addr) == 1 ? std::optional(address) : std::nullopt;
 }
 
+std::optional<CNetAddress> CNetAddress::parseHost(const std::string& strText)
+{
+    const bool bIPv6 = strText.find(':') != std::string::npos;
+    return parse(bIPv6 ? "[" + strText + "]:0" : strText + ":0");
+}
+
 std::string CNetAddress::text() const
 {
     std::array<char, INET6_ADDRSTRLEN> szHost{};

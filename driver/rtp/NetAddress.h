@@ -25,6 +25,9 @@ public:
     static std::optional<CNetAddress> parse(const std::string& strText);
     std::string text() const;
 
+    // "192.0.2.1" or "2001:db8::1", with port 0.
+    static std::optional<CNetAddress> parseHost(const std::string& strText);
+
     int family() const { return m_any.sa_family; }
     uint16_t port() const;
     CNetAddress withPort(uint16_t nPort) const;

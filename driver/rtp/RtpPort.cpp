@@ -282,6 +282,14 @@ std::shared_ptr<CRtpPort> CRtpPorts::open(const CNetAddress& local, std::string&
     return pPort;
 }
 
+std::shared_ptr<CRtpPort> CRtpPorts::openOwn(const CNetAddress& local, std::string& strError)
+{
+    if (m_mapPorts.count(local) == 0)
+        return open(local, strError);
+    strError = fmt::format("{} is taken", local.text());
+    return nullptr;
+}
+
 void CRtpPorts::add(CRtpReceiver& receiver)
 {
     receiver.m_nIndex = m_vReceivers.size();

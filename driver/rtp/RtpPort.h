@@ -116,6 +116,9 @@ public:
     // system refuses. The system chooses a free port for port 0. Not during the tick.
     std::shared_ptr<CRtpPort> open(const CNetAddress& local, std::string& strError);
 
+    // The same for a port that nobody else may have.
+    std::shared_ptr<CRtpPort> openOwn(const CNetAddress& local, std::string& strError);
+
     // While there is a port, what arrives is to be taken out of it.
     bool needsTicks() const override { return !m_vPorts.empty(); }
     void beforeTick() override;

@@ -50,8 +50,8 @@ std::shared_ptr<CRtpSession> CRtpSession::create(EKind eKind, CRtpPorts& ports, 
 
 CRtpSession::CRtpSession(EKind eKind, CRtpPorts& ports, std::shared_ptr<CRtpPort> pPort, CFd fdRtcp,
                          CListener* pListener)
-    : m_eKind(eKind), m_ports(ports), m_pPort(std::move(pPort)), m_pListener(pListener), m_intake(m_counters),
-      m_keysIn(*this), m_rtcp(randomName()), m_fdRtcp(std::move(fdRtcp)),
+    : m_eKind(eKind), m_ports(ports), m_local(pPort->local()), m_pPort(std::move(pPort)), m_pListener(pListener),
+      m_intake(m_counters), m_keysIn(*this), m_rtcp(randomName()), m_fdRtcp(std::move(fdRtcp)),
       m_pEvents(pListener != nullptr ? std::make_unique<CEvents>() : nullptr)
 {
     m_said.fill(ULAW_SILENCE);
@@ -101,6 +101,7 @@ void CRtpSession::end()
         m_pPort->leave(m_settings.m_remote);
     else
         m_pPort->leaveAll();
+    m_pPort.reset();
     m_said.fill(ULAW_SILENCE);
     m_sender.dropTick();
 }

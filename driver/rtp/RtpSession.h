@@ -112,7 +112,7 @@ public:
     // Presses keys at the far end. False when there is no room or no way.
     bool press(std::string_view keys, unsigned nMs, unsigned nGapMs);
 
-    const CNetAddress& local() const { return m_pPort->local(); }
+    const CNetAddress& local() const { return m_local; }
     const CNetAddress& remote() const { return m_lock.remote(); }
     const CSourceLock& lock() const { return m_lock; }
     const CRtpCounters& counters() const override { return m_counters; }
@@ -156,7 +156,8 @@ private:
 
     const EKind m_eKind;
     CRtpPorts& m_ports;
-    const std::shared_ptr<CRtpPort> m_pPort;
+    const CNetAddress m_local;
+    std::shared_ptr<CRtpPort> m_pPort; // until the end
     CListener* const m_pListener;
     CMediaSettings m_settings;
 

@@ -48,6 +48,10 @@ TEST(Options, HaveDefaults)
     EXPECT_FALSE(options.m_bSilenceAfterCaller);
     EXPECT_THAT(options.m_vstrFaults, IsEmpty());
     EXPECT_EQ(options.m_strControlPath, "/tmp/zelmedia-driver.sock");
+    EXPECT_EQ(options.m_strCallsPath, "/tmp/zelmedia-calls.sock");
+    EXPECT_EQ(options.m_strRtpAddress, "127.0.0.1");
+    EXPECT_EQ(options.m_nFirstRtpPort, 20000);
+    EXPECT_EQ(options.m_nLastRtpPort, 29999);
     EXPECT_EQ(options.m_strLogFile, "");
     EXPECT_EQ(options.m_eLogLevel, spdlog::level::info);
     EXPECT_EQ(options.m_eLogFormat, ELogFormat::Text);
@@ -79,6 +83,24 @@ TEST(Options, AreTakenFromTheCommandLine)
     EXPECT_EQ(options.m_nMaxStreams, 3U);
     EXPECT_EQ(options.m_nMaxFiles, 4U);
     EXPECT_EQ(options.m_nClipMegabytes, 5U);
+}
+
+TEST(Options, SayWhereCallsAreAndReceive)
+{
+    COptions options;
+    EXPECT_EQ(parse({"--calls", "/tmp/k", "--rtp-address", "::1", "--rtp-ports", "4000-4001"}, options), std::nullopt);
+    EXPECT_EQ(options.m_strCallsPath, "/tmp/k");
+    EXPECT_EQ(options.m_strRtpAddress, "::1");
+    EXPECT_EQ(options.m_nFirstRtpPort, 4000);
+    EXPECT_EQ(options.m_nLastRtpPort, 4001);
+    EXPECT_EQ(parse({"--calls", "none"}, options), std::nullopt);
+    EXPECT_EQ(options.m_strCallsPath, "");
+    expectMistake({"--calls", ""}, "--calls");
+    for (const char* pAddress : {"", "localhost", "127.0.0.1:5", "1.2.3"})
+        expectMistake({"--rtp-address", pAddress}, "--rtp-address");
+    for (const char* pPorts :
+         {"", "4000", "4000-", "-4000", "4001-4002", "4000-4000", "0-10", "4000-65536", "4000-4001x"})
+        expectMistake({std::string("--rtp-ports=").append(pPorts).c_str()}, "--rtp-ports");
 }
 
 TEST(Options, FaultRulesAreKeptAsTheyAre)

@@ -1,0 +1,160 @@
+// What a request says about the media of a leg.
+#include "MediaDescription.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+
+namespace
+{
+constexpr int64_t MAX_PAYLOAD = 127;
+constexpr size_t MAX_FORMATS = 32;
+constexpr const char* TELEPHONE_EVENT = "telephone-event";
+
+const std::map<std::string, EDirection>& directions()
+{
+    static const std::map<std::string, EDirection> map = {{"sendrecv", EDirection::SendReceive},
+                                                          {"sendonly", EDirection::SendOnly},
+                                                          {"recvonly", EDirection::ReceiveOnly},
+                                                          {"inactive", EDirection::Inactive}};
+    return map;
+}
+
+struct CFormatText
+{
+    std::string m_strName;
+    uint8_t m_nPayload;
+    unsigned m_nRate;
+};
+
+std::optional<CFormatText> readFormat(CJsonFields& outer, const nlohmann::json& object, const char* pKey)
+{
+    if (!object.is_object())
+    {
+        outer.fail(fmt::format("\"{}\" must hold objects with name, payload and rate", pKey));
+        return std::nullopt;
+    }
+    CJsonFields fields(object);
+    CFormatText format;
+    format.m_strName = fields.neededText("name", 1, 64);
+    format.m_nPayload = static_cast<uint8_t>(fields.neededNumber("payload", 0, MAX_PAYLOAD));
+    format.m_nRate = static_cast<unsigned>(fields.neededNumber("rate", 8000, 192000));
+    fields.text("fmtp", 0, 1024);
+    std::string strError;
+    if (fields.finish(strError))
+        return format;
+    outer.fail(fmt::format("\"{}\": {}", pKey, strError));
+    return std::nullopt;
+}
+
+void readReceive(CJsonFields& fields, const nlohmann::json& array, CMediaSettings& settings)
+{
+    settings.m_vReceive.clear();
+    settings.m_vKeyPayloads.clear();
+    if (array.empty() || array.size() > MAX_FORMATS)
+        fields.fail(fmt::format("\"receive\" must hold 1 to {} formats", MAX_FORMATS));
+    for (const nlohmann::json& object : array)
+    {
+        const auto format = readFormat(fields, object, "receive");
+        if (!format)
+            return;
+        const bool bKeys = format->m_strName == TELEPHONE_EVENT;
+        const CCodec* pCodec = bKeys ? nullptr : findCodec(format->m_strName, format->m_nRate);
+        if (!bKeys && pCodec == nullptr)
+            fields.fail(fmt::format("there is no codec {} at {}", format->m_strName, format->m_nRate));
+        if (std::any_of(settings.m_vReceive.begin(), settings.m_vReceive.end(),
+                        [&](const auto& other) { return other.m_nPayloadType == format->m_nPayload; }))
+            fields.fail(fmt::format("payload type {} is given twice", format->m_nPayload));
+        settings.m_vReceive.push_back({format->m_nPayload, pCodec});
+        if (bKeys)
+            settings.m_vKeyPayloads.push_back(format->m_nPayload);
+    }
+}
+
+void setSend(CMediaSettings& settings, const CCodec* pCodec, uint8_t nPayload)
+{
+    settings.m_pSendCodec = pCodec;
+    settings.m_nSendPayload = nPayload;
+}
+
+void readFormats(CJsonFields& fields, CMediaSettings& settings)
+{
+    if (const nlohmann::json* pReceive = fields.array("receive"))
+    {
+        readReceive(fields, *pReceive, settings);
+        const auto it = std::find_if(settings.m_vReceive.begin(), settings.m_vReceive.end(),
+                                     [](const auto& format) { return format.m_pCodec != nullptr; });
+        if (it != settings.m_vReceive.end())
+            setSend(settings, it->m_pCodec, it->m_nPayloadType);
+    }
+    if (const nlohmann::json* pSend = fields.object("send"))
+    {
+        const auto format = readFormat(fields, *pSend, "send");
+        const CCodec* pCodec = format ? findCodec(format->m_strName, format->m_nRate) : nullptr;
+        if (pCodec != nullptr)
+            setSend(settings, pCodec, format->m_nPayload);
+        else
+            fields.fail("\"send\" is no codec that is known");
+    }
+}
+
+void readAddress(CJsonFields& fields, const char* pKey, CNetAddress& address)
+{
+    const auto strText = fields.text(pKey);
+    if (!strText)
+        return;
+    const auto parsed = CNetAddress::parse(*strText);
+    if (parsed && parsed->port() != 0)
+        address = *parsed;
+    else
+        fields.fail(
+            fmt::format("\"{}\" must be an address and port such as 192.0.2.9:4000 or [2001:db8::9]:4000", pKey));
+}
+
+void readPayload(CJsonFields& fields, const char* pKey, std::optional<uint8_t>& payload)
+{
+    if (!fields.has(pKey))
+        return;
+    const auto llPayload = fields.number(pKey, 0, MAX_PAYLOAD);
+    payload = llPayload ? std::optional(static_cast<uint8_t>(*llPayload)) : std::nullopt;
+}
+} // namespace
+
+CMediaSettings defaultMedia()
+{
+    CMediaSettings settings;
+    settings.m_vReceive = {{*CODEC_PCMU.m_staticPayload, &CODEC_PCMU}};
+    return settings;
+}
+
+void readMediaDescription(CJsonFields& fields, CMediaSettings& settings)
+{
+    readAddress(fields, "remote", settings.m_remote);
+    readAddress(fields, "rtcp_remote", settings.m_rtcpRemote);
+    readFormats(fields, settings);
+    readPayload(fields, "send_digits", settings.m_sendKeys);
+    if (const auto llPtime = fields.number("ptime", 10, 60))
+    {
+        settings.m_nPtimeMs = static_cast<unsigned>(*llPtime);
+        if (*llPtime % 10 != 0)
+            fields.fail("\"ptime\" must be a multiple of 10");
+    }
+    if (const auto strDirection = fields.text("direction"))
+    {
+        const auto it = directions().find(*strDirection);
+        if (it != directions().end())
+            settings.m_eDirection = it->second;
+        else
+            fields.fail("\"direction\" must be sendrecv, sendonly, recvonly or inactive");
+    }
+    settings.m_bRtcpMux = fields.flag("rtcp_mux").value_or(settings.m_bRtcpMux);
+    if (const auto strKeys = fields.text("interrupt_digits", 0, 32))
+    {
+        settings.m_strInterruptKeys = *strKeys;
+        if (std::any_of(strKeys->begin(), strKeys->end(), [](char c) { return eventOfKey(c) < 0; }))
+            fields.fail("\"interrupt_digits\" must hold 0 to 9, *, # and A to D");
+    }
+    if (const auto llSeconds = fields.number("no_media_s", 0, 86400))
+        settings.m_nNoMediaS = static_cast<unsigned>(*llSeconds);
+}
