@@ -47,6 +47,7 @@ CDaemon::~CDaemon()
     m_loop.unwatch(m_nSignals);
     ::close(m_nSignals);
     // Dialogs before the stack that they are on.
+    m_registrations.clear();
     m_pApplications.reset();
     m_pCalls.reset();
     m_pStack.reset();
@@ -80,6 +81,8 @@ bool CDaemon::run(std::string& strError)
         m_loop, std::move(policy),
         CCalls::CSettings{m_options.m_strDriver, m_options.m_strMediaAddress, m_options.m_strJournal});
     m_pStack = CSipStack::create(m_loop, *m_pCalls, "ZelMedia/" ZELMEDIA_VERSION);
+    if (!m_options.m_strTrace.empty() && !m_pStack->trace(m_options.m_strTrace, strError))
+        return false;
     for (const CSipListener& listener : m_options.m_vListeners)
         if (!m_pStack->listen(listener, m_options.m_strCertificates, m_options.m_bVerify, strError))
             return false;
@@ -88,7 +91,9 @@ bool CDaemon::run(std::string& strError)
     if (!m_pApplications->open(strError))
         return false;
     m_loop.watch(m_nSignals, POLLIN, [this](short) { onSignal(); });
-    m_pCalls->start(*m_pStack, *m_pApplications);
+    if (!m_pCalls->start(*m_pStack, *m_pApplications, strError))
+        return false;
+    m_registrations.start(m_loop, *m_pStack, m_pCalls->policy());
     std::puts("zelmedia-sip: ready");
     std::fflush(stdout);
     ::sd_notify(0, "READY=1");
@@ -119,6 +124,7 @@ void CDaemon::reload()
     }
     m_pStack->allow(policy.everybody());
     m_pCalls->setPolicy(std::move(policy));
+    m_registrations.start(m_loop, *m_pStack, m_pCalls->policy());
     spdlog::info("the policy was read anew");
 }
 
@@ -130,7 +136,7 @@ void CDaemon::end()
     ::sd_notify(0, "STOPPING=1");
     spdlog::info("ends");
     // BYEs may be lost; the peers' own timers end those calls.
-    m_endTimer.start(
-        s_endLimit, [this] { m_loop.stop(); });
+    m_endTimer.start(s_endLimit, [this] { m_loop.stop(); });
+    m_registrations.takeBack();
     m_pCalls->shutDown([this] { m_loop.stop(); });
 }

@@ -6,6 +6,7 @@
 #include "Calls.h"
 #include "Loop.h"
 #include "Options.h"
+#include "Registrations.h"
 #include "SipStack.h"
 
 #include <memory>
@@ -34,6 +35,7 @@ private:
     std::unique_ptr<CCalls> m_pCalls;
     std::unique_ptr<CSipStack> m_pStack;
     std::unique_ptr<CApplications> m_pApplications;
+    CRegistrations m_registrations;
     CTimer m_endTimer;
     bool m_bEnding = false;
 };

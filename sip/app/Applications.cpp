@@ -5,6 +5,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <poll.h>
 
 using Json = nlohmann::ordered_json;
@@ -15,7 +16,8 @@ CJsonLinesServer::CSettings settingsFor(const std::string& strPath)
 {
     CJsonLinesServer::CSettings settings;
     settings.m_strPath = strPath;
-    settings.m_hello = {{"hello", "zelmedia-sip"}, {"version", ZELMEDIA_VERSION}, {"protocol", 1}};
+    settings.m_hello = {
+        {"hello", "zelmedia-sip"}, {"version", ZELMEDIA_VERSION}, {"protocol", 1}, {"abilities", {"dial", "transfer"}}};
     settings.m_nMaxConnections = 256;
     settings.m_log = [](const std::string& strLine) { spdlog::info("applications: {}", strLine); };
     return settings;
@@ -44,6 +46,7 @@ const std::map<std::string, CApplications::Handler>& CApplications::handlers()
 {
     static const std::map<std::string, Handler> handlers = {
         {"register", &CApplications::registerRoute},
+        {"watch", &CApplications::watch},
         {"calls", &CApplications::listCalls},
         {"dial", &CApplications::dial},
         {"claim", &CApplications::claim},
@@ -73,7 +76,7 @@ void CApplications::onRequest(ConnectionID nConnection, const CJsonRequest& requ
     const auto iHandler = handlers().find(request.m_strName);
     if (iHandler == handlers().end())
         refuse(context, JSON_UNKNOWN_REQUEST, "there is no request " + quotedText(request.m_strName));
-    else if (request.m_strName != "register" && !m_mapApplications.contains(nConnection))
+    else if ((request.m_strName == "dial" || request.m_strName == "claim") && !m_mapApplications.contains(nConnection))
         refuse(context, "not-attached", "\"register\" comes first");
     else
         (this->*iHandler->second)(context);
@@ -81,6 +84,7 @@ void CApplications::onRequest(ConnectionID nConnection, const CJsonRequest& requ
 
 void CApplications::onDisconnected(ConnectionID nConnection, const std::string& strWhy)
 {
+    m_setWatchers.erase(nConnection);
     const auto iApplication = m_mapApplications.find(nConnection);
     if (iApplication == m_mapApplications.end())
         return;
@@ -98,7 +102,7 @@ CApplications::ConnectionID CApplications::choose(const std::string& strRoute, c
         CApplication* pBest = nullptr;
         ConnectionID nBest = 0;
         for (auto& [nConnection, application] : m_mapApplications)
-            if (!application.m_bWatches && application.m_strRoute == strWanted && !setTried.contains(nConnection) &&
+            if (!strWanted.empty() && application.m_strRoute == strWanted && !setTried.contains(nConnection) &&
                 (!pBest || application.m_ullOffered < pBest->m_ullOffered))
             {
                 pBest = &application;
@@ -116,9 +120,9 @@ CApplications::ConnectionID CApplications::choose(const std::string& strRoute, c
 void CApplications::send(ConnectionID nOwner, const std::string& strLine)
 {
     m_server.sendLine(nOwner, strLine);
-    for (const auto& [nConnection, application] : m_mapApplications)
-        if (application.m_bWatches && nConnection != nOwner)
-            m_server.sendLine(nConnection, strLine);
+    for (const ConnectionID nWatcher : m_setWatchers)
+        if (nWatcher != nOwner)
+            m_server.sendLine(nWatcher, strLine);
 }
 
 bool CApplications::finish(CContext& context)
@@ -154,13 +158,31 @@ void CApplications::done(CContext& context, bool bDone)
 void CApplications::registerRoute(CContext& context)
 {
     CApplication application;
-    application.m_strRoute = context.m_fields.neededText("route", 1, 128);
+    application.m_strRoute = context.m_fields.neededText("route", 0, 128);
     application.m_strInstance = context.m_fields.text("instance", 0, 128).value_or("");
-    application.m_bWatches = context.m_fields.flag("watch").value_or(false);
     if (!finish(context))
         return;
+    dropFormer(application.m_strInstance, context.m_nConnection);
     spdlog::info("application {} takes route \"{}\"", quotedText(application.m_strInstance), application.m_strRoute);
     m_mapApplications[context.m_nConnection] = std::move(application);
+    m_server.answer(context.m_nConnection, context.m_request.m_nID);
+}
+
+// The same process has connected again before we knew that it was gone.
+void CApplications::dropFormer(const std::string& strInstance, ConnectionID nConnection)
+{
+    const auto iFormer = std::find_if(m_mapApplications.begin(), m_mapApplications.end(), [&](const auto& entry) {
+        return !strInstance.empty() && entry.second.m_strInstance == strInstance && entry.first != nConnection;
+    });
+    if (iFormer != m_mapApplications.end())
+        m_server.drop(iFormer->first, "its application has connected again");
+}
+
+void CApplications::watch(CContext& context)
+{
+    if (!finish(context))
+        return;
+    m_setWatchers.insert(context.m_nConnection);
     m_server.answer(context.m_nConnection, context.m_request.m_nID);
 }
 

@@ -33,7 +33,6 @@ private:
     {
         std::string m_strRoute;
         std::string m_strInstance;
-        bool m_bWatches = false; // takes no calls and is told of all
         uint64_t m_ullOffered = 0;
     };
     struct CContext
@@ -47,6 +46,8 @@ private:
     static const std::map<std::string, Handler>& handlers();
 
     void registerRoute(CContext& context);
+    void watch(CContext& context);
+    void dropFormer(const std::string& strInstance, ConnectionID nConnection);
     void listCalls(CContext& context);
     void dial(CContext& context);
     void claim(CContext& context);
@@ -80,6 +81,7 @@ private:
     CCalls& m_calls;
     CJsonLinesServer m_server;
     std::map<ConnectionID, CApplication> m_mapApplications;
+    std::set<ConnectionID> m_setWatchers; // are told of all calls
     uint64_t m_ullOffers = 0;
 };
 

@@ -13,7 +13,8 @@ using std::chrono::seconds;
 
 namespace
 {
-constexpr seconds s_keep(60); // those that are over
+constexpr seconds s_keep(60);                    // those that are over
+constexpr unsigned long s_ulReservedCSeq = 1000; // for requests behind the last journal entry
 
 std::string base36(uint64_t ullValue)
 {
@@ -36,11 +37,34 @@ CCalls::CCalls(CLoop& loop, CPolicy policy, CSettings settings)
 
 CCalls::~CCalls() = default;
 
-void CCalls::start(CSipStack& stack, CCallTakers& takers)
+bool CCalls::start(CSipStack& stack, CCallTakers& takers, std::string& strError)
 {
     m_pStack = &stack;
     m_pTakers = &takers;
+    if (!m_settings.m_strJournal.empty())
+    {
+        std::map<CLegName, CSipSavedDialog> mapLeft;
+        m_pJournal = std::make_unique<CJournal>();
+        if (!m_pJournal->open(m_settings.m_strJournal, mapLeft, strError))
+            return false;
+        endLeftDialogs(mapLeft);
+    }
     m_driver.start();
+    return true;
+}
+
+// Their applications and sessions do not know the process that has taken the place of theirs.
+void CCalls::endLeftDialogs(const std::map<CLegName, CSipSavedDialog>& mapLeft)
+{
+    for (const auto& [name, left] : mapLeft)
+    {
+        CSipSavedDialog saved = left;
+        saved.m_ulLocalCSeq += s_ulReservedCSeq;
+        spdlog::info("call {} leg {}: of a former process, is ended", name.m_strCall, name.m_uLeg);
+        auto pDialog = m_pStack->restoreDialog(saved);
+        if (pDialog && pDialog->request("BYE", {{{"Reason", "SIP;cause=500;text=\"restart\""}}, {}, {}}) != 0)
+            part(std::move(pDialog));
+    }
 }
 
 void CCalls::setPolicy(CPolicy policy)
@@ -145,6 +169,13 @@ int CCalls::onRequest(const CSipMessage& message, CSipContent& answer)
     return 405;
 }
 
+void CCalls::part(std::unique_ptr<CSipDialog> pDialog)
+{
+    pDialog->setHandler(nullptr);
+    m_vParting.push_back(std::move(pDialog));
+    m_loop.after(seconds(33), [this] { m_vParting.pop_front(); });
+}
+
 bool CCalls::offer(CLeg& leg)
 {
     CLegRecord* pRecord = find(leg.name());
@@ -179,17 +210,22 @@ void CCalls::emit(CLeg& leg, Json event)
     spdlog::info("call {} leg {}: {}{}", leg.name().m_strCall, leg.name().m_uLeg, strEvent,
                  strEvent == "ended" ? " (" + event.value("reason", "") + ")" : "");
     const std::string& strLine = pRecord->m_log.add(std::move(event));
-    if (pRecord->m_nOwner != 0)
-        m_pTakers->send(pRecord->m_nOwner, strLine);
+    m_pTakers->send(pRecord->m_nOwner, strLine);
 }
 
 void CCalls::ended(CLeg& leg)
 {
     if (CLegRecord* pRecord = find(leg.name()))
         pRecord->m_pTimer.reset();
+    if (m_pJournal)
+        m_pJournal->remove(leg.name());
 }
 
-void CCalls::changed(CLeg&) {}
+void CCalls::changed(CLeg& leg)
+{
+    if (m_pJournal && leg.state() == ELegState::Answered && !leg.isOver())
+        m_pJournal->put(leg.name(), leg.dialog()->save());
+}
 
 void CCalls::finished(CLeg& leg)
 {

@@ -3,11 +3,13 @@
 #define SIP_CALLS_H
 
 #include "DriverClient.h"
+#include "Journal.h"
 #include "JsonEventLog.h"
 #include "Leg.h"
 #include "RateLimiter.h"
 #include "SipStack.h"
 
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -55,7 +57,8 @@ public:
     CCalls(const CCalls&) = delete;
     CCalls& operator=(const CCalls&) = delete;
 
-    void start(CSipStack& stack, CCallTakers& takers);
+    // False, with the reason in strError, when the journal cannot be written.
+    bool start(CSipStack& stack, CCallTakers& takers, std::string& strError);
     void setPolicy(CPolicy policy);
     // Ends all calls; allOver tells when nothing is left of them.
     void shutDown(std::function<void()> allOver);
@@ -82,6 +85,7 @@ public:
     const CPolicy& policy() const override { return m_policy; }
     std::string mediaAddress() const override { return m_settings.m_strMediaAddress; }
     bool offer(CLeg& leg) override;
+    void part(std::unique_ptr<CSipDialog> pDialog) override;
     void emit(CLeg& leg, nlohmann::ordered_json event) override;
     void ended(CLeg& leg) override;
     void changed(CLeg& leg) override;
@@ -96,6 +100,7 @@ public:
     void onDriverEvent(const CLegName& leg, const nlohmann::json& event) override;
 
 private:
+    void endLeftDialogs(const std::map<CLegName, CSipSavedDialog>& mapLeft);
     CLegRecord& addRecord(const std::string& strCall, const CTrunk* pTrunk);
     std::string newCallID();
     CNegotiationSettings negotiationFor(const CTrunk* pTrunk) const;
@@ -116,6 +121,8 @@ private:
     const uint64_t m_ullStart;
     uint64_t m_ullLastCall = 0;
     std::map<CLegName, std::unique_ptr<CLegRecord>> m_mapRecords;
+    std::list<std::unique_ptr<CSipDialog>> m_vParting; // the eldest first
+    std::unique_ptr<CJournal> m_pJournal;
     std::function<void()> m_allOver; // set: it ends
 };
 

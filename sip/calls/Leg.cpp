@@ -280,9 +280,9 @@ const char* stateName(ELegState eState)
     {
     case ELegState::Preparing:
     case ELegState::Offered: return "offered";
-    case ELegState::Ringing: return "ringing";
+    case ELegState::Ringing:
+    case ELegState::Answering: return "ringing";
     case ELegState::Dialing: return "dialing";
-    case ELegState::Answering:
     case ELegState::Answered:
     case ELegState::Reoffering:
     case ELegState::Reoffered: return "answered";

@@ -31,6 +31,8 @@ public:
     virtual std::string mediaAddress() const = 0; // empty: the driver's own
     // The leg waits for an application; false when there is none.
     virtual bool offer(CLeg& leg) = 0;
+    // The last request of a dialog is out; it is kept for as long as that may take.
+    virtual void part(std::unique_ptr<CSipDialog> pDialog) = 0;
     virtual void emit(CLeg& leg, nlohmann::ordered_json event) = 0;
     virtual void ended(CLeg& leg) = 0; // its application was told
     virtual void changed(CLeg& leg) = 0;
@@ -212,6 +214,7 @@ private:
     unsigned m_uRedirects = 0;
 
     bool m_bMedia = false; // the driver has a session
+    bool m_bKeys = false;  // which it was told keys for
     std::string m_strEndReason;
     int m_nEndStatus = 0;
     bool m_bEndTold = false;

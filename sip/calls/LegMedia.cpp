@@ -3,6 +3,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include <utility>
+
 using Json = nlohmann::ordered_json;
 
 namespace
@@ -76,7 +78,8 @@ void CLeg::updateMedia()
 {
     if (!m_bMedia)
         return;
-    m_services.driver().request("update", m_name, toJson(m_negotiation.media()),
+    const bool bHadKeys = std::exchange(m_bKeys, m_negotiation.media().m_keys.has_value());
+    m_services.driver().request("update", m_name, toJson(m_negotiation.media(), bHadKeys),
                                 [pWeak = weak_from_this()](const nlohmann::json& answer) {
                                     const auto pLeg = pWeak.lock();
                                     if (!pLeg || isOk(answer) || !pLeg->m_bMedia)

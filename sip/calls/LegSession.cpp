@@ -113,9 +113,6 @@ bool CLeg::answer()
     if (!m_bLateOffer)
         updateMedia();
     m_pDialog->reply(m_ullInvite, 200, content);
-    m_services.emit(*this, {{"event", "answered"}});
-    if (m_negotiation.isHeldByPeer())
-        tellHeld(true, false);
     return true;
 }
 
@@ -139,6 +136,8 @@ void CLeg::acknowledged(const CLegEvent& event)
         updateMedia();
     }
     enter(ELegState::Answered);
+    if (bNew)
+        m_services.emit(*this, {{"event", "answered"}});
     tellHeld(m_negotiation.isHeldByPeer(), false);
     if (m_bOfferWanted)
         sendOffer();
@@ -270,6 +269,8 @@ void CLeg::offerFailed(const CLegEvent& event)
         // Who made the Call-ID waits longer, so that the two do not meet again.
         m_retryTimer.start(m_bCaller ? randomDelay(2100, 4000) : randomDelay(0, 2000),
                            [this] { take({ELegEvent::Retry}); });
+    else if (m_bOfferWanted)
+        sendOffer();
     else
         m_negotiation.setHold(m_bHeld && !m_negotiation.isHeldByPeer());
 }

@@ -103,8 +103,7 @@ bool CLeg::replaceDialog(std::unique_ptr<CSipDialog> pDialog, uint64_t ullInvite
     }
     m_pDialog->setHandler(nullptr);
     m_pDialog->request("BYE");
-    // The old dialog goes when its BYE has had its time.
-    m_services.loop().after(std::chrono::seconds(33), [pOld = std::shared_ptr<CSipDialog>(std::move(m_pDialog))] {});
+    m_services.part(std::move(m_pDialog));
     m_pDialog = std::move(pDialog);
     m_pDialog->setHandler(this);
     m_ullInvite = ullInvite;

@@ -30,7 +30,7 @@ const char* directionText(EDirection eDirection)
 }
 } // namespace
 
-Json toJson(const CMediaDescription& media)
+Json toJson(const CMediaDescription& media, bool bHadKeys)
 {
     Json json = Json::object();
     if (!media.m_strRemote.empty())
@@ -45,14 +45,17 @@ Json toJson(const CMediaDescription& media)
         json["receive"] = std::move(codecs);
         json["send"] = codecJson(media.m_send);
         json["send_digits"] = optionalJson(media.m_uSendDigits);
-        json["comfort_noise"] = optionalJson(media.m_uComfortNoise);
+        if (media.m_uComfortNoise)
+            json["comfort_noise"] = *media.m_uComfortNoise;
         json["ptime"] = media.m_uPtime;
     }
     json["direction"] = directionText(media.m_eDirection);
     json["rtcp_mux"] = media.m_bRtcpMux;
-    json["srtp"] = media.m_keys ? Json({{"suite", media.m_keys->m_strSuite},
-                                        {"send", media.m_keys->m_strSend},
-                                        {"receive", media.m_keys->m_strReceive}})
-                                : Json(nullptr);
+    if (media.m_keys)
+        json["srtp"] = {{"suite", media.m_keys->m_strSuite},
+                        {"send", media.m_keys->m_strSend},
+                        {"receive", media.m_keys->m_strReceive}};
+    else if (bHadKeys)
+        json["srtp"] = nullptr;
     return json;
 }

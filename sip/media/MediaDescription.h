@@ -31,7 +31,7 @@ struct CMediaDescription
     std::optional<CMediaKeys> m_keys;
 };
 
-// As keys of a request to the driver.
-nlohmann::ordered_json toJson(const CMediaDescription& media);
+// As keys of a request to the driver. bHadKeys: it has been told of keys, which are over if there are none now.
+nlohmann::ordered_json toJson(const CMediaDescription& media, bool bHadKeys);
 
 #endif

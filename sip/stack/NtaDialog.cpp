@@ -30,10 +30,12 @@ bool CNtaDialog::call(const CSipDialSettings& settings, EKind eKind)
 {
     m_bCaller = true;
     m_bSequence = eKind == EKind::Sequence;
-    m_pLeg = nta_leg_tcreate(m_pAgent, onLegRequest, this, TAG_IF(m_bSequence, NTATAG_NO_DIALOG(1)),
-                             TAG_IF(!m_bSequence, SIPTAG_FROM_STR(settings.m_strFrom.c_str())),
-                             TAG_IF(!m_bSequence, SIPTAG_TO_STR(settings.m_strTo.c_str())), TAG_END());
-    return m_pLeg && (m_bSequence || nta_leg_tag(m_pLeg, nullptr));
+    if (m_bSequence)
+        m_strTarget = settings.m_strTo;
+    const std::string& strTo = m_bSequence ? settings.m_strFrom : settings.m_strTo;
+    m_pLeg = nta_leg_tcreate(m_pAgent, onLegRequest, this, SIPTAG_FROM_STR(settings.m_strFrom.c_str()),
+                             SIPTAG_TO_STR(strTo.c_str()), TAG_END());
+    return m_pLeg && nta_leg_tag(m_pLeg, nullptr);
 }
 
 bool CNtaDialog::answer(nta_incoming_t* pTransaction, const sip_t* pSip, uint64_t& ullRequest)

@@ -33,6 +33,7 @@ uint64_t CNtaDialog::request(const std::string& strMethod, const CSipContent& co
 {
     auto pOutgoing = std::make_unique<CNtaOutgoing>();
     pOutgoing->m_strMethod = strMethod;
+    pOutgoing->m_strUri = m_bSequence ? m_strTarget : "";
     pOutgoing->m_content = content;
     return send(std::move(pOutgoing));
 }
@@ -61,8 +62,8 @@ bool CNtaDialog::transmit(CNtaOutgoing& outgoing)
     outgoing.m_pTransaction = nta_outgoing_tcreate(
         m_pLeg, onAnyResponse, &outgoing, bProxy ? urlText(m_strProxy) : nullptr, methodOf(outgoing.m_strMethod),
         outgoing.m_strMethod.c_str(), urlText(outgoing.m_strUri),
-        TAG_IF(bTarget && !m_bSequence, SIPTAG_CONTACT_STR(strContact.c_str())),
-        SIPTAG_USER_AGENT_STR(m_strProduct.c_str()), TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
+        TAG_IF(bTarget, SIPTAG_CONTACT_STR(strContact.c_str())), SIPTAG_USER_AGENT_STR(m_strProduct.c_str()),
+        TAG_IF(!strHeaders.empty(), SIPTAG_HEADER_STR(strHeaders.c_str())),
         TAG_IF(!strBody.empty(), SIPTAG_CONTENT_TYPE_STR(outgoing.m_content.m_strContentType.c_str())),
         TAG_IF(!strBody.empty(), SIPTAG_PAYLOAD_STR(strBody.c_str())), TAG_END());
     return outgoing.m_pTransaction != nullptr;

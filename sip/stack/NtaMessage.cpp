@@ -68,6 +68,8 @@ void takeExtensions(CSipMessage& message, const sip_t* pSip)
                                     text(pSip->sip_session_expires->x_refresher)};
     }
     message.m_uMinimumExpires = pSip->sip_min_se ? static_cast<unsigned>(pSip->sip_min_se->min_delta) : 0;
+    if (pSip->sip_min_expires)
+        message.m_uMinimumExpires = static_cast<unsigned>(pSip->sip_min_expires->me_delta);
     if (const sip_replaces_t* pReplaces = sip_replaces(pSip))
     {
         message.m_replaces = {text(pReplaces->rp_call_id), text(pReplaces->rp_to_tag), text(pReplaces->rp_from_tag),

@@ -16,6 +16,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
@@ -58,6 +60,13 @@ std::string portText(const CSipListener& listener)
     return std::to_string(static_cast<unsigned>(listener.m_usPort));
 }
 
+void takeLog(void* pTrace, const char* pFormat, va_list arguments)
+{
+    char szText[2300] = ""; // more than the stack's lines can have
+    std::vsnprintf(szText, sizeof(szText), pFormat, arguments);
+    static_cast<CSipTrace*>(pTrace)->takeLog(szText);
+}
+
 bool isWildcard(const std::string& strAddress)
 {
     return strAddress == "0.0.0.0" || strAddress == "::";
@@ -85,6 +94,8 @@ CNtaStack::CNtaStack(CLoop& loop, CSipStackHandler& handler, std::string strProd
 CNtaStack::~CNtaStack()
 {
     nta_agent_destroy(m_pAgent);
+    if (m_pTrace)
+        su_log_redirect(su_log_default, nullptr, nullptr);
 }
 
 bool CNtaStack::listen(const CSipListener& listener, const std::string& strCertificates, bool bVerify,
@@ -93,15 +104,27 @@ bool CNtaStack::listen(const CSipListener& listener, const std::string& strCerti
     const bool bTls = listener.m_strTransport == "tls";
     const std::string strUrl = std::string(bTls ? "sips:" : "sip:") + bracketed(listener.m_strAddress) + ":" +
                                portText(listener) + ";transport=" + listener.m_strTransport;
-    if (nta_agent_add_tport(
-            m_pAgent, urlText(strUrl), TPTAG_QUEUESIZE(1024), TAG_IF(bTls, TPTAG_CERTIFICATE(strCertificates.c_str())),
-            TAG_IF(bTls, TPTAG_TLS_VERIFY_POLICY(bVerify ? TPTLS_VERIFY_ALL : TPTLS_VERIFY_NONE)), TAG_END()) < 0)
+    if (nta_agent_add_tport(m_pAgent, urlText(strUrl), TPTAG_QUEUESIZE(1024), TPTAG_LOG(m_pTrace ? 1 : 0),
+                            TAG_IF(bTls, TPTAG_CERTIFICATE(strCertificates.c_str())),
+                            TAG_IF(bTls, TPTAG_TLS_VERIFY_POLICY(bVerify ? TPTLS_VERIFY_ALL : TPTLS_VERIFY_NONE)),
+                            TAG_END()) < 0)
     {
         strError = "cannot listen at " + listener.m_strTransport + ":" + listener.m_strAddress + ":" +
                    portText(listener) + ": " + std::strerror(errno);
         return false;
     }
     m_vListeners.push_back(listener);
+    return true;
+}
+
+bool CNtaStack::trace(const std::string& strFile, std::string& strError)
+{
+    m_pTrace = std::make_unique<CSipTrace>([this](const std::string& strTransport, const std::string& strPeer) {
+        return localFor(strTransport, strPeer);
+    });
+    if (!m_pTrace->open(strFile, strError))
+        return false;
+    su_log_redirect(su_log_default, takeLog, m_pTrace.get());
     return true;
 }
 
@@ -202,31 +225,36 @@ std::string CNtaStack::transportOf(nta_incoming_t* pTransaction) const
     return strTransport;
 }
 
+const CSipListener* CNtaStack::listenerFor(const std::string& strTransport, const std::string& strPeer) const
+{
+    const bool bSix = strPeer.find(':') != std::string::npos;
+    for (const CSipListener& listener : m_vListeners)
+        if (listener.m_strTransport == strTransport && (listener.m_strAddress.find(':') != std::string::npos) == bSix)
+            return &listener;
+    return m_vListeners.empty() ? nullptr : &m_vListeners.front();
+}
+
+CSipEndpoint CNtaStack::localFor(const std::string& strTransport, const std::string& strPeer) const
+{
+    const CSipListener* pListener = listenerFor(strTransport, strPeer);
+    if (!pListener)
+        return {};
+    return {isWildcard(pListener->m_strAddress) ? addressTowards(strPeer, pListener->m_strAddress == "::")
+                                                : pListener->m_strAddress,
+            pListener->m_usPort};
+}
+
 std::string CNtaStack::contactFor(const std::string& strTransport, const std::string& strPeer,
                                   const std::string& strUser) const
 {
-    const bool bSix = strPeer.find(':') != std::string::npos;
-    const CSipListener* pBest = nullptr;
-    for (const CSipListener& listener : m_vListeners)
-    {
-        const bool bSame = listener.m_strTransport == strTransport;
-        const bool bFamily = (listener.m_strAddress.find(':') != std::string::npos) == bSix;
-        if (!pBest || (bSame && bFamily))
-        {
-            pBest = &listener;
-            if (bSame && bFamily)
-                break;
-        }
-    }
-    if (!pBest)
+    const CSipListener* pListener = listenerFor(strTransport, strPeer);
+    if (!pListener)
         return "sip:invalid.invalid";
-    const std::string strAddress =
-        isWildcard(pBest->m_strAddress) ? addressTowards(strPeer, pBest->m_strAddress == "::") : pBest->m_strAddress;
-    std::string strContact = pBest->m_strTransport == "tls" ? "sips:" : "sip:";
+    std::string strContact = pListener->m_strTransport == "tls" ? "sips:" : "sip:";
     if (!strUser.empty())
         strContact += strUser + "@";
-    strContact += bracketed(strAddress) + ":" + portText(*pBest);
-    return pBest->m_strTransport == "tcp" ? strContact + ";transport=tcp" : strContact;
+    strContact += bracketed(localFor(strTransport, strPeer).m_strAddress) + ":" + portText(*pListener);
+    return pListener->m_strTransport == "tcp" ? strContact + ";transport=tcp" : strContact;
 }
 
 std::string CNtaStack::contactForUri(const std::string& strUri, const std::string& strUser) const

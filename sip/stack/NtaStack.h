@@ -4,6 +4,7 @@
 
 #include "NtaTypes.h"
 #include "SipStack.h"
+#include "SipTrace.h"
 
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ public:
 
     bool listen(const CSipListener& listener, const std::string& strCertificates, bool bVerify,
                 std::string& strError) override;
+    bool trace(const std::string& strFile, std::string& strError) override;
     void allow(const CAddressList& addresses) override;
     std::unique_ptr<CSipDialog> createDialog(const CSipDialSettings& settings) override;
     std::unique_ptr<CSipDialog> restoreDialog(const CSipSavedDialog& saved) override;
@@ -25,6 +27,10 @@ public:
 
 private:
     static int onMessage(CNtaStack* pStack, nta_agent_t* pAgent, msg_t* pMessage, sip_t* pSip);
+
+    // The listener for peers of that transport and family.
+    const CSipListener* listenerFor(const std::string& strTransport, const std::string& strPeer) const;
+    CSipEndpoint localFor(const std::string& strTransport, const std::string& strPeer) const;
 
     void takeRequest(msg_t* pMessage, sip_t* pSip);
     void takeInvite(nta_incoming_t* pTransaction, const sip_t* pSip, const CSipMessage& message);
@@ -38,6 +44,7 @@ private:
     const std::string m_strProduct;
     nta_agent_t* m_pAgent;
     std::vector<CSipListener> m_vListeners;
+    std::unique_ptr<CSipTrace> m_pTrace;
 };
 
 #endif

@@ -48,6 +48,8 @@ public:
     // strCertificates: the folder with agent.pem and cafile.pem, for tls. False, with the reason in strError.
     virtual bool listen(const CSipListener& listener, const std::string& strCertificates, bool bVerify,
                         std::string& strError) = 0;
+    // Before listen: all messages go into the file, too.
+    virtual bool trace(const std::string& strFile, std::string& strError) = 0;
     // What comes from elsewhere is dropped before the stack sees it.
     virtual void allow(const CAddressList& addresses) = 0;
 

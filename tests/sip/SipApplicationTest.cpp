@@ -13,8 +13,8 @@ TEST_F(SipApplication, RegistersFirst)
     CJsonLinesClient client;
     nlohmann::json answer;
     std::string strError;
-    ASSERT_TRUE(askJsonLines("/tmp/zelmedia-sip.sock", {{"id", 1}, {"request", "calls"}}, std::chrono::seconds(10),
-                             answer, strError));
+    ASSERT_TRUE(askJsonLines("/tmp/zelmedia-sip.sock", {{"id", 1}, {"request", "claim"}, {"call", "x"}},
+                             std::chrono::seconds(10), answer, strError));
     EXPECT_EQ(answer["error"]["code"], "not-attached");
 }
 

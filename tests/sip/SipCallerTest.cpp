@@ -340,3 +340,48 @@ TEST_F(SipCaller, CallMayComeByTcp)
     EXPECT_EQ(m_application.wait("ended")["reason"], "hangup");
     expectDone(phone);
 }
+
+TEST_F(SipCaller, AttendedTransferNamesTheOtherCall)
+{
+    startAll();
+    CProgram first;
+    CProgram second;
+    call(first, "attended_transfer.xml");
+    const nlohmann::json moved = answerNext();
+    call(second, "call_until_bye.xml");
+    const nlohmann::json other = answerNext();
+    auto request = of("transfer_to", moved);
+    request["other_call"] = other["call"];
+    request["other_leg"] = other["leg"];
+    EXPECT_TRUE(m_application.request(request).value("ok", false));
+    EXPECT_EQ(m_application.wait("transferred")["status"], 200);
+    const nlohmann::json ended = m_application.wait("ended");
+    EXPECT_EQ(ended["call"], moved["call"]);
+    EXPECT_EQ(ended["reason"], "transferred");
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_TRUE(m_application.request(of("hangup", other)).value("ok", false));
+    expectDone(second);
+}
+
+TEST_F(SipCaller, CallsAreBridgedByTheDriver)
+{
+    startAll();
+    CProgram first;
+    CProgram second;
+    call(first, "call_until_bye.xml");
+    const nlohmann::json one = answerNext();
+    call(second, "call_until_bye.xml");
+    const nlohmann::json two = answerNext();
+    auto request = of("bridge", one);
+    request["other_call"] = two["call"];
+    request["other_leg"] = two["leg"];
+    EXPECT_TRUE(m_application.request(request).value("ok", false));
+    const nlohmann::json bridge = m_media.waitRequest("bridge");
+    EXPECT_EQ(bridge["call"], one["call"]);
+    EXPECT_EQ(bridge["other_call"], two["call"]);
+    EXPECT_TRUE(m_application.request(of("unbridge", one)).value("ok", false));
+    EXPECT_TRUE(m_application.request(of("hangup", one)).value("ok", false));
+    EXPECT_TRUE(m_application.request(of("hangup", two)).value("ok", false));
+    EXPECT_EQ(first.wait(), 0);
+    expectDone(second);
+}

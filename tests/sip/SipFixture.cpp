@@ -196,12 +196,16 @@ void CProgram::signal(int nSignal) const
         ::kill(m_nProcess, nSignal);
 }
 
+static int s_nInstances = 0;
+
 bool CTestApplication::connect(const std::string& strRoute)
 {
     std::string strError;
     if (!waitUntil([&] { return m_client.connect(s_szSipSocket, strError); }))
         return false;
-    return request({{"request", "register"}, {"route", strRoute}, {"instance", "test"}}).value("ok", false);
+    return request(
+               {{"request", "register"}, {"route", strRoute}, {"instance", "test-" + std::to_string(++s_nInstances)}})
+        .value("ok", false);
 }
 
 void CTestApplication::take(int nLimitMs)
@@ -377,6 +381,7 @@ nlohmann::json CSipFixture::answerNext()
     nlohmann::json offered = m_application.wait("offered");
     EXPECT_FALSE(offered.is_null());
     EXPECT_TRUE(m_application.request(of("answer", offered)).value("ok", false));
+    EXPECT_FALSE(m_application.wait("answered").is_null());
     return offered;
 }
 
