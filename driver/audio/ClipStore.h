@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 struct COpenResult;
@@ -61,7 +62,12 @@ private:
         long m_nModifiedNs = 0;
         int m_nHeaderlessFormat = 0; // by the ending, which tells what the bytes of such a file mean
 
-        auto operator<=>(const CIdentity&) const = default;
+        bool operator<(const CIdentity& other) const
+        {
+            return std::tie(m_nDevice, m_nInode, m_nSize, m_nModified, m_nModifiedNs, m_nHeaderlessFormat) <
+                   std::tie(other.m_nDevice, other.m_nInode, other.m_nSize, other.m_nModified, other.m_nModifiedNs,
+                            other.m_nHeaderlessFormat);
+        }
     };
     // The clips that are in memory. Shared with the work of the executor, which may outlive the store.
     class CKnown
