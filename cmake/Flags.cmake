@@ -24,7 +24,10 @@ if(ZELMEDIA_SANITIZE)
   add_link_options(${ZELMEDIA_SANITIZE_LINK})
 elseif(NOT ZELMEDIA_COVERAGE)
   add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
-  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
+  add_compile_options(-fstack-protector-strong)
+  if(NOT (CMAKE_CXX_COMPILER_ID STREQUAL Clang AND ZELMEDIA_ARCHITECTURE STREQUAL armhf)) # which has none
+    add_compile_options(-fstack-clash-protection)
+  endif()
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
 

@@ -1,5 +1,11 @@
 include(GoogleTest)
 
+# Long tests begin first, also where none has run before: name, runs, seconds. ctest keeps this file up to date.
+set(costs ${CMAKE_BINARY_DIR}/Testing/Temporary/CTestCostData.txt)
+if(NOT EXISTS ${costs})
+  configure_file(${PROJECT_SOURCE_DIR}/tests/costs.txt ${costs} COPYONLY)
+endif()
+
 # What starts each test in a /tmp of its own: a native program without sanitizers, whatever is tested.
 set(ZELMEDIA_PRIVATE_TMP ${CMAKE_BINARY_DIR}/private-tmp)
 find_program(ZELMEDIA_NATIVE_CC NAMES cc gcc clang REQUIRED)

@@ -56,7 +56,11 @@ TEST(PublicTypes, CompletionIsTheThirdVirtualOperation)
     const auto pmember = &CHandler::OnMediaStreamCompletion;
     uintptr_t nSlot = 0;
     memcpy(&nSlot, &pmember, sizeof(nSlot));
+#if defined(__arm__) || defined(__aarch64__) // where another word says that it is virtual
+    EXPECT_EQ(2 * sizeof(void*), nSlot);
+#else
     EXPECT_EQ(2 * sizeof(void*) + 1, nSlot);
+#endif
 }
 
 TEST(PublicTypes, EveryStatusHasItsValueAndName)

@@ -27,7 +27,7 @@ std::atomic<bool> s_bFailTruncation{false};
 std::atomic<uint64_t> s_ullStoppedClock{0}; // in milliseconds, 0: it runs
 std::atomic<logtest::CWriteHook> s_writeHook{nullptr};
 
-#ifdef __i386__
+#if __SIZEOF_LONG__ == 4
 constexpr char CLOCK_CALL[] = "__clock_gettime64"; // with times after 2038
 #else
 constexpr char CLOCK_CALL[] = "clock_gettime";

@@ -143,11 +143,15 @@ TEST_F(ServicesImpl, DestructionClosesNoStreamAndKeepsTheInterface)
 TEST_F(ServicesImpl, CompletionIsTheThirdVirtualOperation)
 {
     // Destructor in both forms, then the completion: a pointer to a virtual member holds its
-    // place in the table, in bytes, plus one.
+    // place in the table, in bytes, plus one where no other word says that it is virtual.
     const auto pmember = &CMIntfCompletionHandler::OnCMIntfCompletion;
     uintptr_t nSlot = 0;
     memcpy(&nSlot, &pmember, sizeof(nSlot));
+#if defined(__arm__) || defined(__aarch64__)
+    EXPECT_EQ(2 * sizeof(void*), nSlot);
+#else
     EXPECT_EQ(2 * sizeof(void*) + 1, nSlot);
+#endif
     static_assert(std::is_base_of_v<CMIntfCompletionHandler, CZelMediaServicesImpl>);
     static_assert(std::is_abstract_v<CMIntfCompletionHandler>);
 }
