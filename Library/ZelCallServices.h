@@ -211,7 +211,8 @@ class ZELCALL_API CZelCallServices
 {
 public:
     // pHandler   is not owned, must outlive this object, and may be null: then nothing is reported.
-    // strRoute   the calls of which route are offered to this object; "*" those that no other route has, "" none
+    // strRoute   the calls of which route are offered to this object; "*" those that no other route has. A program that
+    //            only dials takes a route that no call has.
     // strSocket  the path of zelmedia-sip's socket; "" stands for /run/zelmedia/sip.sock where that exists, else
     //            /tmp/zelmedia-sip.sock
     //

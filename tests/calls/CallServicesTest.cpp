@@ -215,7 +215,7 @@ TEST_F(CallServices, AfterHangUpOnlyEventsCome)
 
 TEST_F(CallServices, DialGivesTheLegOfWhichEventsTell)
 {
-    open("");
+    open("nobody");
     CZelCallInfo call;
     ASSERT_EQ(m_pServices->dial("sip:300@example.net", "sip:me@example.net", &call), CCS_OK);
     EXPECT_EQ(m_daemon.waitRequest("dial"),
