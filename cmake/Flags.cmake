@@ -25,7 +25,7 @@ if(ZELMEDIA_SANITIZE)
 elseif(NOT ZELMEDIA_COVERAGE)
   add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
   add_compile_options(-fstack-protector-strong)
-  if(NOT (CMAKE_CXX_COMPILER_ID STREQUAL Clang AND ZELMEDIA_ARCHITECTURE STREQUAL armhf)) # which has none
+  if(NOT (CMAKE_CXX_COMPILER_ID STREQUAL Clang AND ZELMEDIA_ARCHITECTURE MATCHES "^arm")) # which has none
     add_compile_options(-fstack-clash-protection)
   endif()
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
