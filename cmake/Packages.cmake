@@ -52,6 +52,14 @@ install(EXPORT ZelMediaTargets NAMESPACE ZelMedia:: DESTINATION ${CONFIG_DIR} CO
 install(FILES ${STAGE}/ZelMediaConfig.cmake ${STAGE}/ZelMediaConfigVersion.cmake
   DESTINATION ${CONFIG_DIR} COMPONENT libzelmedia-dev)
 
+if(TARGET ZelCallLib)
+  install(TARGETS ZelCallLib EXPORT ZelCallTargets
+    LIBRARY COMPONENT libzelcall1 NAMELINK_COMPONENT libzelcall-dev
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelmedia)
+  install(FILES Library/ZelCallServices.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelmedia COMPONENT libzelcall-dev)
+  install(EXPORT ZelCallTargets NAMESPACE ZelMedia:: DESTINATION ${CONFIG_DIR} COMPONENT libzelcall-dev)
+endif()
+
 # It can be moved with its prefix, unless its folders were named as they are.
 if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
   set(PC_PREFIX ${CMAKE_INSTALL_PREFIX})
@@ -65,6 +73,10 @@ else()
 endif()
 configure_file(cmake/zelmedia.pc.in ${STAGE}/zelmedia.pc @ONLY)
 install(FILES ${STAGE}/zelmedia.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT libzelmedia-dev)
+if(TARGET ZelCallLib)
+  configure_file(cmake/zelcall.pc.in ${STAGE}/zelcall.pc @ONLY)
+  install(FILES ${STAGE}/zelcall.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT libzelcall-dev)
+endif()
 
 if(NOT ZELMEDIA_M32 AND NOT CMAKE_CROSSCOMPILING)
   include(${CMAKE_CURRENT_LIST_DIR}/InstallPrograms.cmake)
