@@ -215,8 +215,6 @@ private:
 
     bool m_bMedia = false; // the driver has a session
     bool m_bKeys = false;  // which it was told keys for
-    std::string m_strEndReason;
-    int m_nEndStatus = 0;
     bool m_bEndTold = false;
     bool m_bHeld = false;        // as the application knows it
     bool m_bOfferWanted = false; // as soon as the leg is stable

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 
 struct CLegName
 {
@@ -13,7 +14,10 @@ struct CLegName
     unsigned m_uLeg = 1;
 
     friend bool operator==(const CLegName&, const CLegName&) = default;
-    friend auto operator<=>(const CLegName&, const CLegName&) = default;
+    friend bool operator<(const CLegName& a, const CLegName& b)
+    {
+        return std::tie(a.m_strCall, a.m_uLeg) < std::tie(b.m_strCall, b.m_uLeg);
+    }
 };
 
 class CMediaDriver

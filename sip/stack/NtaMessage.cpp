@@ -70,7 +70,7 @@ void takeExtensions(CSipMessage& message, const sip_t* pSip)
     message.m_uMinimumExpires = pSip->sip_min_se ? static_cast<unsigned>(pSip->sip_min_se->min_delta) : 0;
     if (pSip->sip_min_expires)
         message.m_uMinimumExpires = static_cast<unsigned>(pSip->sip_min_expires->me_delta);
-    if (const sip_replaces_t* pReplaces = sip_replaces(pSip))
+    if (const sip_replaces_t* pReplaces = sip_replaces(const_cast<sip_t*>(pSip)))
     {
         message.m_replaces = {text(pReplaces->rp_call_id), text(pReplaces->rp_to_tag), text(pReplaces->rp_from_tag),
                               pReplaces->rp_early_only != 0};
