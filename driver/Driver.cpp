@@ -32,6 +32,9 @@ CDriver::CDriver(const COptions& options)
 
 CDriver::~CDriver()
 {
+    if (m_pChannels)
+        m_pChannels->setCalls(nullptr);
+    m_pCalls.reset(); // ends its recordings
     m_registry.dropAll("the driver ends");
     m_registry.sweep();
     m_loader.finish();
@@ -88,7 +91,7 @@ bool CDriver::openCalls(std::string& strError)
         return true;
     m_pCalls = std::make_unique<CCallServer>(
         CCallServer::CParts{
-            m_rtpPorts, &m_poller, m_clock,
+            m_rtpPorts, &m_poller, m_clock, m_disk,
             [this](const std::string& strCallID, std::optional<uint32_t> nLegID) { return hangUp(strCallID, nLegID); }},
         CCallServer::CSettings{m_options.m_strCallsPath,
                                CNetAddress::parseHost(m_options.m_strRtpAddress).value_or(CNetAddress()),

@@ -11,7 +11,7 @@ namespace
 constexpr size_t SERVICE_SAMPLES = CAudioSink::CAPACITY / 8;
 } // namespace
 
-void CAudioSink::open(CExecutor& disk, const std::string& strPath, OpenFunction done)
+void CAudioSink::open(CExecutor& disk, const std::string& strPath, OpenFunction done, unsigned nChannels)
 {
     std::string strError;
     if (!CAudioWriter::hasFormat(strPath, strError))
@@ -22,8 +22,8 @@ void CAudioSink::open(CExecutor& disk, const std::string& strPath, OpenFunction 
     const auto ppSink = std::make_shared<std::shared_ptr<CAudioSink>>();
     openFile(
         disk, strPath, CAudioWriter::OPEN_FLAGS,
-        [strPath, ppSink](CFd fd, const struct stat&, std::string& strReason) {
-            if (auto pWriter = CAudioWriter::create(std::move(fd), strPath, strReason))
+        [strPath, ppSink, nChannels](CFd fd, const struct stat&, std::string& strReason) {
+            if (auto pWriter = CAudioWriter::create(std::move(fd), strPath, strReason, nChannels))
                 *ppSink = std::make_shared<CAudioSink>(std::move(pWriter));
             return *ppSink != nullptr;
         },

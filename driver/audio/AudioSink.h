@@ -25,7 +25,7 @@ public:
     static constexpr size_t CAPACITY = 32768;
 
     // Creates or empties the file; see CAudioWriter::Create.
-    static void open(CExecutor& disk, const std::string& strPath, OpenFunction done);
+    static void open(CExecutor& disk, const std::string& strPath, OpenFunction done, unsigned nChannels = 1);
 
     explicit CAudioSink(std::unique_ptr<CAudioWriter> pWriter);
 

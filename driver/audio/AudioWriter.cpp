@@ -102,7 +102,8 @@ bool CAudioWriter::hasFormat(const std::string& strPath, std::string& strError)
     return true;
 }
 
-std::unique_ptr<CAudioWriter> CAudioWriter::create(CFd fd, const std::string& strPath, std::string& strError)
+std::unique_ptr<CAudioWriter> CAudioWriter::create(CFd fd, const std::string& strPath, std::string& strError,
+                                                   unsigned nChannels)
 {
     const auto format = audioFormatOf(strPath);
     if (!format || !takeForWriting(fd, strError))
@@ -110,7 +111,7 @@ std::unique_ptr<CAudioWriter> CAudioWriter::create(CFd fd, const std::string& st
     SF_INFO info = {};
     info.format = format->m_nSndFormat;
     info.samplerate = 8000;
-    info.channels = 1;
+    info.channels = static_cast<int>(nChannels);
     auto pTarget = std::make_unique<CTarget>();
     pTarget->m_fd = std::move(fd);
     std::unique_ptr<CAudioWriter> pWriter(

@@ -12,8 +12,9 @@
 #include <span>
 #include <string>
 
-// One open file of µ-law samples, 8000 per second, mono. Formats of µ-law get them byte for byte. The file is complete,
-// header included, after close, after update, and when the writer is destroyed.
+// One open file of µ-law samples, 8000 per second, mono unless more channels are asked for, which come interleaved.
+// Formats of µ-law get them byte for byte. The file is complete, header included, after close, after update, and when
+// the writer is destroyed.
 class CAudioWriter
 {
 public:
@@ -26,7 +27,8 @@ public:
     // writer of the open file.
     static bool hasFormat(const std::string& strPath, std::string& strError);
     static constexpr int OPEN_FLAGS = O_RDWR | O_CREAT;
-    static std::unique_ptr<CAudioWriter> create(CFd fd, const std::string& strPath, std::string& strError);
+    static std::unique_ptr<CAudioWriter> create(CFd fd, const std::string& strPath, std::string& strError,
+                                                unsigned nChannels = 1);
 
     ~CAudioWriter();
 

@@ -48,7 +48,8 @@ CJsonLinesServer::CSettings serverSettings(const std::string& strPath)
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
         abilities.push_back(strName);
     }
-    abilities.push_back("dtmf");
+    for (const char* pAbility : {"dtmf", "inband", "srtp", "speech", "bridge", "record"})
+        abilities.push_back(pAbility);
     settings.m_hello = {
         {"hello", "zelmedia-driver"}, {"version", ZELMEDIA_VERSION}, {"protocol", 1}, {"abilities", abilities}};
     settings.m_log = [](const std::string& strLine) { spdlog::warn("calls: {}", strLine); };
@@ -61,7 +62,8 @@ const CCallServer::CEntry CCallServer::REQUESTS[] = {
     {"update", &CCallServer::update, true},  {"end", &CCallServer::end, true},
     {"hangup", &CCallServer::hangUp, false}, {"get", &CCallServer::get, false},
     {"list", &CCallServer::list, false},     {"digits", &CCallServer::digits, true},
-    {"events", &CCallServer::events, true},
+    {"bridge", &CCallServer::bridge, true},  {"unbridge", &CCallServer::unbridge, true},
+    {"record", &CCallServer::record, true},  {"events", &CCallServer::events, true},
 };
 
 CCallServer::CCallServer(CParts parts, CSettings settings)
@@ -131,12 +133,12 @@ void CCallServer::finish(CJsonFields& fields)
         throw CRefused(JSON_BAD_REQUEST, strError);
 }
 
-CLegName CCallServer::legOf(CJsonFields& fields)
+CLegName CCallServer::legOf(CJsonFields& fields, const char* pCall, const char* pLeg)
 {
-    std::string strCall = fields.neededText("call", 1, MAX_CALL_ID);
+    std::string strCall = fields.neededText(pCall, 1, MAX_CALL_ID);
     if (strCall.find('\0') != std::string::npos)
-        fields.fail("\"call\" must not hold a NUL");
-    return {std::move(strCall), static_cast<uint32_t>(fields.neededNumber("leg", 0, UINT32_MAX))};
+        fields.fail("a call id must not hold a NUL");
+    return {std::move(strCall), static_cast<uint32_t>(fields.neededNumber(pLeg, 0, UINT32_MAX))};
 }
 
 CCallSession& CCallServer::find(const CLegName& name)
@@ -193,9 +195,12 @@ ordered_json CCallServer::create(CAsk& ask)
     finish(ask.m_fields);
     if (m_mapSessions.count(name) > 0)
         throw CRefused("exists", "there is a session on " + legText(name));
-    auto pSession =
-        std::make_unique<CCallSession>(name, *m_owners.ownerOf(ask.m_nConnection),
-                                       [this](const auto& session, const auto& strLine) { onEvent(session, strLine); });
+    auto pSession = std::make_shared<CCallSession>(
+        name, *m_owners.ownerOf(ask.m_nConnection),
+        [this, pAlive = std::weak_ptr(m_pAlive)](const auto& session, const std::string& strLine) {
+            if (!pAlive.expired())
+                onEvent(session, strLine);
+        });
     openMedia(*pSession, address, settings);
     const CNetAddress local = pSession->media().local();
     m_mapSessions.emplace(name, std::move(pSession));
@@ -229,7 +234,9 @@ ordered_json CCallServer::update(CAsk& ask)
     CMediaSettings settings = session.media().settings();
     readMediaDescription(ask.m_fields, settings);
     finish(ask.m_fields);
-    session.media().update(settings);
+    std::string strError;
+    if (!session.media().update(settings, strError))
+        throw CRefused(JSON_FAILED, strError);
     return ordered_json::object();
 }
 
@@ -243,13 +250,14 @@ ordered_json CCallServer::end(CAsk& ask)
     return ordered_json::object();
 }
 
-void CCallServer::endSession(const CLegName& name, const std::string& strReason)
+void CCallServer::endSession(CLegName name, const std::string& strReason)
 {
     const auto it = m_mapSessions.find(name);
     const CSessionPtr pSession = std::move(it->second);
     m_mapSessions.erase(it);
     const uint16_t nPort = pSession->media().local().port();
     spdlog::info("calls: session on {} ends: {}", legText(name), printable(strReason));
+    undoBridge(*pSession);
     pSession->end(strReason);
     m_parts.m_hangUp(name.first, name.second);
     m_pool.giveBack(nPort);
@@ -298,6 +306,58 @@ ordered_json CCallServer::digits(CAsk& ask)
     finish(ask.m_fields);
     if (!findOwn(ask, name).media().press(strKeys, nMs, nGapMs))
         throw CRefused("wrong-state", "too many digits wait, or there is no payload type to send them with");
+    return ordered_json::object();
+}
+
+ordered_json CCallServer::bridge(CAsk& ask)
+{
+    const CLegName name = legOf(ask.m_fields);
+    const CLegName other = legOf(ask.m_fields, "other_call", "other_leg");
+    finish(ask.m_fields);
+    CCallSession& session = findOwn(ask, name);
+    CCallSession& otherSession = findOwn(ask, other);
+    if (!CRtpSession::bridge(session.media(), otherSession.media()))
+        throw CRefused("wrong-state", "one of the two is bridged already, or they are one");
+    session.setBridged(other);
+    otherSession.setBridged(name);
+    session.tell({{"event", "bridged"}, {"other_call", other.first}, {"other_leg", other.second}});
+    otherSession.tell({{"event", "bridged"}, {"other_call", name.first}, {"other_leg", name.second}});
+    return ordered_json::object();
+}
+
+ordered_json CCallServer::unbridge(CAsk& ask)
+{
+    const CLegName name = legOf(ask.m_fields);
+    finish(ask.m_fields);
+    if (!undoBridge(findOwn(ask, name)))
+        throw CRefused("wrong-state", legText(name) + " is not bridged");
+    return ordered_json::object();
+}
+
+bool CCallServer::undoBridge(CCallSession& session)
+{
+    if (!session.bridged())
+        return false;
+    const CLegName name = session.name();
+    const CLegName other = *session.bridged();
+    session.media().unbridge();
+    session.setBridged({});
+    session.tell({{"event", "unbridged"}, {"other_call", other.first}, {"other_leg", other.second}});
+    CCallSession& otherSession = find(other);
+    otherSession.setBridged({});
+    otherSession.tell({{"event", "unbridged"}, {"other_call", name.first}, {"other_leg", name.second}});
+    return true;
+}
+
+ordered_json CCallServer::record(CAsk& ask)
+{
+    const CLegName name = legOf(ask.m_fields);
+    const std::string strFile = ask.m_fields.neededText("file", 0, 4096);
+    if (!strFile.empty() && (!strFile.ends_with(".wav") || strFile.find('\0') != std::string::npos))
+        ask.m_fields.fail("\"file\" must be the path of a file that ends in .wav");
+    finish(ask.m_fields);
+    if (!findOwn(ask, name).record(m_parts.m_disk, strFile))
+        throw CRefused(JSON_FAILED, "no memory to record");
     return ordered_json::object();
 }
 

@@ -25,6 +25,7 @@ public:
         CRtpPorts& m_ports;
         CPoller* m_pPoller; // may be null: then reports are looked for in each tick
         const CClock& m_clock;
+        CExecutor& m_disk;
         // Hangs up the streams on a call, or on one leg of it, and returns how many.
         std::function<size_t(const std::string& strCallID, std::optional<uint32_t> nLegID)> m_hangUp;
     };
@@ -53,7 +54,7 @@ public:
     size_t count() const { return m_mapSessions.size(); }
 
 private:
-    using CSessionPtr = std::unique_ptr<CCallSession>;
+    using CSessionPtr = std::shared_ptr<CCallSession>;
     struct CAsk
     {
         ConnectionID m_nConnection;
@@ -79,15 +80,20 @@ private:
     nlohmann::ordered_json get(CAsk& ask);
     nlohmann::ordered_json list(CAsk& ask);
     nlohmann::ordered_json digits(CAsk& ask);
+    nlohmann::ordered_json bridge(CAsk& ask);
+    nlohmann::ordered_json unbridge(CAsk& ask);
+    nlohmann::ordered_json record(CAsk& ask);
     nlohmann::ordered_json events(CAsk& ask);
 
-    static CLegName legOf(CJsonFields& fields);
+    static CLegName legOf(CJsonFields& fields, const char* pCall = "call", const char* pLeg = "leg");
     static void finish(CJsonFields& fields);
     CCallSession& find(const CLegName& name);
     CCallSession& findOwn(const CAsk& ask, const CLegName& name);
     CNetAddress localAddress(CJsonFields& fields) const;
     void openMedia(CCallSession& session, const CNetAddress& address, const CMediaSettings& settings);
-    void endSession(const CLegName& name, const std::string& strReason);
+    bool undoBridge(CCallSession& session);
+    // The name is a copy, as it may be that of the map, which goes.
+    void endSession(CLegName name, const std::string& strReason);
     void onEvent(const CCallSession& session, const std::string& strLine);
 
     const CParts m_parts;
@@ -95,6 +101,7 @@ private:
     CPortPool m_pool;
     CJsonOwners m_owners;
     std::map<CLegName, CSessionPtr> m_mapSessions;
+    const std::shared_ptr<bool> m_pAlive = std::make_shared<bool>(true); // sessions end after it when they record
     CJsonLinesServer m_server;
 };
 

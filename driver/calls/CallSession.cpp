@@ -92,10 +92,44 @@ void CCallSession::tell(ordered_json event)
     m_onEvent(*this, m_events.add(std::move(event)));
 }
 
+bool CCallSession::record(CExecutor& disk, const std::string& strFile)
+{
+    endRecord();
+    if (strFile.empty())
+        return true;
+    m_pRecorder =
+        CCallRecorder::begin(disk, strFile, [pWeak = weak_from_this(), strFile](bool bOk, uint64_t ullSamples) {
+            if (const auto pThis = pWeak.lock())
+                pThis->onRecorded(strFile, bOk, ullSamples);
+        });
+    return m_pMedia->setTap(m_pRecorder.get());
+}
+
+void CCallSession::endRecord()
+{
+    m_pMedia->setTap(nullptr);
+    if (m_pRecorder)
+        m_pRecorder->end(shared_from_this());
+    m_pRecorder.reset();
+}
+
+void CCallSession::onRecorded(const std::string& strFile, bool bOk, uint64_t ullSamples)
+{
+    tell({{"event", "recorded"}, {"file", strFile}, {"ok", bOk}, {"samples", ullSamples}});
+    if (m_strEndReason)
+        tell({{"event", "ended"}, {"reason", *m_strEndReason}});
+}
+
+// The end of its recording comes before the end of the session.
 void CCallSession::end(const std::string& strReason)
 {
+    const bool bRecords = m_pRecorder && !m_pRecorder->isDone();
+    if (bRecords)
+        m_strEndReason = strReason;
+    endRecord();
     m_pMedia->end();
-    tell({{"event", "ended"}, {"reason", strReason}});
+    if (!bRecords)
+        tell({{"event", "ended"}, {"reason", strReason}});
 }
 
 void CCallSession::onSessionEvent(const CSessionEvent& event)
@@ -106,6 +140,8 @@ void CCallSession::onSessionEvent(const CSessionEvent& event)
         tell({{"event", "digit"}, {"digit", std::string(1, event.m_cDigit)}, {"ms", event.m_nNumber}});
         break;
     case CSessionEvent::EKind::DigitsSent: tell({{"event", "digits_sent"}}); break;
+    case CSessionEvent::EKind::SpeechBegins: tell({{"event", "speech"}, {"begins", true}}); break;
+    case CSessionEvent::EKind::SpeechEnds: tell({{"event", "speech"}, {"begins", false}}); break;
     case CSessionEvent::EKind::Source: tell({{"event", "source"}, {"address", event.m_address.text()}}); break;
     case CSessionEvent::EKind::NoMedia: tell({{"event", "no_media"}, {"seconds", event.m_nNumber}}); break;
     case CSessionEvent::EKind::Media: tell({{"event", "media"}}); break;
@@ -127,6 +163,10 @@ ordered_json CCallSession::toJson() const
     if (media.remote().isKnown())
         json["remote"] = media.remote().text();
     json["source"] = sourceText(media.lock().state());
+    if (m_bridged)
+        json["bridged"] = {{"call", m_bridged->first}, {"leg", m_bridged->second}};
+    json["recording"] = m_pRecorder != nullptr && !m_pRecorder->isDone();
+    json["srtp"] = settings.m_srtp.has_value();
     json["stream"] = !m_view.expired();
     json["sent"] = {{"packets", media.sender().packets()}, {"octets", media.sender().octets()}};
     json["received"] = receivedJson(media);

@@ -2,19 +2,21 @@
 #ifndef DRIVER_CALL_SESSION_H
 #define DRIVER_CALL_SESSION_H
 
+#include "CallRecorder.h"
 #include "JsonEventLog.h"
 #include "RtpSession.h"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 // Call id and leg.
 using CLegName = std::pair<std::string, uint32_t>;
 
-class CCallSession : private CRtpSession::CListener
+class CCallSession : public std::enable_shared_from_this<CCallSession>, private CRtpSession::CListener
 {
 public:
     // Gets each event as the line that goes to the owner.
@@ -38,11 +40,18 @@ public:
     CRtpSession& media() { return *m_pMedia; }
     const CRtpSession& media() const { return *m_pMedia; }
 
+    // Whom it hears and who hears it.
+    void setBridged(std::optional<CLegName> name) { m_bridged = std::move(name); }
+    const std::optional<CLegName>& bridged() const { return m_bridged; }
+
     // A view for one stream at a time; null while there is one.
     std::shared_ptr<CRtpSession> takeView();
 
     // Numbers the event and gives it to the owner.
     void tell(nlohmann::ordered_json event);
+
+    // Records the call from now on; an empty name ends the recording. False when there is no memory.
+    bool record(CExecutor& disk, const std::string& strFile);
 
     // Ends the media. What is viewed stays valid, and silent.
     void end(const std::string& strReason);
@@ -50,6 +59,8 @@ public:
     nlohmann::ordered_json toJson() const;
 
 private:
+    void endRecord();
+    void onRecorded(const std::string& strFile, bool bOk, uint64_t ullSamples);
     void onSessionEvent(const CSessionEvent& event) override;
 
     const CLegName m_name;
@@ -58,6 +69,9 @@ private:
     CJsonEventLog m_events;
     std::shared_ptr<CRtpSession> m_pMedia;
     std::weak_ptr<CRtpSession> m_view;
+    std::optional<CLegName> m_bridged;
+    std::shared_ptr<CCallRecorder> m_pRecorder;
+    std::optional<std::string> m_strEndReason; // to be told when the recording is whole
 };
 
 #endif

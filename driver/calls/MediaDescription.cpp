@@ -2,6 +2,7 @@
 #include "MediaDescription.h"
 
 #include <fmt/format.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <map>
@@ -112,6 +113,43 @@ void readAddress(CJsonFields& fields, const char* pKey, CNetAddress& address)
             fmt::format("\"{}\" must be an address and port such as 192.0.2.9:4000 or [2001:db8::9]:4000", pKey));
 }
 
+std::vector<uint8_t> readKey(CJsonFields& fields, const std::string& strBase64, size_t nLength)
+{
+    std::vector<uint8_t> vKey(strBase64.size());
+    const int nSize = EVP_DecodeBlock(vKey.data(), reinterpret_cast<const unsigned char*>(strBase64.data()),
+                                      static_cast<int>(strBase64.size()));
+    // Its padding is decoded as zeros.
+    if (strBase64.size() != (nLength + 2) / 3 * 4 || nSize < static_cast<int>(nLength))
+        fields.fail(fmt::format("\"srtp\": a key must be {} bytes in base64", nLength));
+    vKey.resize(nLength);
+    return vKey;
+}
+
+void readSrtp(CJsonFields& fields, CMediaSettings& settings)
+{
+    if (!fields.has("srtp"))
+        return;
+    const nlohmann::json* pObject = fields.object("srtp");
+    settings.m_srtp.reset();
+    if (pObject == nullptr)
+        return;
+    CJsonFields inner(*pObject);
+    CSrtpKeys keys;
+    keys.m_strSuite = inner.neededText("suite", 1, 64);
+    const std::string strSend = inner.neededText("send", 1, 128);
+    const std::string strReceive = inner.neededText("receive", 1, 128);
+    std::string strError;
+    const size_t nLength = srtpKeyLength(keys.m_strSuite);
+    if (!inner.finish(strError) || nLength == 0)
+    {
+        fields.fail("\"srtp\": " + (strError.empty() ? "the suite is not known" : strError));
+        return;
+    }
+    keys.m_vSend = readKey(fields, strSend, nLength);
+    keys.m_vReceive = readKey(fields, strReceive, nLength);
+    settings.m_srtp = std::move(keys);
+}
+
 void readPayload(CJsonFields& fields, const char* pKey, std::optional<uint8_t>& payload)
 {
     if (!fields.has(pKey))
@@ -134,12 +172,15 @@ void readMediaDescription(CJsonFields& fields, CMediaSettings& settings)
     readAddress(fields, "rtcp_remote", settings.m_rtcpRemote);
     readFormats(fields, settings);
     readPayload(fields, "send_digits", settings.m_sendKeys);
+    readPayload(fields, "comfort_noise", settings.m_comfortNoise);
     if (const auto llPtime = fields.number("ptime", 10, 60))
     {
         settings.m_nPtimeMs = static_cast<unsigned>(*llPtime);
         if (*llPtime % 10 != 0)
             fields.fail("\"ptime\" must be a multiple of 10");
     }
+    if (settings.m_pSendCodec == &CODEC_OPUS && (settings.m_nPtimeMs == 30 || settings.m_nPtimeMs == 50))
+        fields.fail("opus has no packets of 30 or 50 ms");
     if (const auto strDirection = fields.text("direction"))
     {
         const auto it = directions().find(*strDirection);
@@ -155,6 +196,9 @@ void readMediaDescription(CJsonFields& fields, CMediaSettings& settings)
         if (std::any_of(strKeys->begin(), strKeys->end(), [](char c) { return eventOfKey(c) < 0; }))
             fields.fail("\"interrupt_digits\" must hold 0 to 9, *, # and A to D");
     }
+    settings.m_bInterruptSpeech = fields.flag("interrupt_speech").value_or(settings.m_bInterruptSpeech);
+    settings.m_bSpeech = fields.flag("speech").value_or(settings.m_bSpeech);
+    readSrtp(fields, settings);
     if (const auto llSeconds = fields.number("no_media_s", 0, 86400))
         settings.m_nNoMediaS = static_cast<unsigned>(*llSeconds);
 }

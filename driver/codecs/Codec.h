@@ -50,6 +50,8 @@ struct CCodec
 // Each in a file of its own.
 extern const CCodec CODEC_PCMU;
 extern const CCodec CODEC_PCMA;
+extern const CCodec CODEC_G722;
+extern const CCodec CODEC_OPUS;
 
 // All that there are. The order is that of their mention.
 std::span<const CCodec* const> codecs();

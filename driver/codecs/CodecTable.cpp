@@ -12,6 +12,8 @@ namespace
 constexpr std::array CODECS = {
     &CODEC_PCMU,
     &CODEC_PCMA,
+    &CODEC_G722,
+    &CODEC_OPUS,
 };
 } // namespace
 

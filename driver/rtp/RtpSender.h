@@ -42,6 +42,7 @@ public:
     size_t hear(std::span<const uint8_t> samples);
     size_t room() const { return TICK - m_nHeard; }
     bool hasHeard() const { return m_nHeard > 0; }
+    std::span<const uint8_t> heard() const { return std::span(m_waiting).subspan(m_nWaiting, m_nHeard); }
 
     // The end of a tick: sends what it fills. With bSilence what is missing is silence; otherwise a tick in
     // which nothing was heard sends nothing.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 namespace
 {
@@ -41,7 +42,8 @@ std::shared_ptr<CRtpSession> CRtpSession::create(EKind eKind, CRtpPorts& ports, 
         pSession->m_lock.fix(settings.m_remote);
     else
         pSession->m_lock.learn(settings.m_remote);
-    pSession->apply(settings);
+    if (!pSession->apply(settings, strError))
+        return nullptr;
     if (pPoller != nullptr && pSession->m_fdRtcp.isOpen())
         pSession->m_watchRtcp =
             pPoller->watch(pSession->m_fdRtcp.get(), EPOLLIN, [pRaw = pSession.get()](uint32_t) { pRaw->readRtcp(); });
@@ -63,21 +65,69 @@ CRtpSession::~CRtpSession()
     end();
 }
 
-void CRtpSession::apply(const CMediaSettings& settings)
+bool CRtpSession::apply(const CMediaSettings& settings, std::string& strError)
 {
+    // Keys that stay have counted packets, which must go on.
+    if (!settings.m_srtp)
+        m_pSrtp.reset();
+    else if (!m_pSrtp || !(m_pSrtp->keys() == *settings.m_srtp))
+    {
+        auto pSrtp = CSrtp::create(*settings.m_srtp, strError);
+        if (!pSrtp)
+            return false;
+        m_pSrtp = std::move(pSrtp);
+    }
     m_settings = settings;
-    m_intake.setFormats(settings.m_vReceive);
+    std::vector<CRtpIntake::CFormat> vFormats = settings.m_vReceive;
+    if (settings.m_comfortNoise)
+        vFormats.push_back({*settings.m_comfortNoise, nullptr});
+    m_intake.setFormats(vFormats);
     m_sender.setFormat(*settings.m_pSendCodec, settings.m_nSendPayload, settings.m_nPtimeMs);
+    strError = "no memory to listen";
+    return setDetectors();
 }
 
-void CRtpSession::update(const CMediaSettings& settings)
+bool CRtpSession::setDetectors()
 {
-    if (isEnded())
-        return;
-    const bool bDirection = settings.m_eDirection != m_settings.m_eDirection;
-    if (bDirection || !(settings.m_remote == m_settings.m_remote))
+    const bool bKeys = m_eKind == EKind::Call && m_settings.m_vKeyPayloads.empty() && listens();
+    if (bKeys && !m_pInBandKeys)
     {
-        m_lock.learn(settings.m_remote.isKnown() ? settings.m_remote : m_lock.remote());
+        if (!beginListening())
+            return false;
+        m_pInBandKeys = std::make_unique<CInBandKeys>(static_cast<CKeyListener&>(*this));
+    }
+    else if (!bKeys && m_pInBandKeys)
+    {
+        m_pInBandKeys.reset();
+        endListening();
+    }
+    const bool bSpeech = m_settings.m_bSpeech || m_settings.m_bInterruptSpeech;
+    if (bSpeech && !m_pSpeech)
+    {
+        if (!beginListening())
+            return false;
+        m_pSpeech = std::make_unique<CSpeechDetector>();
+    }
+    else if (!bSpeech && m_pSpeech)
+    {
+        m_pSpeech.reset();
+        endListening();
+    }
+    return true;
+}
+
+bool CRtpSession::update(const CMediaSettings& settings, std::string& strError)
+{
+    strError = "the session has ended";
+    if (isEnded())
+        return false;
+    const bool bDirection = settings.m_eDirection != m_settings.m_eDirection;
+    const bool bRemote = !(settings.m_remote == m_settings.m_remote);
+    if (!apply(settings, strError))
+        return false;
+    if (bDirection || bRemote)
+    {
+        m_lock.learn(bRemote ? settings.m_remote : m_lock.remote());
         m_rtcpRemote = CNetAddress();
     }
     if (bDirection)
@@ -85,7 +135,7 @@ void CRtpSession::update(const CMediaSettings& settings)
         m_ullMediaTick = m_ports.tick();
         m_eState = EState::Waiting;
     }
-    apply(settings);
+    return true;
 }
 
 void CRtpSession::end()
@@ -94,6 +144,8 @@ void CRtpSession::end()
         return;
     if (m_eKind == EKind::Call)
         sendReport(true);
+    unbridge();
+    setTap(nullptr);
     m_eState = EState::Ended;
     m_watchRtcp = CPoller::CWatch();
     m_fdRtcp.close();
@@ -135,6 +187,8 @@ void CRtpSession::onDatagram(std::span<uint8_t> bytes, const CNetAddress& from)
         onRtcp(bytes, from);
         return;
     }
+    if (m_pSrtp)
+        bytes = bytes.first(m_pSrtp->unprotect(bytes));
     if (const std::optional<CRtpPacket> packet = parseRtpPacket(bytes))
         onRtp(*packet, from);
     else
@@ -170,11 +224,16 @@ void CRtpSession::onRtp(const CRtpPacket& packet, const CNetAddress& from)
         ++m_counters.m_ullMalformed;
 }
 
-void CRtpSession::onTick(bool)
+void CRtpSession::onTick(bool bSkipped)
 {
     m_keysIn.onTick();
     if (m_intake.isListening())
+    {
         m_intake.get(m_said);
+        detect();
+    }
+    if (bSkipped)
+        tap({});
     if (m_eKind == EKind::Call)
     {
         if (m_fdRtcp.isOpen() && !m_watchRtcp.isOn())
@@ -183,31 +242,119 @@ void CRtpSession::onTick(bool)
     }
 }
 
+void CRtpSession::detect()
+{
+    if (m_pInBandKeys)
+        m_pInBandKeys->onSamples(m_said);
+    if (!m_pSpeech || !m_pSpeech->onSamples(m_said))
+        return;
+    const bool bBegins = m_pSpeech->isSpeaking();
+    m_bInterrupted |= bBegins && m_settings.m_bInterruptSpeech;
+    if (m_settings.m_bSpeech)
+        post({bBegins ? CSessionEvent::EKind::SpeechBegins : CSessionEvent::EKind::SpeechEnds, 0, 0, {}});
+}
+
+void CRtpSession::onJump(uint64_t ullTicks)
+{
+    m_intake.skip(ullTicks * TICK);
+    if (m_pTap != nullptr)
+        m_pTap->onJump(ullTicks);
+}
+
 void CRtpSession::onTickEnd()
 {
     m_bInterrupted = false;
-    if (!sends())
-    {
-        m_sender.dropTick();
-    }
+    if (sends())
+        sendTick();
     else
     {
-        bool bAllDone = false;
-        const auto key = m_settings.m_sendKeys ? m_keysOut.onTick(bAllDone) : std::nullopt;
-        if (key)
-            m_sender.endTickWith(m_ports.tick(), *key, *m_settings.m_sendKeys, *this);
-        else
-            m_sender.endTick(m_ports.tick(), m_eKind == EKind::Call, *this);
-        if (bAllDone)
-            post({CSessionEvent::EKind::DigitsSent, 0, 0, {}});
+        tap({});
+        m_sender.dropTick();
     }
     if (m_eKind == EKind::Call && m_rtcp.isDue(m_ports.tick()))
         sendReport(false);
 }
 
+void CRtpSession::sendTick()
+{
+    bool bAllDone = false;
+    const auto key = m_settings.m_sendKeys ? m_keysOut.onTick(bAllDone) : std::nullopt;
+    if (key)
+    {
+        tap({});
+        m_sender.endTickWith(m_ports.tick(), *key, *m_settings.m_sendKeys, *this);
+    }
+    else
+    {
+        if (m_pBridged != nullptr && !m_sender.hasHeard())
+            m_sender.hear(m_pBridged->said());
+        tap(m_sender.heard());
+        m_sender.endTick(m_ports.tick(), m_eKind == EKind::Call, *this);
+    }
+    if (bAllDone)
+        post({CSessionEvent::EKind::DigitsSent, 0, 0, {}});
+}
+
+// What is missing of what was heard is silence.
+void CRtpSession::tap(std::span<const uint8_t> heard)
+{
+    if (m_pTap == nullptr)
+        return;
+    std::array<uint8_t, TICK> abHeard;
+    std::fill(std::copy(heard.begin(), heard.end(), abHeard.begin()), abHeard.end(), ULAW_SILENCE);
+    m_pTap->onMedia(m_said, abHeard);
+    if (m_pTap->wantsService())
+        m_ports.wantSettle(*this);
+}
+
 void CRtpSession::sendRtp(std::span<uint8_t> packet)
 {
-    m_pPort->send(packet, m_lock.remote());
+    if (!m_pSrtp)
+    {
+        m_pPort->send(packet, m_lock.remote());
+        return;
+    }
+    alignas(SRTP_ALIGNMENT) std::array<uint8_t, RTP_MAX_SENT + SRTP_GROWTH> abProtected;
+    std::copy(packet.begin(), packet.end(), abProtected.begin());
+    const size_t nSize = m_pSrtp->protect(abProtected, packet.size());
+    if (nSize > 0 && nSize <= RTP_MAX_SENT)
+        m_pPort->send(std::span(abProtected).first(nSize), m_lock.remote());
+}
+
+bool CRtpSession::bridge(CRtpSession& one, CRtpSession& other)
+{
+    if (one.isEnded() || other.isEnded() || one.m_pBridged != nullptr || other.m_pBridged != nullptr || &one == &other)
+        return false;
+    if (!one.beginListening())
+        return false;
+    if (!other.beginListening())
+    {
+        one.endListening();
+        return false;
+    }
+    one.m_pBridged = &other;
+    other.m_pBridged = &one;
+    return true;
+}
+
+void CRtpSession::unbridge()
+{
+    if (m_pBridged == nullptr)
+        return;
+    CRtpSession& other = *std::exchange(m_pBridged, nullptr);
+    other.m_pBridged = nullptr;
+    other.endListening();
+    endListening();
+}
+
+bool CRtpSession::setTap(CTap* pTap)
+{
+    if (pTap != nullptr && m_pTap == nullptr && !beginListening())
+        return false;
+    if (pTap == nullptr && m_pTap != nullptr)
+        endListening();
+    m_pTap = pTap;
+    return true;
 }
 
 bool CRtpSession::beginListening()
@@ -260,7 +407,7 @@ void CRtpSession::checkMedia()
 
 void CRtpSession::readRtcp()
 {
-    std::array<uint8_t, RTP_MAX_DATAGRAM> bytes;
+    alignas(SRTP_ALIGNMENT) std::array<uint8_t, RTP_MAX_DATAGRAM> bytes;
     CNetAddress from;
     for (size_t n = 0; n < MAX_RTCP_PER_READ; ++n)
     {
@@ -273,7 +420,7 @@ void CRtpSession::readRtcp()
     }
 }
 
-void CRtpSession::onRtcp(std::span<const uint8_t> bytes, const CNetAddress& from)
+void CRtpSession::onRtcp(std::span<uint8_t> bytes, const CNetAddress& from)
 {
     // Reports of the host that the packets come from; their port is nobody's business.
     if (!m_lock.remote().isKnown() || !from.hasHostOf(m_lock.remote()))
@@ -281,6 +428,8 @@ void CRtpSession::onRtcp(std::span<const uint8_t> bytes, const CNetAddress& from
         ++m_counters.m_ullStrangers;
         return;
     }
+    if (m_pSrtp)
+        bytes = bytes.first(m_pSrtp->unprotectRtcp(bytes));
     if (!m_rtcp.onPacket(bytes, m_sender.source(), std::chrono::system_clock::now()))
     {
         ++m_counters.m_ullMalformed;
@@ -295,9 +444,13 @@ void CRtpSession::sendReport(bool bBye)
     const CNetAddress& remote = m_lock.remote();
     if (!remote.isKnown())
         return;
-    std::array<uint8_t, RTCP_MAX_REPORT> bytes;
-    const size_t nSize =
-        m_rtcp.report(m_sender, m_intake.source(), m_ports.tick(), std::chrono::system_clock::now(), bBye, bytes);
+    alignas(SRTP_ALIGNMENT) std::array<uint8_t, RTCP_MAX_REPORT + SRTP_GROWTH> bytes;
+    size_t nSize = m_rtcp.report(m_sender, m_intake.source(), m_ports.tick(), std::chrono::system_clock::now(), bBye,
+                                 std::span(bytes).first<RTCP_MAX_REPORT>());
+    if (m_pSrtp)
+        nSize = m_pSrtp->protectRtcp(bytes, nSize);
+    if (nSize == 0)
+        return;
     const auto report = std::span(bytes).first(nSize);
     if (m_settings.m_bRtcpMux)
     {
@@ -320,9 +473,12 @@ void CRtpSession::post(const CSessionEvent& event)
 
 void CRtpSession::onSettle()
 {
+    if (m_pTap != nullptr && m_pTap->wantsService())
+        m_pTap->service();
+    if (m_nEvents == 0)
+        return;
     const CEvents events = *m_pEvents;
-    const size_t nEvents = m_nEvents;
-    m_nEvents = 0;
+    const size_t nEvents = std::exchange(m_nEvents, 0);
     CListener* pListener = m_pListener;
     // The first of them may end this session.
     for (size_t n = 0; n < nEvents; ++n)

@@ -2,12 +2,15 @@
 #ifndef DRIVER_RTP_SESSION_H
 #define DRIVER_RTP_SESSION_H
 
+#include "InBandKeys.h"
 #include "Poller.h"
 #include "RtcpSide.h"
 #include "RtpIntake.h"
 #include "RtpPort.h"
 #include "RtpSender.h"
 #include "SourceLock.h"
+#include "SpeechDetector.h"
+#include "Srtp.h"
 #include "TelephoneEvents.h"
 
 #include <array>
@@ -39,8 +42,12 @@ struct CMediaSettings
     std::optional<uint8_t> m_sendKeys; // payload type of telephone events
     EDirection m_eDirection = EDirection::SendReceive;
     bool m_bRtcpMux = false;
-    std::string m_strInterruptKeys; // that end a play
-    unsigned m_nNoMediaS = 30;      // 0: never
+    std::string m_strInterruptKeys;  // that end a play
+    bool m_bInterruptSpeech = false; // speech does, too
+    bool m_bSpeech = false;          // is told
+    std::optional<CSrtpKeys> m_srtp;
+    std::optional<uint8_t> m_comfortNoise; // payload type that may come, and is heard as silence
+    unsigned m_nNoMediaS = 30;             // 0: never
     unsigned m_nJitterMs = 60;
 };
 
@@ -50,6 +57,8 @@ struct CSessionEvent
     {
         Digit,
         DigitsSent,
+        SpeechBegins,
+        SpeechEnds,
         Source,
         NoMedia,
         Media
@@ -72,6 +81,18 @@ public:
         virtual void onSessionEvent(const CSessionEvent& event) = 0;
     };
 
+    // Hears both sides of each tick, in the tick: neither blocks, locks nor allocates, but in service.
+    class CTap
+    {
+    public:
+        virtual ~CTap() = default;
+        virtual void onMedia(std::span<const uint8_t> said, std::span<const uint8_t> heard) = 0;
+        virtual void onJump(uint64_t ullTicks) = 0;
+        virtual bool wantsService() const = 0;
+        virtual void service() = 0;
+    };
+    static constexpr size_t TICK = CRtpSender::TICK;
+
     // How a leg uses its port.
     enum class EKind
     {
@@ -89,8 +110,8 @@ public:
     CRtpSession& operator=(const CRtpSession&) = delete;
 
     // Anything may change while media flows. A new remote address, or another direction, has the source
-    // learned anew.
-    void update(const CMediaSettings& settings);
+    // learned anew. False, with the reason in strError, when it cannot be; nothing has changed then.
+    bool update(const CMediaSettings& settings, std::string& strError);
     const CMediaSettings& settings() const { return m_settings; }
 
     // Says goodbye and frees the port. Nothing is heard or sent any more.
@@ -108,6 +129,14 @@ public:
     bool beginListening();
     void endListening();
     std::span<const uint8_t> said() const { return m_said; }
+
+    // From now on the two hear each other, where nothing is played to them. Either may have one other.
+    static bool bridge(CRtpSession& one, CRtpSession& other);
+    void unbridge();
+    CRtpSession* bridged() const { return m_pBridged; }
+
+    // Null for none. It has to live until another one is set. False when there is no memory.
+    bool setTap(CTap* pTap);
 
     // Presses keys at the far end. False when there is no room or no way.
     bool press(std::string_view keys, unsigned nMs, unsigned nGapMs);
@@ -137,15 +166,19 @@ private:
     void onDatagram(std::span<uint8_t> bytes, const CNetAddress& from) override;
     void onTick(bool bSkipped) override;
     void onTickEnd() override;
-    void onJump(uint64_t ullTicks) override { m_intake.skip(ullTicks * CRtpSender::TICK); }
+    void onJump(uint64_t ullTicks) override;
     void onSettle() override;
     void onKeyDown(char cKey) override;
     void onKeyUp(char cKey, unsigned nMs) override;
     void sendRtp(std::span<uint8_t> packet) override;
 
-    void apply(const CMediaSettings& settings);
+    bool apply(const CMediaSettings& settings, std::string& strError);
+    bool setDetectors();
+    void detect();
+    void sendTick();
+    void tap(std::span<const uint8_t> heard);
     void onRtp(const CRtpPacket& packet, const CNetAddress& from);
-    void onRtcp(std::span<const uint8_t> bytes, const CNetAddress& from);
+    void onRtcp(std::span<uint8_t> bytes, const CNetAddress& from);
     void readRtcp();
     void sendReport(bool bBye);
     void noteMedia();
@@ -170,6 +203,11 @@ private:
     std::array<uint8_t, CRtpSender::TICK> m_said;
     CKeyReceiver m_keysIn;
     bool m_bInterrupted = false;
+    std::unique_ptr<CInBandKeys> m_pInBandKeys; // where no events were agreed
+    std::unique_ptr<CSpeechDetector> m_pSpeech; // where somebody wants to know
+    std::unique_ptr<CSrtp> m_pSrtp;
+    CRtpSession* m_pBridged = nullptr;
+    CTap* m_pTap = nullptr;
 
     CRtpSender m_sender;
     CKeySender m_keysOut;

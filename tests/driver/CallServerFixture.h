@@ -147,7 +147,8 @@ protected:
     CManualClock m_clock;
     CRtpPorts m_ports;
     std::vector<std::string> m_vHangUps;
-    CCallServer m_server{{m_ports, nullptr, m_clock,
+    CManualExecutor m_disk;
+    CCallServer m_server{{m_ports, nullptr, m_clock, m_disk,
                           [this](const std::string& strCall, std::optional<uint32_t> nLeg) {
                               m_vHangUps.push_back(strCall + (nLeg ? "/" + std::to_string(*nLeg) : ""));
                               return size_t{1};

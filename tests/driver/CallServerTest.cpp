@@ -469,7 +469,7 @@ TEST_F(CallServer, SaysGoodbyeOnAllSessionsAtItsEnd)
     const CFarEnd farReports;
     {
         CRtpPorts ports;
-        CCallServer server({ports, nullptr, m_clock, [](const auto&, auto) { return size_t{0}; }},
+        CCallServer server({ports, nullptr, m_clock, m_disk, [](const auto&, auto) { return size_t{0}; }},
                            {"/tmp/other.sock", loopback(), FIRST_PORT + 20, FIRST_PORT + 30});
         std::string strError;
         ASSERT_TRUE(server.open(strError)) << strError;
