@@ -2,6 +2,7 @@
 #include "InBandKeys.h"
 #include "DriverTestSupport.h"
 #include "G711.h"
+#include "Places.h"
 #include "TelephoneEvents.h"
 
 #include <gmock/gmock.h>
@@ -102,7 +103,7 @@ TEST_F(InBandKeys, AreFoundAtEachLevelOfALineAndInNoise)
 TEST_F(InBandKeys, AreDownAsLongAsTheirTones)
 {
     CSamples samples;
-    for (const size_t nMs : {100, 400})
+    for (const size_t nMs : {100U, 400U})
     {
         addKey(samples, '1', nMs, 4000);
         addSilence(samples, 100);
@@ -118,14 +119,14 @@ TEST_F(InBandKeys, AreTheSameHoweverTheSamplesAreCut)
     CSamples samples;
     addKey(samples, '9', 80, 4000);
     addSilence(samples, 80);
-    for (const size_t nTick : {1, 7, 102, 480})
+    for (const size_t nTick : {1U, 7U, 102U, 480U})
         hear(samples, nTick);
     EXPECT_EQ(m_strDown, "9999");
 }
 
 TEST_F(InBandKeys, AreNotInSpeechOrNoise)
 {
-    std::ifstream phrases(ZELMEDIA_ASSETS "/phrases.ul", std::ios::binary);
+    std::ifstream phrases(std::string(ASSETS) + "/phrases.ul", std::ios::binary);
     CSamples samples((std::istreambuf_iterator<char>(phrases)), {});
     ASSERT_GT(samples.size(), 8000U);
     hear(samples);

@@ -2,6 +2,7 @@
 #include "SpeechDetector.h"
 #include "DriverTestSupport.h"
 #include "G711.h"
+#include "Places.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +16,7 @@ class SpeechDetector : public testing::Test
 protected:
     static CSamples speech()
     {
-        std::ifstream phrases(ZELMEDIA_ASSETS "/phrases.ul", std::ios::binary);
+        std::ifstream phrases(std::string(ASSETS) + "/phrases.ul", std::ios::binary);
         CSamples samples((std::istreambuf_iterator<char>(phrases)), {});
         EXPECT_GT(samples.size(), 12000U);
         samples.resize(12000);

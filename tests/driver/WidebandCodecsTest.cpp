@@ -74,7 +74,7 @@ INSTANTIATE_TEST_SUITE_P(Each, WidebandCodecs, testing::Values(&CODEC_G722, &COD
 TEST_P(WidebandCodecs, GiveBackAToneInPacketsOfEachLength)
 {
     const CSamples said = tone(440, 8000);
-    for (const size_t nMs : {10, 20, 40, 60})
+    for (const size_t nMs : {10U, 20U, 40U, 60U})
         EXPECT_GT(likeness(said, thereAndBack(*GetParam(), said, nMs * 8)), 0.98) << nMs << " ms";
 }
 
