@@ -14,7 +14,7 @@ struct CSpeechDetector::CVoice
     CVoice() : m_pProcessing(webrtc::AudioProcessing::Create())
     {
         if (!m_pProcessing || m_pProcessing->voice_detection()->Enable(true) != 0 ||
-            m_pProcessing->voice_detection()->set_likelihood(webrtc::VoiceDetection::kLowLikelihood) != 0)
+            m_pProcessing->voice_detection()->set_likelihood(webrtc::VoiceDetection::kVeryLowLikelihood) != 0)
             throw std::bad_alloc();
         m_frame.num_channels_ = 1;
         m_frame.samples_per_channel_ = FRAME;
