@@ -1,4 +1,5 @@
 // The examples that take calls, as programs: the scripted daemon makes their calls, the reference driver their audio.
+#include "Places.h"
 #include "ReferenceDriver.h"
 #include "ScriptedCallDaemon.h"
 #include "WaitUntil.h"
@@ -17,8 +18,9 @@ using testing::HasSubstr;
 
 namespace
 {
-const std::string ASSETS = ZELMEDIA_ASSETS;
 const std::string SOCKET = "/tmp/sip-example.sock";
+const std::string GREETING = std::string(ASSETS) + "/prompts/greeting.wav";
+const std::string CALLER = std::string(ASSETS) + "/caller/answer.in.wav";
 
 class CallExamples : public testing::Test
 {
@@ -42,7 +44,7 @@ protected:
 
     void start(const std::string& strExample, std::vector<std::string> vArguments)
     {
-        vArguments.insert(vArguments.begin(), std::string(ZELMEDIA_EXAMPLES) + '/' + strExample);
+        vArguments.insert(vArguments.begin(), std::string(EXAMPLES) + '/' + strExample);
         vArguments.insert(vArguments.end(), {"--sip-socket", SOCKET});
         spawn(std::move(vArguments));
     }
@@ -88,7 +90,7 @@ protected:
     }
     static bool speechCheck(const std::string& strArguments)
     {
-        return std::system((ZELMEDIA_SPEECH_CHECK " " + strArguments).c_str()) == 0;
+        return std::system((SPEECH_CHECK + (" " + strArguments)).c_str()) == 0;
     }
 
     // An inbound call that the example answers.
@@ -117,24 +119,23 @@ protected:
 
 TEST_F(CallExamples, AnsweringMachineRecordsTheCaller)
 {
-    std::filesystem::copy(ASSETS + "/caller/answer.in.wav", "/tmp/calls/n1-1.in.wav");
+    std::filesystem::copy(CALLER, "/tmp/calls/n1-1.in.wav");
     ASSERT_TRUE(startDriver({"--speed", "max"}));
-    start("answering_machine", {ASSETS + "/prompts/greeting.wav", "/tmp"});
+    start("answering_machine", {GREETING, "/tmp"});
     call("n1-1");
     EXPECT_EQ(m_daemon.waitRequest("hangup")["call"], "n1-1");
     endCall("n1-1", "local");
     ASSERT_TRUE(waitPrinted("ended n1-1/1 local"));
     EXPECT_EQ(end(SIGTERM), 0);
     EXPECT_THAT(printed(), HasSubstr("offered n1-1/1 from sip:100@example.net\nanswered n1-1/1\n"));
-    EXPECT_TRUE(speechCheck("recorded /tmp/n1-1.wav " + ASSETS + "/caller/answer.in.wav"));
-    EXPECT_TRUE(speechCheck("heard /tmp/calls/n1-1-1.heard.wav " + ASSETS + "/prompts/greeting.wav " + ASSETS +
-                            "/prompts/goodbye.wav"));
+    EXPECT_TRUE(speechCheck("recorded /tmp/n1-1.wav " + CALLER));
+    EXPECT_TRUE(speechCheck("heard /tmp/calls/n1-1-1.heard.wav " + GREETING + " " + ASSETS + "/prompts/goodbye.wav"));
 }
 
 TEST_F(CallExamples, AnsweringMachineEndsTheMessageAtAHash)
 {
     ASSERT_TRUE(startDriver({"--caller-end", "silence"}));
-    start("answering_machine", {ASSETS + "/prompts/greeting.wav", "/tmp"});
+    start("answering_machine", {GREETING, "/tmp"});
     call("n1-1");
     ASSERT_TRUE(waitPrinted("recording /tmp/n1-1.wav: MCS_OK"));
     ASSERT_TRUE(waitPrinted("played MCS_OK"));
@@ -149,7 +150,7 @@ TEST_F(CallExamples, AnsweringMachineEndsTheMessageAtAHash)
 TEST_F(CallExamples, AnsweringMachineServesManyAndForgetsWhoHangsUp)
 {
     ASSERT_TRUE(startDriver({"--caller-end", "silence"}));
-    start("answering_machine", {ASSETS + "/prompts/greeting.wav", "/tmp"});
+    start("answering_machine", {GREETING, "/tmp"});
     for (int n = 0; n < 10; ++n)
         call("n1-" + std::to_string(n));
     for (int n = 0; n < 10; ++n)
@@ -164,7 +165,7 @@ TEST_F(CallExamples, AnsweringMachineServesManyAndForgetsWhoHangsUp)
 
 TEST_F(CallExamples, AnsweringMachineHangsUpWithoutADriver)
 {
-    start("answering_machine", {ASSETS + "/prompts/greeting.wav", "/tmp"});
+    start("answering_machine", {GREETING, "/tmp"});
     call("n1-1");
     m_daemon.waitRequest("hangup");
     ASSERT_TRUE(waitPrinted("MCS_NOTCONNECTED"));
@@ -193,7 +194,7 @@ TEST_F(CallExamples, CallMenuIsInterruptedByKeys)
 TEST_F(CallExamples, CallOutPlaysAndPrintsTheDigit)
 {
     ASSERT_TRUE(startDriver());
-    start("call_out", {"sip:300@example.net", ASSETS + "/prompts/greeting.wav"});
+    start("call_out", {"sip:300@example.net", GREETING});
     EXPECT_EQ(m_daemon.waitRequest("dial")["uri"], "sip:300@example.net");
     m_daemon.event("dialled-1", 1, {{"event", "progress"}, {"status", 180}});
     m_daemon.event("dialled-1", 1, {{"event", "answered"}});
@@ -227,7 +228,7 @@ TEST_F(CallExamples, CallOutTellsOfARefusal)
 TEST_F(CallExamples, ReceptionistConnects)
 {
     ASSERT_TRUE(startDriver());
-    start("receptionist", {ASSETS + "/prompts/greeting.wav", "example.net", "/tmp"});
+    start("receptionist", {GREETING, "example.net", "/tmp"});
     call("n1-1");
     EXPECT_EQ(m_daemon.waitRequest("collect_digits")["terminators"], "#");
     m_daemon.event("n1-1", 1, {{"event", "digits"}, {"digits", "300"}, {"why", "terminator"}});
@@ -246,7 +247,7 @@ TEST_F(CallExamples, ReceptionistConnects)
 TEST_F(CallExamples, ReceptionistTakesAMessageWhenNobodyAnswers)
 {
     ASSERT_TRUE(startDriver({"--caller-end", "silence"}));
-    start("receptionist", {ASSETS + "/prompts/greeting.wav", "example.net", "/tmp"});
+    start("receptionist", {GREETING, "example.net", "/tmp"});
     call("n1-1");
     m_daemon.waitRequest("collect_digits");
     m_daemon.event("n1-1", 1, {{"event", "digits"}, {"digits", "300"}, {"why", "timeout"}});
@@ -280,7 +281,7 @@ TEST_F(CallExamples, EndAtASignalAlsoWithoutDaemonAndDriver)
 
 TEST_F(CallExamples, ThePythonGameOfThePageIsPlayed)
 {
-    spawn({"python3", ZELMEDIA_PYTHON_EXAMPLE, SOCKET});
+    spawn({"python3", PYTHON_EXAMPLE, SOCKET});
     call("n1-1");
     EXPECT_EQ(m_daemon.waitRequest("collect_digits")["call"], "n1-1");
     ASSERT_TRUE(waitPrinted("guess"));

@@ -1,6 +1,7 @@
 // What tests of the signalling daemon stand on.
 #include "SipFixture.h"
 
+#include "Places.h"
 #include "WaitUntil.h"
 
 #include <arpa/inet.h>
@@ -271,8 +272,8 @@ bool CSipFixture::startDaemon(const std::vector<std::string>& vMore)
     m_uPort = m_uPort == 0 ? freePort() : m_uPort;
     const std::string strPort = std::to_string(m_uPort);
     std::vector<std::string> vArguments = {
-        ZELMEDIA_SIP_PROGRAM, "--listen", "udp:127.0.0.1:" + strPort, "--listen", "tcp:127.0.0.1:" + strPort,
-        "--log-level",        "debug"};
+        SIP_PROGRAM,   "--listen", "udp:127.0.0.1:" + strPort, "--listen", "tcp:127.0.0.1:" + strPort,
+        "--log-level", "debug"};
     vArguments.insert(vArguments.end(), vMore.begin(), vMore.end());
     std::ofstream("/tmp/daemon.out", std::ios::trunc);
     return m_daemon.start(vArguments, "/tmp/daemon.out") && waitUntil([this] {
@@ -311,7 +312,7 @@ void CSipFixture::call(CProgram& phone, const std::string& strScenario, const st
     const std::string strName = "/tmp/phone" + std::to_string(++m_uPhones);
     std::vector<std::string> vArguments = {"sipp",
                                            "-sf",
-                                           std::string(ZELMEDIA_SIP_SCENARIOS) + "/" + strScenario,
+                                           std::string(SIP_SCENARIOS) + "/" + strScenario,
                                            "-m",
                                            "1",
                                            "-i",
@@ -340,7 +341,7 @@ void CSipFixture::listen(CProgram& phone, const std::string& strScenario, const 
     m_uPhonePort = freePort();
     std::vector<std::string> vArguments = {"sipp",
                                            "-sf",
-                                           std::string(ZELMEDIA_SIP_SCENARIOS) + "/" + strScenario,
+                                           std::string(SIP_SCENARIOS) + "/" + strScenario,
                                            "-m",
                                            "1",
                                            "-i",

@@ -1,6 +1,7 @@
 // The daemon on the network: who gets answers, what is written down, what a restart and a registrar see.
 #include "SipFixture.h"
 
+#include "Places.h"
 #include "WaitUntil.h"
 
 #include <arpa/inet.h>
@@ -161,7 +162,7 @@ TEST_F(SipNetwork, MistakeOnTheCommandLineIsExplained)
                                 "tls:127.0.0.1:5061", "udp:127.0.0.1:99999"})
     {
         CProgram program;
-        ASSERT_TRUE(program.start({ZELMEDIA_SIP_PROGRAM, "--listen", pListen}, "/tmp/mistake.out"));
+        ASSERT_TRUE(program.start({SIP_PROGRAM, "--listen", pListen}, "/tmp/mistake.out"));
         EXPECT_EQ(program.wait(), 2) << pListen;
     }
     EXPECT_THAT(output("/tmp/mistake.out"), testing::HasSubstr("--listen"));
