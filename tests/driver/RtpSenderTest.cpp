@@ -84,6 +84,20 @@ TEST_F(RtpSender, TicksThatAreLeftOutLeaveAGapThatIsMarked)
     EXPECT_EQ(static_cast<uint16_t>(m_vPackets[1].m_header.m_nSequence - m_vPackets[0].m_header.m_nSequence), 1);
 }
 
+TEST_F(RtpSender, ShortestGapIsMarkedAndNothingElseIs)
+{
+    tick({});
+    tick({});
+    ++m_ullTick;
+    tick({});
+    tick({});
+    ASSERT_EQ(m_vPackets.size(), 4U);
+    EXPECT_EQ(timeBetween(1, 2), 2 * 160U);
+    EXPECT_FALSE(m_vPackets[1].m_header.m_bMarker);
+    EXPECT_TRUE(m_vPackets[2].m_header.m_bMarker);
+    EXPECT_FALSE(m_vPackets[3].m_header.m_bMarker);
+}
+
 TEST_F(RtpSender, HalfAPacketBeforeAGapIsNotMixedWithWhatComesAfterIt)
 {
     m_sender.setFormat(CODEC_PCMU, 0, 40);
