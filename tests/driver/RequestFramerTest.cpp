@@ -216,6 +216,13 @@ TEST_F(RequestFramer, KnowsNumbersThatWrapAround)
     EXPECT_THAT(m_vTaken, ElementsAre(ping(ALICE, 0), ping(ALICE, 64)));
 }
 
+TEST_F(RequestFramer, KnowsLaterNumbersBehindTheWrap)
+{
+    m_mapLatest[ALICE] = 0xFFFFFFF0U;
+    feed(ping(ALICE, 0xFFFFFFF1U) + ping(ALICE, 5));
+    EXPECT_THAT(m_vTaken, ElementsAre(ping(ALICE, 0xFFFFFFF1U), ping(ALICE, 5)));
+}
+
 TEST_F(RequestFramer, GivesOutWhatIsOddInStepSoThatItCanBeRefused)
 {
     const CSamples noCommand = bytes(command(static_cast<MICMD>(99), BOB, 101));

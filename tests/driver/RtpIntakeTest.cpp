@@ -74,6 +74,24 @@ TEST_F(RtpIntake, StrayPacketOfAnotherSourceTakesNothingAway)
     EXPECT_EQ(strHeard, "...abcdefghijklmnopq");
 }
 
+TEST_F(RtpIntake, PacketsOfAnotherSourceThatDoNotFollowEachOtherTakeNothingAway)
+{
+    std::string strHeard;
+    for (uint16_t n = 0; n < 20; ++n)
+    {
+        put(1, n, static_cast<uint8_t>('a' + n));
+        if (n == 10)
+        {
+            EXPECT_EQ(put(2, 5000, 'X'), EArrival::Held);
+            EXPECT_EQ(put(2, 5002, 'X'), EArrival::Held);
+            EXPECT_EQ(put(2, 5001, 'X'), EArrival::Held);
+        }
+        strHeard += heard(1);
+    }
+    EXPECT_EQ(strHeard, "...abcdefghijklmnopq");
+    EXPECT_EQ(m_counters.m_ullStrays, 2U);
+}
+
 TEST_F(RtpIntake, OneOfTwoSourcesThatComeInTurnsIsHeardAndTheOtherIsNot)
 {
     std::string strHeard;

@@ -89,6 +89,20 @@ TEST_F(StreamLive, StalledDiskLeavesSilenceAndNoDelay)
     EXPECT_EQ(file.back(), (ROOM + 30) % 250);
 }
 
+TEST_F(StreamLive, SilenceThatIsDueWhenARecordingEndsIsInItsFile)
+{
+    constexpr int ROOM = static_cast<int>(CAudioSink::CAPACITY / 160);
+    beginRecord(0xFFFFFFFF);
+    m_slowDisk.runAll();
+    ticks(ROOM + 20);
+    m_slowDisk.runAll();
+    m_pStream->cancelRecord([] {});
+    m_slowDisk.runAll();
+    const CSamples file = readBytes(m_folder.path("msg.ul"));
+    ASSERT_EQ(file.size(), (ROOM + 20) * 160U);
+    EXPECT_EQ(file.back(), ULAW_SILENCE);
+}
+
 TEST_F(StreamLive, StalledDiskDoesNotKeepARecordingFromItsEnd)
 {
     beginRecord(100000);

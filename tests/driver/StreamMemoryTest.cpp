@@ -84,6 +84,24 @@ TEST_F(StreamMemory, IsShortAtTheStartOfARecording)
     }
 }
 
+TEST_F(StreamMemory, OfAClipThatCannotBeMadeIsThereForTheNextOne)
+{
+    const std::string strPath = m_folder.path("a.ul");
+    writeBytes(strPath, noise(100));
+    CClipStore store(m_loader, 100);
+    for (CAttempts attempts(Failing::Once); attempts.next();)
+    {
+        CClipPtr pLoaded;
+        store.load(strPath, 0, [&pLoaded](CClipPtr pClip, const std::string&) { pLoaded = std::move(pClip); });
+        attempts.run([&] {
+            m_loader.runAll();
+            return 0;
+        });
+        m_loader.runAll();
+        EXPECT_TRUE(attempts.failed() || pLoaded) << "at allocation " << attempts.nth();
+    }
+}
+
 TEST_F(StreamMemory, IsShortWhileTheFileIsOpened)
 {
     callerSays(noise(8000));
