@@ -148,7 +148,7 @@ public:
                     "warning"})
     {
         require(m_driver.waitReady(), "the driver does not start");
-        pinProcess(m_driver.processId(), 0);
+        pinProcess(m_driver.processID(), 0);
         require(m_client.connect(), "the driver does not answer");
     }
 
@@ -169,9 +169,9 @@ public:
             require(m_client.playClip(nStream, nFile, 0, 0xFFFFFFFF), "a play cannot be started");
     }
 
-    size_t memory() const { return anonymousBytes(m_driver.processId()); }
-    double kernel() const { return kernelShare(m_driver.processId()); }
-    std::chrono::nanoseconds cpu() const { return cpuTime(m_driver.processId()); }
+    size_t memory() const { return anonymousBytes(m_driver.processID()); }
+    double kernel() const { return kernelShare(m_driver.processID()); }
+    std::chrono::nanoseconds cpu() const { return cpuTime(m_driver.processID()); }
 
     Json statistics() const
     {

@@ -1,7 +1,7 @@
 // Probes of growth: the same operations among ever more streams and files, memory, start-up and shut-down.
 #include "BareClient.h"
-#include "ChildProcess.h"
 #include "LibraryUnderTest.h"
+#include "MeasuringChild.h"
 #include "Probe.h"
 #include "Semaphore.h"
 #include "ZelMediaStreamImpl.h"

@@ -1,6 +1,6 @@
 // The exchange of a request and a response record by other means: a D-Bus daemon, ZeroMQ.
 #include "BareClient.h"
-#include "ChildProcess.h"
+#include "Child.h"
 #include "Probe.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -100,6 +100,20 @@ void runBusPeer()
     pConnection->enterEventLoop();
 }
 
+// Does its work in a process of its own.
+class CPartner : public CChild
+{
+public:
+    explicit CPartner(void (*work)())
+    {
+        const bool bStarted = start([work] {
+            work();
+            return 0;
+        });
+        require(bStarted, "no child process");
+    }
+};
+
 class CBusProbe : public CForeignExchangeProbe
 {
 public:
@@ -116,8 +130,8 @@ private:
         require(response.size() == RESPONSE_SIZE, "a response of another size");
     }
 
-    const CChildProcess m_daemon{runBusDaemon};
-    const CChildProcess m_peer{runBusPeer};
+    const CPartner m_daemon{runBusDaemon};
+    const CPartner m_peer{runBusPeer};
     const std::unique_ptr<sdbus::IConnection> m_pConnection = connectToBus();
     const std::unique_ptr<sdbus::IProxy> m_pProxy = sdbus::createProxy(*m_pConnection, BUS_NAME, BUS_OBJECT);
     const CRecord m_request = CRecord(REQUEST_SIZE);
@@ -189,7 +203,7 @@ private:
         m_socket.receive(m_response);
     }
 
-    const CChildProcess m_peer{runZeroMqPeer}; // before this process has threads of ZeroMQ
+    const CPartner m_peer{runZeroMqPeer}; // before this process has threads of ZeroMQ
     CZeroMqSocket m_socket{ZMQ_REQ};
     const std::array<uint8_t, REQUEST_SIZE> m_request = {};
     std::array<uint8_t, RESPONSE_SIZE> m_response;

@@ -1,13 +1,11 @@
 // The examples that take calls, as programs: the scripted daemon makes their calls, the reference driver their audio.
+#include "Child.h"
 #include "Places.h"
 #include "ReferenceDriver.h"
 #include "ScriptedCallDaemon.h"
 #include "WaitUntil.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -26,14 +24,6 @@ class CallExamples : public testing::Test
 {
 protected:
     CallExamples() { std::filesystem::create_directories("/tmp/calls"); }
-    ~CallExamples() override
-    {
-        if (m_nProcessID > 0)
-        {
-            ::kill(m_nProcessID, SIGKILL);
-            ::waitpid(m_nProcessID, nullptr, 0);
-        }
-    }
 
     bool startDriver(std::vector<std::string> vMore = {})
     {
@@ -48,29 +38,19 @@ protected:
         vArguments.insert(vArguments.end(), {"--sip-socket", SOCKET});
         spawn(std::move(vArguments));
     }
-    void spawn(std::vector<std::string> vWords)
+    void spawn(const std::vector<std::string>& vWords)
     {
-        std::vector<char*> vPointers;
-        for (std::string& strWord : vWords)
-            vPointers.push_back(strWord.data());
-        vPointers.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, "/tmp/app.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        ASSERT_EQ(::posix_spawnp(&m_nProcessID, vPointers[0], &actions, nullptr, vPointers.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
+        const int nOutput = openOutput("/tmp/app.out");
+        ASSERT_TRUE(m_application.start(vWords, {.m_nOutput = nOutput, .m_nErrors = nOutput}));
+        ::close(nOutput);
     }
     // Its exit status.
     int end(int nSignal = 0)
     {
-        if (nSignal != 0)
-            ::kill(m_nProcessID, nSignal);
-        int nStatus = -1;
-        const auto hasEnded = [&] { return ::waitpid(m_nProcessID, &nStatus, WNOHANG) == m_nProcessID; };
-        EXPECT_TRUE(waitUntil(hasEnded)) << printed();
-        m_nProcessID = -1;
-        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
+        m_application.signal(nSignal);
+        const std::optional<int> nExit = m_application.waitExit();
+        EXPECT_TRUE(nExit) << printed();
+        return nExit.value_or(-1);
     }
 
     static std::string textOf(const std::string& strPath)
@@ -114,7 +94,7 @@ protected:
 
     CReferenceDriver m_driver;
     CScriptedCallDaemon m_daemon{SOCKET};
-    pid_t m_nProcessID = -1;
+    CChild m_application;
 };
 
 TEST_F(CallExamples, AnsweringMachineRecordsTheCaller)

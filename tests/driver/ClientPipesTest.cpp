@@ -1,5 +1,7 @@
 // A client's FIFOs: which names and files are accepted, full pipes, readers that vanish.
 #include "ClientPipes.h"
+
+#include "Child.h"
 #include "DriverTestSupport.h"
 
 #include <fcntl.h>
@@ -8,7 +10,6 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <csignal>
 
@@ -321,26 +322,17 @@ TEST_F(ClientPipes, AreGoneWithEitherOfTheirNames)
 
 TEST_F(ClientPipes, AreGoneWhenTheirProcessHasEnded)
 {
-    int anGate[2];
-    ASSERT_EQ(::pipe(anGate), 0);
-    const pid_t nChild = ::fork();
-    if (nChild == 0)
-    {
-        char c = 0;
-        ::close(anGate[1]);
-        ::_exit(::read(anGate[0], &c, 1) == 0 ? 0 : 1);
-    }
-    ::close(anGate[0]);
+    CChild process;
+    process.start(::pause);
     makeFifos();
     openReaders();
-    const auto pipes = [&] {
-        return CClientPipes({m_strRsp, m_strEvt, nChild}, CFd(::open(m_strRsp.c_str(), O_WRONLY | O_NONBLOCK)),
+    const auto pipes = [&, nProcessID = process.processID()] {
+        return CClientPipes({m_strRsp, m_strEvt, nProcessID}, CFd(::open(m_strRsp.c_str(), O_WRONLY | O_NONBLOCK)),
                             CFd(::open(m_strEvt.c_str(), O_WRONLY | O_NONBLOCK)), m_poller);
     };
     const CClientPipes client = pipes();
     EXPECT_FALSE(client.isGone());
-    ::close(anGate[1]);
-    EXPECT_EQ(::waitpid(nChild, nullptr, 0), nChild);
+    process.kill();
     EXPECT_TRUE(client.isGone());
     // A process that was never to be seen lives elsewhere; nothing can be said of it.
     EXPECT_FALSE(pipes().isGone());

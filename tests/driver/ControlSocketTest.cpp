@@ -1,12 +1,13 @@
 // The control socket: what may be in its place, who may come, and peers that misbehave.
 #include "ControlSocket.h"
 
+#include "Child.h"
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <array>
 #include <chrono>
@@ -259,21 +260,19 @@ TEST_F(ControlSocket, TurnsOtherUsersAway)
         GTEST_SKIP() << "only root can be somebody else";
     mustOpen();
     ASSERT_EQ(::chmod(SOCKET_PATH.c_str(), 0666), 0);
-    const pid_t nChild = ::fork();
-    if (nChild == 0)
-    {
+    CChild other;
+    other.start([] {
         const CFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         char c = 0;
         if (::setuid(65534) != 0 || !connectTo(fd.get(), SOCKET_PATH))
-            ::_exit(2);
+            return 2;
         ::send(fd.get(), "hello\n", 6, MSG_NOSIGNAL);
-        ::_exit(::recv(fd.get(), &c, 1, 0) > 0 ? 1 : 0);
-    }
-    int nStatus = 0;
+        return ::recv(fd.get(), &c, 1, 0) > 0 ? 1 : 0;
+    });
     std::string strError;
-    while (::waitpid(nChild, &nStatus, WNOHANG) == 0)
+    while (other.isRunning())
         ASSERT_TRUE(m_poller.wait(10, strError));
-    EXPECT_EQ(nStatus, 0);
+    EXPECT_EQ(other.waitExit(), 0);
     EXPECT_THAT(m_vLines, IsEmpty());
 }
 

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <csignal>
@@ -170,25 +169,17 @@ TEST_F(DriverProgram, ClosesTheStreamsOfAClientThatDies)
 {
     CDriverProgram driver(arguments("realtime"));
     ASSERT_TRUE(driver.waitReady());
-    int anGate[2];
-    ASSERT_EQ(::pipe2(anGate, O_CLOEXEC), 0);
-    const pid_t nChild = ::fork();
-    if (nChild == 0)
-    {
+    CChild child;
+    child.start([this] {
         CRawClient doomed;
         bool bOk = doomed.connect();
         const int nStreamID = doomed.openStream("call", 1);
         bOk = bOk && doomed.recordFile(nStreamID, m_folder.path("msg.wav"), 800000) &&
               doomed.playFile(nStreamID, m_folder.path("clip.wav")) && doomed.waitEvent();
-        const char c = bOk ? 'y' : 'n';
-        ::kill(::write(anGate[1], &c, 1) == 1 ? ::getpid() : 0, SIGKILL);
-    }
-    char c = 0;
-    ASSERT_EQ(::read(anGate[0], &c, 1), 1);
-    EXPECT_EQ(c, 'y');
-    EXPECT_EQ(::waitpid(nChild, nullptr, 0), nChild);
-    ::close(anGate[0]);
-    ::close(anGate[1]);
+        return bOk ? ::kill(::getpid(), SIGKILL) : 1;
+    });
+    const pid_t nChild = child.processID();
+    EXPECT_EQ(child.waitExit(), -SIGKILL);
 
     // The channel is refused for as long as the dead client's stream is open.
     CRawClient client;
@@ -251,12 +242,9 @@ TEST_F(DriverProgram, ServesManyClientsAtOnce)
     CDriverProgram driver(arguments());
     ASSERT_TRUE(driver.waitReady());
     constexpr int CLIENTS = 12;
-    std::vector<pid_t> vChildren;
+    CChild aChildren[CLIENTS];
     for (int nClient = 0; nClient < CLIENTS; ++nClient)
-    {
-        const pid_t nChild = ::fork();
-        if (nChild == 0)
-        {
+        aChildren[nClient].start([this, nClient] {
             CRawClient client;
             bool bOk = client.connect();
             const int nFileID = client.openFile(m_folder.path("clip.wav"));
@@ -268,17 +256,10 @@ TEST_F(DriverProgram, ServesManyClientsAtOnce)
                 bOk = bOk && evt && evt->nSequenceID == client.sequence() && evt->nStreamID == nStreamID;
             }
             bOk = bOk && client.request(command(MICMD_DISCONNECT, 0, 0));
-            client.~CRawClient();
-            ::_exit(bOk ? 0 : 1);
-        }
-        vChildren.push_back(nChild);
-    }
-    for (const pid_t nChild : vChildren)
-    {
-        int nStatus = 0;
-        EXPECT_EQ(::waitpid(nChild, &nStatus, 0), nChild);
-        EXPECT_EQ(nStatus, 0);
-    }
+            return bOk ? 0 : 1;
+        });
+    for (CChild& child : aChildren)
+        EXPECT_EQ(child.waitExit(), 0);
     for (int nClient = 0; nClient < CLIENTS; ++nClient)
         EXPECT_EQ(readULawWav(m_folder.path("many-" + std::to_string(nClient) + ".heard.wav")).size(), 2000U);
 }

@@ -2,14 +2,13 @@
 #ifndef GSTREAMER_PEER_H
 #define GSTREAMER_PEER_H
 
+#include "Child.h"
 #include "G711.h"
 #include "Places.h"
 #include "RtpTestSupport.h"
+#include "WaitUntil.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <chrono>
@@ -49,38 +48,16 @@ public:
     // The words of gst-launch-1.0 between blanks. Its standard input is what feed writes.
     explicit CPipeline(const std::string& strPipeline)
     {
-        std::istringstream stream("gst-launch-1.0 -q -e " + strPipeline);
-        std::vector<std::string> vWords{std::istream_iterator<std::string>(stream), {}};
-        std::vector<char*> vArguments;
-        for (std::string& strWord : vWords)
-            vArguments.push_back(strWord.data());
-        vArguments.push_back(nullptr);
+        std::istringstream stream("env GST_REGISTRY=/tmp/gst-registry.bin gst-launch-1.0 -q -e " + strPipeline);
+        const std::vector<std::string> vWords{std::istream_iterator<std::string>(stream), {}};
         auto [fdRead, fdWrite] = pipe();
         auto [fdStarted, fdStarting] = pipe();
         m_fdInput = std::move(fdWrite);
-        m_nProcessID = ::fork();
-        if (m_nProcessID == 0)
-        {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::dup2(fdRead.get(), STDIN_FILENO);
-            ::setenv("GST_REGISTRY", "/tmp/gst-registry.bin", 1);
-            ::execvp(vArguments[0], vArguments.data());
-            ::_exit(127);
-        }
+        m_process.start(vWords, {.m_nInput = fdRead.get()});
         // Until the program runs, the process has our sockets among its own.
         fdStarting.close();
         char c = 0;
         EXPECT_EQ(::read(fdStarted.get(), &c, 1), 0);
-    }
-    CPipeline(const CPipeline&) = delete;
-    CPipeline& operator=(const CPipeline&) = delete;
-    ~CPipeline()
-    {
-        if (m_nProcessID > 0)
-        {
-            ::kill(m_nProcessID, SIGKILL);
-            ::waitpid(m_nProcessID, nullptr, 0);
-        }
     }
 
     void feed(const CBytes& bytes)
@@ -92,25 +69,17 @@ public:
     // Whether it runs; fails the test if it has ended otherwise than well.
     bool isRunning()
     {
-        int nStatus = 0;
-        if (m_nProcessID > 0 && ::waitpid(m_nProcessID, &nStatus, WNOHANG) == m_nProcessID)
-        {
-            m_nProcessID = -1;
-            EXPECT_EQ(nStatus, 0) << "gst-launch-1.0 failed, or is not installed";
-        }
-        return m_nProcessID > 0;
+        const bool bRunning = m_process.isRunning();
+        if (!bRunning && m_process.processID() > 0)
+            EXPECT_EQ(m_process.waitExit(), 0) << "gst-launch-1.0 failed, or is not installed";
+        return bRunning;
     }
 
     // The address of its UDP socket, as soon as it has one.
     CNetAddress waitAddress()
     {
-        const auto end = std::chrono::steady_clock::now() + PEER_DEADLINE;
         uint16_t nPort = 0;
-        while (nPort == 0 && isRunning() && std::chrono::steady_clock::now() < end)
-        {
-            ::poll(nullptr, 0, 5);
-            nPort = boundPort();
-        }
+        waitUntil([&] { return !isRunning() || (nPort = boundPort()) != 0; }, PEER_DEADLINE);
         EXPECT_NE(nPort, 0) << "gst-launch-1.0 opened no socket";
         return loopback(nPort);
     }
@@ -118,11 +87,8 @@ public:
     // Ends the streams and waits for the end of the process.
     void finish()
     {
-        const auto end = std::chrono::steady_clock::now() + PEER_DEADLINE;
-        ::kill(m_nProcessID, SIGINT);
-        while (isRunning() && std::chrono::steady_clock::now() < end)
-            ::poll(nullptr, 0, 5);
-        EXPECT_EQ(m_nProcessID, -1);
+        m_process.signal(SIGINT);
+        EXPECT_TRUE(waitUntil([this] { return !isRunning(); }, PEER_DEADLINE));
     }
 
 private:
@@ -136,7 +102,7 @@ private:
     // Of its socket on 127.0.0.1 in the system's table, 0 while there is none.
     uint16_t boundPort() const
     {
-        const std::string strProcess = "/proc/" + std::to_string(m_nProcessID);
+        const std::string strProcess = "/proc/" + std::to_string(m_process.processID());
         std::ifstream table(strProcess + "/net/udp");
         std::string strLine;
         while (std::getline(table, strLine))
@@ -159,7 +125,7 @@ private:
         return false;
     }
 
-    pid_t m_nProcessID = -1;
+    CChild m_process;
     CFd m_fdInput;
 };
 

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 namespace
 {
@@ -127,26 +126,21 @@ TEST_F(HostileConnect, ConnectsAThousandTimesAndVanishes)
     constexpr int AT_ONCE = 20;
     for (int nClient = 0; nClient < CLIENTS; nClient += AT_ONCE)
     {
-        std::vector<pid_t> vChildren;
+        CChild aChildren[AT_ONCE];
         for (int n = 0; n < AT_ONCE; ++n)
-        {
-            vChildren.push_back(::fork());
-            if (vChildren.back() == 0)
-            {
+            aChildren[n].start([this, n]() -> int {
                 // Every other one waits for the answer, and leaves its files behind.
                 CFifoPair pipes(::getpid());
                 const structMICMD cmd = connectCommand(pipes.m_strRsp, pipes.m_strEvt);
                 bool bOk = ::write(m_fdReq.get(), &cmd, sizeof(cmd)) == static_cast<ssize_t>(sizeof(cmd));
                 while (bOk && n % 2 == 0 && pipes.isEmpty())
                     ::sched_yield();
-                ::_exit(bOk ? 0 : 1);
-            }
-        }
-        for (const pid_t nChild : vChildren)
+                endChild(bOk ? 0 : 1);
+            });
+        for (CChild& child : aChildren)
         {
-            int nStatus = 0;
-            ASSERT_EQ(::waitpid(nChild, &nStatus, 0), nChild);
-            ASSERT_EQ(nStatus, 0);
+            const pid_t nChild = child.processID();
+            ASSERT_EQ(child.waitExit(), 0);
             if (nChild % 2 == 0)
             {
                 ::unlink(rspPath(nChild).c_str());

@@ -8,8 +8,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <csignal>
@@ -42,33 +40,13 @@ CDriverProgram::CDriverProgram(const std::vector<std::string>& vArguments)
     int anErr[2];
     if (::pipe2(anOut, O_CLOEXEC) != 0 || ::pipe2(anErr, O_CLOEXEC) != 0)
         return;
-    std::string strProgram = REFERENCE_DRIVER_PROGRAM;
-    std::vector<std::string> vCopies = vArguments;
-    std::vector<char*> vPointers = {strProgram.data()};
-    for (std::string& strArgument : vCopies)
-        vPointers.push_back(strArgument.data());
-    vPointers.push_back(nullptr);
-    m_nProcessID = ::fork();
-    if (m_nProcessID == 0)
-    {
-        ::dup2(anOut[1], STDOUT_FILENO);
-        ::dup2(anErr[1], STDERR_FILENO);
-        ::execv(strProgram.c_str(), vPointers.data());
-        ::_exit(127);
-    }
     m_fdOut = CFd(anOut[0]);
     m_fdErr = CFd(anErr[0]);
-    ::close(anOut[1]);
-    ::close(anErr[1]);
-}
-
-CDriverProgram::~CDriverProgram()
-{
-    if (m_nProcessID > 0)
-    {
-        ::kill(m_nProcessID, SIGKILL);
-        ::waitpid(m_nProcessID, nullptr, 0);
-    }
+    const CFd fdOut(anOut[1]);
+    const CFd fdErr(anErr[1]);
+    std::vector<std::string> vWords = {REFERENCE_DRIVER_PROGRAM};
+    vWords.insert(vWords.end(), vArguments.begin(), vArguments.end());
+    start(vWords, {.m_nOutput = fdOut.get(), .m_nErrors = fdErr.get()});
 }
 
 bool CDriverProgram::waitReady()
@@ -80,24 +58,9 @@ bool CDriverProgram::waitReady()
     return strLine == "zelmedia-driver: ready";
 }
 
-void CDriverProgram::signal(int nSignal)
-{
-    ::kill(m_nProcessID, nSignal);
-}
-
-std::optional<int> CDriverProgram::waitExit()
-{
-    const CFd fdProcess(static_cast<int>(::syscall(SYS_pidfd_open, m_nProcessID, 0)));
-    int nStatus = 0;
-    if (!waitReadable(fdProcess.get()) || ::waitpid(m_nProcessID, &nStatus, 0) != m_nProcessID)
-        return std::nullopt;
-    m_nProcessID = -1;
-    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
-}
-
 size_t CDriverProgram::openDescriptors() const
 {
-    const std::filesystem::directory_iterator it("/proc/" + std::to_string(m_nProcessID) + "/fd");
+    const std::filesystem::directory_iterator it("/proc/" + std::to_string(processID()) + "/fd");
     return static_cast<size_t>(std::distance(begin(it), end(it)));
 }
 
@@ -105,7 +68,7 @@ size_t CDriverProgram::residentBytes() const
 {
     size_t nTotal = 0;
     size_t nResident = 0;
-    std::ifstream("/proc/" + std::to_string(m_nProcessID) + "/statm") >> nTotal >> nResident;
+    std::ifstream("/proc/" + std::to_string(processID()) + "/statm") >> nTotal >> nResident;
     return nResident * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
 }
 
@@ -270,24 +233,12 @@ CChildProcess::CChildProcess(const Work& work)
     int anSockets[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, anSockets) != 0)
         return;
-    m_nProcessID = ::fork();
-    if (m_nProcessID == 0)
-    {
-        ::close(anSockets[0]);
-        ::_exit(work(CParent(anSockets[1])) ? 0 : 1);
-    }
     m_fdChild = CFd(anSockets[0]);
-    ::close(anSockets[1]);
-}
-
-CChildProcess::~CChildProcess()
-{
-    kill();
-}
-
-pid_t CChildProcess::processId() const
-{
-    return m_nProcessID;
+    const CFd fdParent(anSockets[1]);
+    start([&] {
+        m_fdChild.close();
+        return work(CParent(fdParent.get())) ? 0 : 1;
+    });
 }
 
 bool CChildProcess::waitReport()
@@ -305,15 +256,5 @@ void CChildProcess::ask()
 bool CChildProcess::waitEnd()
 {
     m_fdChild.close();
-    int nStatus = 0;
-    return ::waitpid(std::exchange(m_nProcessID, -1), &nStatus, 0) > 0 && nStatus == 0;
-}
-
-void CChildProcess::kill()
-{
-    if (m_nProcessID > 0)
-    {
-        ::kill(m_nProcessID, SIGKILL);
-        ::waitpid(std::exchange(m_nProcessID, -1), nullptr, 0);
-    }
+    return waitExit() == 0;
 }

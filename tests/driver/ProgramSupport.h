@@ -2,6 +2,7 @@
 #ifndef DRIVER_PROGRAM_SUPPORT_H
 #define DRIVER_PROGRAM_SUPPORT_H
 
+#include "Child.h"
 #include "Fd.h"
 #include "MediaProtocol.h"
 
@@ -12,22 +13,14 @@
 #include <string>
 #include <vector>
 
-// A child process that runs the driver program. It is killed if the test leaves it running.
-class CDriverProgram
+// The driver program. It is killed if the test leaves it running.
+class CDriverProgram : public CChild
 {
 public:
     explicit CDriverProgram(const std::vector<std::string>& vArguments);
-    ~CDriverProgram();
-    CDriverProgram(const CDriverProgram&) = delete;
-    CDriverProgram& operator=(const CDriverProgram&) = delete;
 
     // Waits for the line that scripts wait for.
     bool waitReady();
-    void signal(int nSignal);
-    pid_t processId() const { return m_nProcessID; }
-
-    // Waits for its end. The exit code, or minus the signal that killed it.
-    std::optional<int> waitExit();
 
     // Number of descriptors that it has open, and the memory that it has in use.
     size_t openDescriptors() const;
@@ -37,7 +30,6 @@ public:
     std::string errors();
 
 private:
-    pid_t m_nProcessID = -1;
     CFd m_fdOut;
     CFd m_fdErr;
 };
@@ -86,8 +78,8 @@ private:
     uint32_t m_nSequenceNo = 0;
 };
 
-// A child process of the test. It is killed if the test leaves it running.
-class CChildProcess
+// A child process that talks with the test. It is killed if the test leaves it running.
+class CChildProcess : public CChild
 {
 public:
     // The child's side: bytes to and from the parent.
@@ -107,20 +99,14 @@ public:
 
     // Does the work in the child.
     explicit CChildProcess(const Work& work);
-    ~CChildProcess();
-    CChildProcess(const CChildProcess&) = delete;
-    CChildProcess& operator=(const CChildProcess&) = delete;
 
-    pid_t processId() const;
     bool waitReport();
     void ask();
 
     // Closes the parent's side and waits for the child's end. Whether its work was good.
     bool waitEnd();
-    void kill();
 
 private:
-    pid_t m_nProcessID = -1;
     CFd m_fdChild;
 };
 

@@ -77,7 +77,7 @@ TEST(RtpProgram, SkipsWhatItMissedWhileItWasStopped)
         receive();
     driver.signal(SIGSTOP);
     siginfo_t stopped;
-    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(driver.processId()), &stopped, WSTOPPED | WNOWAIT), 0);
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(driver.processID()), &stopped, WSTOPPED | WNOWAIT), 0);
     std::this_thread::sleep_for(STOPPED);
     driver.signal(SIGCONT);
     ASSERT_TRUE(client.waitEvent());

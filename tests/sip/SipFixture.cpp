@@ -1,6 +1,7 @@
 // What tests of the signalling daemon stand on.
 #include "SipFixture.h"
 
+#include "Files.h"
 #include "Places.h"
 #include "WaitUntil.h"
 
@@ -8,15 +9,10 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
-#include <fstream>
-#include <sstream>
 
 using Json = nlohmann::ordered_json;
 
@@ -147,54 +143,19 @@ void CScriptedMedia::event(const Json& event)
     m_vEvents.push_back(event);
 }
 
-CProgram::~CProgram()
-{
-    if (runs())
-    {
-        signal(SIGKILL);
-        ::waitpid(m_nProcess, nullptr, 0);
-    }
-}
-
 bool CProgram::start(const std::vector<std::string>& vArguments, const std::string& strOutputFile)
 {
-    std::vector<std::string> vCopies = vArguments;
-    std::vector<char*> vPointers;
-    for (std::string& strArgument : vCopies)
-        vPointers.push_back(strArgument.data());
-    vPointers.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, strOutputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                     0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    const int nError = ::posix_spawnp(&m_nProcess, vPointers[0], &actions, nullptr, vPointers.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return nError == 0;
-}
-
-bool CProgram::runs()
-{
-    siginfo_t info = {};
-    return m_nProcess > 0 && ::waitid(P_PID, static_cast<id_t>(m_nProcess), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           info.si_pid == 0;
+    const int nNothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int nOutput = openOutput(strOutputFile);
+    const bool bStarted = CChild::start(vArguments, {nNothing, nOutput, nOutput});
+    ::close(nNothing);
+    ::close(nOutput);
+    return bStarted;
 }
 
 int CProgram::wait()
 {
-    if (m_nProcess <= 0 || !waitUntil([this] { return !runs(); }))
-        return -1000;
-    int nStatus = 0;
-    ::waitpid(m_nProcess, &nStatus, 0);
-    m_nProcess = -1;
-    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
-}
-
-void CProgram::signal(int nSignal) const
-{
-    if (m_nProcess > 0)
-        ::kill(m_nProcess, nSignal);
+    return waitExit().value_or(-1000);
 }
 
 static int s_nInstances = 0;
@@ -275,9 +236,9 @@ bool CSipFixture::startDaemon(const std::vector<std::string>& vMore)
         SIP_PROGRAM,   "--listen", "udp:127.0.0.1:" + strPort, "--listen", "tcp:127.0.0.1:" + strPort,
         "--log-level", "debug"};
     vArguments.insert(vArguments.end(), vMore.begin(), vMore.end());
-    std::ofstream("/tmp/daemon.out", std::ios::trunc);
     return m_daemon.start(vArguments, "/tmp/daemon.out") && waitUntil([this] {
-               return output("/tmp/daemon.out").find("zelmedia-sip: ready") != std::string::npos || !m_daemon.runs();
+               return output("/tmp/daemon.out").find("zelmedia-sip: ready") != std::string::npos ||
+                      !m_daemon.isRunning();
            });
 }
 
@@ -297,7 +258,7 @@ int CSipFixture::stopDaemon(int nSignal)
 
 void CSipFixture::TearDown()
 {
-    if (m_daemon.runs())
+    if (m_daemon.isRunning())
         EXPECT_EQ(stopDaemon(), 0);
     if (HasFailure())
     {
@@ -307,58 +268,29 @@ void CSipFixture::TearDown()
     }
 }
 
-void CSipFixture::call(CProgram& phone, const std::string& strScenario, const std::vector<std::string>& vMore)
+void CSipFixture::startPhone(CProgram& phone, const std::string& strScenario, unsigned uPort,
+                             std::vector<std::string> vMore)
 {
     const std::string strName = "/tmp/phone" + std::to_string(++m_uPhones);
-    std::vector<std::string> vArguments = {"sipp",
-                                           "-sf",
-                                           std::string(SIP_SCENARIOS) + "/" + strScenario,
-                                           "-m",
-                                           "1",
-                                           "-i",
-                                           "127.0.0.1",
-                                           "-p",
-                                           std::to_string(freePort()),
-                                           "-s",
-                                           "100",
-                                           "-nostdin",
-                                           "-timeout",
-                                           "50",
-                                           "-timeout_error",
-                                           "-recv_timeout",
-                                           "40000",
-                                           "-trace_msg",
-                                           "-message_file",
-                                           strName + ".messages"};
+    const std::string strFile = std::string(SIP_SCENARIOS) + "/" + strScenario;
+    vMore.insert(vMore.begin(), {"sipp", "-sf", strFile, "-m", "1", "-i", "127.0.0.1", "-p", std::to_string(uPort),
+                                 "-nostdin", "-timeout", "50", "-timeout_error", "-recv_timeout", "40000", "-trace_msg",
+                                 "-message_file", strName + ".messages"});
+    ASSERT_TRUE(phone.start(vMore, strName + ".out"));
+}
+
+void CSipFixture::call(CProgram& phone, const std::string& strScenario, const std::vector<std::string>& vMore)
+{
+    std::vector<std::string> vArguments = {"-s", "100"};
     vArguments.insert(vArguments.end(), vMore.begin(), vMore.end());
     vArguments.push_back("127.0.0.1:" + std::to_string(m_uPort));
-    ASSERT_TRUE(phone.start(vArguments, strName + ".out"));
+    startPhone(phone, strScenario, freePort(), vArguments);
 }
 
 void CSipFixture::listen(CProgram& phone, const std::string& strScenario, const std::vector<std::string>& vMore)
 {
-    const std::string strName = "/tmp/phone" + std::to_string(++m_uPhones);
     m_uPhonePort = freePort();
-    std::vector<std::string> vArguments = {"sipp",
-                                           "-sf",
-                                           std::string(SIP_SCENARIOS) + "/" + strScenario,
-                                           "-m",
-                                           "1",
-                                           "-i",
-                                           "127.0.0.1",
-                                           "-p",
-                                           std::to_string(m_uPhonePort),
-                                           "-nostdin",
-                                           "-timeout",
-                                           "50",
-                                           "-timeout_error",
-                                           "-recv_timeout",
-                                           "40000",
-                                           "-trace_msg",
-                                           "-message_file",
-                                           strName + ".messages"};
-    vArguments.insert(vArguments.end(), vMore.begin(), vMore.end());
-    ASSERT_TRUE(phone.start(vArguments, strName + ".out"));
+    startPhone(phone, strScenario, m_uPhonePort, vMore);
     // It is there when nobody else can be.
     ASSERT_TRUE(waitUntil([this] {
         const int nSocket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -393,10 +325,7 @@ std::string CSipFixture::phoneUri(const std::string& strUser) const
 
 std::string CSipFixture::output(const std::string& strFile)
 {
-    std::ifstream file(strFile);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return contentOf(strFile);
 }
 
 void CSipFixture::expectDone(CProgram& phone)

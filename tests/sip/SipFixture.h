@@ -3,6 +3,7 @@
 #ifndef SIP_FIXTURE_H
 #define SIP_FIXTURE_H
 
+#include "Child.h"
 #include "JsonLinesClient.h"
 #include "JsonLinesServer.h"
 
@@ -15,7 +16,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <sys/types.h>
 #include <thread>
 #include <vector>
 
@@ -55,23 +55,12 @@ private:
     unsigned m_uPort = 20000;
 };
 
-// A child process whose output is at hand.
-class CProgram
+// A program whose output is in a file.
+class CProgram : public CChild
 {
 public:
-    CProgram() = default;
-    ~CProgram();
-    CProgram(const CProgram&) = delete;
-    CProgram& operator=(const CProgram&) = delete;
-
     bool start(const std::vector<std::string>& vArguments, const std::string& strOutputFile);
     int wait(); // its exit code, or minus the signal; -1000 after a minute
-    void signal(int nSignal) const;
-    bool runs();
-    pid_t pid() const { return m_nProcess; }
-
-private:
-    pid_t m_nProcess = -1;
 };
 
 // One that takes calls. All that comes is kept until somebody waits for it.
@@ -120,6 +109,9 @@ protected:
     unsigned m_uPort = 0;      // the daemon's
     unsigned m_uPhonePort = 0; // of SIPp as called
     unsigned m_uPhones = 0;
+
+private:
+    void startPhone(CProgram& phone, const std::string& strScenario, unsigned uPort, std::vector<std::string> vMore);
 };
 
 #endif

@@ -1,16 +1,22 @@
-// Parts of tests in child processes, which must not clean up what is their parent's.
+// Child processes of tests and measurements: programs, and parts of the test itself.
 #ifndef CHILD_H
 #define CHILD_H
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
+#include <sys/types.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
 
 #ifdef ZELMEDIA_COVERAGE
 extern "C" void __gcov_dump();
 #endif
 
+// Ends a child process that must not clean up what is its parent's. Inline, as each library covers its own lines.
 [[noreturn]] inline void endChild(int nStatus)
 {
 #ifdef ZELMEDIA_COVERAGE
@@ -21,32 +27,49 @@ extern "C" void __gcov_dump();
     _exit(nStatus);
 }
 
-// Waits for the end. The signal that killed it, or 0; a failure of the test in there counts here.
-inline int signalOf(pid_t nChild)
+// Is killed with this object or with the thread that started it, whichever ends first.
+class CChild
 {
-    int nStatus = 0;
-    EXPECT_EQ(waitpid(nChild, &nStatus, 0), nChild);
-    EXPECT_TRUE(WIFSIGNALED(nStatus) || WEXITSTATUS(nStatus) == 0) << "the child process failed";
-    return WIFSIGNALED(nStatus) ? WTERMSIG(nStatus) : 0;
-}
-
-// Begins an operation in a child process that ends without any cleaning up, as if it was killed then.
-template <class OPERATION> pid_t startChild(OPERATION operation)
-{
-    fflush(stdout);
-    const pid_t nChild = fork();
-    if (nChild == 0)
+public:
+    // Descriptors for its standard streams, and the only ones; -1 for ours.
+    struct CStreams
     {
-        operation();
-        endChild(testing::Test::HasFailure() ? 1 : 0);
-    }
-    return nChild;
-}
+        int m_nInput = -1;
+        int m_nOutput = -1;
+        int m_nErrors = -1;
+    };
 
-// The same to its end.
-template <class OPERATION> int inChild(OPERATION operation)
-{
-    return signalOf(startChild(operation));
-}
+    // Nothing runs before start.
+    CChild() = default;
+    ~CChild() { kill(); }
+    CChild(const CChild&) = delete;
+    CChild& operator=(const CChild&) = delete;
+
+    // Kills what it ran before.
+    // A program with its arguments, looked for in PATH where its name has no slash. It ends with 127 where there is
+    // none.
+    bool start(const std::vector<std::string>& vWords, const CStreams& streams);
+    bool start(const std::vector<std::string>& vWords) { return start(vWords, CStreams{}); }
+
+    // Work that returns the exit code, and -1 where it throws. Nothing of the parent's is cleaned up.
+    bool start(const std::function<int()>& work);
+
+    // -1 when its end was waited for.
+    pid_t processID() const { return m_nProcessID; }
+    bool isRunning() const;
+    void signal(int nSignal) const;
+    // Stops it, and waits until it has stopped.
+    void freeze() const;
+    void kill();
+
+    // Waits for its end. The exit code, or minus the signal that killed it; none where it goes on or was never started.
+    std::optional<int> waitExit(std::chrono::milliseconds limit = std::chrono::seconds(60));
+
+private:
+    pid_t m_nProcessID = -1;
+};
+
+// A file for the standard output of a child, made anew; the caller closes it.
+int openOutput(const std::string& strPath);
 
 #endif

@@ -2,33 +2,14 @@
 #ifndef REFERENCE_DRIVER_H
 #define REFERENCE_DRIVER_H
 
-#include <string>
-#include <sys/types.h>
-#include <vector>
+#include "Child.h"
 
-// Can be stopped, continued, killed and looked at.
-class CDriverProcess
+// A program that says by its first output that clients can connect.
+class CDriverProcess : public CChild
 {
 public:
-    // Nothing runs before start. A program that is left running is killed.
-    CDriverProcess() = default;
-    ~CDriverProcess();
-    CDriverProcess(const CDriverProcess&) = delete;
-    CDriverProcess& operator=(const CDriverProcess&) = delete;
-
-    // Starts the program and waits for its first output, by which it says that clients can connect.
+    // Starts it and waits for that.
     bool start(const std::string& strProgram, const std::vector<std::string>& vArguments);
-
-    pid_t processID() const { return m_nProcessID; }
-    void signal(int nSignal) const;
-    // Sends the signal and waits until the process is in the state that it brings about.
-    void freeze() const;
-    void kill();
-    // Whether it has ended by itself; its remains are gone then. Waits for that with bWait.
-    bool ended(bool bWait);
-
-private:
-    pid_t m_nProcessID = -1;
 };
 
 // A native program, whatever the width of the test.
@@ -42,7 +23,7 @@ public:
     void stop(int nSignal);
 
     // Waits for an end that something else has brought about.
-    void waitEnd() { ended(true); }
+    void waitEnd() { waitExit(); }
 
     // Asks the running driver: {"hangup", "call=1001"}. Whether it said yes.
     static bool control(const std::vector<std::string>& vWords);

@@ -2,6 +2,7 @@
 #ifndef MACHINE_FIXTURE_H
 #define MACHINE_FIXTURE_H
 
+#include "Child.h"
 #include "MediaProtocol.h"
 #include "SampleFiles.h"
 #include "ToolRun.h"
@@ -9,13 +10,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -55,11 +53,9 @@ inline std::vector<std::string> clientPipes()
 // The id of a process that is no more.
 inline pid_t endedProcess()
 {
-    const pid_t nProcessID = fork();
-    if (nProcessID == 0)
-        _exit(0);
-    waitpid(nProcessID, nullptr, 0);
-    return nProcessID;
+    CChild child;
+    child.start([] { return 0; });
+    return child.processID();
 }
 
 // The client of this process id in the answer of "status --json".
@@ -77,33 +73,22 @@ class CPipeHolder
 public:
     CPipeHolder()
     {
-        m_nProcessID = fork();
-        if (m_nProcessID == 0)
-        {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
+        m_process.start([] {
             makePipes(getpid());
             const int nResponse = open(pipePath("Rsp", getpid()).c_str(), O_RDWR | O_NONBLOCK);
             const int nEvent = open(pipePath("Evt", getpid()).c_str(), O_RDWR | O_NONBLOCK);
             // What it says when both are open.
             if (nResponse >= 0 && nEvent >= 0)
                 writeFile("/tmp/holds-" + std::to_string(getpid()), "");
-            for (;;)
-                pause();
-        }
-        const std::string strSign = "/tmp/holds-" + std::to_string(m_nProcessID);
+            return pause();
+        });
+        const std::string strSign = "/tmp/holds-" + std::to_string(processID());
         waitUntil([&strSign] { return std::filesystem::exists(strSign); });
     }
-    ~CPipeHolder()
-    {
-        kill(m_nProcessID, SIGKILL);
-        waitpid(m_nProcessID, nullptr, 0);
-    }
-    CPipeHolder(const CPipeHolder&) = delete;
-    CPipeHolder& operator=(const CPipeHolder&) = delete;
-    pid_t processID() const { return m_nProcessID; }
+    pid_t processID() const { return m_process.processID(); }
 
 private:
-    pid_t m_nProcessID;
+    CChild m_process;
 };
 
 #endif

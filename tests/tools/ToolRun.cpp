@@ -6,26 +6,12 @@
 #include "WaitUntil.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <pty.h>
 #include <stdexcept>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
-
-namespace
-{
-void redirect(const std::string& strPath, int nDescriptor)
-{
-    const int nFile = open(strPath.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
-    dup2(nFile, nDescriptor);
-    close(nFile);
-}
-} // namespace
 
 CToolRun::CToolRun(const std::vector<std::string>& vArguments, EOutput output)
 {
@@ -34,72 +20,61 @@ CToolRun::CToolRun(const std::vector<std::string>& vArguments, EOutput output)
         throw std::runtime_error("no folder for a tool's output");
     m_strFolder = szFolder;
 
-    const winsize size = {24, 80, 0, 0};
-    m_nProcessID = output == TO_TERMINAL ? forkpty(&m_nTerminal, nullptr, nullptr, &size) : fork();
-    if (m_nProcessID == 0)
-    {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (output == TO_FILE)
-        {
-            const int nNothing = open("/dev/null", O_RDONLY);
-            dup2(nNothing, STDIN_FILENO);
-            redirect(m_strFolder + "/out", STDOUT_FILENO);
-            redirect(m_strFolder + "/err", STDERR_FILENO);
-        }
-        std::vector<char*> vpArguments = {const_cast<char*>("zelmedia")};
-        for (const std::string& strArgument : vArguments)
-            vpArguments.push_back(const_cast<char*>(strArgument.c_str()));
-        vpArguments.push_back(nullptr);
-        execv(ZELMEDIA_PROGRAM, vpArguments.data());
-        _exit(127);
-    }
-    if (m_nTerminal >= 0)
-        fcntl(m_nTerminal, F_SETFL, O_NONBLOCK);
+    std::vector<std::string> vWords = {ZELMEDIA_PROGRAM};
+    vWords.insert(vWords.end(), vArguments.begin(), vArguments.end());
+    if (output == TO_TERMINAL)
+        startOnTerminal(vWords);
+    else
+        startToFiles(vWords);
 }
 
 CToolRun::~CToolRun()
 {
-    if (!m_bEnded)
-    {
-        kill(m_nProcessID, SIGKILL);
-        waitpid(m_nProcessID, nullptr, 0);
-    }
+    kill();
     if (m_nTerminal >= 0)
         close(m_nTerminal);
     std::filesystem::remove_all(m_strFolder);
 }
 
-void CToolRun::signal(int nSignal) const
+void CToolRun::startToFiles(const std::vector<std::string>& vWords)
 {
-    kill(m_nProcessID, nSignal);
+    const int nNothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int nOutput = openOutput(m_strFolder + "/out");
+    const int nErrors = openOutput(m_strFolder + "/err");
+    start(vWords, {nNothing, nOutput, nErrors});
+    for (const int nFile : {nNothing, nOutput, nErrors})
+        close(nFile);
+}
+
+void CToolRun::startOnTerminal(const std::vector<std::string>& vWords)
+{
+    const winsize size = {24, 80, 0, 0};
+    int nChildSide = -1;
+    if (openpty(&m_nTerminal, &nChildSide, nullptr, nullptr, &size) != 0)
+        throw std::runtime_error("no terminal for a tool");
+    fcntl(m_nTerminal, F_SETFD, FD_CLOEXEC);
+    fcntl(nChildSide, F_SETFD, FD_CLOEXEC);
+    start(vWords, {nChildSide, nChildSide, nChildSide});
+    close(nChildSide);
+    fcntl(m_nTerminal, F_SETFL, O_NONBLOCK);
 }
 
 bool CToolRun::waitOutput(const std::string& strText)
 {
     const auto arrived = [&] { return output().find(strText) != std::string::npos; };
-    const auto hasEnded = [&] {
-        siginfo_t info = {};
-        return waitid(P_PID, static_cast<id_t>(m_nProcessID), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-               info.si_pid != 0;
-    };
-    bool bEnded = false;
-    waitUntil([&] { return arrived() || (bEnded = m_bEnded || hasEnded()); }, std::chrono::seconds(30));
+    waitUntil([&] { return arrived() || !isRunning(); }, std::chrono::seconds(30));
     return arrived();
 }
 
 int CToolRun::waitExit()
 {
-    int nStatus = 0;
     const auto ended = [&] {
         readTerminal(); // or it would wait for room
-        return waitpid(m_nProcessID, &nStatus, WNOHANG) == m_nProcessID;
+        return !isRunning();
     };
-    if (!m_bEnded && waitUntil(ended, std::chrono::seconds(60)))
-    {
-        m_bEnded = true;
-        m_nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
-    }
-    return m_nExit;
+    if (!m_nExit && waitUntil(ended))
+        m_nExit = CChild::waitExit();
+    return m_nExit.value_or(-1);
 }
 
 std::string CToolRun::output()

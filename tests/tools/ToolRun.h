@@ -2,13 +2,14 @@
 #ifndef TOOL_RUN_H
 #define TOOL_RUN_H
 
+#include "Child.h"
+
 #include <nlohmann/json.hpp>
 
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
-class CToolRun
+class CToolRun : public CChild
 {
 public:
     // Starts it. Standard input is empty; standard output and error are files of its own, or, for what
@@ -20,11 +21,6 @@ public:
     };
     explicit CToolRun(const std::vector<std::string>& vArguments, EOutput output = TO_FILE);
     ~CToolRun(); // kills it if it still runs
-    CToolRun(const CToolRun&) = delete;
-    CToolRun& operator=(const CToolRun&) = delete;
-
-    pid_t processID() const { return m_nProcessID; }
-    void signal(int nSignal) const;
 
     // Waits until its standard output so far contains the text; false when it ended before or 30 s passed.
     bool waitOutput(const std::string& strText);
@@ -38,11 +34,11 @@ public:
     nlohmann::json json() { return nlohmann::json::parse(output(), nullptr, false); }
 
 private:
+    void startToFiles(const std::vector<std::string>& vWords);
+    void startOnTerminal(const std::vector<std::string>& vWords);
     void readTerminal();
 
-    pid_t m_nProcessID = -1;
-    bool m_bEnded = false;
-    int m_nExit = -1;
+    std::optional<int> m_nExit;
     int m_nTerminal = -1;
     std::string m_strFolder; // of its outputs
     std::string m_strTerminal;

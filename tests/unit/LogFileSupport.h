@@ -3,8 +3,8 @@
 #ifndef LOG_FILE_SUPPORT_H
 #define LOG_FILE_SUPPORT_H
 
-#include "Child.h"
 #include "Files.h"
+#include "InChild.h"
 #include "OrvLogLib.h"
 
 #include <string>

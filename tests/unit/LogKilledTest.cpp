@@ -9,8 +9,6 @@
 #include <numeric>
 #include <random>
 #include <sched.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <thread>
 
 using namespace logtest;
@@ -73,26 +71,26 @@ protected:
     }
 
     // Starts a process that logs until it is killed.
-    pid_t startLogging(CReturned& returned, int nThreads, bool bProcessID = false) const
+    void startLogging(CChild& child, CReturned& returned, int nThreads, bool bProcessID = false) const
     {
-        const pid_t nChild = fork();
-        if (nChild != 0)
-            return nChild;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const auto pLog = makeLog(bProcessID);
-        for (int nThread = 1; nThread < nThreads; ++nThread)
-            std::thread([&, nThread] { logOnThread(*pLog, returned, nThread); }).detach();
-        logOnThread(*pLog, returned, 0);
-        _exit(1);
+        startChild(
+            child,
+            [&] {
+                const auto pLog = makeLog(bProcessID);
+                for (int nThread = 1; nThread < nThreads; ++nThread)
+                    std::thread([&, nThread] { logOnThread(*pLog, returned, nThread); }).detach();
+                logOnThread(*pLog, returned, 0);
+                FAIL();
+            });
     }
 
-    static void killAfter(pid_t nChild, const CReturned& returned, int nLines, int nMicroseconds)
+    static void killAfter(CChild& child, const CReturned& returned, int nLines, int nMicroseconds)
     {
         while (returned.sum() < nLines)
             sched_yield();
         std::this_thread::sleep_for(std::chrono::microseconds(nMicroseconds));
-        EXPECT_EQ(kill(nChild, SIGKILL), 0);
-        EXPECT_EQ(signalOf(nChild), SIGKILL);
+        child.signal(SIGKILL);
+        EXPECT_EQ(signalOf(child), SIGKILL);
     }
 
     int random(int nMost) { return std::uniform_int_distribution<int>(0, nMost)(m_random); }
@@ -113,8 +111,9 @@ TEST_P(LogKilledAtRandom, LosesNoLineWhoseCallHasReturnedAndDoublesNone)
     for (int nRound = 0; nRound < 15 && !HasFailure(); ++nRound)
     {
         const CShared<CReturned> returned;
-        const pid_t nChild = startLogging(*returned, GetParam());
-        killAfter(nChild, *returned, DIRECT_LINES + random(5000), random(500));
+        CChild child;
+        startLogging(child, *returned, GetParam());
+        killAfter(child, *returned, DIRECT_LINES + random(5000), random(500));
         nWithPending += exists(m_strPending);
         const auto pLog = makeLog();
         EXPECT_GT(pLog->TraceString(TRACE, LogLib_Normal, "next process"), 0);
@@ -132,13 +131,16 @@ TEST_F(LogKilled, LinesOfProcessesWithOtherIDsAreRecoveredUnlessTheyLive)
 {
     const CShared<CReturned> killed;
     const CShared<CReturned> living;
-    const pid_t nKilled = startLogging(*killed, 1, true);
-    const pid_t nLiving = startLogging(*living, 1, true);
+    CChild killedChild;
+    CChild livingChild;
+    startLogging(killedChild, *killed, 1, true);
+    startLogging(livingChild, *living, 1, true);
+    const pid_t nKilled = killedChild.processID();
+    const pid_t nLiving = livingChild.processID();
     while (living->sum() < DIRECT_LINES + 100)
         sched_yield();
-    EXPECT_EQ(kill(nLiving, SIGSTOP), 0);
-    EXPECT_EQ(waitpid(nLiving, nullptr, WUNTRACED), nLiving);
-    killAfter(nKilled, *killed, DIRECT_LINES + 100, 0);
+    livingChild.freeze();
+    killAfter(killedChild, *killed, DIRECT_LINES + 100, 0);
     const auto pathOf = [&](pid_t nProcess) { return path("Media-p") + std::to_string(nProcess) + ".log"; };
     EXPECT_TRUE(exists(pathOf(nKilled) + ".pending"));
     EXPECT_TRUE(exists(pathOf(nLiving) + ".pending"));
@@ -152,8 +154,8 @@ TEST_F(LogKilled, LinesOfProcessesWithOtherIDsAreRecoveredUnlessTheyLive)
     EXPECT_TRUE(exists(pathOf(nLiving) + ".pending"));
     EXPECT_EQ(std::filesystem::file_size(pathOf(nLiving)), ullLivingSize);
 
-    EXPECT_EQ(kill(nLiving, SIGCONT), 0);
-    killAfter(nLiving, *living, living->sum(), 0);
+    livingChild.signal(SIGCONT);
+    killAfter(livingChild, *living, living->sum(), 0);
     const auto pNext = makeLog(true);
     EXPECT_GT(pNext->TraceString(TRACE, LogLib_Normal, "next process"), 0);
     EXPECT_THAT(checkThreads(pathOf(nLiving), *living), IsEmpty());
@@ -164,7 +166,9 @@ TEST_F(LogKilled, LinesAreRecoveredBeforeTheOldFileIsRotatedOrEmptied)
     for (const bool bStartFresh : {false, true})
     {
         const CShared<CReturned> returned;
-        killAfter(startLogging(*returned, 1), *returned, DIRECT_LINES + 100, 0);
+        CChild child;
+        startLogging(child, *returned, 1);
+        killAfter(child, *returned, DIRECT_LINES + 100, 0);
         m_settings.nStartFresh = bStartFresh;
         CLogFile log("Media", "Media", !bStartFresh, false, false);
         log.applySettings(m_settings);

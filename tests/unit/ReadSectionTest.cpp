@@ -1,6 +1,6 @@
 // Tests of the sections in which threads use an object that another thread replaces.
 #include "ReadSection.h"
-#include "Child.h"
+#include "InChild.h"
 
 #include <atomic>
 #include <cerrno>

@@ -1,5 +1,5 @@
 // Descriptors that run out in the application and in the driver, and thousands of them in use.
-#include "Child.h"
+#include "InChild.h"
 #include "WithDriver.h"
 
 #include <cerrno>
@@ -221,14 +221,17 @@ TEST_F(DriverWithoutDescriptors, TurnsAClientAwayAndServesTheNextOne)
 {
     ASSERT_TRUE(startDriver());
     limitDriver(true);
-    const pid_t nChild = startChild([this] {
-        startLibrary();
-        pause();
-    });
+    CChild child;
+    startChild(
+        child,
+        [this] {
+            startLibrary();
+            pause();
+        });
     EXPECT_TRUE(
         waitUntil([] { return contentOf("/tmp/driver.log").find("Too many open files") != std::string::npos; }));
-    kill(nChild, SIGKILL);
-    EXPECT_EQ(SIGKILL, signalOf(nChild));
+    child.signal(SIGKILL);
+    EXPECT_EQ(SIGKILL, signalOf(child));
     limitDriver(false);
     startLibrary();
     EXPECT_TRUE(waitConnected());

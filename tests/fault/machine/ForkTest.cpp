@@ -1,5 +1,5 @@
 // An application that forks and starts programs while it uses the library.
-#include "Child.h"
+#include "InChild.h"
 #include "Machine.h"
 
 #include <csignal>

@@ -1,5 +1,5 @@
 // Names in /tmp that are taken, by anything: those of the library's pipes and of its log.
-#include "Child.h"
+#include "InChild.h"
 #include "Machine.h"
 
 #include <cerrno>

@@ -117,7 +117,7 @@ bool CLivingDriver::waitDead(const std::function<void()>& meanwhile)
     const bool bDead = waitUntil([&] {
         if (meanwhile)
             meanwhile();
-        return m_process.ended(false);
+        return !m_process.isRunning();
     });
     response_budget::driverDied();
     return bDead;

@@ -1,28 +1,12 @@
-// Child processes of the worker: partners of a probe, and processes with a library of their own in them.
-#ifndef CHILD_PROCESS_H
-#define CHILD_PROCESS_H
+// Child processes with a library of their own in them.
+#ifndef MEASURING_CHILD_H
+#define MEASURING_CHILD_H
 
+#include "Child.h"
 #include "Fd.h"
-
-#include <sys/types.h>
 
 #include <cstdint>
 #include <functional>
-
-// Does its work and is killed with this object or with the worker, whichever ends first.
-class CChildProcess
-{
-public:
-    explicit CChildProcess(const std::function<void()>& work);
-    ~CChildProcess();
-    CChildProcess(const CChildProcess&) = delete;
-    CChildProcess& operator=(const CChildProcess&) = delete;
-
-    void waitEnd();
-
-private:
-    pid_t m_nProcess;
-};
 
 // A child in which operations are measured. This process must not have a library in it, or the child would use that.
 class CMeasuringChild
@@ -49,7 +33,7 @@ private:
     static CSockets makeSockets();
 
     CSockets m_sockets;
-    CChildProcess m_child;
+    CChild m_child;
 };
 
 #endif

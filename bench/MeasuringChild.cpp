@@ -1,14 +1,10 @@
-#include "ChildProcess.h"
+#include "MeasuringChild.h"
 
 #include "MIntf.h"
 
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -53,38 +49,6 @@ void serve(const CFd& fd, const std::function<CMeasuringChild::Measure()>& makeM
 }
 } // namespace
 
-CChildProcess::CChildProcess(const std::function<void()>& work) : m_nProcess(::fork())
-{
-    if (m_nProcess < 0)
-        throw std::runtime_error("no child process");
-    if (m_nProcess > 0)
-        return;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    try
-    {
-        work();
-    }
-    catch (const std::exception&)
-    {
-        ::_exit(EXIT_FAILURE);
-    }
-    ::_exit(EXIT_SUCCESS);
-}
-
-CChildProcess::~CChildProcess()
-{
-    if (m_nProcess <= 0)
-        return;
-    ::kill(m_nProcess, SIGKILL);
-    waitEnd();
-}
-
-void CChildProcess::waitEnd()
-{
-    ::waitpid(m_nProcess, nullptr, 0);
-    m_nProcess = -1;
-}
-
 CMeasuringChild::CSockets CMeasuringChild::makeSockets()
 {
     if (g_pmintf)
@@ -95,12 +59,15 @@ CMeasuringChild::CSockets CMeasuringChild::makeSockets()
     return {CFd(fds[0]), CFd(fds[1])};
 }
 
-CMeasuringChild::CMeasuringChild(const std::function<Measure()>& makeMeasure)
-    : m_sockets(makeSockets()), m_child([this, &makeMeasure] {
-          m_sockets.m_fdParent.close();
-          serve(m_sockets.m_fdChild, makeMeasure);
-      })
+CMeasuringChild::CMeasuringChild(const std::function<Measure()>& makeMeasure) : m_sockets(makeSockets())
 {
+    const bool bStarted = m_child.start([this, &makeMeasure] {
+        m_sockets.m_fdParent.close();
+        serve(m_sockets.m_fdChild, makeMeasure);
+        return EXIT_SUCCESS;
+    });
+    if (!bStarted)
+        throw std::runtime_error("no child process");
     m_sockets.m_fdChild.close();
 }
 
@@ -122,5 +89,5 @@ void CMeasuringChild::end()
 {
     // Other children may have the socket, too: closing it would not tell.
     ::shutdown(m_sockets.m_fdParent.get(), SHUT_WR);
-    m_child.waitEnd();
+    m_child.waitExit();
 }
