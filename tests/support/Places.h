@@ -4,6 +4,7 @@
 
 extern const char* const ASSETS;
 extern const char* const EXAMPLES;
+extern const char* const GOLDEN;
 extern const char* const HEAP_GAUGE;
 extern const char* const LIBRARY_SOURCES;
 extern const char* const MANUAL;

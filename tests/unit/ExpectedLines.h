@@ -2,59 +2,9 @@
 #ifndef EXPECTED_LINES_H
 #define EXPECTED_LINES_H
 
-#include "LogCapture.h"
-#include "MIntf.h"
+#include "TraceLines.h"
 
-#include <cstdarg>
 #include <functional>
-#include <string>
-#include <vector>
-
-typedef std::vector<CLogLine> CLogLines;
-
-inline std::string text(const char* pszFormat, ...) __attribute__((format(printf, 1, 2)));
-inline std::string text(const char* pszFormat, ...)
-{
-    char szText[2048];
-    va_list arguments;
-    va_start(arguments, pszFormat);
-    vsnprintf(szText, sizeof(szText), pszFormat, arguments);
-    va_end(arguments);
-    return szText;
-}
-
-inline CLogLine infoLine(const std::string& strText)
-{
-    return {1, 2, strText};
-}
-
-inline CLogLine errorLine(const std::string& strText)
-{
-    return {1, 64, strText};
-}
-
-inline CLogLine operationLine(const std::string& strText)
-{
-    return {8, 2, strText};
-}
-
-inline CLogLines operator+(CLogLines vLeft, const CLogLines& vRight)
-{
-    vLeft.insert(vLeft.end(), vRight.begin(), vRight.end());
-    return vLeft;
-}
-
-// The lines about commands must be made before the call that may destroy these.
-
-inline CLogLine createdLine(const CMIntf::CCommand* pcommand)
-{
-    return infoLine(text("(Info) CCommand::CCommand this = 0x%x", addressForLog(pcommand)));
-}
-
-inline CLogLine destroyedLine(const CMIntf::CCommand* pcommand)
-{
-    return infoLine(text("(Info) CCommand::~CCommand this = 0x%x", addressForLog(pcommand)));
-}
 
 // A command with its number and code, as most lines show it.
 inline std::string commandText(const CMIntf::CCommand* pcommand)
@@ -107,31 +57,24 @@ inline CLogLines removalLines(int nStreamID, uint32_t nSequenceNo, const CMIntf:
 inline CLogLines exchangeLines(int nStreamID, const char* pszCommand, uint32_t nSequenceNo,
                                const char* pszResponse = "MIRSP_STATUS", MCSTATUS mcstatus = MCS_OK)
 {
-    const unsigned long ulSequenceNo = nSequenceNo;
-    return {operationLine("CMIntf::sendCommand - sending"),
-            infoLine(text("(Info) CMIntf::sendCommand, cmd %s, sequence number %lu, m_nStreamID = %d", pszCommand,
-                          ulSequenceNo, nStreamID)),
-            {8, 64,
-             text("(Info) CMIntf::sendCommand, tried to get correct response, trycount = 1, psrsp->nRespSequenceNo = "
-                  "%lu, psrsp->s_mirsp = %s",
-                  ulSequenceNo, pszResponse)},
-            operationLine(text("<<<CMIntf::sendCommand (%d), rsp %s, mcstatus 0x%08X", nStreamID, pszResponse,
-                               static_cast<unsigned int>(mcstatus)))};
+    return {sendingLine(), numberLine(nStreamID, pszCommand, nSequenceNo), responseLine(1, nSequenceNo, pszResponse),
+            resultLine(nStreamID, pszResponse, mcstatus)};
 }
 
 // What is around the lines of a command that ends with its response. strAddress: see createdAddresses.
 inline CLogLines immediateBeginLines(const std::string& strAddress, const char* pszCommand)
 {
-    return {infoLine("(Info) CCommand::CCommand this = 0x" + strAddress),
-            infoLine("(Info) CMIntf::sendCommand nStreamID = 0, pcommand = 0x" + strAddress),
-            operationLine(text("CMIntf::sendCommand (0), cmd %s", pszCommand))};
+    return {createdLine(strAddress), commandLine(0, strAddress), requestLine(0, pszCommand)};
 }
 
 inline CLogLines immediateFailedLines(const std::string& strAddress, MCSTATUS mcstatus)
 {
-    return {infoLine(text("(Info) CMIntf::sendCommand nStreamID = 0, mcstatus=%d : DELETING pcommand = 0x%s", mcstatus,
-                          strAddress.c_str())),
-            infoLine("(Info) CCommand::~CCommand this = 0x" + strAddress)};
+    return {failedLine(0, mcstatus, strAddress), destroyedLine(strAddress)};
+}
+
+inline CLogLines immediateEndedLines(const std::string& strAddress, const char* pszCommand)
+{
+    return {endedLine(strAddress, pszCommand), destroyedLine(strAddress)};
 }
 
 // A command that ends with its response, accepted.
@@ -139,17 +82,14 @@ inline CLogLines immediateLines(const std::string& strAddress, const char* pszCo
                                 const char* pszResponse = "MIRSP_STATUS")
 {
     return immediateBeginLines(strAddress, pszCommand) + exchangeLines(0, pszCommand, nSequenceNo, pszResponse) +
-           CLogLines{operationLine(text("CMIntf::sendCommand deleting pcommand  pcommand=0X%s : cmd %s",
-                                        strAddress.c_str(), pszCommand)),
-                     infoLine("(Info) CCommand::~CCommand this = 0x" + strAddress)};
+           immediateEndedLines(strAddress, pszCommand);
 }
 
 // The same, refused by the driver.
 inline CLogLines immediateRefusedLines(const std::string& strAddress, const char* pszCommand, uint32_t nSequenceNo)
 {
     return immediateBeginLines(strAddress, pszCommand) +
-           exchangeLines(0, pszCommand, nSequenceNo, "MIRSP_STATUS", MCS_REFUSED) +
-           CLogLines{operationLine("CMIntf::sendCommand - removing from active command, calling remActiveCommand")} +
+           exchangeLines(0, pszCommand, nSequenceNo, "MIRSP_STATUS", MCS_REFUSED) + CLogLines{removingLine()} +
            removalLines(0, nSequenceNo, nullptr, nullptr) + immediateFailedLines(strAddress, MCS_REFUSED);
 }
 
@@ -157,8 +97,7 @@ inline CLogLines immediateRefusedLines(const std::string& strAddress, const char
 inline CLogLines immediateNotConnectedLines(const std::string& strAddress, const char* pszCommand)
 {
     return immediateBeginLines(strAddress, pszCommand) +
-           CLogLines{infoLine(" (Error) CMIntf::sendCommand - media driver not running or not connected"),
-                     operationLine("<<<CMIntf::sendCommand (0), rsp MIRSP_NULL, mcstatus 0x0000002F")} +
+           CLogLines{notConnectedLine(), resultLine(0, "MIRSP_NULL", MCS_NOTCONNECTED)} +
            immediateFailedLines(strAddress, MCS_NOTCONNECTED);
 }
 
@@ -166,7 +105,7 @@ inline CLogLines immediateNotConnectedLines(const std::string& strAddress, const
 // destroys are known from its lines only.
 inline std::vector<std::string> createdAddresses(const CLogLines& vLines)
 {
-    const std::string strBegin = "(Info) CCommand::CCommand this = 0x";
+    const std::string strBegin = createdLine(std::string()).strText;
     std::vector<std::string> vAddresses;
     for (const CLogLine& line : vLines)
         if (line.strText.rfind(strBegin, 0) == 0)

@@ -23,9 +23,7 @@ TEST_F(MIntfCancel, DropsQueuedPlaysAndAsksTheDriverToEndTheActiveOne)
     EXPECT_EQ(MCS_OK, m_pmintf->cancel(5, 1));
 
     const std::string strAddress = createdAddresses(m_pLog->lines()).at(0);
-    EXPECT_EQ(CLogLines{operationLine("CMIntf::cancel, id 5")} + vDropped +
-                  immediateLines(strAddress, "MICMD_CANCEL", 41),
-              m_pLog->lines());
+    EXPECT_EQ(CLogLines{cancelLine(5)} + vDropped + immediateLines(strAddress, "MICMD_CANCEL", 41), m_pLog->lines());
     const std::vector<structMICMD> vRequests = takeRequests();
     ASSERT_EQ(1u, vRequests.size());
     EXPECT_EQ(MICMD_CANCEL, vRequests[0].s_micmd);
@@ -62,7 +60,7 @@ TEST_F(MIntfCancel, RecordTypeWorksOnThePlaySideToo)
 TEST_F(MIntfCancel, IdleStreamIsNotCancelledAtTheDriver)
 {
     EXPECT_EQ(MCS_OK, m_pmintf->cancel(5, 1));
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::cancel, id 5")}), m_pLog->lines());
+    EXPECT_EQ((CLogLines{cancelLine(5)}), m_pLog->lines());
     EXPECT_TRUE(takeRequests().empty());
 }
 
@@ -73,7 +71,7 @@ TEST_F(MIntfCancel, RecordSideGoesOnWhileThePlaySideIsIdle)
     takeRequests();
     m_pLog->clear();
     EXPECT_EQ(MCS_OK, m_pmintf->cancel(5, 2));
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::cancel, id 5")}), m_pLog->lines());
+    EXPECT_EQ((CLogLines{cancelLine(5)}), m_pLog->lines());
     EXPECT_TRUE(takeRequests().empty());
     EXPECT_EQ(pcommand, m_pmintf->m_mapActiveCommandByStreamIDRecord.at(5));
     EXPECT_EQ(CMIntf::CCommandList{pcommandQueued}, *m_pmintf->m_mapCommandQueueRecord.at(5));

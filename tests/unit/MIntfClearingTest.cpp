@@ -53,16 +53,12 @@ protected:
     // One command removed directly: it was unlinked before, and is destroyed.
     static CLogLines directRemovalLines(const CMIntf::CCommand* pcommand)
     {
-        return {infoLine("test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands"),
-                infoLine(text("801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =0x%x",
-                              addressForLog(pcommand))),
-                infoLine("(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand"), destroyedLine(pcommand)};
+        return ::directRemovalLines(addressOf(pcommand)) + CLogLines{destroyedLine(pcommand)};
     }
 
-    const CLogLine m_lineEntry = infoLine("(Info) CMIntf::CMIntf::clearActiveCommand ENTRY");
-    const CLogLine m_lineEvent = infoLine("CMIntf::sendEvent, evt 1");
-    const CLogLine m_lineEventFailed =
-        errorLine(text("(Error) CMIntf::sendEvent, error writing event pipe %d", EAGAIN));
+    const CLogLine m_lineEntry = clearActiveLine();
+    const CLogLine m_lineEvent = wakeUpLine(1);
+    const CLogLine m_lineEventFailed = wakeUpFailedLine(EAGAIN);
 };
 
 TEST_F(MIntfClearing, OpenEventPipeTakesOneEventPerActiveCommandPlaysFirst)

@@ -86,7 +86,7 @@ TEST_F(MIntfClipFiles, SameNameSharesOneFileUntilItsLastClose)
 
     m_pLog->clear();
     EXPECT_EQ(MCS_OK, m_pmintf->closeFile(1));
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::closeFile, id 1")}), m_pLog->lines());
+    EXPECT_EQ((CLogLines{closeFileLine(1)}), m_pLog->lines());
     EXPECT_TRUE(takeRequests().empty());
     EXPECT_EQ(9, m_pmintf->mapFileIDToCMIntfFileID(1));
 
@@ -95,8 +95,7 @@ TEST_F(MIntfClipFiles, SameNameSharesOneFileUntilItsLastClose)
     EXPECT_EQ(MCS_OK, m_pmintf->closeFile(1));
     const std::vector<std::string> vAddresses = createdAddresses(m_pLog->lines());
     ASSERT_EQ(1u, vAddresses.size());
-    EXPECT_EQ(CLogLines{operationLine("CMIntf::closeFile, id 1")} + immediateLines(vAddresses[0], "MICMD_CLOSEFILE", 2),
-              m_pLog->lines());
+    EXPECT_EQ(CLogLines{closeFileLine(1)} + immediateLines(vAddresses[0], "MICMD_CLOSEFILE", 2), m_pLog->lines());
     const std::vector<structMICMD> vRequests = takeRequests();
     ASSERT_EQ(1u, vRequests.size());
     EXPECT_EQ(MICMD_CLOSEFILE, vRequests[0].s_micmd);
@@ -202,8 +201,7 @@ TEST_F(MIntfClipFiles, UnknownIDIsClosedAndMappedWithoutHarm)
     EXPECT_EQ(MCS_OK, m_pmintf->closeFile(-1));
     EXPECT_EQ(-1, m_pmintf->mapFileIDToCMIntfFileID(2));
     EXPECT_EQ(-1, m_pmintf->mapFileIDToCMIntfFileID(-1));
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::closeFile, id 2"), operationLine("CMIntf::closeFile, id -1")}),
-              m_pLog->lines());
+    EXPECT_EQ((CLogLines{closeFileLine(2), closeFileLine(-1)}), m_pLog->lines());
     EXPECT_TRUE(takeRequests().empty());
 }
 

@@ -76,17 +76,8 @@ TEST_F(MIntfCommands, FirstPlayBecomesActiveWithNumberAndDeadline)
     EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDRecord.empty());
     EXPECT_TRUE(m_pmintf->m_mapCommandQueue.empty());
     EXPECT_TRUE(takeRequests().empty());
-    EXPECT_EQ((CLogLines{
-                  operationLine("CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 5"),
-                  operationLine("CMIntf::processPlayActiveCommand - Current active command"),
-                  infoLine(" (Info) CMIntf::processPlayActiveCommand called, SequenceNo = 41, sid = 5, cmd = "
-                           "MICMD_PLAYCLIP"),
-                  infoLine(text("801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand "
-                                "=0x%x",
-                                addressForLog(pcommand))),
-                  infoLine("CMIntf::processPlayActiveCommand TimeOut 705052704") // the deadline's low 32 bits
-              }),
-              m_pLog->lines());
+    // The deadline's low 32 bits.
+    EXPECT_EQ(playActiveLines(5, "MICMD_PLAYCLIP", 41, addressOf(pcommand), 705052704), m_pLog->lines());
 }
 
 TEST_F(MIntfCommands, SecondPlayWaitsWithoutNumberAndDeadline)
@@ -107,11 +98,7 @@ TEST_F(MIntfCommands, SecondPlayWaitsWithoutNumberAndDeadline)
     EXPECT_EQ(pcommandActive, m_pmintf->m_mapActiveCommandByStreamIDPlay.at(5));
     EXPECT_EQ(CMIntf::CCommandList{pcommand}, *m_pmintf->m_mapCommandQueue.at(5));
     EXPECT_TRUE(m_pmintf->m_mapCommandQueueRecord.empty());
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 5"),
-                         operationLine("CMIntf::processPlayActiveCommand - queueing"),
-                         infoLine("Brudel (Info) CMIntf::processPlayActiveCommand, queueing because, SequenceNo = 41, "
-                                  "sid = 5, cmd = MICMD_PLAYCLIP, pcommand->m_nStreamID = 5")}),
-              m_pLog->lines());
+    EXPECT_EQ(playWaitsLines(5, "MICMD_PLAYCLIP", 41), m_pLog->lines());
 }
 
 TEST_F(MIntfCommands, WaitingPlaysStandInTheOrderOfTheirComing)
@@ -149,11 +136,7 @@ TEST_F(MIntfCommands, RecordBesideAnActivePlayBecomesActiveAtOnce)
     EXPECT_EQ((std::map<int, CMIntf::CCommand*>{{5, pcommand}}), m_pmintf->m_mapActiveCommandByStreamIDRecord);
     EXPECT_EQ((std::map<int, CMIntf::CCommand*>{{5, pcommandPlay}}), m_pmintf->m_mapActiveCommandByStreamIDPlay);
     EXPECT_EQ((CCommands{pcommand, pcommandPlay}), deadlineIndex());
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::processRecordActiveCommand - Entering"),
-                         operationLine("CMIntf::processRecordActiveCommand - Current active command"),
-                         infoLine(" (Info) CMIntf::processRecordActiveCommand called, SequenceNo = 42, sid = 5, cmd = "
-                                  "MICMD_RECORDFILE")}),
-              m_pLog->lines());
+    EXPECT_EQ(recordActiveLines(5, 42), m_pLog->lines());
 }
 
 TEST_F(MIntfCommands, SecondRecordWaitsOnTheRecordSide)
@@ -166,9 +149,7 @@ TEST_F(MIntfCommands, SecondRecordWaitsOnTheRecordSide)
     EXPECT_EQ(0, m_pmintf->processRecordActiveCommand(pcommand1, bSend));
 
     EXPECT_EQ(7, bSend);
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::processRecordActiveCommand - Entering"),
-                         operationLine("CMIntf::processRecordActiveCommand - queueing")}),
-              m_pLog->lines());
+    EXPECT_EQ(recordWaitsLines(), m_pLog->lines());
     EXPECT_EQ(0xABCDu, pcommand1->m_cmd.nSequenceNo);
     EXPECT_EQ(0u, pcommand1->m_ullTimeoutTick);
     CMIntf::CCommand* const pcommand2 = processRecord(5, 0);
@@ -185,8 +166,7 @@ TEST_F(MIntfCommands, NumbersWrapAt32Bits)
     EXPECT_EQ(0xFFFFFFFFu, processPlay(5, 1)->m_cmd.nSequenceNo);
     EXPECT_EQ(0u, processRecord(5, 1)->m_cmd.nSequenceNo);
     EXPECT_EQ(1u, m_pmintf->m_nNextSequenceNo);
-    EXPECT_TRUE(m_pLog->has(infoLine(
-        " (Info) CMIntf::processPlayActiveCommand called, SequenceNo = 4294967295, sid = 5, cmd = MICMD_PLAYFILE")));
+    EXPECT_TRUE(m_pLog->has(playNumberLine(5, "MICMD_PLAYFILE", 4294967295)));
 }
 
 TEST_F(MIntfCommands, DeadlineIsTheTimeoutAfterTheTick)

@@ -115,7 +115,7 @@ TEST_F(MIntfDriverStreams, ClosingFreesAllCommandsOfTheStreamWithoutCompletions)
     play(6);
     CMIntf::CCommand* const pcommandOther = play(6);
     takeRequests();
-    CLogLines vExpected = {operationLine("CMIntf::closeStream, id 5")};
+    CLogLines vExpected = {closeStreamLine(5)};
     for (const CMIntf::CCommand* const pcommand : apcommandQueued)
         vExpected.push_back(destroyedLine(pcommand));
     vExpected.push_back(operationLine("Brudel702 CMIntf::closeStream, calling remActiveCommand id 5"));
@@ -165,10 +165,10 @@ TEST_F(MIntfDriverStreams, UnknownStreamIsClosedAtTheDriverAllTheSame)
     const CLogLines vLines = m_pLog->lines();
     const std::vector<std::string> vAddresses = createdAddresses(vLines);
     ASSERT_EQ(1u, vAddresses.size());
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::closeStream, id 5"),
-                         operationLine("Brudel702 CMIntf::closeStream, calling remActiveCommand id 5")}) +
-                  removalLines(5, 0xFFFFFFFF, nullptr, nullptr) + immediateLines(vAddresses[0], "MICMD_CLOSESTREAM", 1),
-              vLines);
+    EXPECT_EQ(
+        (CLogLines{closeStreamLine(5), operationLine("Brudel702 CMIntf::closeStream, calling remActiveCommand id 5")}) +
+            removalLines(5, 0xFFFFFFFF, nullptr, nullptr) + immediateLines(vAddresses[0], "MICMD_CLOSESTREAM", 1),
+        vLines);
     EXPECT_EQ(1u, takeRequests().size());
 }
 

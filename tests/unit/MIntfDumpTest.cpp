@@ -1,5 +1,6 @@
 // CMIntf's dump: the listing of every registry, line by line, and the request that follows it.
 #include "ExpectedLines.h"
+#include "Golden.h"
 #include "MIntfFixture.h"
 #include "PlatformSeams.h"
 #include "ZelMediaServicesImpl.h"
@@ -46,14 +47,6 @@ protected:
         return vLines;
     }
 
-    static CLogLine commandLine(int nStreamID, const CMIntf::CCommand* pcommand, const char* pszCommand, int nDone,
-                                const char* pszTimeout)
-    {
-        return {1, 64,
-                text("   sid %d, cmd 0x%08X, cmd %s, done %d, timeout %s", nStreamID, addressForLog(pcommand),
-                     pszCommand, nDone, pszTimeout)};
-    }
-
     const CLogLine m_clipFiles = {1, 64, "-- m_mapClipFileByID"};
     const CLogLine m_streams = {1, 64, "-- m_mapStreamByStreamID"};
     const CLogLine m_plays = {1, 64, "-- m_mapActiveCommandByStreamIDPlay"};
@@ -63,7 +56,7 @@ protected:
 
 TEST_F(MIntfDump, EmptyRegistriesAreFiveHeadingsAndTheRequest)
 {
-    EXPECT_EQ((CLogLines{m_clipFiles, m_streams, m_plays, m_deadlines, m_queues}), listing());
+    expectGolden("dump-empty.txt", listing());
     const std::vector<structMICMD> vRequests = takeRequests();
     ASSERT_EQ(1u, vRequests.size());
     EXPECT_EQ(MICMD_DUMP, vRequests[0].s_micmd);
@@ -74,14 +67,7 @@ TEST_F(MIntfDump, ClipFilesAscendByLibraryID)
 {
     addClipFile(12, "/b.ul", -1, 1);
     addClipFile(2, "/a %s.ul", 501, 3);
-    EXPECT_EQ((CLogLines{m_clipFiles,
-                         {1, 64, "   fid 2, cmfid 501, name /a %s.ul, usecount 3"},
-                         {1, 64, "   fid 12, cmfid -1, name /b.ul, usecount 1"},
-                         m_streams,
-                         m_plays,
-                         m_deadlines,
-                         m_queues}),
-              listing());
+    expectGolden("dump-clip-files.txt", listing());
 }
 
 TEST_F(MIntfDump, StreamsAscendByDriverIDAndShowTheirState)
@@ -93,16 +79,7 @@ TEST_F(MIntfDump, StreamsAscendByDriverIDAndShowTheirState)
     streamHigh.m_pStream = reinterpret_cast<CZelMediaStream*>(0x89ABCDE0);
     m_pmintf->m_mapStreamByStreamID[30] = &streamHigh;
     m_pmintf->m_mapStreamByStreamID[4] = &streamLow;
-    EXPECT_EQ(
-        (CLogLines{
-            m_clipFiles,
-            m_streams,
-            {1, 64, text("   sid 4, impl 0x%08X, stream 0x00000000, valid 1, canflag 0", addressForLog(&streamLow))},
-            {1, 64, text("   sid 30, impl 0x%08X, stream 0x89ABCDE0, valid 0, canflag 7", addressForLog(&streamHigh))},
-            m_plays,
-            m_deadlines,
-            m_queues}),
-        listing());
+    expectGolden("dump-streams.txt", listing(), {{"low", &streamLow}, {"high", &streamHigh}});
 }
 
 TEST_F(MIntfDump, ActivePlaysAscendByStreamAndAllActiveCommandsByDeadline)
@@ -112,12 +89,8 @@ TEST_F(MIntfDump, ActivePlaysAscendByStreamAndAllActiveCommandsByDeadline)
     const CMIntf::CCommand* const pplayLow = sendCommand(4, MICMD_PLAYFILE, 20);
     const CMIntf::CCommand* const precord = sendCommand(4, MICMD_RECORDFILE, 10);
     takeRequests();
-    EXPECT_EQ((CLogLines{m_clipFiles, m_streams, m_plays, commandLine(4, pplayLow, "MICMD_PLAYFILE", 1, "20"),
-                         commandLine(30, pplayHigh, "MICMD_PLAYCLIP", 0, "-1"), m_deadlines,
-                         commandLine(4, precord, "MICMD_RECORDFILE", 1, "18446744073709010000"),
-                         commandLine(4, pplayLow, "MICMD_PLAYFILE", 1, "18446744073709020000"),
-                         commandLine(30, pplayHigh, "MICMD_PLAYCLIP", 0, "18446744073709300000"), m_queues}),
-              listing());
+    expectGolden("dump-active-commands.txt", listing(),
+                 {{"low play", pplayLow}, {"high play", pplayHigh}, {"record", precord}});
 }
 
 TEST_F(MIntfDump, QueuedRecordsFollowThePlaysUnderTheNumberOfPlayQueues)
@@ -135,20 +108,17 @@ TEST_F(MIntfDump, QueuedRecordsFollowThePlaysUnderTheNumberOfPlayQueues)
     const CMIntf::CCommand* const precordFirst = sendCommand(50, MICMD_RECORDFILE, 3);
     const CMIntf::CCommand* const precordSecond = sendCommand(50, MICMD_RECORDFILE, 0xFFFFFFFF, nullptr, 0);
     takeRequests();
-    EXPECT_EQ((CLogLines{m_clipFiles, m_streams, m_plays, commandLine(10, apActive[0], "MICMD_PLAYFILE", 1, "1"),
-                         commandLine(11, apActive[1], "MICMD_PLAYFILE", 1, "1"),
-                         commandLine(12, apActive[2], "MICMD_PLAYFILE", 1, "1"), m_deadlines,
-                         commandLine(12, apActive[2], "MICMD_PLAYFILE", 1, "2000"),
-                         commandLine(11, apActive[1], "MICMD_PLAYFILE", 1, "2000"),
-                         commandLine(10, apActive[0], "MICMD_PLAYFILE", 1, "2000"),
-                         commandLine(50, apActive[3], "MICMD_RECORDFILE", 1, "2000"), m_queues,
-                         commandLine(10, apQueued[0], "MICMD_PLAYCLIP", 0, "2"),
-                         commandLine(11, apQueued[1], "MICMD_PLAYCLIP", 0, "2"),
-                         commandLine(11, pqueuedSecond, "MICMD_RECORDFILE", 1, "-2147483648"),
-                         commandLine(12, apQueued[2], "MICMD_PLAYCLIP", 0, "2"),
-                         commandLine(3, precordFirst, "MICMD_RECORDFILE", 1, "3"),
-                         commandLine(3, precordSecond, "MICMD_RECORDFILE", 0, "-1")}),
-              listing());
+    expectGolden("dump-queues.txt", listing(),
+                 {{"active 0", apActive[0]},
+                  {"active 1", apActive[1]},
+                  {"active 2", apActive[2]},
+                  {"active 3", apActive[3]},
+                  {"queued 0", apQueued[0]},
+                  {"queued 1", apQueued[1]},
+                  {"queued 2", apQueued[2]},
+                  {"queued second", pqueuedSecond},
+                  {"first record", precordFirst},
+                  {"second record", precordSecond}});
 }
 
 TEST_F(MIntfDump, EmptyPlayQueueHasNoLineButCounts)
@@ -158,7 +128,8 @@ TEST_F(MIntfDump, EmptyPlayQueueHasNoLineButCounts)
     const CMIntf::CCommand* const pqueued = sendCommand(5, MICMD_RECORDFILE, 3);
     const CLogLines vLines = listing();
     EXPECT_EQ(m_queues, vLines.at(vLines.size() - 2));
-    EXPECT_EQ(commandLine(1, pqueued, "MICMD_RECORDFILE", 1, "3"), vLines.back());
+    EXPECT_EQ(errorLine(text("   sid 1, cmd 0x%08X, cmd MICMD_RECORDFILE, done 1, timeout 3", addressForLog(pqueued))),
+              vLines.back());
 }
 
 TEST_F(MIntfDump, ListingIsWrittenWithoutAConnection)

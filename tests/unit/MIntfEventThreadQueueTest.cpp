@@ -20,30 +20,13 @@ protected:
     static CLogLines playSideLines(const CMIntf::CCommand* pcommand, uint32_t nSequenceNo, uint64_t ullDeadline)
     {
         const char* const pszCommand = MICMDToString(pcommand->m_cmd.s_micmd);
-        return {operationLine(text("CMIntf::sendCommand (5), cmd %s", pszCommand)),
-                operationLine("CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 5"),
-                operationLine("CMIntf::processPlayActiveCommand - Current active command"),
-                infoLine(text(" (Info) CMIntf::processPlayActiveCommand called, SequenceNo = %u, sid = 5, cmd = %s",
-                              nSequenceNo, pszCommand)),
-                infoLine(text("801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand "
-                              "=0x%x",
-                              addressForLog(pcommand))),
-                infoLine(text("CMIntf::processPlayActiveCommand TimeOut %d", static_cast<int>(ullDeadline)))};
+        return CLogLines{requestLine(5, pszCommand)} +
+               playActiveLines(5, pszCommand, nSequenceNo, addressOf(pcommand), static_cast<int>(ullDeadline));
     }
 
     static CLogLines recordSideLines(uint32_t nSequenceNo)
     {
-        return {operationLine("CMIntf::sendCommand (5), cmd MICMD_RECORDFILE"),
-                operationLine("CMIntf::processRecordActiveCommand - Entering"),
-                operationLine("CMIntf::processRecordActiveCommand - Current active command"),
-                infoLine(text(" (Info) CMIntf::processRecordActiveCommand called, SequenceNo = %u, sid = 5, cmd = "
-                              "MICMD_RECORDFILE",
-                              nSequenceNo))};
-    }
-
-    static CLogLine withdrawnLine()
-    {
-        return operationLine("CMIntf::sendCommand - removing from active command, calling remActiveCommand");
+        return CLogLines{requestLine(5, "MICMD_RECORDFILE")} + recordActiveLines(5, nSequenceNo);
     }
 
     // A command as it will be when it has got this number.
@@ -52,7 +35,7 @@ protected:
         const uint32_t nKept = pcommand->m_cmd.nSequenceNo;
         pcommand->m_cmd.nSequenceNo = nSequenceNo;
         const CLogLines vLines =
-            CLogLines{withdrawnLine()} +
+            CLogLines{removingLine()} +
             removalLines(5, nSequenceNo, bPlaySide ? pcommand : nullptr, bPlaySide ? nullptr : pcommand);
         pcommand->m_cmd.nSequenceNo = nKept;
         return vLines;
@@ -184,10 +167,8 @@ TEST_F(MIntfEventThreadQueue, RefusedPlayCompletesWithTheSendStatusAndDropsThePl
                   infoLine(" (Info) CMIntf::eventThreadFunc  before OnCMIntfCompletion-2 ,sid = 5, nSequenceID = 3"),
                   destroyedLine(m_pcommandPlay),
                   // The record waits behind the active one again.
-                  operationLine("CMIntf::sendCommand (5), cmd MICMD_RECORDFILE"),
-                  operationLine("CMIntf::processRecordActiveCommand - Entering"),
-                  operationLine("CMIntf::processRecordActiveCommand - queueing"),
-                  operationLine("<<<CMIntf::sendCommand (5), rsp MIRSP_NULL, mcstatus 0x00000000")};
+                  requestLine(5, "MICMD_RECORDFILE")} +
+        recordWaitsLines() + CLogLines{resultLine(5, "MIRSP_NULL", MCS_OK)};
     respondNext(MIRSP_STATUS, 1);
     done(5, 1, 0);
 

@@ -157,7 +157,7 @@ TEST_F(MIntfLifecycle, FinalizeStopsARealEventThread)
     const std::vector<std::string> vTexts = m_pLog->texts();
     const auto stopping = std::find(vTexts.begin(), vTexts.end(), "CMIntf::eventThreadFunc - stopping");
     ASSERT_NE(vTexts.end(), stopping);
-    EXPECT_NE(vTexts.end(), std::find(stopping, vTexts.end(), "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"));
+    EXPECT_NE(vTexts.end(), std::find(stopping, vTexts.end(), clearActiveLine().strText));
 }
 
 TEST_F(MIntfLifecycle, FinalizeDoesNotWaitWhenTheEventPipeIsClosed)
@@ -166,8 +166,7 @@ TEST_F(MIntfLifecycle, FinalizeDoesNotWaitWhenTheEventPipeIsClosed)
     m_pmintf->m_bEventThreadRunning = 1; // for ever
     m_pmintf->m_nConnectID = -1;
     EXPECT_EQ(MCS_OK, m_pmintf->finalize());
-    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"}, {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"}}),
-              m_pLog->lines());
+    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"}, clearActiveLine()}), m_pLog->lines());
 }
 
 TEST_F(MIntfLifecycle, FinalizeDoesNotWaitWhenTheThreadCannotBeWoken)
@@ -177,10 +176,7 @@ TEST_F(MIntfLifecycle, FinalizeDoesNotWaitWhenTheThreadCannotBeWoken)
     m_pmintf->m_bEventThreadRunning = 1; // for ever
     m_pmintf->m_nConnectID = -1;
     EXPECT_EQ(MCS_OK, m_pmintf->finalize());
-    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"},
-                         {1, 2, "CMIntf::sendEvent, evt 0"},
-                         {1, 64, text("(Error) CMIntf::sendEvent, error writing event pipe %d", EBADF)},
-                         {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"}}),
+    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"}, wakeUpLine(0), wakeUpFailedLine(EBADF), clearActiveLine()}),
               m_pLog->lines());
     EXPECT_EQ(-1, m_pmintf->m_npipeEvt);
 }
@@ -207,7 +203,7 @@ TEST_F(MIntfLifecycle, FinalizeClearsCommandsThenDisconnectsThenClosesAndRemoves
     const CLogLine queuedLine = destroyedLine(sendCommand(5, MICMD_PLAYCLIP, 300, &handler));
     const CLogLine playLine = destroyedLine(pplay);
     const CLogLines vRemoval = removalLines(5, 1, pplay, nullptr);
-    const std::string strPlay = text("0x%x", addressForLog(pplay));
+    const CLogLines vDirect = directRemovalLines(addressOf(pplay));
     takeRequests();
     m_pLog->clear();
     const int anDescriptors[] = {m_pmintf->m_npipeReq, m_pmintf->m_npipeRsp, m_pmintf->m_npipeEvt};
@@ -216,20 +212,10 @@ TEST_F(MIntfLifecycle, FinalizeClearsCommandsThenDisconnectsThenClosesAndRemoves
     EXPECT_EQ(MCS_OK, m_pmintf->finalize());
 
     const std::string strDisconnect = createdAddresses(m_pLog->lines()).at(0);
-    EXPECT_EQ(
-        (CLogLines{{8, 2, "CMIntf::finalize"},
-                   {1, 2, "CMIntf::sendEvent, evt 0"},
-                   {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"},
-                   {1, 2, "CMIntf::sendEvent, evt 1"}}) +
-            vRemoval +
-            (CLogLines{
-                {1, 2, "test123 (Info) CMIntf::CMIntf::clearActiveCommand calling erase on mapActiveCommands"},
-                {1, 2, "801(Info) CMIntf::clearActiveCommands m_mapActiveCommandByStreamIDPlay,pcommand =" + strPlay},
-                {1, 2, "(Info) CMIntf::CMIntf::clearActiveCommand calling delete pcommand"},
-                playLine,
-                queuedLine}) +
-            immediateRefusedLines(strDisconnect, "MICMD_DISCONNECT", 2),
-        m_pLog->lines());
+    EXPECT_EQ((CLogLines{{8, 2, "CMIntf::finalize"}, wakeUpLine(0), clearActiveLine(), wakeUpLine(1)}) + vRemoval +
+                  vDirect + (CLogLines{playLine, queuedLine}) +
+                  immediateRefusedLines(strDisconnect, "MICMD_DISCONNECT", 2),
+              m_pLog->lines());
     const std::vector<structMICMD> vRequests = takeRequests();
     ASSERT_EQ(1u, vRequests.size());
     EXPECT_EQ(MICMD_DISCONNECT, vRequests[0].s_micmd);
@@ -331,7 +317,7 @@ TEST_F(MIntfLifecycle, SentEventIsTracedAndInThePipe)
 {
     structMIEVT evt = {MIEVT_DONE, 1, 2, 3};
     EXPECT_EQ(MCS_OK, m_pmintf->sendEvent(&evt));
-    EXPECT_EQ((CLogLines{{1, 2, "CMIntf::sendEvent, evt 1"}}), m_pLog->lines());
+    EXPECT_EQ((CLogLines{wakeUpLine(1)}), m_pLog->lines());
     EXPECT_EQ(1u, takeEvents().size());
 }
 
@@ -340,7 +326,7 @@ TEST_F(MIntfLifecycle, EventWithoutAPipeFailsWithItsFirstLineAlone)
     closeEventPipe();
     structMIEVT evt = {MIEVT_NULL, 1, 2, 3};
     EXPECT_EQ(MCS_PIPEWRITE, m_pmintf->sendEvent(&evt));
-    EXPECT_EQ((CLogLines{{1, 2, "CMIntf::sendEvent, evt 0"}}), m_pLog->lines());
+    EXPECT_EQ((CLogLines{wakeUpLine(0)}), m_pLog->lines());
 }
 
 TEST_F(MIntfLifecycle, FullEventPipeFailsTheEventAtOnce)
@@ -348,9 +334,7 @@ TEST_F(MIntfLifecycle, FullEventPipeFailsTheEventAtOnce)
     fillEventPipe();
     structMIEVT evt = {MIEVT_DONE, 1, 2, 3};
     EXPECT_EQ(MCS_PIPEWRITE, m_pmintf->sendEvent(&evt));
-    EXPECT_EQ((CLogLines{{1, 2, "CMIntf::sendEvent, evt 1"},
-                         {1, 64, text("(Error) CMIntf::sendEvent, error writing event pipe %d", EAGAIN)}}),
-              m_pLog->lines());
+    EXPECT_EQ((CLogLines{wakeUpLine(1), wakeUpFailedLine(EAGAIN)}), m_pLog->lines());
 }
 
 TEST_F(MIntfLifecycle, ShortEventWriteCountsAsWritten)
@@ -367,7 +351,7 @@ TEST_F(MIntfLifecycle, ShortEventWriteCountsAsWritten)
     setrlimit(RLIMIT_FSIZE, &limit);
     unlink("/tmp/short-event");
     EXPECT_EQ(MCS_OK, mcstatus);
-    EXPECT_EQ((CLogLines{{1, 2, "CMIntf::sendEvent, evt 1"}}), m_pLog->lines());
+    EXPECT_EQ((CLogLines{wakeUpLine(1)}), m_pLog->lines());
 }
 
 TEST_F(MIntfLifecycle, PingReturnsTheStatusOfItsRequest)

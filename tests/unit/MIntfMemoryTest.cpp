@@ -67,12 +67,8 @@ TEST_F(MIntfMemory, PlayThatCannotBecomeActiveIsRefusedWithTheResultLineAndFreed
         CLogLines vLines = m_pLog->lines();
         const std::string strAddress = createdAddresses(vLines).at(0);
         ASSERT_LE(3u, vLines.size());
-        EXPECT_EQ(
-            (CLogLines{
-                {8, 2, "<<<CMIntf::sendCommand (5), rsp MIRSP_NULL, mcstatus 0x00000004"},
-                {1, 2, "(Info) CMIntf::sendCommand nStreamID = 5, mcstatus=4 : DELETING pcommand = 0x" + strAddress},
-                {1, 2, "(Info) CCommand::~CCommand this = 0x" + strAddress}}),
-            CLogLines(vLines.end() - 3, vLines.end()));
+        EXPECT_EQ((CLogLines{resultLine(5, "MIRSP_NULL", 4), failedLine(5, 4, strAddress), destroyedLine(strAddress)}),
+                  CLogLines(vLines.end() - 3, vLines.end()));
         EXPECT_EQ(0u, m_pLog->count("remActiveCommand"));
         EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDPlay.empty());
         EXPECT_TRUE(m_pmintf->m_mmapActiveCommandByTimeout.empty());

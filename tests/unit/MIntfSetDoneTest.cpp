@@ -16,7 +16,7 @@ protected:
     {
         m_pLog->clear();
         EXPECT_EQ(MCS_OK, m_pmintf->setDone(nStreamID, &m_handler));
-        EXPECT_EQ((CLogLines{operationLine(text("CMIntf::setDone, id %d", nStreamID))}), m_pLog->lines());
+        EXPECT_EQ((CLogLines{setDoneLine(nStreamID)}), m_pLog->lines());
         EXPECT_TRUE(takeEvents().empty());
     }
 };
@@ -83,18 +83,11 @@ TEST_F(MIntfSetDone, IdleStreamGetsARecordThatItsOwnEventCompletes)
     EXPECT_EQ(MCS_OK, m_pmintf->setDone(5, &m_handler));
 
     CMIntf::CCommand* const pcommand = m_pmintf->m_mapActiveCommandByStreamIDPlay.at(5);
-    EXPECT_EQ((CLogLines{operationLine("CMIntf::setDone, id 5"), createdLine(pcommand),
-                         infoLine("(Info) CMIntf::setDone calling addActiveCommand called RECORD, seqno = 0, sid = 5"),
-                         operationLine("CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 5"),
-                         operationLine("CMIntf::processPlayActiveCommand - Current active command"),
-                         infoLine(" (Info) CMIntf::processPlayActiveCommand called, SequenceNo = 41, sid = 5, cmd = "
-                                  "MICMD_NULL"),
-                         infoLine(text("801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,"
-                                       "pcommand =0x%x",
-                                       addressForLog(pcommand))),
-                         infoLine("CMIntf::processPlayActiveCommand TimeOut 705332704"),
-                         infoLine("CMIntf::sendEvent, evt 1")}),
-              m_pLog->lines());
+    EXPECT_EQ(
+        (CLogLines{setDoneLine(5), createdLine(pcommand),
+                   infoLine("(Info) CMIntf::setDone calling addActiveCommand called RECORD, seqno = 0, sid = 5")}) +
+            playActiveLines(5, "MICMD_NULL", 41, addressOf(pcommand), 705332704) + CLogLines{wakeUpLine(1)},
+        m_pLog->lines());
     EXPECT_EQ(5, pcommand->m_nStreamID);
     EXPECT_EQ(1, pcommand->m_bDone);
     EXPECT_EQ(0xFFFFFFFFu, pcommand->m_nTimeout);

@@ -20,7 +20,6 @@ namespace
 typedef std::chrono::steady_clock Clock;
 typedef std::vector<std::pair<int, int>> CStreamsAndStatuses;
 
-const CLogLine removingLine = {8, 2, "CMIntf::sendCommand - removing from active command, calling remActiveCommand"};
 const CLogLine closingLine = {8, 2, "CMIntf::sendCommand - closing request pipe"};
 const CLogLine clearingLine = {8, 2, "CMIntf::sendCommand - oops timeout clear cmd"};
 
@@ -114,8 +113,8 @@ protected:
     // What the clearing of the active commands writes.
     CLogLines bulkLines() const
     {
-        const CLogLine event = infoLine("CMIntf::sendEvent, evt 1");
-        return {infoLine("(Info) CMIntf::CMIntf::clearActiveCommand ENTRY"), event, event, event};
+        const CLogLine event = wakeUpLine(1);
+        return {clearActiveLine(), event, event, event};
     }
 
     // A failed exchange of an immediate command, from the error line on. Commands 1 to 3 are active.
@@ -124,13 +123,8 @@ protected:
     {
         const std::string strAddress = createdAddresses(m_pLog->lines()).at(0);
         CLogLines v = immediateBeginLines(strAddress, pszCommand) +
-                      CLogLines{operationLine("CMIntf::sendCommand - sending"),
-                                infoLine(text("(Info) CMIntf::sendCommand, cmd %s, sequence number 4, m_nStreamID = 0",
-                                              pszCommand)),
-                                error,
-                                operationLine(text("<<<CMIntf::sendCommand (0), rsp MIRSP_NULL, mcstatus 0x%08X",
-                                                   static_cast<unsigned int>(mcstatus))),
-                                removingLine} +
+                      CLogLines{sendingLine(), numberLine(0, pszCommand, 4), error,
+                                resultLine(0, "MIRSP_NULL", mcstatus), removingLine()} +
                       removalLines(0, 4, nullptr, nullptr);
         if (bCloses)
             v = v + CLogLines{closingLine} + m_vQueueLines + bulkLines() + CLogLines{clearingLine};
@@ -165,17 +159,7 @@ TEST_F(MIntfTransportFailures, NothingIsWrittenWithoutAConnection)
         EXPECT_EQ(MCS_NOTCONNECTED, send(micmd));
         expectResponseZero();
         const std::string strAddress = createdAddresses(m_pLog->lines()).at(0);
-        EXPECT_EQ(
-            (CLogLines{
-                {1, 2, "(Info) CCommand::CCommand this = 0x" + strAddress},
-                {1, 2, "(Info) CMIntf::sendCommand nStreamID = 0, pcommand = 0x" + strAddress},
-                {8, 2, std::string("CMIntf::sendCommand (0), cmd ") + MICMDToString(micmd)},
-                {1, 2, " (Error) CMIntf::sendCommand - media driver not running or not connected"},
-                {8, 2, "<<<CMIntf::sendCommand (0), rsp MIRSP_NULL, mcstatus 0x0000002F"},
-                {1, 2, "(Info) CMIntf::sendCommand nStreamID = 0, mcstatus=47 : DELETING pcommand = 0x" + strAddress},
-                {1, 2, "(Info) CCommand::~CCommand this = 0x" + strAddress},
-            }),
-            m_pLog->lines());
+        EXPECT_EQ(immediateNotConnectedLines(strAddress, MICMDToString(micmd)), m_pLog->lines());
     }
     EXPECT_EQ(4u, m_pmintf->m_nNextSequenceNo);
     EXPECT_TRUE(takeRequests().empty());
@@ -200,33 +184,21 @@ TEST_F(MIntfTransportFailures, RefusedPlayLeavesTheTablesAndIsFreedUnreported)
     EXPECT_EQ(1, m_rsp.s_nResult);
     const std::string strAddress = createdAddresses(m_pLog->lines()).at(0);
     EXPECT_EQ(
-        (CLogLines{
-            {1, 2, "(Info) CCommand::CCommand this = 0x" + strAddress},
-            {1, 2, "(Info) CMIntf::sendCommand nStreamID = 9, pcommand = 0x" + strAddress},
-            {8, 2, "CMIntf::sendCommand (9), cmd MICMD_PLAYFILE"},
-            {8, 2, "CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 9"},
-            {8, 2, "CMIntf::processPlayActiveCommand - Current active command"},
-            {1, 2, " (Info) CMIntf::processPlayActiveCommand called, SequenceNo = 4, sid = 9, cmd = MICMD_PLAYFILE"},
-            {1, 2,
-             "801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x" + strAddress},
-            {1, 2, "CMIntf::processPlayActiveCommand TimeOut 301000"},
-            {8, 2, "CMIntf::sendCommand - sending"},
-            {1, 2, "(Info) CMIntf::sendCommand, cmd MICMD_PLAYFILE, sequence number 4, m_nStreamID = 9"},
-            {8, 64,
-             "(Info) CMIntf::sendCommand, tried to get correct response, trycount = 1, psrsp->nRespSequenceNo = "
-             "4, psrsp->s_mirsp = MIRSP_STATUS"},
-            {8, 2, "<<<CMIntf::sendCommand (9), rsp MIRSP_STATUS, mcstatus 0x00000022"},
-            removingLine,
-            {1, 2, " (Info) CMIntf::CMIntf::remActiveCommand called, sid = 9, nSequenceIDParam = 4"},
-            {1, 2, "801(Info) CMIntf::remActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x" + strAddress},
-            {1, 2,
-             "(Info) CMIntf::remActiveCommand:calling m_mmapActiveCommandByTimeout.erase, SequenceNo = 4, sid = "
-             "9, cmd = MICMD_PLAYFILE"},
-            {1, 2, " (Info) CMIntf::CMIntf::remActiveCommand  before active record,sid = 9, nSequenceIDParam = 4"},
-            {1, 2, " (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = 9, nSequenceIDParam = 4"},
-            {1, 2, "(Info) CMIntf::sendCommand nStreamID = 9, mcstatus=34 : DELETING pcommand = 0x" + strAddress},
-            {1, 2, "(Info) CCommand::~CCommand this = 0x" + strAddress},
-        }),
+        (CLogLines{createdLine(strAddress), commandLine(9, strAddress), requestLine(9, "MICMD_PLAYFILE")}) +
+            playActiveLines(9, "MICMD_PLAYFILE", 4, strAddress, 301000) +
+            exchangeLines(9, "MICMD_PLAYFILE", 4, "MIRSP_STATUS", MCS_REFUSED) +
+            (CLogLines{
+                removingLine(),
+                {1, 2, " (Info) CMIntf::CMIntf::remActiveCommand called, sid = 9, nSequenceIDParam = 4"},
+                {1, 2, "801(Info) CMIntf::remActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x" + strAddress},
+                {1, 2,
+                 "(Info) CMIntf::remActiveCommand:calling m_mmapActiveCommandByTimeout.erase, SequenceNo = 4, sid = "
+                 "9, cmd = MICMD_PLAYFILE"},
+                {1, 2, " (Info) CMIntf::CMIntf::remActiveCommand  before active record,sid = 9, nSequenceIDParam = 4"},
+                {1, 2, " (Info) CMIntf::CMIntf::remActiveCommand EXIT: sid = 9, nSequenceIDParam = 4"},
+                failedLine(9, MCS_REFUSED, strAddress),
+                destroyedLine(strAddress),
+            }),
         m_pLog->lines());
     expectOthersUntouched();
 }
@@ -260,11 +232,9 @@ TEST_F(MIntfTransportFailures, FiveLateResponsesFailTheRequestAlone)
     EXPECT_EQ(MCS_NORESPONSE, send(MICMD_PLAYFILE, 9));
     expectResponseZero();
     EXPECT_EQ(5u, m_pLog->count("got response for the previous issued cmd"));
-    EXPECT_TRUE(m_pLog->has({8, 64,
-                             "(Info) CMIntf::sendCommand, tried to get correct response, trycount = 5, "
-                             "psrsp->nRespSequenceNo = 0, psrsp->s_mirsp = MIRSP_NULL"}));
-    EXPECT_TRUE(m_pLog->has({8, 2, "<<<CMIntf::sendCommand (9), rsp MIRSP_NULL, mcstatus 0x00000010"}));
-    EXPECT_TRUE(m_pLog->has(removingLine));
+    EXPECT_TRUE(m_pLog->has(responseLine(5, 0, "MIRSP_NULL")));
+    EXPECT_TRUE(m_pLog->has(resultLine(9, "MIRSP_NULL", MCS_NORESPONSE)));
+    EXPECT_TRUE(m_pLog->has(removingLine()));
     EXPECT_FALSE(m_pLog->has(clearingLine));
     int nLeft = 0;
     EXPECT_EQ(0, ioctl(m_pmintf->m_npipeRsp, FIONREAD, &nLeft));

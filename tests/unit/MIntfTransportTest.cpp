@@ -71,20 +71,7 @@ TEST_F(MIntfTransport, ImmediateCommandEndsWithItsResponseAndIsFreed)
     respondNext();
     EXPECT_EQ(MCS_OK, send(MICMD_PING));
     const std::string strAddress = address();
-    EXPECT_EQ((CLogLines{
-                  {1, 2, "(Info) CCommand::CCommand this = 0x" + strAddress},
-                  {1, 2, "(Info) CMIntf::sendCommand nStreamID = 0, pcommand = 0x" + strAddress},
-                  {8, 2, "CMIntf::sendCommand (0), cmd MICMD_PING"},
-                  {8, 2, "CMIntf::sendCommand - sending"},
-                  {1, 2, "(Info) CMIntf::sendCommand, cmd MICMD_PING, sequence number 1, m_nStreamID = 0"},
-                  {8, 64,
-                   "(Info) CMIntf::sendCommand, tried to get correct response, trycount = 1, psrsp->nRespSequenceNo = "
-                   "1, psrsp->s_mirsp = MIRSP_STATUS"},
-                  {8, 2, "<<<CMIntf::sendCommand (0), rsp MIRSP_STATUS, mcstatus 0x00000000"},
-                  {8, 2, "CMIntf::sendCommand deleting pcommand  pcommand=0X" + strAddress + " : cmd MICMD_PING"},
-                  {1, 2, "(Info) CCommand::~CCommand this = 0x" + strAddress},
-              }),
-              m_pLog->lines());
+    EXPECT_EQ(immediateLines(strAddress, "MICMD_PING", 1), m_pLog->lines());
 }
 
 TEST_F(MIntfTransport, PlayIsSentWithItsFieldsAndStaysActive)
@@ -111,25 +98,9 @@ TEST_F(MIntfTransport, PlayIsSentWithItsFieldsAndStaysActive)
     EXPECT_EQ(0, memcmp(&cmd, &vRequests[0], sizeof(cmd)));
 
     const std::string strAddress = address();
-    EXPECT_EQ(
-        (CLogLines{
-            {1, 2, "(Info) CCommand::CCommand this = 0x" + strAddress},
-            {1, 2, "(Info) CMIntf::sendCommand nStreamID = 9, pcommand = 0x" + strAddress},
-            {8, 2, "CMIntf::sendCommand (9), cmd MICMD_PLAYFILE"},
-            {8, 2, "CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 9"},
-            {8, 2, "CMIntf::processPlayActiveCommand - Current active command"},
-            {1, 2, " (Info) CMIntf::processPlayActiveCommand called, SequenceNo = 1, sid = 9, cmd = MICMD_PLAYFILE"},
-            {1, 2,
-             "801(Info) CMIntf::processPlayActiveCommand m_mapActiveCommandByStreamIDPlay,pcommand =0x" + strAddress},
-            {1, 2, "CMIntf::processPlayActiveCommand TimeOut 25000"},
-            {8, 2, "CMIntf::sendCommand - sending"},
-            {1, 2, "(Info) CMIntf::sendCommand, cmd MICMD_PLAYFILE, sequence number 1, m_nStreamID = 9"},
-            {8, 64,
-             "(Info) CMIntf::sendCommand, tried to get correct response, trycount = 1, psrsp->nRespSequenceNo = "
-             "1, psrsp->s_mirsp = MIRSP_STATUS"},
-            {8, 2, "<<<CMIntf::sendCommand (9), rsp MIRSP_STATUS, mcstatus 0x00000000"},
-        }),
-        m_pLog->lines());
+    EXPECT_EQ((CLogLines{createdLine(strAddress), commandLine(9, strAddress), requestLine(9, "MICMD_PLAYFILE")}) +
+                  playActiveLines(9, "MICMD_PLAYFILE", 1, strAddress, 25000) + exchangeLines(9, "MICMD_PLAYFILE", 1),
+              m_pLog->lines());
 }
 
 TEST_F(MIntfTransport, NoDoneFlagMakesAnOrdinaryStep)
@@ -158,9 +129,7 @@ TEST_F(MIntfTransport, EveryImmediateCommandIsFreedOnce)
         respondNext();
         EXPECT_EQ(MCS_OK, send(micmd)) << MICMDToString(micmd);
         EXPECT_EQ(1u, m_pLog->count("CCommand::~CCommand")) << MICMDToString(micmd);
-        EXPECT_TRUE(m_pLog->has(
-            {8, 2,
-             "CMIntf::sendCommand deleting pcommand  pcommand=0X" + address() + " : cmd " + MICMDToString(micmd)}));
+        EXPECT_TRUE(m_pLog->has(endedLine(address(), MICMDToString(micmd))));
         EXPECT_TRUE(m_pmintf->m_mmapActiveCommandByTimeout.empty());
     }
     EXPECT_EQ(std::size(aImmediate), takeRequests().size());
@@ -187,7 +156,7 @@ TEST_F(MIntfTransport, PlayQueueFlagTakesARecordToThePlaySide)
     const CMIntf::CCommand* const precord = sendCommand(1, MICMD_RECORDFILE, 300, nullptr, 1, 1);
     EXPECT_EQ(precord, m_pmintf->m_mapActiveCommandByStreamIDPlay.at(1));
     EXPECT_TRUE(m_pmintf->m_mapActiveCommandByStreamIDRecord.empty());
-    EXPECT_TRUE(m_pLog->has({8, 2, "CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 1"}));
+    EXPECT_TRUE(m_pLog->has(playEnteringLine(1)));
 }
 
 TEST_F(MIntfTransport, SecondPlayWaitsUnwrittenAndUnnumberedUntilTheFirstIsDone)
@@ -204,16 +173,8 @@ TEST_F(MIntfTransport, SecondPlayWaitsUnwrittenAndUnnumberedUntilTheFirstIsDone)
     EXPECT_TRUE(takeRequests().empty());
     EXPECT_EQ(0u, pwaiting->m_cmd.nSequenceNo);
     EXPECT_EQ(2u, m_pmintf->m_nNextSequenceNo);
-    EXPECT_EQ((CLogLines{
-                  createdLine(pwaiting),
-                  {8, 2, "CMIntf::sendCommand (5), cmd MICMD_PLAYCLIP"},
-                  {8, 2, "CMIntf::processPlayActiveCommand - Entering, pcommand->m_nStreamID = 5"},
-                  {8, 2, "CMIntf::processPlayActiveCommand - queueing"},
-                  {1, 2,
-                   "Brudel (Info) CMIntf::processPlayActiveCommand, queueing because, SequenceNo = 1, sid = 5, cmd = "
-                   "MICMD_PLAYFILE, pcommand->m_nStreamID = 5"},
-                  {8, 2, "<<<CMIntf::sendCommand (5), rsp MIRSP_NULL, mcstatus 0x00000000"},
-              }),
+    EXPECT_EQ((CLogLines{createdLine(pwaiting), requestLine(5, "MICMD_PLAYCLIP")}) +
+                  playWaitsLines(5, "MICMD_PLAYFILE", 1) + CLogLines{resultLine(5, "MIRSP_NULL", MCS_OK)},
               m_pLog->lines());
 
     structMIEVT evt = {};
@@ -250,22 +211,18 @@ TEST_F(MIntfTransport, MatchingStatusAfterLateResponsesCounts)
     structMIRSP rsp;
     EXPECT_EQ(MCS_OK, send(MICMD_PING, rsp));
     const std::string strAddress = address();
-    EXPECT_EQ(
-        immediateBeginLines(strAddress, "MICMD_PING") +
-            (CLogLines{
-                {8, 2, "CMIntf::sendCommand - sending"},
-                {1, 2, "(Info) CMIntf::sendCommand, cmd MICMD_PING, sequence number 1, m_nStreamID = 0"},
-                lateLine(0),
-                lateLine(1),
-                lateLine(2),
-                {8, 64,
-                 "(Info) CMIntf::sendCommand, tried to get correct response, trycount = 4, psrsp->nRespSequenceNo = "
-                 "1, psrsp->s_mirsp = MIRSP_STATUS"},
-                {8, 2, "<<<CMIntf::sendCommand (0), rsp MIRSP_STATUS, mcstatus 0x00000000"},
-                {8, 2, "CMIntf::sendCommand deleting pcommand  pcommand=0X" + strAddress + " : cmd MICMD_PING"},
-                {1, 2, "(Info) CCommand::~CCommand this = 0x" + strAddress},
-            }),
-        m_pLog->lines());
+    EXPECT_EQ(immediateBeginLines(strAddress, "MICMD_PING") +
+                  (CLogLines{
+                      sendingLine(),
+                      numberLine(0, "MICMD_PING", 1),
+                      lateLine(0),
+                      lateLine(1),
+                      lateLine(2),
+                      responseLine(4, 1, "MIRSP_STATUS"),
+                      resultLine(0, "MIRSP_STATUS", MCS_OK),
+                  }) +
+                  immediateEndedLines(strAddress, "MICMD_PING"),
+              m_pLog->lines());
 }
 
 TEST_F(MIntfTransport, MatchingRefusalAfterLateResponsesCounts)
@@ -292,22 +249,19 @@ TEST_F(MIntfTransport, MatchingResponseOtherThanStatusFailsAfterALateOne)
     EXPECT_EQ(MCS_NORESPONSE, send(MICMD_OPENFILE, rsp));
     EXPECT_EQ(501, rsp.s_nFileID);
     const std::string strAddress = address();
-    EXPECT_EQ(
-        immediateBeginLines(strAddress, "MICMD_OPENFILE") +
-            (CLogLines{
-                {8, 2, "CMIntf::sendCommand - sending"},
-                {1, 2, "(Info) CMIntf::sendCommand, cmd MICMD_OPENFILE, sequence number 1, m_nStreamID = 0"},
-                lateLine(0),
-                lateLine(1),
-                lateLine(2),
-                {8, 64,
-                 "(Info) CMIntf::sendCommand, tried to get correct response, trycount = 4, psrsp->nRespSequenceNo = "
-                 "1, psrsp->s_mirsp = MIRSP_OPENFILE"},
-                {8, 2, "<<<CMIntf::sendCommand (0), rsp MIRSP_OPENFILE, mcstatus 0x00000010"},
-                {8, 2, "CMIntf::sendCommand - removing from active command, calling remActiveCommand"},
-            }) +
-            removalLines(0, 1, nullptr, nullptr) + immediateFailedLines(strAddress, MCS_NORESPONSE),
-        m_pLog->lines());
+    EXPECT_EQ(immediateBeginLines(strAddress, "MICMD_OPENFILE") +
+                  (CLogLines{
+                      sendingLine(),
+                      numberLine(0, "MICMD_OPENFILE", 1),
+                      lateLine(0),
+                      lateLine(1),
+                      lateLine(2),
+                      responseLine(4, 1, "MIRSP_OPENFILE"),
+                      resultLine(0, "MIRSP_OPENFILE", MCS_NORESPONSE),
+                      removingLine(),
+                  }) +
+                  removalLines(0, 1, nullptr, nullptr) + immediateFailedLines(strAddress, MCS_NORESPONSE),
+              m_pLog->lines());
     EXPECT_TRUE(m_pmintf->m_nConnectID == CONNECT_ID);
 }
 

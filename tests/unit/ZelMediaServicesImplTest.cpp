@@ -305,7 +305,7 @@ TEST_F(ServicesImpl, RemStreamUnregistersThenClosesAtTheDriver)
     EXPECT_EQ(0, m_services.remStream(5));
     ASSERT_LE(2u, lines().size());
     EXPECT_EQ(operationLine("CZelMediaServicesImpl::remStream, id 5"), lines()[0]);
-    EXPECT_EQ(operationLine("CMIntf::closeStream, id 5"), lines()[1]);
+    EXPECT_EQ(closeStreamLine(5), lines()[1]);
     const auto vRequests = takeRequests();
     ASSERT_EQ(1u, vRequests.size());
     EXPECT_EQ(MICMD_CLOSESTREAM, vRequests[0].s_micmd);
@@ -461,15 +461,14 @@ TEST_F(ServicesImpl, ClosePhraseFileClosesAtTheDriverAfterTheLastUse)
     EXPECT_EQ(501, vRequests[0].closeFile.nFileID);
     ASSERT_LE(2u, lines().size());
     EXPECT_EQ(operationLine("CZelMediaServicesImpl::closePhraseFile"), lines()[0]);
-    EXPECT_EQ(operationLine("CMIntf::closeFile, id 1"), lines()[1]);
+    EXPECT_EQ(closeFileLine(1), lines()[1]);
 }
 
 TEST_F(ServicesImpl, ClosePhraseFileOfAnUnknownIdSucceedsWithoutARequest)
 {
     EXPECT_EQ(0, m_services.closePhraseFile(0xFFFFFFFFUL));
     EXPECT_TRUE(takeRequests().empty());
-    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::closePhraseFile"),
-                                     operationLine("CMIntf::closeFile, id -1")}),
+    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaServicesImpl::closePhraseFile"), closeFileLine(-1)}),
               lines());
 }
 

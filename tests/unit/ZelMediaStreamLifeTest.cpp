@@ -140,7 +140,7 @@ TEST_F(MediaStreamLife, DestructionUnregistersAndClosesWhateverTheDriverSays)
     ASSERT_LE(3u, vLines.size());
     EXPECT_EQ(operationLine("CZelMediaStreamImpl::~CZelMediaStreamImpl, m_nStreamID =5"), vLines[0]);
     EXPECT_EQ(operationLine("CZelMediaServicesImpl::remStream, id 5"), vLines[1]);
-    EXPECT_EQ(operationLine("CMIntf::closeStream, id 5"), vLines[2]);
+    EXPECT_EQ(closeStreamLine(5), vLines[2]);
     const structMICMD request = takeOnlyRequest();
     EXPECT_EQ(MICMD_CLOSESTREAM, request.s_micmd);
     EXPECT_EQ(STREAM_ID, request.stream.nStreamID);

@@ -189,8 +189,7 @@ TEST_F(MediaStreamPlay, FailureOfTheTransportIsReturnedAndLeavesTheTimesAlone)
 TEST_F(MediaStreamPlay, CancelWithNothingPlayingSendsNothing)
 {
     EXPECT_EQ(0, m_pStream->playCancel());
-    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaStreamImpl::playCancel (0x00001234)"),
-                                     operationLine("CMIntf::cancel, id 5")}),
+    EXPECT_EQ((std::vector<CLogLine>{operationLine("CZelMediaStreamImpl::playCancel (0x00001234)"), cancelLine(5)}),
               m_pLog->lines());
     EXPECT_TRUE(takeRequests().empty());
 }

@@ -97,7 +97,7 @@ TEST_F(MediaStreamRecord, AcceptedRecordIsMarkedAsTheFinalCommand)
 {
     respondNext();
     EXPECT_EQ(0, record(30, 60, 1));
-    EXPECT_EQ(operationLine("CMIntf::setDone, id 5"), m_pLog->lines().back());
+    EXPECT_EQ(setDoneLine(5), m_pLog->lines().back());
     EXPECT_EQ(1, activeRecord().m_bDone) << "setDone undoes the flag";
     EXPECT_TRUE(takeEvents().empty());
 }
@@ -136,7 +136,7 @@ TEST_F(MediaStreamRecord, RejectedRecordWithoutAPlayAsksTheDriverForNoCancel)
     respondNext(MIRSP_STATUS, MISTATUS_FAILED);
     EXPECT_EQ(MCS_REFUSED, record());
     EXPECT_EQ(MICMD_RECORDFILE, takeOnlyRequest().s_micmd);
-    EXPECT_EQ(operationLine("CMIntf::cancel, id 5"), m_pLog->lines().back());
+    EXPECT_EQ(cancelLine(5), m_pLog->lines().back());
 }
 
 TEST_F(MediaStreamRecord, FailuresOfTheTransportAreReturned)
@@ -240,7 +240,7 @@ TEST_F(MediaStreamRecord, FailedRecordBehindAPromptCancelsTheRecordSideAndThePro
     respondNext();
     const uint32_t nPrompt = m_pmintf->m_nNextSequenceNo;
     EXPECT_EQ(MCS_NOTCONNECTED, recordBehindPrompt(ulFileID));
-    EXPECT_TRUE(m_pLog->has(operationLine("CMIntf::cancel, id 5")));
+    EXPECT_TRUE(m_pLog->has(cancelLine(5)));
     EXPECT_EQ(1u, m_pLog->count("cmd MICMD_CANCEL")) << "tried, and there is no connection for it either";
     EXPECT_EQ(0u, m_pLog->count("CMIntf::setDone"));
     EXPECT_EQ(nPrompt, activePlay().m_cmd.nSequenceNo);
