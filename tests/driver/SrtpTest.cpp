@@ -16,7 +16,8 @@ namespace
 constexpr const char* SUITE = "AES_CM_128_HMAC_SHA1_80";
 
 // A packet with room for what is added.
-struct alignas(SRTP_ALIGNMENT) CBuffer
+static_assert(alignof(size_t) % SRTP_ALIGNMENT == 0);
+struct alignas(size_t) CBuffer
 {
     std::array<uint8_t, 400> m_bytes = {};
     size_t m_nSize = 0;

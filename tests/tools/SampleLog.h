@@ -39,11 +39,11 @@ public:
         va_end(arguments);
     }
     // The line that tells of this, as the library writes it; of several the n-th.
-    void text(ELogEvent event, ...)
+    void text(int nEvent, ...)
     {
         va_list arguments;
-        va_start(arguments, event);
-        write(formatOf(event, 0), arguments);
+        va_start(arguments, nEvent);
+        write(formatOf(static_cast<ELogEvent>(nEvent), 0), arguments);
         va_end(arguments);
     }
     void textOf(ELogEvent event, int nText, ...)
