@@ -90,6 +90,15 @@ class CCallServerFixture : public testing::Test
 protected:
     static constexpr uint16_t FIRST_PORT = 21000;
 
+    // An address of this process, as others test the same ports at the same time.
+    static CNetAddress ours(uint16_t nPort = 0)
+    {
+        const int nProcess = ::getpid();
+        const std::string strAddress =
+            fmt::format("127.{}.{}.{}:1", 64 + (nProcess >> 16) % 64, (nProcess >> 8) & 255, nProcess & 255);
+        return CNetAddress::parse(strAddress).value().withPort(nPort);
+    }
+
     CCallServerFixture()
     {
         std::string strError;
@@ -100,7 +109,8 @@ protected:
     CCallClient& client() { return *m_client; }
 
     // A session of a call between us and a far end. More fields may be given.
-    CNetAddress create(const std::string& strCall, const CFarEnd& far, nlohmann::ordered_json more = nlohmann::ordered_json::object())
+    CNetAddress create(const std::string& strCall, const CFarEnd& far,
+                       nlohmann::ordered_json more = nlohmann::ordered_json::object())
     {
         nlohmann::ordered_json request = {{"request", "create"},
                                           {"call", strCall},
@@ -153,7 +163,7 @@ protected:
                               m_vHangUps.push_back(strCall + (nLeg ? "/" + std::to_string(*nLeg) : ""));
                               return size_t{1};
                           }},
-                         {SOCKET, loopback(), FIRST_PORT, FIRST_PORT + 9}};
+                         {SOCKET, ours(), FIRST_PORT, FIRST_PORT + 9}};
     std::optional<CCallClient> m_client;
     std::string m_strChannelError;
     uint16_t m_nSequence = 0;

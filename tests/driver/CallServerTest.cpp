@@ -94,7 +94,7 @@ TEST_F(CallServer, PortsOfOthersArePassedOver)
 {
     const CFarEnd far;
     std::string strError;
-    const CFd fdTaken = bindUdp(loopback(FIRST_PORT + 1), strError);
+    const CFd fdTaken = bindUdp(ours(FIRST_PORT + 1), strError);
     ASSERT_TRUE(fdTaken.isOpen()) << strError;
     client().attach();
     EXPECT_EQ(create("a", far).port(), FIRST_PORT + 2);
@@ -470,7 +470,7 @@ TEST_F(CallServer, SaysGoodbyeOnAllSessionsAtItsEnd)
     {
         CRtpPorts ports;
         CCallServer server({ports, nullptr, m_clock, m_disk, [](const auto&, auto) { return size_t{0}; }},
-                           {"/tmp/other.sock", loopback(), FIRST_PORT + 20, FIRST_PORT + 30});
+                           {"/tmp/other.sock", ours(), FIRST_PORT + 20, FIRST_PORT + 30});
         std::string strError;
         ASSERT_TRUE(server.open(strError)) << strError;
         CCallClient client(server, "/tmp/other.sock");

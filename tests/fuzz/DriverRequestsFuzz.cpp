@@ -84,14 +84,14 @@ public:
         return true;
     }
     void watchForRoom(bool bOn) override { m_bWatchesRoom = bOn; }
-    pid_t processID() const override { return m_nProcessID; }
+    pid_t processId() const override { return m_nProcessID; }
     bool isGone() const override { return m_bGone; }
 
     void expect(const structMICMD& cmd)
     {
         require(m_mapRequestByNumber.emplace(cmd.nSequenceNo, CRequest{cmd.s_micmd}).second);
     }
-    void CheckAllAnswered() const
+    void checkAllAnswered() const
     {
         for (const auto& [nSequenceNo, request] : m_mapRequestByNumber)
             require(request.m_bAnswered);
@@ -216,11 +216,11 @@ public:
         m_registry.flushEvents();
         m_registry.sweep();
         for (const auto& [nConnectID, pClient] : m_registry.clients())
-            PortOf(*pClient).CheckAllAnswered();
+            portOf(*pClient).checkAllAnswered();
     }
 
 private:
-    static CMemoryPort& PortOf(CClient& client) { return static_cast<CMemoryPort&>(client.port()); }
+    static CMemoryPort& portOf(CClient& client) { return static_cast<CMemoryPort&>(client.port()); }
 
     CClient* AnyClient(FuzzedDataProvider& input)
     {
@@ -255,7 +255,7 @@ private:
         structMICMD cmd = {};
         const CClient* pClient = AnyClient(input);
         cmd.s_micmd = static_cast<MICMD>(input.ConsumeIntegralInRange(nLeastCode, nLargestCode));
-        cmd.nConnectID = pClient != nullptr ? pClient->connectID() : input.ConsumeIntegralInRange(-1, 20);
+        cmd.nConnectID = pClient != nullptr ? pClient->connectId() : input.ConsumeIntegralInRange(-1, 20);
         cmd.nSequenceNo = (pClient != nullptr ? pClient->m_nLatestSequenceNo : 0) + input.ConsumeIntegralInRange(0, 70);
         if (pClient != nullptr)
         {
@@ -289,7 +289,7 @@ private:
         if (pClient == nullptr)
             return;
         structMICMD cmd = request(input, MICMD_DISCONNECT, MICMD_RECORDGETSTATUS);
-        cmd.nConnectID = pClient->connectID();
+        cmd.nConnectID = pClient->connectId();
         cmd.nSequenceNo = pClient->m_nLatestSequenceNo + 1;
         append(std::vector<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 700), 0xA5));
         append(cmd);
@@ -343,7 +343,7 @@ private:
         }
         CClient* pClient = m_registry.find(cmd.nConnectID);
         if (pClient != nullptr && cmd.s_micmd != MICMD_CONNECT)
-            PortOf(*pClient).expect(cmd);
+            portOf(*pClient).expect(cmd);
         ++m_nHandled;
         m_opener.m_pConnect = &cmd;
         m_handler.handle(cmd);
@@ -368,7 +368,7 @@ private:
         CClient* pClient = AnyClient(input);
         if (pClient == nullptr)
             return;
-        CMemoryPort& port = PortOf(*pClient);
+        CMemoryPort& port = portOf(*pClient);
         switch (input.ConsumeIntegralInRange(0, 3))
         {
         case 0: port.m_bFull = true; break;
