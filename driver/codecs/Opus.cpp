@@ -28,12 +28,16 @@ public:
     }
     size_t samplesIn(std::span<const uint8_t> payload) const override
     {
+        if (payload.empty())
+            return 0;
         const int nSamples =
             opus_packet_get_nb_samples(payload.data(), static_cast<opus_int32>(payload.size()), SAMPLES_PER_SECOND);
         return nSamples > 0 ? static_cast<size_t>(nSamples) : 0;
     }
     size_t decode(std::span<const uint8_t> payload, std::span<uint8_t> samples) override
     {
+        if (payload.empty()) // which the library takes for a packet that was lost
+            return 0;
         const int nSamples = opus_decode(m_pState.get(), payload.data(), static_cast<opus_int32>(payload.size()),
                                          m_linear.data(), static_cast<int>(m_linear.size()), 0);
         if (nSamples <= 0)

@@ -108,5 +108,8 @@ TEST_P(WidebandCodecs, TakeAnyBytesAndGoOn)
 
 TEST(Opus, HasNoSamplesInAnEmptyPayload)
 {
-    EXPECT_EQ(0U, CODEC_OPUS.m_pMakeDecoder()->samplesIn({}));
+    const auto pDecoder = CODEC_OPUS.m_pMakeDecoder();
+    uint8_t decoded[MAX_PACKET_SAMPLES];
+    EXPECT_EQ(0U, pDecoder->samplesIn({}));
+    EXPECT_EQ(0U, pDecoder->decode({}, decoded));
 }

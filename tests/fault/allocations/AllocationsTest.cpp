@@ -204,6 +204,7 @@ TEST(AllocationsOfANewThread, FailAndItsFirstLineIsLostAtMost)
                 std::string strFile = "second line of thread " + std::to_string(nth) + ".";
                 unsigned long ulFileID = 0;
                 EXPECT_EQ(MCS_NOTCONNECTED, services.openPhraseFile(strFile.data(), &ulFileID));
+                services.closePhraseFile(ulFileID);
             }).join();
         }
     }
