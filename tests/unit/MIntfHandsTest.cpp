@@ -228,6 +228,7 @@ TEST_F(MIntfHands, StreamThatTheDriverNumberedBelowZeroTakesItsCommandsAlong)
     m_completions.m_onCompletion = [&](const CCompletion&) { pNegative.reset(); };
     sweep();
     expectToldOnce(MCS_TIMEDOUT);
+    EXPECT_EQ(1u, requestsOf(MICMD_CANCEL));
     expectNothingLeft();
 }
 
